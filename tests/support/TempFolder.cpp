@@ -1,0 +1,50 @@
+#include "support/TempFolder.h"
+
+#include <fstream>
+#include <iterator>
+
+namespace testsupport {
+
+TempFolder::TempFolder() {
+    m_path = qvplatform::TempFolderPath() + qvplatform::kPathSeparator + u"qvtest-" + qvplatform::NewUuidText();
+    qvplatform::CreateFolder(m_path);
+}
+
+TempFolder::~TempFolder() {
+    for (const auto& file : qvplatform::ListFiles(File(u"*"))) qvplatform::DeleteFileAt(File(file.name));
+    qvplatform::RemoveEmptyFolder(m_path);
+}
+
+namespace {
+// std::fstream takes 8-bit names; test folders are ASCII.
+std::string Narrow(const std::u16string& path) {
+    std::string out;
+    for (char16_t c : path) out.push_back(static_cast<char>(c));
+    return out;
+}
+}  // namespace
+std::u16string TempFolder::File(const std::u16string& name) const {
+    return m_path + qvplatform::kPathSeparator + name;
+}
+
+std::string ReadFileBytes(const std::u16string& path) {
+    std::ifstream in(Narrow(path), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool WriteFileBytes(const std::u16string& path, const std::string& bytes) {
+    std::ofstream out(Narrow(path), std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return static_cast<bool>(out);
+}
+
+std::u16string DecodeUtf16Le(const std::string& bytes) {
+    std::u16string text(bytes.size() / 2, u'\0');
+    for (size_t i = 0; i < text.size(); ++i) {
+        text[i] = static_cast<char16_t>(static_cast<unsigned char>(bytes[2 * i]) |
+                                        (static_cast<unsigned char>(bytes[2 * i + 1]) << 8));
+    }
+    return text;
+}
+
+}  // namespace testsupport
