@@ -19,6 +19,7 @@ for preset in "${presets[@]}"; do
     # Make the Wine prefix once, before tests run side by side in it, keep
     # one Wine server for the whole run, and give Wine a D: drive so that the
     # log stream's default folder (D:\log\Vexa\Log) can be written.
+    mkdir -p "$(dirname "$WINEPREFIX")"
     "$(command -v wine64 || echo /usr/lib/wine/wine64)" wineboot --init >/dev/null 2>&1 || true
     wineserver -p 60 >/dev/null 2>&1 || true
     if [ -d "$WINEPREFIX/dosdevices" ]; then
