@@ -96,6 +96,13 @@ std::vector<std::string> SplitLines(const std::string& bytes) {
     return lines;
 }
 
+// Checks that `bytes` holds exactly one log line for each of `texts`, in order.
+void ExpectLogLines(const std::string& bytes, const std::vector<std::string>& texts) {
+    const std::vector<std::string> lines = SplitLines(bytes);
+    ASSERT_EQ(lines.size(), texts.size());
+    for (size_t i = 0; i < texts.size(); ++i) EXPECT_TRUE(IsLogLine(lines[i] + "\r\n", texts[i] + "\r\n")) << i;
+}
+
 std::u16string LogFile(const TempFolder& folder, const char16_t* name) { return folder.File(name); }
 
 std::string Formatted(const std::string& format, const std::function<void(CLogStream&)>& append) {
@@ -195,10 +202,8 @@ TEST(CLogStream, FlushGoesToJNIWrapper0001WhenJNIWrapper0000HasReachedTenMiB) {
     CLogStream::CloseSharedFile();
 
     EXPECT_TRUE(ReadFileBytes(LogFile(temp, u"JNIWrapper0000.log")) == full);
-    const std::vector<std::string> lines = SplitLines(ReadFileBytes(LogFile(temp, u"JNIWrapper0001.log")));
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(IsLogLine(lines[0] + "\r\n", "first after rotation\r\n"));
-    EXPECT_TRUE(IsLogLine(lines[1] + "\r\n", "second after rotation\r\n"));
+    ExpectLogLines(ReadFileBytes(LogFile(temp, u"JNIWrapper0001.log")),
+                   {"first after rotation", "second after rotation"});
 }
 
 TEST(CLogStream, FullJNIWrapper0001KeepsGrowingAfterEachReopening) {
@@ -225,11 +230,7 @@ TEST(CLogStream, FullJNIWrapper0001KeepsGrowingAfterEachReopening) {
     const std::string grown = ReadFileBytes(LogFile(temp, u"JNIWrapper0001.log"));
     ASSERT_GT(grown.size(), kTenMiB);
     EXPECT_TRUE(grown.compare(0, kTenMiB, full1) == 0);
-    const std::vector<std::string> lines = SplitLines(grown.substr(kTenMiB));
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_TRUE(IsLogLine(lines[0] + "\r\n", "one\r\n"));
-    EXPECT_TRUE(IsLogLine(lines[1] + "\r\n", "two\r\n"));
-    EXPECT_TRUE(IsLogLine(lines[2] + "\r\n", "three\r\n"));
+    ExpectLogLines(grown.substr(kTenMiB), {"one", "two", "three"});
     EXPECT_FALSE(qvplatform::FileExists(LogFile(temp, u"JNIWrapper0002.log")));
 }
 
@@ -369,10 +370,7 @@ TEST(CLogStream, FlushClearsTheTextAndLeavesTheStreamReadyForTheNextLine) {
     stream.Flush();  // nothing collected: no line
     CLogStream::CloseSharedFile();
 
-    const std::vector<std::string> lines = SplitLines(ReadFileBytes(LogFile(temp, u"JNIWrapper0000.log")));
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(IsLogLine(lines[0] + "\r\n", "first 1\r\n"));
-    EXPECT_TRUE(IsLogLine(lines[1] + "\r\n", "second 2\r\n"));
+    ExpectLogLines(ReadFileBytes(LogFile(temp, u"JNIWrapper0000.log")), {"first 1", "second 2"});
 }
 
 TEST(CLogStream, FlushClearsTheTextEvenWhenTheFileCannotBeOpened) {
@@ -401,10 +399,7 @@ TEST(CLogStream, LaterFlushesGoToTheOpenFileWhateverTheirStreamsFolder) {
     other.Flush();
     CLogStream::CloseSharedFile();
 
-    const std::vector<std::string> lines = SplitLines(ReadFileBytes(LogFile(first, u"JNIWrapper0000.log")));
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(IsLogLine(lines[0] + "\r\n", "opens\r\n"));
-    EXPECT_TRUE(IsLogLine(lines[1] + "\r\n", "follows\r\n"));
+    ExpectLogLines(ReadFileBytes(LogFile(first, u"JNIWrapper0000.log")), {"opens", "follows"});
     EXPECT_TRUE(qvplatform::ListFiles(second.File(u"*")).empty());
 }
 
@@ -443,10 +438,7 @@ TEST(CLogStream, LevelIsThreeAfterConstructionAndFiltersNothing) {
     stream.Flush();
     CLogStream::CloseSharedFile();
 
-    const std::vector<std::string> lines = SplitLines(ReadFileBytes(LogFile(temp, u"JNIWrapper0000.log")));
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(IsLogLine(lines[0] + "\r\n", "level zero\r\n"));
-    EXPECT_TRUE(IsLogLine(lines[1] + "\r\n", "level minus seven\r\n"));
+    ExpectLogLines(ReadFileBytes(LogFile(temp, u"JNIWrapper0000.log")), {"level zero", "level minus seven"});
 }
 
 TEST(CLogStream, LongTextIsWrittenWhole) {
