@@ -1,0 +1,61 @@
+#include "support/BridgeFixture.h"
+
+#include "platform/Platform.h"
+
+namespace jnitest {
+
+void BridgeFixture::SetUp() {
+    Interposer().SetStrict(true);
+    TestDouble::Reset();
+    Interposer().Reset();
+    m_log = std::make_unique<JNIWrapperLog>(m_folder.Path(), false);
+    m_vm = Interposer().Vm();
+    m_createInfo.installFolder = m_folder.Path();
+    m_createInfo.jvmRef = &m_vm;
+    m_createInfo.logFolder = m_folder.Path();
+}
+
+void BridgeFixture::TearDown() {
+    const std::string problems = InterposerProblems(m_expectBalancedRefs);
+    if (problems.empty()) return;
+    // The JNI calls since the last reset, to find where a reference was made or a null passed.
+    std::string calls;
+    for (const JniCall& call : Interposer().Calls()) calls += "  " + call.function + " " + call.detail + "\n";
+    ADD_FAILURE() << problems << "\nJNI calls:\n" << calls;
+}
+
+JNIEnv* BridgeFixture::Env() {
+    JNIEnv* env = nullptr;
+    if (m_vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) == JNI_OK) return env;
+    if (m_vm->AttachCurrentThreadAsDaemon(reinterpret_cast<void**>(&env), nullptr) != JNI_OK) return nullptr;
+    return env;
+}
+
+std::vector<WideString> BridgeFixture::LogLines() const {
+    std::vector<WideString> lines;
+    const WideString path = m_log->CurrentFilePath();
+    const WideString text = testsupport::DecodeUtf16Le(testsupport::ReadFileBytes(path));
+    // Records are "\r\n" + 46-character prefix + " :" + message.
+    size_t start = 0;
+    while ((start = text.find(u"\r\n", start)) != WideString::npos) {
+        const size_t body = start + 2 + JNIWrapperLog::kPrefixLength + 2;
+        size_t next = text.find(u"\r\n", body);
+        // A message may hold line breaks itself: a record ends only where the
+        // next one's prefix begins.
+        while (next != WideString::npos && next + 2 + JNIWrapperLog::kPrefixLength + 2 <= text.size() &&
+               text.compare(next + 2 + JNIWrapperLog::kPrefixLength, 2, u" :") != 0) {
+            next = text.find(u"\r\n", next + 2);
+        }
+        lines.push_back(text.substr(body, (next == WideString::npos ? text.size() : next) - body));
+        start = next == WideString::npos ? text.size() : next;
+    }
+    return lines;
+}
+
+std::vector<std::string> BridgeFixture::LogLinesUtf8() const {
+    std::vector<std::string> out;
+    for (const auto& line : LogLines()) out.push_back(qvplatform::ToUtf8(line));
+    return out;
+}
+
+}  // namespace jnitest
