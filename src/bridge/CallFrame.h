@@ -15,6 +15,9 @@
 #include <jni.h>
 
 #include <cstdint>
+#include <optional>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "bridge/BridgeLog.h"
@@ -64,6 +67,8 @@ struct OperationTraits {
     // Error lines written right before and right after the call.
     const char16_t* calledLine = nullptr;
     const char16_t* endedLine = nullptr;
+    // With testClass: the line written for a null class (null: none).
+    const char16_t* missingClassLine = u"m_ObjQVAzurePlugInLibrary is failed...";
 };
 
 // The arguments of one call, converted for JNI. The Java objects made for
@@ -78,6 +83,12 @@ public:
         v.j = static_cast<jlong>(value);
         m_values.push_back(v);
     }
+    void AddInt(int32_t value) {
+        jvalue v;
+        v.j = 0;
+        v.i = static_cast<jint>(value);
+        m_values.push_back(v);
+    }
     void AddBoolean(bool value) {
         jvalue v;
         v.z = value ? JNI_TRUE : JNI_FALSE;
@@ -90,6 +101,19 @@ public:
         v.l = object;
         m_values.push_back(v);
     }
+    // Deletes the reference of an argument added above at once (after the
+    // call), rather than with the arguments; it is not deleted again.
+    void ReleaseNow(jobject object) {
+        if (!object) return;
+        for (LocalRef<jobject>& owned : m_owned) {
+            if (owned.get() == object) {
+                owned.reset();
+                return;
+            }
+        }
+    }
+    // The environment of the call, for arguments that need more than one JNI step.
+    JNIEnv* Env() const { return m_env; }
     const jvalue* Values() const { return m_values.empty() ? nullptr : m_values.data(); }
     size_t Count() const { return m_values.size(); }
 
@@ -107,13 +131,16 @@ struct BridgeContext {
 };
 
 // Runs one operation through the frame. `buildArguments(JavaArguments&)`
-// adds the call's arguments; `convert(JNIEnv*, jobject result)` turns the
-// result (null when Java returned null, threw, or the method was missing
+// adds the call's arguments; it may return std::optional<uint32_t>, and a
+// code returned so ends the operation there, without the call (for an
+// argument that could not be made). `convert(JNIEnv*, jobject result)` turns
+// the result (null when Java returned null, threw, or the method was missing
 // under TakeNullResult) into the operation's result code. Both run inside
-// the frame's catch-all.
+// the frame's catch-all. `lineSuffix` follows each of the operation's
+// called/ended lines (most operations name their object there).
 template <typename BuildArguments, typename Convert>
-uint32_t RunCallFrame(const BridgeContext& bridge, const OperationTraits& op, BuildArguments&& buildArguments,
-                      Convert&& convert) {
+uint32_t RunCallFrame(const BridgeContext& bridge, const OperationTraits& op, const WideString& lineSuffix,
+                      BuildArguments&& buildArguments, Convert&& convert) {
     AutoAttachJVM guard(bridge.jvm, bridge.log);
     JNIEnv* env = guard.GetJNIEnv();
     if (!env || !bridge.plugin) return kResultBridgeFailure;
@@ -121,7 +148,7 @@ uint32_t RunCallFrame(const BridgeContext& bridge, const OperationTraits& op, Bu
         LocalRef<jclass> cls(env, env->GetObjectClass(bridge.plugin));
         if (!cls && op.testClass) {
             ClearPendingException(env);
-            LogError(bridge.log, u"m_ObjQVAzurePlugInLibrary is failed...");
+            if (op.missingClassLine) LogError(bridge.log, op.missingClassLine);
             return kResultBridgeFailure;
         }
         const jmethodID method = GetAzurePlugInObjectMethod(env, bridge.log, cls.get(), op.javaName, op.signature);
@@ -134,17 +161,30 @@ uint32_t RunCallFrame(const BridgeContext& bridge, const OperationTraits& op, Bu
             if (op.missingMethod == MissingMethodRule::ReturnSuccess) return kResultSuccess;
         }
         JavaArguments arguments(env);
-        buildArguments(arguments);
-        if (op.calledLine) LogError(bridge.log, op.calledLine);
+        if constexpr (std::is_void_v<decltype(buildArguments(arguments))>) {
+            buildArguments(arguments);
+        } else {
+            const std::optional<uint32_t> early = buildArguments(arguments);
+            if (early) return *early;
+        }
+        if (op.calledLine) LogError(bridge.log, op.calledLine + lineSuffix);
         LocalRef<jobject> result(env, method ? env->CallObjectMethodA(bridge.plugin, method, arguments.Values())
                                              : nullptr);
         // A Java exception out of the method reads as a null result.
         if (!result) ClearPendingException(env);
-        if (op.endedLine) LogError(bridge.log, op.endedLine);
+        if (op.endedLine) LogError(bridge.log, op.endedLine + lineSuffix);
         return convert(env, result.get());
     } catch (...) {
         ClearPendingException(env);
         LogError(bridge.log, op.exceptionLine);
         return kResultBridgeFailure;
     }
+}
+
+// The same for operations whose lines carry no suffix.
+template <typename BuildArguments, typename Convert>
+uint32_t RunCallFrame(const BridgeContext& bridge, const OperationTraits& op, BuildArguments&& buildArguments,
+                      Convert&& convert) {
+    return RunCallFrame(bridge, op, WideString(), std::forward<BuildArguments>(buildArguments),
+                        std::forward<Convert>(convert));
 }

@@ -10,6 +10,7 @@
 #include "support/BridgeFixture.h"
 
 using jnitest::BridgeFixture;
+using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
 
 namespace {
@@ -27,26 +28,9 @@ OperationTraits DeleteContainerTraits(MissingMethodRule rule) {
 
 }  // namespace
 
-class CallFrameTest : public BridgeFixture {
+class CallFrameTest : public StartedBridgeFixture {
 protected:
-    void SetUp() override {
-        BridgeFixture::SetUp();
-        m_bridge = std::make_unique<JNIBridge>(m_folder.Path(), &m_createInfo);
-        m_bridge->SetLogger(Log());
-        ASSERT_EQ(m_bridge->StartCommunication(), 0u);
-        TestDouble::Reset();
-        Interposer().Reset();
-        m_lineCountAfterStart = LogLines().size();
-    }
-    void TearDown() override {
-        m_bridge->DeInit();
-        BridgeFixture::TearDown();
-    }
     BridgeContext Context() const { return {m_vm, m_log.get(), m_bridge->PluginObject()}; }
-    std::vector<WideString> NewLines() const {
-        auto lines = LogLines();
-        return std::vector<WideString>(lines.begin() + static_cast<std::ptrdiff_t>(m_lineCountAfterStart), lines.end());
-    }
     // Runs DeleteContainer through the frame, converting its CErrorValue with GetErrorId.
     uint32_t RunDeleteContainer(const OperationTraits& op, int* conversions = nullptr, bool* sawNull = nullptr) {
         return RunCallFrame(
@@ -58,8 +42,6 @@ protected:
             });
     }
 
-    std::unique_ptr<JNIBridge> m_bridge;
-    size_t m_lineCountAfterStart = 0;
 };
 
 TEST_F(CallFrameTest, SuccessfulCallConvertsTheResultAndWritesTheLinesAroundIt) {

@@ -58,4 +58,24 @@ std::vector<std::string> BridgeFixture::LogLinesUtf8() const {
     return out;
 }
 
+void StartedBridgeFixture::SetUp() {
+    BridgeFixture::SetUp();
+    m_bridge = std::make_unique<JNIBridge>(m_folder.Path(), &m_createInfo);
+    m_bridge->SetLogger(Log());
+    ASSERT_EQ(m_bridge->StartCommunication(), 0u);
+    TestDouble::Reset();
+    Interposer().Reset();
+    MarkLines();
+}
+
+void StartedBridgeFixture::TearDown() {
+    m_bridge->DeInit();
+    BridgeFixture::TearDown();
+}
+
+std::vector<WideString> StartedBridgeFixture::NewLines() const {
+    const auto lines = LogLines();
+    return std::vector<WideString>(lines.begin() + static_cast<std::ptrdiff_t>(m_linesBefore), lines.end());
+}
+
 }  // namespace jnitest

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bridge/JNIBridge.h"
 #include "cloudplugin/ICloudPluginInterface.h"
 #include "log/JNIWrapperLog.h"
 #include "support/JniInterposer.h"
@@ -43,6 +44,23 @@ protected:
     std::unique_ptr<JNIWrapperLog> m_log;
     JavaVM* m_vm = nullptr;  // the interposer's JavaVM, what jvmRef points at
     CloudPluginCreateInfo m_createInfo;
+};
+
+// A BridgeFixture with a started bridge: its Java plug-in object made, the
+// test double and the interposer reset afterwards, and the log lines written
+// so far set aside. TearDown de-initialises the bridge.
+class StartedBridgeFixture : public BridgeFixture {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // The log lines written since SetUp (or since the last MarkLines).
+    std::vector<WideString> NewLines() const;
+    // Lines written from here on are the new ones.
+    void MarkLines() { m_linesBefore = LogLines().size(); }
+
+    std::unique_ptr<JNIBridge> m_bridge;
+    size_t m_linesBefore = 0;
 };
 
 }  // namespace jnitest

@@ -1,0 +1,116 @@
+// The operations that delete objects and ask whether an object (or a path)
+// exists: DeleteObjectByName, DeleteObjectByHandle (one handle, or a list),
+// DeleteCachedObjectByName, IsObjectExist and IsObjectPathSupported.
+
+#include "bridge/JNIBridge.h"
+#include "marshal/ResultConversions.h"
+
+namespace {
+
+constexpr const char* kDeleteByStringSignature = "(Ljava/lang/String;)Lcom/qv/QVCloudPluginInterface/CErrorValue;";
+constexpr const char* kDeleteByHandleListSignature =
+    "([Ljava/lang/String;)Lcom/qv/QVCloudPluginInterface/CErrorValue;";
+constexpr const char* kIsObjectExistSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CIsObjectExistFnValue;";
+constexpr const char* kIsObjectPathSupportedSignature =
+    "(Ljava/lang/String;I)Lcom/qv/AzureLibrary/CIsObjectExistFnValue;";
+
+constexpr const char16_t* kDeleteObjectByNameException = u"DeleteObjectByName::Exception is occured...";
+constexpr const char16_t* kDeleteObjectByHandleException = u"DeleteObjectByHandle::Exception is occured...";
+constexpr const char16_t* kDeleteCachedObjectByNameException = u"DeleteCachedObjectByName::Exception is occured...";
+// IsObjectPathSupported has no line of its own and writes this one too.
+constexpr const char16_t* kIsObjectExistException = u"IsObjectExist::Exception is occured...";
+
+// The 64-bit number that JavaArguments passes whose jvalue holds `value` as
+// a Java int: a Java int parameter reads the jvalue's `i` member, so the int
+// is laid into a zeroed jvalue and the jvalue's bytes are passed whole. This
+// holds whatever the byte order.
+// Converts the CIsObjectExistFnValue of an existence question: the flag
+// (isExist as 1 or 0, 0 when Java gave none) goes to `*flagOut` when there is
+// one, and the result is the mapped error ordinal. A Java error still writes
+// the flag.
+auto ExistenceConversion(uint32_t* flagOut) {
+    return [flagOut](JNIEnv* env, jobject result) {
+        uint32_t ordinal = 0;
+        uint32_t flag = 0;
+        ConvertCIsObjectExistFnValue(env, result, &ordinal, &flag);
+        if (flagOut) *flagOut = flag;
+        return MapErrorOrdinal(static_cast<int32_t>(ordinal));
+    };
+}
+
+}  // namespace
+
+uint32_t JNIBridge::DeleteObjectByName(const WideString& name) {
+    // The plug-in object's class is not tested: a null one makes the method
+    // lookup fail, which (its exception described there) ends with 0.
+    const OperationTraits op{"DeleteObjectByName", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
+                             kDeleteObjectByNameException};
+    return RunCallFrame(
+        Context(), op,
+        [&](JavaArguments& arguments) {
+            // The trace line of every deletion: the exception text followed by
+            // the name, written before Java is called whatever happens next.
+            LogError(m_pLog, kDeleteObjectByNameException + name);
+            arguments.AddString(name);
+        },
+        [this](JNIEnv* env, jobject result) { return GetErrorId(env, m_pLog, result); });
+}
+
+uint32_t JNIBridge::DeleteObjectByHandle(const WideString& handle) {
+    const OperationTraits op{"DeleteObjectByHandle", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
+                             kDeleteObjectByHandleException};
+    return RunCallFrame(
+        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(handle); },
+        [this](JNIEnv* env, jobject result) { return GetErrorId(env, m_pLog, result); });
+}
+
+uint32_t JNIBridge::DeleteObjectByHandle(const WideString* handles, uint32_t count) {
+    // A missing method reads as a null result here (47 below).
+    const OperationTraits op{"DeleteObjectByHandle", kDeleteByHandleListSignature, MissingMethodRule::TakeNullResult,
+                             kDeleteObjectByHandleException};
+    return RunCallFrame(
+        Context(), op,
+        [&](JavaArguments& arguments) {
+            // A count below 1 (or one beyond a Java array's reach) passes a null array.
+            arguments.AddObject(CreateJStringArray(arguments.Env(), static_cast<int32_t>(count), handles));
+        },
+        [](JNIEnv* env, jobject result) {
+            // The ordinal is read straight from the CErrorValue: a null one
+            // reads as 40, which maps to 47 (the single-handle form gives 40).
+            uint32_t ordinal = 0;
+            ReadErrorOrdinal(env, result, &ordinal);
+            return MapErrorOrdinal(static_cast<int32_t>(ordinal));
+        });
+}
+
+uint32_t JNIBridge::DeleteCachedObjectByName(const WideString& name) {
+    OperationTraits op{"DeleteCachedObjectByName", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
+                       kDeleteCachedObjectByNameException};
+    op.testClass = true;
+    return RunCallFrame(
+        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(name); },
+        [this](JNIEnv* env, jobject result) { return GetErrorId(env, m_pLog, result); });
+}
+
+uint32_t JNIBridge::IsObjectExist(const WideString& name, uint32_t* exists) {
+    // A missing method reads as a null result: the flag becomes 0 and the result 0.
+    OperationTraits op{"IsObjectExist", kIsObjectExistSignature, MissingMethodRule::TakeNullResult,
+                       kIsObjectExistException};
+    op.testClass = true;
+    return RunCallFrame(
+        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(name); }, ExistenceConversion(exists));
+}
+
+uint32_t JNIBridge::IsObjectPathSupported(const WideString& path, int32_t pathType, uint32_t* supported) {
+    OperationTraits op{"IsObjectPathSupported", kIsObjectPathSupportedSignature, MissingMethodRule::TakeNullResult,
+                       kIsObjectExistException};
+    op.testClass = true;
+    return RunCallFrame(
+        Context(), op,
+        [&](JavaArguments& arguments) {
+            arguments.AddString(path);
+            // The path type's meaning is the Java library's; it is passed on unchanged.
+            arguments.AddInt(pathType);
+        },
+        ExistenceConversion(supported));
+}

@@ -1,0 +1,399 @@
+// The job information, connectivity and size operations of the bridge
+// against the Java test double: AddJobInfo, CheckConnectivity,
+// GetDefaultObjectSizeRange and GetPluginCapabilities.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bridge/BridgeLog.h"
+#include "bridge/JNIBridge.h"
+#include "support/BridgeFixture.h"
+
+using jnitest::BridgeFixture;
+using jnitest::StartedBridgeFixture;
+using jnitest::TestDouble;
+
+namespace {
+
+constexpr const char16_t* kJavaEndedLine = u"AddJobInfo::Java ended ...";
+constexpr const char16_t* kAddJobInfoMissingLine = u"AddJobInfo::method is not found...";
+
+bool StartsWith(const WideString& text, const WideString& prefix) { return text.compare(0, prefix.size(), prefix) == 0; }
+
+JobInfoRecord Job(int64_t a, int64_t b, int64_t c, int64_t d, int64_t e, int64_t f) {
+    JobInfoRecord job;
+    const int64_t values[6] = {a, b, c, d, e, f};
+    for (int i = 0; i < 6; ++i) job.values[i] = values[i];
+    return job;
+}
+
+}  // namespace
+
+class JobAndSizesTest : public StartedBridgeFixture {
+protected:
+
+    // The method's lookup fails; describing that failure breaks down before the Java exception is
+    // cleared, so the exception is still pending when the operation checks for it.
+    void FailLookupLeavingTheExceptionPending(const std::string& javaName) {
+        Interposer().FailGetMethodID(javaName);
+        Interposer().ThrowCppExceptionIn("ExceptionClear");
+    }
+
+    // The lines of a failed lookup (its exception described, then the method's name and signature),
+    // followed by `operationLines`.
+    void ExpectLookupFailureLines(const char* javaName, const char* signature,
+                                  const std::vector<WideString>& operationLines) {
+        const auto lines = NewLines();
+        ASSERT_EQ(lines.size(), 5u + operationLines.size());
+        EXPECT_EQ(lines[0], u"Descrption is failed");
+        EXPECT_TRUE(StartsWith(lines[1], u"java.lang.NoSuchMethodError"));
+        EXPECT_EQ(lines[2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
+        EXPECT_EQ(lines[3], NarrowBytesAsWide(javaName));
+        EXPECT_EQ(lines[4], NarrowBytesAsWide(signature));
+        EXPECT_EQ(std::vector<WideString>(lines.begin() + 5, lines.end()), operationLines);
+    }
+
+    // The lines of a lookup whose exception stayed pending, then described by the operation.
+    void ExpectPendingExceptionLines(const char* javaName, const char* signature,
+                                     const std::vector<WideString>& linesBeforeTheCheck) {
+        const auto lines = NewLines();
+        ASSERT_EQ(lines.size(), 6u + linesBeforeTheCheck.size());
+        EXPECT_EQ(lines[0], u"DescribeException::Exception is occured...");
+        EXPECT_EQ(lines[1], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
+        EXPECT_EQ(lines[2], NarrowBytesAsWide(javaName));
+        EXPECT_EQ(lines[3], NarrowBytesAsWide(signature));
+        EXPECT_EQ(std::vector<WideString>(lines.begin() + 4, lines.end() - 2), linesBeforeTheCheck);
+        EXPECT_EQ(lines[lines.size() - 2], u"Descrption is failed");
+        EXPECT_TRUE(StartsWith(lines.back(), u"java.lang.NoSuchMethodError"));
+    }
+
+};
+
+// ---------------------------------------------------------------- AddJobInfo
+
+constexpr const char* kAddJobInfoSignature = "(JJJJJJ)Lcom/qv/QVCloudPluginInterface/CErrorValue;";
+
+TEST_F(JobAndSizesTest, AddJobInfoWithTheRecord123456CallsJavaWith341265) {
+    const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 0u);
+    ASSERT_EQ(TestDouble::CallCount("addJobInfo"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("addJobInfo", 0), "addJobInfo(3, 4, 1, 2, 6, 5)");
+    EXPECT_EQ(NewLines(), std::vector<WideString>{kJavaEndedLine});
+}
+
+TEST_F(JobAndSizesTest, AddJobInfoPassesLargeAndNegativeValuesUnchanged) {
+    const JobInfoRecord job = Job(-1, INT64_MAX, INT64_MIN, 0, 1LL << 40, -42);
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 0u);
+    EXPECT_EQ(TestDouble::DescribeCall("addJobInfo", 0),
+              "addJobInfo(" + std::to_string(INT64_MIN) + ", 0, -1, " + std::to_string(INT64_MAX) + ", -42, " +
+                  std::to_string(1LL << 40) + ")");
+}
+
+TEST_F(JobAndSizesTest, AddJobInfoWritesTheJavaEndedLineAlsoWhenJavaReportsAnError) {
+    const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
+    TestDouble::ReturnErrorOrdinal("addJobInfo", 3);
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 7u);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{kJavaEndedLine});
+}
+
+TEST_F(JobAndSizesTest, AddJobInfoWithAnOrdinalOutsideTheTableGives23) {
+    const JobInfoRecord job;
+    TestDouble::ReturnErrorValue("addJobInfo", 22, 49);
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 23u);
+}
+
+TEST_F(JobAndSizesTest, AddJobInfoWithANullResultGives40AndStillWritesTheEndedLine) {
+    const JobInfoRecord job;
+    TestDouble::ReturnNull("addJobInfo");
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{kJavaEndedLine});
+}
+
+TEST_F(JobAndSizesTest, AddJobInfoWithTheMethodMissingTakesTheNullResultPath) {
+    const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
+    Interposer().FailGetMethodID("addJobInfo");
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
+    EXPECT_EQ(TestDouble::CallCount("addJobInfo"), 0u);
+    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
+    ExpectLookupFailureLines("addJobInfo", kAddJobInfoSignature, {kAddJobInfoMissingLine, kJavaEndedLine});
+}
+
+TEST_F(JobAndSizesTest, AddJobInfoWithTheMethodMissingAndAnExceptionPendingGives40) {
+    const JobInfoRecord job;
+    FailLookupLeavingTheExceptionPending("addJobInfo");
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
+    ExpectPendingExceptionLines("addJobInfo", kAddJobInfoSignature, {kAddJobInfoMissingLine});
+}
+
+TEST_F(JobAndSizesTest, AddJobInfoExceptionWritesItsLineAndGives40) {
+    const JobInfoRecord job;
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{u"AddJobInfo::Exception is occured..."});
+}
+
+TEST_F(JobAndSizesTest, AddJobInfoWithoutARecordFailsLikeAnExceptionWithoutCallingJava) {
+    EXPECT_EQ(m_bridge->AddJobInfo(nullptr), 40u);
+    EXPECT_EQ(TestDouble::CallCount("addJobInfo"), 0u);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{u"AddJobInfo::Exception is occured..."});
+}
+
+// ---------------------------------------------------------------- CheckConnectivity
+
+constexpr const char* kCheckConnectivitySignature = "()Lcom/qv/QVCloudPluginInterface/CErrorValue;";
+
+TEST_F(JobAndSizesTest, CheckConnectivityCarriesJavasAnswer) {
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 0u);
+    ASSERT_EQ(TestDouble::CallCount("CheckConnectivity"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("CheckConnectivity", 0), "CheckConnectivity()");
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(JobAndSizesTest, CheckConnectivityMapsTheJavaError) {
+    TestDouble::ReturnErrorOrdinal("CheckConnectivity", 48);
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 46u);
+    TestDouble::ReturnErrorOrdinal("CheckConnectivity", 40);
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 47u);
+}
+
+TEST_F(JobAndSizesTest, CheckConnectivityWithANullResultGives40) {
+    TestDouble::ReturnNull("CheckConnectivity");
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(JobAndSizesTest, CheckConnectivityWithJavaThrowingGives40) {
+    TestDouble::Throw("CheckConnectivity", "network unreachable");
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(JobAndSizesTest, CheckConnectivityWithTheMethodMissingAndNoExceptionPendingReturns0) {
+    Interposer().FailGetMethodID("CheckConnectivity");
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 0u);
+    EXPECT_EQ(TestDouble::CallCount("CheckConnectivity"), 0u);
+    ExpectLookupFailureLines("CheckConnectivity", kCheckConnectivitySignature, {});
+}
+
+TEST_F(JobAndSizesTest, CheckConnectivityWithTheMethodMissingAndAnExceptionPendingGives40) {
+    FailLookupLeavingTheExceptionPending("CheckConnectivity");
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
+    ExpectPendingExceptionLines("CheckConnectivity", kCheckConnectivitySignature, {});
+}
+
+TEST_F(JobAndSizesTest, CheckConnectivityExceptionWritesItsLineAndGives40) {
+    Interposer().ThrowCppExceptionIn("GetObjectClass");
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{u"CheckConnectivity::Exception is occured..."});
+}
+
+TEST_F(JobAndSizesTest, CheckConnectivityOnAFreshThreadAttachesAndDetachesIt) {
+    uint32_t code = 99;
+    std::thread([&] { code = m_bridge->CheckConnectivity(); }).join();
+    EXPECT_EQ(code, 0u);
+    EXPECT_EQ(TestDouble::CallCount("CheckConnectivity"), 1u);
+    EXPECT_EQ(Interposer().Attaches(), 1);
+    EXPECT_EQ(Interposer().Detaches(), 1);
+}
+
+// ---------------------------------------------------------------- GetDefaultObjectSizeRange
+
+constexpr const char* kSizeRangeSignature = "()Lcom/qv/AzureLibrary/CGDefaultObjSizeRangeValue;";
+
+TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeGivesMinimumDefaultAndMaximum) {
+    int64_t minimum = -1, defaultSize = -1, maximum = -1;
+    TestDouble::SetLong("GetDefaultObjectSizeRange", "minValue", 11);
+    TestDouble::SetLong("GetDefaultObjectSizeRange", "defaultValue", 22);
+    TestDouble::SetLong("GetDefaultObjectSizeRange", "maxValue", 33);
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 0u);
+    EXPECT_EQ(minimum, 11);
+    EXPECT_EQ(defaultSize, 22);
+    EXPECT_EQ(maximum, 33);
+    ASSERT_EQ(TestDouble::CallCount("GetDefaultObjectSizeRange"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("GetDefaultObjectSizeRange", 0), "GetDefaultObjectSizeRange()");
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeMapsTheJavaErrorAndStillGivesTheSizes) {
+    int64_t minimum = -1, defaultSize = -1, maximum = -1;
+    TestDouble::ReturnErrorOrdinal("GetDefaultObjectSizeRange", 38);
+    TestDouble::SetLong("GetDefaultObjectSizeRange", "maxValue", 77);
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 1u);
+    EXPECT_EQ(maximum, 77);
+    EXPECT_EQ(minimum, int64_t{1} << 20);
+    EXPECT_EQ(defaultSize, int64_t{32} << 20);
+}
+
+TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeWithANullErrorValueGives47) {
+    int64_t minimum = -1, defaultSize = -1, maximum = -1;
+    TestDouble::ReturnNullErrorValue("GetDefaultObjectSizeRange");
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 47u);
+    EXPECT_EQ(maximum, int64_t{256} << 20);
+}
+
+TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeLeavesAllThreeOutputsAt0WhenJavaReturnsNull) {
+    int64_t minimum = -1, defaultSize = -1, maximum = -1;
+    TestDouble::ReturnNull("GetDefaultObjectSizeRange");
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
+    EXPECT_EQ(minimum, 0);
+    EXPECT_EQ(defaultSize, 0);
+    EXPECT_EQ(maximum, 0);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeWithTheMethodMissingTakesTheNullResultPath) {
+    int64_t minimum = -1, defaultSize = -1, maximum = -1;
+    Interposer().FailGetMethodID("GetDefaultObjectSizeRange");
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
+    EXPECT_EQ(minimum, 0);
+    EXPECT_EQ(defaultSize, 0);
+    EXPECT_EQ(maximum, 0);
+    EXPECT_EQ(TestDouble::CallCount("GetDefaultObjectSizeRange"), 0u);
+    ExpectLookupFailureLines("GetDefaultObjectSizeRange", kSizeRangeSignature, {});
+}
+
+TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeWithTheMethodMissingAndAnExceptionPendingGives40) {
+    int64_t minimum = -1, defaultSize = -1, maximum = -1;
+    FailLookupLeavingTheExceptionPending("GetDefaultObjectSizeRange");
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
+    // The operation ended before it set the outputs.
+    EXPECT_EQ(minimum, -1);
+    EXPECT_EQ(defaultSize, -1);
+    EXPECT_EQ(maximum, -1);
+    ExpectPendingExceptionLines("GetDefaultObjectSizeRange", kSizeRangeSignature, {});
+}
+
+TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeExceptionWritesItsLineAndGives40) {
+    int64_t minimum = -1, defaultSize = -1, maximum = -1;
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
+    EXPECT_EQ(minimum, 0);
+    EXPECT_EQ(maximum, 0);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetDefaultObjectSizeRange::Exception is occured..."});
+}
+
+TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeWritesOnlyTheOutputsItIsGiven) {
+    int64_t maximum = -1;
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(nullptr, nullptr, &maximum), 0u);
+    EXPECT_EQ(maximum, int64_t{256} << 20);
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(nullptr, nullptr, nullptr), 0u);
+    EXPECT_EQ(TestDouble::CallCount("GetDefaultObjectSizeRange"), 2u);
+}
+
+// ---------------------------------------------------------------- GetPluginCapabilities
+
+constexpr const char* kCapabilitiesSignature = "()Lcom/qv/QVCloudPluginInterface/CloudPluginCapabilities;";
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesSetsTheMarkerAndFillsTheMap) {
+    CapabilitiesRecord record;
+    record.capabilities[u"stale"] = u"value";
+    TestDouble::SetCapabilities({{u"MaxObjectSize", u"1024"}, {u"Tiering", u"hot,cool"}});
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
+    EXPECT_EQ(record.marker, 1u);
+    EXPECT_EQ(record.capabilities, (CapabilityMap{{u"MaxObjectSize", u"1024"}, {u"Tiering", u"hot,cool"}}));
+    ASSERT_EQ(TestDouble::CallCount("GetCloudPluginCapabilities"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("GetCloudPluginCapabilities", 0), "GetCloudPluginCapabilities()");
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesGivesTheDoublesDefaultMap) {
+    CapabilitiesRecord record;
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
+    EXPECT_EQ(record.capabilities.at(u"SupportsMetadata"), u"true");
+    EXPECT_EQ(record.capabilities.size(), 3u);
+}
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesDropsEntriesThatAreNotTexts) {
+    CapabilitiesRecord record;
+    TestDouble::SetCapabilities({{u"Name", u"azure"}, {u"Count", u"3"}, {std::nullopt, u"x"}, {u"Empty", std::nullopt}},
+                                {u"Count"});
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
+    EXPECT_EQ(record.capabilities, (CapabilityMap{{u"Name", u"azure"}}));
+}
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithANullResultGives0AndKeepsTheMap) {
+    CapabilitiesRecord record;
+    TestDouble::ReturnNull("GetCloudPluginCapabilities");
+    record.capabilities[u"kept"] = u"yes";
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
+    EXPECT_EQ(record.marker, 1u);
+    EXPECT_EQ(record.capabilities, (CapabilityMap{{u"kept", u"yes"}}));
+}
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithJavaThrowingGives0) {
+    CapabilitiesRecord record;
+    TestDouble::Throw("GetCloudPluginCapabilities", "no map");
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
+    EXPECT_EQ(record.marker, 1u);
+    EXPECT_TRUE(record.capabilities.empty());
+}
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithTheMethodMissingReturns0WithTheMarkerSet) {
+    CapabilitiesRecord record;
+    Interposer().FailGetMethodID("GetCloudPluginCapabilities");
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
+    EXPECT_EQ(record.marker, 1u);
+    EXPECT_TRUE(record.capabilities.empty());
+    EXPECT_EQ(TestDouble::CallCount("GetCloudPluginCapabilities"), 0u);
+    ExpectLookupFailureLines("GetCloudPluginCapabilities", kCapabilitiesSignature, {});
+}
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithTheMethodMissingAndAnExceptionPendingGives40WithTheMarkerSet) {
+    CapabilitiesRecord record;
+    FailLookupLeavingTheExceptionPending("GetCloudPluginCapabilities");
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 40u);
+    EXPECT_EQ(record.marker, 1u);
+    ExpectPendingExceptionLines("GetCloudPluginCapabilities", kCapabilitiesSignature, {});
+}
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesExceptionWritesItsLineAndKeepsTheMarker) {
+    CapabilitiesRecord record;
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 40u);
+    EXPECT_EQ(record.marker, 1u);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetPluginCapabilities::Exception is occured..."});
+}
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithoutARecordStillCallsJava) {
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(nullptr), 0u);
+    EXPECT_EQ(TestDouble::CallCount("GetCloudPluginCapabilities"), 1u);
+}
+
+// ---------------------------------------------------------------- the whole family
+
+TEST_F(JobAndSizesTest, EveryOperationGives40WithoutALineOnceThePluginObjectIsGone) {
+    ASSERT_EQ(m_bridge->DeInit(), 0u);
+    TestDouble::Reset();
+    MarkLines();
+    const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
+    int64_t minimum = -1, defaultSize = -1, maximum = -1;
+    CapabilitiesRecord record;
+    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
+    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
+    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 40u);
+    EXPECT_EQ(minimum, -1);
+    EXPECT_EQ(defaultSize, -1);
+    EXPECT_EQ(maximum, -1);
+    // The marker is set before anything else.
+    EXPECT_EQ(record.marker, 1u);
+    EXPECT_TRUE(TestDouble::Calls().empty());
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(JobAndSizesTest, RepeatedCallsLeaveNoLocalReferenceBehind) {
+    const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
+    int64_t minimum = 0, defaultSize = 0, maximum = 0;
+    CapabilitiesRecord record;
+    for (int i = 0; i < 3; ++i) {
+        m_bridge->AddJobInfo(&job);
+        m_bridge->CheckConnectivity();
+        m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum);
+        m_bridge->GetPluginCapabilities(&record);
+        EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
+    }
+    EXPECT_GT(Interposer().LocalRefsMade(), 0);
+}

@@ -1,0 +1,453 @@
+// The object metadata and sub-list operations of the bridge (SetObjectMetaData,
+// both GetObjectMetaData forms, GetObjectSubList) against the Java test double.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bridge/BridgeLog.h"
+#include "bridge/JNIBridge.h"
+#include "marshal/MetaData.h"
+#include "support/BridgeFixture.h"
+
+using jnitest::BridgeFixture;
+using jnitest::StartedBridgeFixture;
+using jnitest::MetaEntry;
+using jnitest::SubListEntry;
+using jnitest::TestDouble;
+
+namespace {
+
+constexpr const char* kSetSignature =
+    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)Lcom/qv/QVCloudPluginInterface/CErrorValue;";
+constexpr const char* kPropertySignature =
+    "(Ljava/lang/String;Ljava/lang/String;)Lcom/qv/AzureLibrary/CGetObjectMetaData;";
+constexpr const char* kAllSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CGObjectMetaDataFnValue;";
+constexpr const char* kSubListSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CRetGetSubMetaDataList;";
+
+constexpr const char16_t* kDescribeFailed = u"DescribeException::Exception is occured...";
+
+// Owns a sub-list handed out by the bridge, as the host does until it gives it back.
+struct SubListOwner {
+    ObjectSubList* list = nullptr;
+    ~SubListOwner() { FreeObjectSubList(list); }
+};
+
+// A sub-list pointer value that the bridge never produces, to see whether it was written.
+ObjectSubList* const kUntouchedSubList = reinterpret_cast<ObjectSubList*>(static_cast<uintptr_t>(0x1));
+
+class ObjectMetaDataOpsTest : public StartedBridgeFixture {
+protected:
+    // The five lines of a method lookup that failed with its exception described: the description, the
+    // exception's text and the three lines naming the method.
+    static void ExpectMissingMethodLines(const std::vector<WideString>& lines, const char* name,
+                                         const char* signature) {
+        ASSERT_GE(lines.size(), 5u);
+        EXPECT_EQ(lines[0], u"Descrption is failed");
+        EXPECT_EQ(lines[1].rfind(u"java.lang.NoSuchMethodError", 0), 0u);
+        EXPECT_EQ(lines[2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
+        EXPECT_EQ(lines[3], NarrowBytesAsWide(name));
+        EXPECT_EQ(lines[4], NarrowBytesAsWide(signature));
+    }
+    // A missing method whose exception stays pending: describing it fails both in the lookup and in the
+    // frame's own check, so the exception is still there when the frame asks.
+    void FailLookupWithExceptionPending(const std::string& name, const std::string& signature) {
+        Interposer().FailGetMethodID(name, signature);
+        Interposer().ThrowCppExceptionIn("ExceptionCheck", 2);
+    }
+    // The lines of that path.
+    static std::vector<WideString> PendingLookupLines(const char* name, const char* signature) {
+        return {kDescribeFailed, u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ",
+                NarrowBytesAsWide(name), NarrowBytesAsWide(signature), kDescribeFailed};
+    }
+
+};
+
+const ObjectMetaData::value_type kColour{u"colour", MetaDataValue{u"blue", 5}};
+
+// ---------------------------------------------------------------- SetObjectMetaData
+
+TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataStoresThePropertyAndGives0WithoutLines) {
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"photos/a.jpg", kColour), 0u);
+    ASSERT_EQ(TestDouble::CallCount("SetObjectMetaData"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("SetObjectMetaData", 0),
+              "SetObjectMetaData(\"photos/a.jpg\", \"colour\", \"blue\")");
+    EXPECT_TRUE(NewLines().empty());
+    EXPECT_EQ(Interposer().CountOf("GetMethodID", kSetSignature), 1u);
+    // The double's store now answers the property.
+    WideString value;
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"photos/a.jpg", u"colour", value), 0u);
+    EXPECT_EQ(value, u"blue");
+}
+
+TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataPassesThePropertyNameBeforeItsValue) {
+    const ObjectMetaData::value_type property{u"name-first", MetaDataValue{u"value-second", 0}};
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", property), 0u);
+    ASSERT_EQ(TestDouble::CallCount("SetObjectMetaData"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("SetObjectMetaData", 0),
+              "SetObjectMetaData(\"obj\", \"name-first\", \"value-second\")");
+}
+
+TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataMapsTheJavaErrorOrdinal) {
+    TestDouble::ReturnErrorOrdinal("SetObjectMetaData", 3);
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 7u);
+    TestDouble::ReturnErrorOrdinal("SetObjectMetaData", 40);
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 47u);
+    TestDouble::ReturnErrorOrdinal("SetObjectMetaData", 45);
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 23u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataNullResultGives40WithoutALine) {
+    TestDouble::ReturnNull("SetObjectMetaData");
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
+    EXPECT_EQ(TestDouble::CallCount("SetObjectMetaData"), 1u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataJavaExceptionReadsAsNullResult) {
+    TestDouble::Throw("SetObjectMetaData", "store closed");
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataMissingMethodGives0WithoutCalling) {
+    Interposer().FailGetMethodID("SetObjectMetaData", kSetSignature);
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 0u);
+    EXPECT_EQ(TestDouble::CallCount("SetObjectMetaData"), 0u);
+    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
+    const auto lines = NewLines();
+    EXPECT_EQ(lines.size(), 5u);
+    ExpectMissingMethodLines(lines, "SetObjectMetaData", kSetSignature);
+}
+
+TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataMissingMethodWithExceptionPendingGives40) {
+    FailLookupWithExceptionPending("SetObjectMetaData", kSetSignature);
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
+    EXPECT_EQ(TestDouble::CallCount("SetObjectMetaData"), 0u);
+    EXPECT_EQ(NewLines(), PendingLookupLines("SetObjectMetaData", kSetSignature));
+}
+
+TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataExceptionInTheFrameWritesItsLineAndGives40) {
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{u"SetObjectMetaData::Exception is occured..."});
+}
+
+// ---------------------------------------------------------------- GetObjectMetaData, one property
+
+TEST_F(ObjectMetaDataOpsTest, GetPropertyHandsBackTheValueAndWritesTheLinesAroundTheCall) {
+    TestDouble::SetString("GetObjectMetaData", "value", u"42 KiB");
+    WideString value = u"old";
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"docs/x.txt", u"size", value), 0u);
+    EXPECT_EQ(value, u"42 KiB");
+    ASSERT_EQ(TestDouble::CallCount("GetObjectMetaData"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("GetObjectMetaData", 0), "GetObjectMetaData(\"docs/x.txt\", \"size\")");
+    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"GetObjectMetaData::Java called ...docs/x.txt",
+                                                   u"GetObjectMetaData::Java ended ...docs/x.txt"}));
+    EXPECT_EQ(Interposer().CountOf("GetMethodID", kPropertySignature), 1u);
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetPropertyLeavesTheCallersValueUnchangedWhenJavaReportsAnError) {
+    TestDouble::ReturnErrorOrdinal("GetObjectMetaData", 5);
+    TestDouble::SetString("GetObjectMetaData", "value", u"from java");
+    WideString value = u"kept";
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 5u);
+    EXPECT_EQ(value, u"kept");
+    EXPECT_EQ(NewLines().size(), 2u);  // the called and ended lines
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetPropertyMapsTheOrdinalOfAnIrregularEntry) {
+    TestDouble::ReturnErrorOrdinal("GetObjectMetaData", 27);
+    WideString value = u"kept";
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 30u);
+    EXPECT_EQ(value, u"kept");
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetPropertyNullErrorValueGivesTheCodeOfOrdinal40AndKeepsTheValue) {
+    TestDouble::ReturnNullErrorValue("GetObjectMetaData");
+    TestDouble::SetString("GetObjectMetaData", "value", u"from java");
+    WideString value = u"kept";
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 47u);
+    EXPECT_EQ(value, u"kept");
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetPropertyNullResultEmptiesTheValueAndGives0) {
+    TestDouble::ReturnNull("GetObjectMetaData");
+    WideString value = u"old";
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 0u);
+    EXPECT_EQ(value, u"");
+    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"GetObjectMetaData::Java called ...obj",
+                                                   u"GetObjectMetaData::Java ended ...obj"}));
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetPropertyMissingMethodTakesTheNullResultPathWithoutCalling) {
+    Interposer().FailGetMethodID("GetObjectMetaData", kPropertySignature);
+    WideString value = u"old";
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 0u);
+    EXPECT_EQ(value, u"");
+    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
+    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
+    const auto lines = NewLines();
+    ASSERT_EQ(lines.size(), 7u);
+    ExpectMissingMethodLines(lines, "GetObjectMetaData", kPropertySignature);
+    EXPECT_EQ(lines[5], u"GetObjectMetaData::Java called ...obj");
+    EXPECT_EQ(lines[6], u"GetObjectMetaData::Java ended ...obj");
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetPropertyMissingMethodWithExceptionPendingGives40) {
+    FailLookupWithExceptionPending("GetObjectMetaData", kPropertySignature);
+    WideString value = u"kept";
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 40u);
+    EXPECT_EQ(value, u"kept");
+    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
+    EXPECT_EQ(NewLines(), PendingLookupLines("GetObjectMetaData", kPropertySignature));
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetPropertyExceptionInTheFrameWritesItsLineAndGives40) {
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+    WideString value = u"kept";
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 40u);
+    EXPECT_EQ(value, u"kept");
+    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"GetObjectMetaData::Java called ...obj",
+                                                   u"GetObjectMetaData::Exception is occured..."}));
+}
+
+// ---------------------------------------------------------------- GetObjectMetaData, all properties
+
+TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesCallsJavaWithTheObjectAndGives0WithoutLines) {
+    ObjectMetaData metaData;
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"docs/y.txt", &metaData), 0u);
+    ASSERT_EQ(TestDouble::CallCount("GetObjectMetaData"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("GetObjectMetaData", 0), "GetObjectMetaData(\"docs/y.txt\")");
+    EXPECT_EQ(Interposer().CountOf("GetMethodID", kAllSignature), 1u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+// The result's values field is looked up with a method-shaped signature that no field has, so what Java
+// puts there never reaches the host's metadata.
+TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesLeavesTheHostsMetadataAsItWasSinceTheValuesFieldIsNeverFound) {
+    TestDouble::SetMetaData("GetObjectMetaData", "values", {MetaEntry{u"size", u"12"}});
+    ObjectMetaData metaData{{u"mine", MetaDataValue{u"1", 2}}};
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 0u);
+    ASSERT_EQ(metaData.size(), 1u);
+    EXPECT_EQ(metaData.begin()->first, u"mine");
+    EXPECT_EQ(metaData.begin()->second.szProperty, u"1");
+    EXPECT_EQ(metaData.begin()->second.prpType, 2u);
+    EXPECT_EQ(Interposer().CountOf("GetFieldID", "()[Lcom/qv/AzureLibrary/CGObjectMetaDataFnValue;"), 1u);
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesMapsTheJavaErrorOrdinal) {
+    TestDouble::ReturnErrorOrdinal("GetObjectMetaData", 46);
+    ObjectMetaData metaData;
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 49u);
+    TestDouble::ReturnNullErrorValue("GetObjectMetaData");
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 47u);
+    EXPECT_TRUE(metaData.empty());
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesNullResultGives0) {
+    TestDouble::ReturnNull("GetObjectMetaData");
+    ObjectMetaData metaData{{u"mine", MetaDataValue{u"1", 0}}};
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 0u);
+    EXPECT_EQ(metaData.size(), 1u);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 1u);
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesMissingMethodTakesTheNullResultPathWithoutCalling) {
+    Interposer().FailGetMethodID("GetObjectMetaData", kAllSignature);
+    ObjectMetaData metaData;
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 0u);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
+    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
+    const auto lines = NewLines();
+    EXPECT_EQ(lines.size(), 5u);
+    ExpectMissingMethodLines(lines, "GetObjectMetaData", kAllSignature);
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesMissingMethodWithExceptionPendingGives40) {
+    FailLookupWithExceptionPending("GetObjectMetaData", kAllSignature);
+    ObjectMetaData metaData;
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 40u);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
+    EXPECT_EQ(NewLines(), PendingLookupLines("GetObjectMetaData", kAllSignature));
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesExceptionInTheFrameWritesItsLineAndGives40) {
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+    ObjectMetaData metaData;
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 40u);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetObjectMetaData::Exception is occured..."});
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesWithoutAHostMapStillCallsAndGivesTheCode) {
+    TestDouble::ReturnErrorOrdinal("GetObjectMetaData", 4);
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", static_cast<ObjectMetaData*>(nullptr)), 4u);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 1u);
+}
+
+// ---------------------------------------------------------------- GetObjectSubList
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListHandsBackANewSubListWithEachEntrysMetadata) {
+    TestDouble::SetSubList("GetObjectSubList",
+                           {SubListEntry{u"dir/b", {MetaEntry{u"size", u"2"}, MetaEntry{u"colour", u"red"}}},
+                            SubListEntry{u"dir/a", {}}});
+    SubListOwner owner;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"dir/", &owner.list), 0u);
+    ASSERT_NE(owner.list, nullptr);
+    ASSERT_EQ(owner.list->size(), 2u);
+    const ObjectMetaData* a = owner.list->at(u"dir/a");
+    const ObjectMetaData* b = owner.list->at(u"dir/b");
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_TRUE(a->empty());
+    ASSERT_EQ(b->size(), 2u);
+    EXPECT_EQ(b->at(u"size").szProperty, u"2");
+    EXPECT_EQ(b->at(u"colour").szProperty, u"red");
+    ASSERT_EQ(TestDouble::CallCount("GetObjectSubList"), 1u);
+    EXPECT_EQ(TestDouble::DescribeCall("GetObjectSubList", 0), "GetObjectSubList(\"dir/\")");
+    EXPECT_EQ(Interposer().CountOf("GetMethodID", kSubListSignature), 1u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListOfTheStoreListsTheObjectsBelowThePath) {
+    ASSERT_EQ(m_bridge->SetObjectMetaData(u"dir/one", {u"k", MetaDataValue{u"v", 0}}), 0u);
+    ASSERT_EQ(m_bridge->SetObjectMetaData(u"other/two", {u"k", MetaDataValue{u"w", 0}}), 0u);
+    SubListOwner owner;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"dir/", &owner.list), 0u);
+    ASSERT_NE(owner.list, nullptr);
+    ASSERT_EQ(owner.list->size(), 1u);
+    const ObjectMetaData* one = owner.list->at(u"dir/one");
+    ASSERT_NE(one, nullptr);
+    EXPECT_EQ(one->at(u"k").szProperty, u"v");
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListMapsTheJavaErrorOrdinalAndStillHandsOverTheSubList) {
+    TestDouble::ReturnErrorOrdinal("GetObjectSubList", 8);
+    TestDouble::SetSubList("GetObjectSubList", {SubListEntry{u"f", {MetaEntry{u"k", u"v"}}}});
+    SubListOwner owner;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &owner.list), 9u);
+    ASSERT_NE(owner.list, nullptr);
+    EXPECT_EQ(owner.list->size(), 1u);
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListNullErrorValueKeepsOrdinal0) {
+    TestDouble::ReturnNullErrorValue("GetObjectSubList");
+    SubListOwner owner;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &owner.list), 0u);
+    EXPECT_NE(owner.list, nullptr);
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListWithANullArrayGivesAnEmptySubListAnd0) {
+    TestDouble::SetNullField("GetObjectSubList", "metaDat");
+    SubListOwner owner;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &owner.list), 0u);
+    ASSERT_NE(owner.list, nullptr);
+    EXPECT_TRUE(owner.list->empty());
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListWithJavaReturningNullGives40AndNoSubList) {
+    TestDouble::ReturnNull("GetObjectSubList");
+    ObjectSubList* list = kUntouchedSubList;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
+    EXPECT_EQ(list, kUntouchedSubList);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectSubList"), 1u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListEachCallMakesANewSubList) {
+    ObjectSubList* list = nullptr;
+    ASSERT_EQ(m_bridge->GetObjectSubList(u"p", &list), 0u);
+    SubListOwner first{list};
+    // The host's pointer is overwritten with a new sub-list; the first stays the host's to free.
+    ASSERT_EQ(m_bridge->GetObjectSubList(u"p", &list), 0u);
+    SubListOwner second{list};
+    EXPECT_NE(second.list, nullptr);
+    EXPECT_NE(second.list, first.list);
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListMissingMethodTakesTheNullResultPathAndGives40) {
+    Interposer().FailGetMethodID("GetObjectSubList", kSubListSignature);
+    ObjectSubList* list = kUntouchedSubList;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
+    EXPECT_EQ(list, kUntouchedSubList);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectSubList"), 0u);
+    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
+    const auto lines = NewLines();
+    EXPECT_EQ(lines.size(), 5u);
+    ExpectMissingMethodLines(lines, "GetObjectSubList", kSubListSignature);
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListMissingMethodWithExceptionPendingGives40) {
+    FailLookupWithExceptionPending("GetObjectSubList", kSubListSignature);
+    ObjectSubList* list = kUntouchedSubList;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
+    EXPECT_EQ(list, kUntouchedSubList);
+    EXPECT_EQ(NewLines(), PendingLookupLines("GetObjectSubList", kSubListSignature));
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListExceptionInTheFrameWritesItsLineAndGives40) {
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+    ObjectSubList* list = kUntouchedSubList;
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
+    EXPECT_EQ(list, kUntouchedSubList);
+    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetObjectSubList::Exception is occured..."});
+}
+
+TEST_F(ObjectMetaDataOpsTest, GetObjectSubListWithoutAHostPointerStillCallsAndGivesTheCode) {
+    TestDouble::ReturnErrorOrdinal("GetObjectSubList", 1);
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", nullptr), 1u);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectSubList"), 1u);
+}
+
+// ---------------------------------------------------------------- common to the four
+
+TEST_F(ObjectMetaDataOpsTest, WithoutAPluginObjectEveryOperationGives40WithoutALine) {
+    ASSERT_EQ(m_bridge->DeInit(), 0u);
+    Interposer().Reset();
+    MarkLines();
+    WideString value = u"kept";
+    ObjectMetaData metaData;
+    ObjectSubList* list = kUntouchedSubList;
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 40u);
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 40u);
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
+    EXPECT_EQ(value, u"kept");
+    EXPECT_EQ(list, kUntouchedSubList);
+    EXPECT_TRUE(NewLines().empty());
+    EXPECT_EQ(TestDouble::CallCount("SetObjectMetaData"), 0u);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectSubList"), 0u);
+}
+
+TEST_F(ObjectMetaDataOpsTest, AThreadThatWasNotAttachedIsAttachedAndDetachedPerOperation) {
+    WideString value;
+    uint32_t code = 99;
+    std::thread([&] { code = m_bridge->GetObjectMetaData(u"obj", u"size", value); }).join();
+    EXPECT_EQ(code, 0u);
+    EXPECT_EQ(Interposer().Attaches(), 1);
+    EXPECT_EQ(Interposer().Detaches(), 1);
+    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 1u);
+}
+
+TEST_F(ObjectMetaDataOpsTest, EveryOperationReleasesItsLocalReferences) {
+    TestDouble::SetSubList("GetObjectSubList", {SubListEntry{u"f", {MetaEntry{u"k", u"v"}}}});
+    WideString value;
+    ObjectMetaData metaData;
+    SubListOwner owner;
+    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 0u);
+    EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"colour", value), 0u);
+    EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
+    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 0u);
+    EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
+    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &owner.list), 0u);
+    EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
+    EXPECT_GT(Interposer().LocalRefsMade(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,463 @@
+// Object read (src/operations/ObjectRead.cpp) against the real JVM and the
+// Java test double: ReadObject, ReadObjectByName and ReadObjectByHandle. The
+// bytes Java hands back are scripted with TestDouble::SetReadData (or come
+// from the double's store) and compared end to end with the host's buffer;
+// guard bytes after the buffer show that the bounded copy never writes past
+// it.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bridge/JNIBridge.h"
+#include "support/BridgeFixture.h"
+
+using jnitest::BridgeFixture;
+using jnitest::StartedBridgeFixture;
+using jnitest::MetaEntry;
+using jnitest::TestDouble;
+
+namespace {
+
+constexpr const char* kReadObjectSignature = "(Ljava/lang/String;[BJJ)Lcom/qv/AzureLibrary/CReadObjectFnValue;";
+constexpr const char* kReadByNameSignature =
+    "(Ljava/lang/String;[BJJ[Ljava/lang/String;)Lcom/qv/AzureLibrary/CRObjectByNameFnValue;";
+const WideString kCopyFailureLine = u"ReadObject::Unable to create memory for copying the data...";
+
+constexpr size_t kMiB = size_t{1} << 20;
+constexpr size_t kGuardSize = 64;
+constexpr char kFill = '\xAA';
+constexpr char kGuard = '\x5C';
+
+// `size` bytes of a pattern that differs between positions and seeds (xorshift64, eight bytes at a time).
+std::string Pattern(size_t size, uint64_t seed) {
+    std::string bytes(size, '\0');
+    uint64_t state = seed * 0x9E3779B97F4A7C15ull + 1;
+    size_t i = 0;
+    for (; i + 8 <= size; i += 8) {
+        state ^= state << 13;
+        state ^= state >> 7;
+        state ^= state << 17;
+        std::memcpy(&bytes[i], &state, 8);
+    }
+    for (; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + seed);
+    return bytes;
+}
+
+// Equal bytes, or where they first differ (never prints the data itself).
+::testing::AssertionResult SameBytes(const std::string& expected, const std::string& actual) {
+    if (expected.size() != actual.size()) {
+        return ::testing::AssertionFailure()
+               << "sizes differ: expected " << expected.size() << ", got " << actual.size();
+    }
+    if (std::memcmp(expected.data(), actual.data(), expected.size()) == 0) return ::testing::AssertionSuccess();
+    size_t at = 0;
+    while (expected[at] == actual[at]) ++at;
+    return ::testing::AssertionFailure() << "first difference at byte " << at << " of " << expected.size();
+}
+
+// The host's buffer of `size` bytes, filled with kFill, followed by guard bytes that no read may touch.
+class HostBuffer {
+public:
+    explicit HostBuffer(size_t size) : m_size(size), m_bytes(size + kGuardSize, kFill) {
+        std::memset(&m_bytes[size], kGuard, kGuardSize);
+    }
+    uint8_t* Data() { return reinterpret_cast<uint8_t*>(&m_bytes[0]); }
+    // The buffer's bytes (without the guard).
+    std::string Bytes() const { return m_bytes.substr(0, m_size); }
+    bool GuardIntact() const { return m_bytes.find_first_not_of(kGuard, m_size) == std::string::npos; }
+
+private:
+    size_t m_size;
+    std::string m_bytes;
+};
+
+}  // namespace
+
+class ObjectReadTest : public StartedBridgeFixture {
+protected:
+    // The four lines of a ReadObject of `name` that copied its data.
+    static std::vector<WideString> ReadObjectLines(const WideString& name) {
+        return {u"ReadObject::is called..." + name, u"ReadObject::is ended..." + name,
+                u"ReadObject::buffer copy started..." + name, u"ReadObject::buffer copy ended..." + name};
+    }
+    // Stores `data` as object `name` in the double (through the plug-in's plain write), then forgets the call.
+    void Store(const WideString& name, const std::string& data) {
+        ASSERT_EQ(m_bridge->WriteObject(name, reinterpret_cast<const uint8_t*>(data.data()), data.size()), 0u);
+        MarkLines();
+        Interposer().Reset();
+    }
+    // A read of every form with `size` bytes scripted, compared end to end.
+    void ExpectEveryReadCopiesTheBytes(size_t size);
+
+};
+
+// ---- ReadObject
+
+TEST_F(ObjectReadTest, ReadObjectPassesLengthBeforeOffsetCopiesTheDataAndLogsEachStep) {
+    const std::string data = "hello";
+    TestDouble::SetReadData("ReadObject", data);
+    HostBuffer buffer(8);
+    uint64_t length = 8;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 3, &length), 0u);
+    EXPECT_EQ(length, 5u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObject", 0), "ReadObject(\"obj\", byte[8], 8, 3)");
+    EXPECT_TRUE(SameBytes(data + std::string(3, kFill), buffer.Bytes()));
+    EXPECT_TRUE(buffer.GuardIntact());
+    EXPECT_EQ(NewLines(), ReadObjectLines(u"obj"));
+}
+
+TEST_F(ObjectReadTest, ReadObjectCopiesWithOneRegionCopyAndNoElementAccess) {
+    TestDouble::SetReadData("ReadObject", "abcd");
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(Interposer().CountOf("GetByteArrayRegion"), 1u);
+    EXPECT_EQ(Interposer().CountOf("GetByteArrayElements"), 0u);
+    EXPECT_EQ(Interposer().CountOf("ReleaseByteArrayElements"), 0u);
+}
+
+TEST_F(ObjectReadTest, ReadObjectReadsTheStoreFromTheOffset) {
+    Store(u"obj", "0123456789");
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 3, &length), 0u);
+    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(buffer.Bytes(), "3456");
+    EXPECT_TRUE(buffer.GuardIntact());
+}
+
+TEST_F(ObjectReadTest, ReadObjectReportingMoreThanTheArrayCopiesOnlyTheArrayAndKeepsTheReportedCount) {
+    const std::string data = Pattern(16, 3);
+    TestDouble::SetReadData("ReadObject", data, 1000);
+    HostBuffer buffer(16);
+    uint64_t length = 16;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(length, 1000u);
+    EXPECT_TRUE(SameBytes(data, buffer.Bytes()));
+    EXPECT_TRUE(buffer.GuardIntact());
+    EXPECT_EQ(NewLines(), ReadObjectLines(u"obj"));
+}
+
+TEST_F(ObjectReadTest, ReadObjectReportingFewerBytesCopiesOnlyThose) {
+    TestDouble::SetReadData("ReadObject", "abcdef", 2);
+    HostBuffer buffer(6);
+    uint64_t length = 6;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(length, 2u);
+    EXPECT_EQ(buffer.Bytes(), "ab" + std::string(4, kFill));
+}
+
+TEST_F(ObjectReadTest, ReadObjectReportingANegativeCountCopiesNothingAndPassesTheCountOn) {
+    TestDouble::SetReadData("ReadObject", "abcdef", -1);
+    HostBuffer buffer(6);
+    uint64_t length = 6;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(length, UINT64_MAX);
+    EXPECT_EQ(buffer.Bytes(), std::string(6, kFill));
+    EXPECT_TRUE(buffer.GuardIntact());
+    EXPECT_EQ(Interposer().CountOf("GetByteArrayRegion"), 0u);
+}
+
+TEST_F(ObjectReadTest, ReadObjectOfZeroBytesMakesAnEmptyArrayAndPassesTheReportedCountOn) {
+    TestDouble::SetReadData("ReadObject", "", 5);
+    HostBuffer buffer(0);
+    uint64_t length = 0;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObject", 0), "ReadObject(\"obj\", byte[0], 0, 0)");
+    EXPECT_EQ(length, 5u);
+    EXPECT_TRUE(buffer.GuardIntact());
+}
+
+TEST_F(ObjectReadTest, ReadObjectWithANullResultGives0KeepsTheLengthAndCopiesTheFreshArray) {
+    TestDouble::ReturnNull("ReadObject");
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, '\0'));
+    EXPECT_TRUE(buffer.GuardIntact());
+    EXPECT_EQ(NewLines(), ReadObjectLines(u"obj"));
+}
+
+TEST_F(ObjectReadTest, ReadObjectThatThrowsReadsAsANullResult) {
+    TestDouble::Throw("ReadObject", "no such blob");
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(NewLines(), ReadObjectLines(u"obj"));
+}
+
+TEST_F(ObjectReadTest, ReadObjectWithAJavaErrorStillCopiesTheDataAndReportsTheCount) {
+    TestDouble::ReturnErrorOrdinal("ReadObject", 4);
+    TestDouble::SetReadData("ReadObject", "xyz");
+    HostBuffer buffer(5);
+    uint64_t length = 5;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), MapErrorOrdinal(4));
+    EXPECT_EQ(length, 3u);
+    EXPECT_EQ(buffer.Bytes(), "xyz" + std::string(2, kFill));
+}
+
+TEST_F(ObjectReadTest, ReadObjectWhoseCopyFailsGives14AndItsLineWithTheCountWritten) {
+    TestDouble::SetReadData("ReadObject", "abcd");
+    Interposer().FailElementAccess();
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 14u);
+    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
+    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"ReadObject::is called...obj", u"ReadObject::is ended...obj",
+                                                   u"ReadObject::buffer copy started...obj", kCopyFailureLine}));
+}
+
+TEST_F(ObjectReadTest, ReadObjectWhoseArrayCannotBeMadePassesNullToJavaAndGives14) {
+    Interposer().FailNewByteArray();
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 14u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObject", 0), "ReadObject(\"obj\", null, 4, 0)");
+    EXPECT_EQ(NewLines().back(), kCopyFailureLine);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
+}
+
+TEST_F(ObjectReadTest, ReadObjectWithoutRoomForReferencesPassesNullToJavaAndGives14) {
+    Interposer().FailEnsureLocalCapacity();
+    uint64_t length = 4;
+    HostBuffer buffer(4);
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 14u);
+    EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObject", 0), "ReadObject(\"obj\", null, 4, 0)");
+}
+
+TEST_F(ObjectReadTest, ReadObjectWhoseMethodIsMissingGives0AndTouchesNothing) {
+    Interposer().FailGetMethodID("ReadObject", kReadObjectSignature);
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
+    EXPECT_EQ(TestDouble::CallCount("ReadObject"), 0u);
+    EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
+}
+
+TEST_F(ObjectReadTest, ReadObjectNativeExceptionWritesItsLineAndGives40) {
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 40u);
+    EXPECT_EQ(NewLines().back(), u"ReadObject::Exception is occured...");
+    EXPECT_EQ(length, 4u);
+}
+
+TEST_F(ObjectReadTest, ReadObjectWithoutLengthOrBufferStillRunsAndWritesNothingThroughThem) {
+    TestDouble::SetReadData("ReadObject", "abc");
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", nullptr, 0, nullptr), 0u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObject", 0), "ReadObject(\"obj\", byte[0], 0, 0)");
+    uint64_t length = 3;
+    TestDouble::SetReadData("ReadObject", "abc");
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", nullptr, 0, &length), 0u);
+    EXPECT_EQ(length, 3u);
+}
+
+TEST_F(ObjectReadTest, EveryReadWithoutAPluginObjectGives40WithoutALine) {
+    JNIBridge idle(m_folder.Path(), &m_createInfo);
+    idle.SetLogger(Log());
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    ObjectMetaData meta;
+    EXPECT_EQ(idle.ReadObject(u"obj", buffer.Data(), 0, &length), 40u);
+    EXPECT_EQ(idle.ReadObjectByName(u"obj", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(idle.ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
+    EXPECT_TRUE(NewLines().empty());
+    EXPECT_TRUE(TestDouble::Calls().empty());
+}
+
+// ---- ReadObjectByName and ReadObjectByHandle
+
+TEST_F(ObjectReadTest, ReadObjectByNamePassesOffsetBeforeLengthAndTheNamesAndFillsTheMetaData) {
+    TestDouble::SetReadData("ReadObjectByName", "data!");
+    TestDouble::SetMetaData("ReadObjectByName", "values", {MetaEntry{u"size", u"5"}, MetaEntry{u"kind", u"blob"}});
+    const std::vector<WideString> names{u"size", u"kind"};
+    HostBuffer buffer(8);
+    uint64_t length = 8;
+    ObjectMetaData meta;
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"obj", buffer.Data(), 2, &length, names.data(), 2, &meta), 0u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObjectByName", 0),
+              "ReadObjectByName(\"obj\", byte[8], 2, 8, [\"size\", \"kind\"])");
+    EXPECT_EQ(length, 5u);
+    EXPECT_EQ(buffer.Bytes(), "data!" + std::string(3, kFill));
+    EXPECT_TRUE(buffer.GuardIntact());
+    ASSERT_EQ(meta.size(), 2u);
+    EXPECT_EQ(meta[u"size"].szProperty, u"5");
+    EXPECT_EQ(meta[u"kind"].szProperty, u"blob");
+    EXPECT_TRUE(NewLines().empty());
+    EXPECT_EQ(Interposer().CountOf("GetByteArrayRegion"), 1u);
+    EXPECT_EQ(Interposer().CountOf("GetByteArrayElements"), 0u);
+}
+
+TEST_F(ObjectReadTest, ReadObjectByNameWithoutNamesOrWithACountOf0PassesANullArray) {
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    ObjectMetaData meta;
+    const WideString name = u"size";
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"obj", buffer.Data(), 0, &length, nullptr, 3, &meta), 0u);
+    length = 4;
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"obj", buffer.Data(), 0, &length, &name, 0, &meta), 0u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObjectByName", 0), "ReadObjectByName(\"obj\", byte[4], 0, 4, null)");
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObjectByName", 1), "ReadObjectByName(\"obj\", byte[4], 0, 4, null)");
+}
+
+TEST_F(ObjectReadTest, ReadObjectByHandleReadsTheStoredObjectAndItsMetaData) {
+    // The metadata through an update, then the bytes through a plain write (which keeps the metadata).
+    WideString handle;
+    const ObjectMetaData stored{{u"owner", {u"me", 0}}};
+    ASSERT_EQ(m_bridge->UpdateObject(u"obj", u"", nullptr, 0, &stored, handle), 0u);
+    Store(u"obj", "0123456789");
+    HostBuffer buffer(5);
+    uint64_t length = 5;
+    ObjectMetaData meta;
+    EXPECT_EQ(m_bridge->ReadObjectByHandle(handle, buffer.Data(), 4, &length, nullptr, 0, &meta), 0u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObjectByHandle", 0),
+              "ReadObjectByHandle(\"handle:obj\", byte[5], 4, 5, null)");
+    EXPECT_EQ(length, 5u);
+    EXPECT_EQ(buffer.Bytes(), "45678");
+    EXPECT_EQ(meta[u"owner"].szProperty, u"me");
+}
+
+TEST_F(ObjectReadTest, ReadsWithMetaDataReportingMoreThanTheArrayCopyOnlyTheArray) {
+    for (const char* method : {"ReadObjectByName", "ReadObjectByHandle"}) {
+        SCOPED_TRACE(method);
+        const std::string data = Pattern(32, 5);
+        TestDouble::SetReadData(method, data, int64_t{1} << 40);
+        HostBuffer buffer(32);
+        uint64_t length = 32;
+        ObjectMetaData meta;
+        const uint32_t code = std::string(method) == "ReadObjectByName"
+                                  ? m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta)
+                                  : m_bridge->ReadObjectByHandle(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta);
+        EXPECT_EQ(code, 0u);
+        EXPECT_EQ(length, uint64_t{1} << 40);
+        EXPECT_TRUE(SameBytes(data, buffer.Bytes()));
+        EXPECT_TRUE(buffer.GuardIntact());
+    }
+}
+
+TEST_F(ObjectReadTest, ReadsWithMetaDataAndAJavaErrorStillCopyTheDataAndTheMetaData) {
+    TestDouble::ReturnErrorOrdinal("ReadObjectByHandle", 6);
+    TestDouble::SetReadData("ReadObjectByHandle", "ab");
+    TestDouble::SetMetaData("ReadObjectByHandle", "values", {MetaEntry{u"k", u"v"}});
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    ObjectMetaData meta;
+    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), MapErrorOrdinal(6));
+    EXPECT_EQ(length, 2u);
+    EXPECT_EQ(buffer.Bytes(), "ab" + std::string(2, kFill));
+    EXPECT_EQ(meta[u"k"].szProperty, u"v");
+}
+
+TEST_F(ObjectReadTest, ReadsWithMetaDataAndANullResultGive40AndTouchNothing) {
+    TestDouble::ReturnNull("ReadObjectByName");
+    TestDouble::ReturnNull("ReadObjectByHandle");
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    ObjectMetaData meta;
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
+    EXPECT_TRUE(meta.empty());
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(ObjectReadTest, ReadsWithMetaDataWhoseArrayCannotBeMadeGive40WithoutCallingJava) {
+    Interposer().FailNewByteArray(2);
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    ObjectMetaData meta;
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_TRUE(TestDouble::Calls().empty());
+    EXPECT_EQ(length, 4u);
+    EXPECT_TRUE(NewLines().empty());
+}
+
+TEST_F(ObjectReadTest, ReadsWithMetaDataWhoseCopyFailsGive14AndTheReadObjectLine) {
+    Interposer().FailElementAccess(2);
+    HostBuffer buffer(4);
+    ObjectMetaData meta;
+    uint64_t length = 4;
+    TestDouble::SetReadData("ReadObjectByName", "abcd");
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta), 14u);
+    length = 4;
+    TestDouble::SetReadData("ReadObjectByHandle", "abcd");
+    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), 14u);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
+    EXPECT_EQ(NewLines(), (std::vector<WideString>{kCopyFailureLine, kCopyFailureLine}));
+}
+
+TEST_F(ObjectReadTest, ReadObjectByNameWhoseMethodIsMissingTakesTheNullResultPath) {
+    Interposer().FailGetMethodID("ReadObjectByName", kReadByNameSignature);
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    ObjectMetaData meta;
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(TestDouble::CallCount("ReadObjectByName"), 0u);
+    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
+    EXPECT_EQ(length, 4u);
+}
+
+TEST_F(ObjectReadTest, ReadsWithMetaDataNativeExceptionsWriteTheirOwnLines) {
+    Interposer().ThrowCppExceptionIn("CallObjectMethodA", 2);
+    HostBuffer buffer(4);
+    uint64_t length = 4;
+    ObjectMetaData meta;
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"ReadObjectByName::Exception is occured...",
+                                                   u"ReadObjectByHandle::Exception is occured..."}));
+}
+
+// ---- data end to end
+
+void ObjectReadTest::ExpectEveryReadCopiesTheBytes(size_t size) {
+    const std::string data = Pattern(size, 9);
+    for (const char* method : {"ReadObject", "ReadObjectByName", "ReadObjectByHandle"}) {
+        SCOPED_TRACE(method);
+        TestDouble::SetReadData(method, data);
+        HostBuffer buffer(size);
+        uint64_t length = size;
+        ObjectMetaData meta;
+        const std::string which = method;
+        const uint32_t code = which == "ReadObject" ? m_bridge->ReadObject(u"o", buffer.Data(), 0, &length)
+                              : which == "ReadObjectByName"
+                                  ? m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta)
+                                  : m_bridge->ReadObjectByHandle(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta);
+        EXPECT_EQ(code, 0u);
+        EXPECT_EQ(length, size);
+        EXPECT_TRUE(SameBytes(data, buffer.Bytes()));
+        EXPECT_TRUE(buffer.GuardIntact());
+        EXPECT_TRUE(SameBytes(data, TestDouble::ByteArgument(method, 0)));
+    }
+}
+
+TEST_F(ObjectReadTest, EveryReadOf0BytesCopiesNothing) { ExpectEveryReadCopiesTheBytes(0); }
+TEST_F(ObjectReadTest, EveryReadOf1ByteCopiesThatByte) { ExpectEveryReadCopiesTheBytes(1); }
+TEST_F(ObjectReadTest, EveryReadOf1MiBCopiesExactlyJavasBytes) { ExpectEveryReadCopiesTheBytes(kMiB); }
+
+TEST_F(ObjectReadTest, ReadObjectOf256MiBCopiesExactlyJavasBytes) {
+    const size_t size = 256 * kMiB;
+    const std::string data = Pattern(size, 13);
+    TestDouble::SetReadData("ReadObject", data);
+    HostBuffer buffer(size);
+    uint64_t length = size;
+    EXPECT_EQ(m_bridge->ReadObject(u"big", buffer.Data(), 0, &length), 0u);
+    EXPECT_EQ(length, size);
+    EXPECT_TRUE(SameBytes(data, buffer.Bytes()));
+    EXPECT_TRUE(buffer.GuardIntact());
+    EXPECT_EQ(Interposer().CountOf("GetByteArrayRegion"), 1u);
+}
