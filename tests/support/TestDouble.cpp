@@ -251,6 +251,10 @@ void TestDouble::Reset() {
     Control(Env(), "reset", "()V").Void();
 }
 
+void TestDouble::SetDataPassThrough(bool on) {
+    Control(Env(), "setDataPassThrough", "(Z)V").Void(static_cast<jboolean>(on ? JNI_TRUE : JNI_FALSE));
+}
+
 void TestDouble::ReturnNull(const std::string& method) {
     JNIEnv* env = Env();
     Local<jstring> m = Text(env, method);

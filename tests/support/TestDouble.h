@@ -65,8 +65,11 @@ struct SubListEntry {
 
 class TestDouble {
 public:
-    // Forgets every script, every recorded call and every stored object.
+    // Forgets every script, every recorded call and every stored object (and turns pass-through off).
     static void Reset();
+    // With pass-through on, the data methods do no work on the bytes: writes keep nothing, reads report the
+    // requested length without filling the array (for benchmarks of the plug-in's own cost).
+    static void SetDataPassThrough(bool on);
 
     // ---- replies of the next call of `method`
     // The method returns null.

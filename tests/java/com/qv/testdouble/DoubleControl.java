@@ -139,7 +139,23 @@ public final class DoubleControl {
     // ------------------------------------------------------------------ scripts
 
     /** Forgets every script, every recorded call and every stored object. */
+    /**
+     * With data pass-through on, the data methods do no work on the bytes: writes keep nothing and reads
+     * report the requested length without touching the array. Benchmarks use it so that what they measure
+     * is the plug-in's own cost. Reset turns it off.
+     */
+    private static volatile boolean dataPassThrough = false;
+
+    public static void setDataPassThrough(boolean on) {
+        dataPassThrough = on;
+    }
+
+    public static boolean dataPassThrough() {
+        return dataPassThrough;
+    }
+
     public static void reset() {
+        dataPassThrough = false;
         synchronized (LOCK) {
             SCRIPTS.clear();
             RECORDS.clear();
