@@ -21,7 +21,6 @@ namespace {
 constexpr const char16_t* kJavaEndedLine = u"AddJobInfo::Java ended ...";
 constexpr const char16_t* kAddJobInfoMissingLine = u"AddJobInfo::method is not found...";
 
-bool StartsWith(const WideString& text, const WideString& prefix) { return text.compare(0, prefix.size(), prefix) == 0; }
 
 JobInfoRecord Job(int64_t a, int64_t b, int64_t c, int64_t d, int64_t e, int64_t f) {
     JobInfoRecord job;
@@ -35,40 +34,6 @@ JobInfoRecord Job(int64_t a, int64_t b, int64_t c, int64_t d, int64_t e, int64_t
 class JobAndSizesTest : public StartedBridgeFixture {
 protected:
 
-    // The method's lookup fails; describing that failure breaks down before the Java exception is
-    // cleared, so the exception is still pending when the operation checks for it.
-    void FailLookupLeavingTheExceptionPending(const std::string& javaName) {
-        Interposer().FailGetMethodID(javaName);
-        Interposer().ThrowCppExceptionIn("ExceptionClear");
-    }
-
-    // The lines of a failed lookup (its exception described, then the method's name and signature),
-    // followed by `operationLines`.
-    void ExpectLookupFailureLines(const char* javaName, const char* signature,
-                                  const std::vector<WideString>& operationLines) {
-        const auto lines = NewLines();
-        ASSERT_EQ(lines.size(), 5u + operationLines.size());
-        EXPECT_EQ(lines[0], u"Descrption is failed");
-        EXPECT_TRUE(StartsWith(lines[1], u"java.lang.NoSuchMethodError"));
-        EXPECT_EQ(lines[2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
-        EXPECT_EQ(lines[3], NarrowBytesAsWide(javaName));
-        EXPECT_EQ(lines[4], NarrowBytesAsWide(signature));
-        EXPECT_EQ(std::vector<WideString>(lines.begin() + 5, lines.end()), operationLines);
-    }
-
-    // The lines of a lookup whose exception stayed pending, then described by the operation.
-    void ExpectPendingExceptionLines(const char* javaName, const char* signature,
-                                     const std::vector<WideString>& linesBeforeTheCheck) {
-        const auto lines = NewLines();
-        ASSERT_EQ(lines.size(), 6u + linesBeforeTheCheck.size());
-        EXPECT_EQ(lines[0], u"DescribeException::Exception is occured...");
-        EXPECT_EQ(lines[1], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
-        EXPECT_EQ(lines[2], NarrowBytesAsWide(javaName));
-        EXPECT_EQ(lines[3], NarrowBytesAsWide(signature));
-        EXPECT_EQ(std::vector<WideString>(lines.begin() + 4, lines.end() - 2), linesBeforeTheCheck);
-        EXPECT_EQ(lines[lines.size() - 2], u"Descrption is failed");
-        EXPECT_TRUE(StartsWith(lines.back(), u"java.lang.NoSuchMethodError"));
-    }
 
 };
 

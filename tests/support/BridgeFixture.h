@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bridge/BridgeLog.h"
 #include "bridge/JNIBridge.h"
 #include "cloudplugin/ICloudPluginInterface.h"
 #include "log/JNIWrapperLog.h"
@@ -58,6 +59,41 @@ protected:
     std::vector<WideString> NewLines() const;
     // Lines written from here on are the new ones.
     void MarkLines() { m_linesBefore = LogLines().size(); }
+
+    // The method's lookup fails; describing that failure breaks down before the Java exception is
+    // cleared, so the exception is still pending when the operation checks for it.
+    void FailLookupLeavingTheExceptionPending(const std::string& javaName) {
+        Interposer().FailGetMethodID(javaName);
+        Interposer().ThrowCppExceptionIn("ExceptionClear");
+    }
+
+    // The lines of a failed lookup (its exception described, then the method's name and signature),
+    // followed by `operationLines`.
+    void ExpectLookupFailureLines(const char* javaName, const char* signature,
+                                  const std::vector<WideString>& operationLines) {
+        const auto lines = NewLines();
+        ASSERT_EQ(lines.size(), 5u + operationLines.size());
+        EXPECT_EQ(lines[0], u"Descrption is failed");
+        EXPECT_TRUE(lines[1].rfind(u"java.lang.NoSuchMethodError", 0) == 0);
+        EXPECT_EQ(lines[2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
+        EXPECT_EQ(lines[3], NarrowBytesAsWide(javaName));
+        EXPECT_EQ(lines[4], NarrowBytesAsWide(signature));
+        EXPECT_EQ(std::vector<WideString>(lines.begin() + 5, lines.end()), operationLines);
+    }
+
+    // The lines of a lookup whose exception stayed pending, then described by the operation.
+    void ExpectPendingExceptionLines(const char* javaName, const char* signature,
+                                     const std::vector<WideString>& linesBeforeTheCheck) {
+        const auto lines = NewLines();
+        ASSERT_EQ(lines.size(), 6u + linesBeforeTheCheck.size());
+        EXPECT_EQ(lines[0], u"DescribeException::Exception is occured...");
+        EXPECT_EQ(lines[1], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
+        EXPECT_EQ(lines[2], NarrowBytesAsWide(javaName));
+        EXPECT_EQ(lines[3], NarrowBytesAsWide(signature));
+        EXPECT_EQ(std::vector<WideString>(lines.begin() + 4, lines.end() - 2), linesBeforeTheCheck);
+        EXPECT_EQ(lines[lines.size() - 2], u"Descrption is failed");
+        EXPECT_TRUE(lines.back().rfind(u"java.lang.NoSuchMethodError", 0) == 0);
+    }
 
     std::unique_ptr<JNIBridge> m_bridge;
     size_t m_linesBefore = 0;
