@@ -31,11 +31,7 @@ JobInfoRecord Job(int64_t a, int64_t b, int64_t c, int64_t d, int64_t e, int64_t
 
 }  // namespace
 
-class JobAndSizesTest : public StartedBridgeFixture {
-protected:
-
-
-};
+class JobAndSizesTest : public StartedBridgeFixture {};
 
 // ---------------------------------------------------------------- AddJobInfo
 
