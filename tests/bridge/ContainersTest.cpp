@@ -27,7 +27,6 @@ constexpr const char* kDeleteSignature = "()Lcom/qv/QVCloudPluginInterface/CErro
 constexpr const char* kContainerNameSignature = "()Lcom/qv/AzureLibrary/CUniqueAccountValue;";
 constexpr const char* kBucketRegionSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CCreateFnValue;";
 
-constexpr const char16_t* kDescribeFailed = u"DescribeException::Exception is occured...";
 constexpr const char16_t* kDeleteCalled = u"DeleteContainerFromQVCloud::Java called ...";
 constexpr const char16_t* kDeleteEnded = u"DeleteContainerFromQVCloud::Java ended ...";
 constexpr const char16_t* kNameCalled = u"GetContainerName::Java called ...";
@@ -38,26 +37,6 @@ using Lines = std::vector<WideString>;
 
 class ContainersTest : public StartedBridgeFixture {
 protected:
-    // The five lines of a method lookup that failed with its exception described.
-    static void ExpectMissingMethodLines(const Lines& lines, const char* name, const char* signature) {
-        ASSERT_GE(lines.size(), 5u);
-        EXPECT_EQ(lines[0], u"Descrption is failed");
-        EXPECT_EQ(lines[1].rfind(u"java.lang.NoSuchMethodError", 0), 0u);
-        EXPECT_EQ(lines[2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
-        EXPECT_EQ(lines[3], NarrowBytesAsWide(name));
-        EXPECT_EQ(lines[4], NarrowBytesAsWide(signature));
-    }
-    // A missing method whose exception stays pending: describing it fails both in the lookup and in the
-    // frame's own check, so the exception is still there when the frame asks.
-    void FailLookupWithExceptionPending(const std::string& name, const std::string& signature) {
-        Interposer().FailGetMethodID(name, signature);
-        Interposer().ThrowCppExceptionIn("ExceptionCheck", 2);
-    }
-    // The lookup lines of that path, up to the frame's failed description.
-    static Lines PendingLookupLines(const char* name, const char* signature) {
-        return {kDescribeFailed, u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ",
-                NarrowBytesAsWide(name), NarrowBytesAsWide(signature), kDescribeFailed};
-    }
     static Lines Plus(Lines lines, const WideString& line) {
         lines.push_back(line);
         return lines;

@@ -28,7 +28,6 @@ constexpr const char* kPropertySignature =
 constexpr const char* kAllSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CGObjectMetaDataFnValue;";
 constexpr const char* kSubListSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CRetGetSubMetaDataList;";
 
-constexpr const char16_t* kDescribeFailed = u"DescribeException::Exception is occured...";
 
 // Owns a sub-list handed out by the bridge, as the host does until it gives it back.
 struct SubListOwner {
@@ -40,30 +39,6 @@ struct SubListOwner {
 ObjectSubList* const kUntouchedSubList = reinterpret_cast<ObjectSubList*>(static_cast<uintptr_t>(0x1));
 
 class ObjectMetaDataOpsTest : public StartedBridgeFixture {
-protected:
-    // The five lines of a method lookup that failed with its exception described: the description, the
-    // exception's text and the three lines naming the method.
-    static void ExpectMissingMethodLines(const std::vector<WideString>& lines, const char* name,
-                                         const char* signature) {
-        ASSERT_GE(lines.size(), 5u);
-        EXPECT_EQ(lines[0], u"Descrption is failed");
-        EXPECT_EQ(lines[1].rfind(u"java.lang.NoSuchMethodError", 0), 0u);
-        EXPECT_EQ(lines[2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
-        EXPECT_EQ(lines[3], NarrowBytesAsWide(name));
-        EXPECT_EQ(lines[4], NarrowBytesAsWide(signature));
-    }
-    // A missing method whose exception stays pending: describing it fails both in the lookup and in the
-    // frame's own check, so the exception is still there when the frame asks.
-    void FailLookupWithExceptionPending(const std::string& name, const std::string& signature) {
-        Interposer().FailGetMethodID(name, signature);
-        Interposer().ThrowCppExceptionIn("ExceptionCheck", 2);
-    }
-    // The lines of that path.
-    static std::vector<WideString> PendingLookupLines(const char* name, const char* signature) {
-        return {kDescribeFailed, u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ",
-                NarrowBytesAsWide(name), NarrowBytesAsWide(signature), kDescribeFailed};
-    }
-
 };
 
 const ObjectMetaData::value_type kColour{u"colour", MetaDataValue{u"blue", 5}};

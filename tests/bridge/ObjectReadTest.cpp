@@ -13,11 +13,14 @@
 
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
+#include "support/TestData.h"
 
 using jnitest::BridgeFixture;
 using jnitest::StartedBridgeFixture;
 using jnitest::MetaEntry;
 using jnitest::TestDouble;
+
+using jnitest::Pattern;
 
 namespace {
 
@@ -30,21 +33,6 @@ constexpr size_t kMiB = size_t{1} << 20;
 constexpr size_t kGuardSize = 64;
 constexpr char kFill = '\xAA';
 constexpr char kGuard = '\x5C';
-
-// `size` bytes of a pattern that differs between positions and seeds (xorshift64, eight bytes at a time).
-std::string Pattern(size_t size, uint64_t seed) {
-    std::string bytes(size, '\0');
-    uint64_t state = seed * 0x9E3779B97F4A7C15ull + 1;
-    size_t i = 0;
-    for (; i + 8 <= size; i += 8) {
-        state ^= state << 13;
-        state ^= state >> 7;
-        state ^= state << 17;
-        std::memcpy(&bytes[i], &state, 8);
-    }
-    for (; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + seed);
-    return bytes;
-}
 
 // Equal bytes, or where they first differ (never prints the data itself).
 ::testing::AssertionResult SameBytes(const std::string& expected, const std::string& actual) {

@@ -13,10 +13,13 @@
 
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
+#include "support/TestData.h"
 
 using jnitest::BridgeFixture;
 using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
+
+using jnitest::Pattern;
 
 namespace {
 
@@ -28,22 +31,6 @@ constexpr const char* kUpdateObjectSignature =
     "Lcom/qv/AzureLibrary/CCreateFnValue;";
 
 constexpr size_t kMiB = size_t{1} << 20;
-
-// `size` bytes of a pattern that differs at every position of a small
-// window and between seeds (xorshift64, eight bytes at a time).
-std::string Pattern(size_t size, uint64_t seed) {
-    std::string bytes(size, '\0');
-    uint64_t state = seed * 0x9E3779B97F4A7C15ull + 1;
-    size_t i = 0;
-    for (; i + 8 <= size; i += 8) {
-        state ^= state << 13;
-        state ^= state >> 7;
-        state ^= state << 17;
-        std::memcpy(&bytes[i], &state, 8);
-    }
-    for (; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + seed);
-    return bytes;
-}
 
 const uint8_t* Bytes(const std::string& bytes) { return reinterpret_cast<const uint8_t*>(bytes.data()); }
 
