@@ -2,7 +2,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "support/JniInterposer.h"
 
@@ -16,16 +18,21 @@ JavaVM* TestJvm() {
     static JavaVM* vm = nullptr;
     static std::once_flag started;
     std::call_once(started, [] {
-        std::string classPath = std::string("-Djava.class.path=") + QV_TEST_CLASSPATH;
-        JavaVMOption options[3];
-        options[0].optionString = const_cast<char*>(classPath.c_str());
-        // The JVM's own signal handling stays out of the sanitizers' way.
-        options[1].optionString = const_cast<char*>("-Xrs");
-        options[2].optionString = const_cast<char*>("-Xss2m");
+        std::vector<std::string> texts{std::string("-Djava.class.path=") + QV_TEST_CLASSPATH,
+                                       // The JVM's own signal handling stays out of the sanitizers' way.
+                                       "-Xrs", "-Xss2m"};
+        // QV_TEST_JVM_OPTIONS adds options as a host would set them (heap size,
+        // collector), blank-separated; the benchmarks use it to compare settings.
+        if (const char* extra = std::getenv("QV_TEST_JVM_OPTIONS")) {
+            std::istringstream words(extra);
+            for (std::string word; words >> word;) texts.push_back(word);
+        }
+        std::vector<JavaVMOption> options(texts.size());
+        for (size_t i = 0; i < texts.size(); ++i) options[i].optionString = texts[i].data();
         JavaVMInitArgs args{};
         args.version = JNI_VERSION_1_8;
-        args.nOptions = 3;
-        args.options = options;
+        args.nOptions = static_cast<jint>(options.size());
+        args.options = options.data();
         args.ignoreUnrecognized = JNI_FALSE;
         JNIEnv* env = nullptr;
         if (JNI_CreateJavaVM(&vm, reinterpret_cast<void**>(&env), &args) != JNI_OK) {
