@@ -181,6 +181,9 @@ public:
     // Java GetCloudPluginCapabilities(): marker 1 and the capability map; 0 unless the bridge fails.
     uint32_t GetPluginCapabilities(CapabilitiesRecord* capabilities);
 
+    // The operation behind the interface's reserved slot 32: does nothing and answers 0.
+    uint32_t ReservedOperation() { return 0; }
+
     // ---- end of the storage operations
 
     // The Java plug-in object (a global reference), null when there is none.

@@ -166,6 +166,8 @@ private:
 
 // Creates one folder (its parent must exist). True when it exists afterwards.
 bool CreateFolder(const WideString& path);
+// Creates a folder and every missing folder above it. True when it exists afterwards.
+bool CreateFolderPath(const WideString& path);
 bool DeleteFileAt(const WideString& path);
 // Removes a folder that holds nothing.
 bool RemoveEmptyFolder(const WideString& path);

@@ -7,14 +7,9 @@
 #include "bridge/JVMHost.h"
 #include "bridge/LocalRef.h"
 #include "support/BridgeFixture.h"
+#include "support/JVMHostTestAccess.h"
 
 using jnitest::BridgeFixture;
-
-// Reaches the host's counters, as a host that attached before would have left them.
-class JVMHostTestAccess {
-public:
-    static void SetRefCount(JVMHost& host, uint32_t count) { host.m_nRefCount = count; }
-};
 
 namespace {
 

@@ -216,6 +216,15 @@ TEST(Platform, CreateFolderAcceptsAnExistingFolder) {
     EXPECT_TRUE(RemoveEmptyFolder(sub));
 }
 
+TEST(Platform, CreateFolderPathMakesEveryMissingLevel) {
+    TempFolder folder;
+    const WideString deep = folder.File(u"a") + kPathSeparator + u"b" + kPathSeparator + u"c";
+    EXPECT_TRUE(CreateFolderPath(deep));
+    EXPECT_TRUE(CreateFolderPath(deep));  // all there already
+    ASSERT_TRUE(testsupport::WriteFileBytes(deep + kPathSeparator + u"x.txt", "x"));
+    EXPECT_EQ(testsupport::ReadFileBytes(deep + kPathSeparator + u"x.txt"), "x");
+}
+
 TEST(Platform, ListFilesMatchesTheWildcardAndReportsLastWriteTimes) {
     TempFolder folder;
     for (const WideString name : {u"JNIWrapper_1.log", u"JNIWrapper_2.log", u"JNIWrapper_2.log_error",

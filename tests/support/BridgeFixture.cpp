@@ -1,5 +1,7 @@
 #include "support/BridgeFixture.h"
 
+#include "support/LogFiles.h"
+
 #include "platform/Platform.h"
 
 namespace jnitest {
@@ -32,24 +34,7 @@ JNIEnv* BridgeFixture::Env() {
 }
 
 std::vector<WideString> BridgeFixture::LogLines() const {
-    std::vector<WideString> lines;
-    const WideString path = m_log->CurrentFilePath();
-    const WideString text = testsupport::DecodeUtf16Le(testsupport::ReadFileBytes(path));
-    // Records are "\r\n" + 46-character prefix + " :" + message.
-    size_t start = 0;
-    while ((start = text.find(u"\r\n", start)) != WideString::npos) {
-        const size_t body = start + 2 + JNIWrapperLog::kPrefixLength + 2;
-        size_t next = text.find(u"\r\n", body);
-        // A message may hold line breaks itself: a record ends only where the
-        // next one's prefix begins.
-        while (next != WideString::npos && next + 2 + JNIWrapperLog::kPrefixLength + 2 <= text.size() &&
-               text.compare(next + 2 + JNIWrapperLog::kPrefixLength, 2, u" :") != 0) {
-            next = text.find(u"\r\n", next + 2);
-        }
-        lines.push_back(text.substr(body, (next == WideString::npos ? text.size() : next) - body));
-        start = next == WideString::npos ? text.size() : next;
-    }
-    return lines;
+    return testsupport::LogMessages(m_log->CurrentFilePath());
 }
 
 std::vector<std::string> BridgeFixture::LogLinesUtf8() const {

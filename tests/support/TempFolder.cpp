@@ -1,7 +1,9 @@
 #include "support/TempFolder.h"
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <system_error>
 
 namespace testsupport {
 
@@ -10,9 +12,11 @@ TempFolder::TempFolder() {
     qvplatform::CreateFolder(m_path);
 }
 
+// Removes the folder with everything below it (tests may make sub-folders,
+// such as a host's Plugin/Azure/Log).
 TempFolder::~TempFolder() {
-    for (const auto& file : qvplatform::ListFiles(File(u"*"))) qvplatform::DeleteFileAt(File(file.name));
-    qvplatform::RemoveEmptyFolder(m_path);
+    std::error_code ignored;
+    std::filesystem::remove_all(std::filesystem::path(m_path), ignored);
 }
 
 namespace {
