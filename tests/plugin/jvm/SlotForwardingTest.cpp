@@ -162,6 +162,12 @@ TEST_F(SlotForwardingTest, AddJobInfoHandsJavaTheHostsValuesInTheirFixedOrder) {
     EXPECT_EQ(TestDouble::Calls(), Calls{"addJobInfo(300, -4000, -1, 20, 600000, 50000)"});
 }
 
+TEST_F(SlotForwardingTest, AddJobInfoWithoutARecordFailsWithoutCallingJava) {
+    EXPECT_EQ(m_object->AddJobInfo(nullptr), 40u);
+    EXPECT_TRUE(TestDouble::Calls().empty());
+    EXPECT_EQ(NewLines(), std::vector<std::u16string>{u"AddJobInfo::Exception is occured..."});
+}
+
 TEST_F(SlotForwardingTest, SubListFromSlot23IsFreedBySlot51) {
     TestDouble::SetSubList("GetObjectSubList", {{u"a.bin", {{u"size", u"1"}}}, {u"b.bin", {}}});
     EXPECT_EQ(Call(23), 0u);
