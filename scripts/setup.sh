@@ -4,10 +4,15 @@
 set -euo pipefail
 
 export DEBIAN_FRONTEND=noninteractive
-apt-get update
-apt-get install -y --no-install-recommends \
-  cmake make g++ \
-  libgtest-dev googletest libbenchmark-dev \
-  openjdk-17-jdk-headless \
-  g++-mingw-w64-x86-64-posix \
+packages=(
+  cmake make g++
+  libgtest-dev googletest libbenchmark-dev
+  openjdk-17-jdk-headless junit5
+  g++-mingw-w64-x86-64-posix
   wine64
+)
+# Node.js runs Azurite, the local Blob storage service the Java library's
+# tests use; a machine that has it already (from any source) keeps its own.
+command -v npm >/dev/null || packages+=(nodejs npm)
+apt-get update
+apt-get install -y --no-install-recommends "${packages[@]}"

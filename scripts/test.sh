@@ -12,6 +12,14 @@ presets=("$@")
 export WINEDEBUG=-all
 # A Wine prefix of the project's own, so that its D: drive is ours to map.
 export WINEPREFIX="${WINEPREFIX:-$HOME/.cache/qvazure-wine}"
+# Azurite, the local Blob storage service of the Java library's tests,
+# installed into the build tree once (AZURITE_BIN may name another one).
+azurite_version=3.35.0
+if [ -z "${AZURITE_BIN:-}" ] && [ ! -x build/azurite/node_modules/.bin/azurite-blob ]; then
+  echo "==== installing Azurite ${azurite_version}"
+  npm install --prefix build/azurite --no-audit --no-fund --loglevel=error "azurite@${azurite_version}"
+fi
+
 failed=()
 for preset in "${presets[@]}"; do
   echo "==== ${preset}: configure and build"

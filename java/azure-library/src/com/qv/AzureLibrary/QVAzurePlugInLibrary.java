@@ -1,0 +1,838 @@
+package com.qv.AzureLibrary;
+
+import com.qv.QVCloudPluginInterface.CErrorValue;
+import com.qv.QVCloudPluginInterface.CloudPluginCapabilities;
+import com.qv.QVCloudPluginInterface.ERRORID;
+import com.qv.azure.rest.BlobRestClient;
+import com.qv.azure.rest.ErrorMap;
+import com.qv.azure.rest.MetadataCodec;
+import com.qv.azure.rest.StorageConnection;
+import com.qv.azure.rest.StorageException;
+import com.qv.plugin.model.CArrayOfString;
+import com.qv.plugin.model.CInt;
+import com.qv.plugin.model.CString;
+
+import java.nio.charset.StandardCharsets;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.Base64;
+import java.util.HashMap;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Locale;
+import java.util.Map;
+import java.util.TreeMap;
+import java.util.concurrent.ExecutionException;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.logging.Level;
+import java.util.logging.Logger;
+
+/**
+ * The storage library behind the native plug-in: every storage operation of
+ * the host, on Azure Blob Storage through the Blob REST API.
+ *
+ * All objects are block blobs in the one container named by the connection
+ * string. An object handle is the blob name itself, so any method that takes
+ * a handle also accepts a name and the other way round.
+ *
+ * No method throws and none returns null: every failure is reported as an
+ * {@link ERRORID} in the returned value (see README.md for the table).
+ */
+public class QVAzurePlugInLibrary {
+    private static final Logger LOG = Logger.getLogger(QVAzurePlugInLibrary.class.getName());
+
+    /** Objects larger than this are uploaded as blocks. */
+    public static final int SINGLE_PUT_LIMIT = 8 << 20;
+    public static final int BLOCK_SIZE = 4 << 20;
+    public static final int PARALLEL_UPLOADS = 4;
+    public static final long MIN_OBJECT_SIZE = 1L << 20;
+    public static final long DEFAULT_OBJECT_SIZE = 32L << 20;
+    /** The largest array the host can hand over in one call. */
+    public static final long MAX_OBJECT_SIZE = Integer.MAX_VALUE - 8;
+    /** The default capacity limit of a standard storage account (5 PiB), used for the free-space estimate. */
+    public static final long ACCOUNT_CAPACITY = 5L << 50;
+
+    private final CPluginInitData initData;
+    private volatile BlobRestClient client;
+    private volatile StorageConnection connection;
+    private volatile ExecutorService uploadPool;
+    private volatile int listPageSize = 5000;
+    private volatile Duration requestTimeout = Duration.ofSeconds(120);
+
+    public QVAzurePlugInLibrary(CPluginInitData initData) {
+        this.initData = initData;
+    }
+
+    /** Page size of the List Blobs calls (1..5000); smaller pages only cost more round trips. */
+    public void setListPageSize(int size) {
+        this.listPageSize = Math.max(1, Math.min(5000, size));
+    }
+
+    /** Timeout of one HTTP request; takes effect at the next AzureInit. */
+    public void setRequestTimeout(Duration timeout) {
+        this.requestTimeout = timeout;
+    }
+
+    // ------------------------------------------------------------------ lifecycle
+
+    /**
+     * Connects to the account of the connection string and creates the
+     * container named by its Container key when it does not exist yet.
+     */
+    public synchronized CErrorValue AzureInit(String initString, String installFolder) {
+        if (client != null) {
+            return err(ERRORID.ALREADY_INITIALIZED);
+        }
+        StorageConnection conn;
+        try {
+            conn = StorageConnection.parse(initString);
+        } catch (StorageConnection.Invalid e) {
+            LOG.log(Level.WARNING, "AzureInit: unusable connection string: {0}", e.getMessage());
+            switch (e.reason) {
+                case BAD_ACCOUNT_KEY:
+                    return err(ERRORID.STORAGE_KEY_INVALID);
+                case BAD_CONTAINER_NAME:
+                    return err(ERRORID.INVALID_CONTAINER_NAME);
+                default:
+                    return err(ERRORID.INVALID_ARGUMENT);
+            }
+        } catch (RuntimeException e) {
+            return err(ERRORID.INVALID_ARGUMENT);
+        }
+        try {
+            BlobRestClient c = new BlobRestClient(conn, Duration.ofSeconds(15), requestTimeout, 3);
+            c.createContainerIfMissing();
+            connection = conn;
+            client = c;
+            return ok();
+        } catch (StorageException e) {
+            return failed("AzureInit", e);
+        } catch (RuntimeException e) {
+            return internal("AzureInit", e);
+        }
+    }
+
+    public synchronized CErrorValue AzureDeInit() {
+        ExecutorService pool = uploadPool;
+        uploadPool = null;
+        if (pool != null) {
+            pool.shutdownNow();
+        }
+        if (client == null) {
+            return err(ERRORID.NOT_INITIALIZED);
+        }
+        client = null;
+        connection = null;
+        return ok();
+    }
+
+    // ------------------------------------------------------------------ write and update
+
+    public CErrorValue WriteObject(String name, byte[] data, long length) {
+        return write("WriteObject", name, data, length, null).errorValue;
+    }
+
+    public CWObjectHandleFnValue WriteObject(String name, byte[] data, long length, CPluginMetaData[] metaData) {
+        return write("WriteObject", name, data, length, metaData);
+    }
+
+    /** The flag is accepted for the host's sake; every write replaces the whole object. */
+    public CWObjectHandleFnValue WriteObject(String name, byte[] data, long length, CPluginMetaData[] metaData,
+                                             long flag) {
+        return write("WriteObject", name, data, length, metaData);
+    }
+
+    /** Written straight through: this library keeps no local cache. */
+    public CWObjectHandleFnValue WriteCachedObject(String name, byte[] data, long length, CPluginMetaData[] metaData) {
+        return write("WriteCachedObject", name, data, length, metaData);
+    }
+
+    /** Replaces the content (and, when given, the metadata) of the object named by the first text. */
+    public CCreateFnValue UpdateObject(String object, String other, byte[] data, long length,
+                                       CPluginMetaData[] metaData) {
+        CWObjectHandleFnValue w = write("UpdateObject", object, data, length, metaData);
+        return new CCreateFnValue(w.errorValue, w.objHandle);
+    }
+
+    public CCreateFnValue UpdateObject(String object, String other, byte[] data, long length,
+                                       CPluginMetaData[] metaData, long flag) {
+        return UpdateObject(object, other, data, length, metaData);
+    }
+
+    public CErrorValue UpdateCachedObjectByHandle(String object, String other, byte[] data, long length,
+                                                  CPluginMetaData[] metaData) {
+        return write("UpdateCachedObjectByHandle", object, data, length, metaData).errorValue;
+    }
+
+    public CErrorValue UpdateCachedObjectByName(String name, byte[] data, long length, CPluginMetaData[] metaData) {
+        return write("UpdateCachedObjectByName", name, data, length, metaData).errorValue;
+    }
+
+    private CWObjectHandleFnValue write(String op, String name, byte[] data, long length,
+                                        CPluginMetaData[] metaData) {
+        try {
+            BlobRestClient c = requireClient();
+            String blob = requireName(name);
+            byte[] bytes = data == null ? new byte[0] : data;
+            if (length < 0 || length > bytes.length) {
+                throw new StorageException(ERRORID.INVALID_ARGUMENT,
+                                           op + ": length " + length + " outside the array of " + bytes.length);
+            }
+            Map<String, String> meta = metaData == null ? null : encodeMetadata(metaData);
+            int len = (int) length;
+            if (len <= SINGLE_PUT_LIMIT) {
+                c.putBlob(blob, bytes, 0, len, meta, false);
+            } else {
+                uploadBlocks(c, blob, bytes, len, meta);
+            }
+            return new CWObjectHandleFnValue(ok(), blob);
+        } catch (StorageException e) {
+            return new CWObjectHandleFnValue(failed(op, e), null);
+        } catch (RuntimeException e) {
+            return new CWObjectHandleFnValue(internal(op, e), null);
+        }
+    }
+
+    /**
+     * Uploads {@code bytes[0..len)} as blocks of {@link #BLOCK_SIZE}, at most
+     * {@link #PARALLEL_UPLOADS} at a time, then commits them in order. If one
+     * block fails the others are cancelled; the uncommitted blocks are
+     * discarded by the service after a week.
+     */
+    private void uploadBlocks(BlobRestClient c, String blob, byte[] bytes, int len, Map<String, String> meta)
+        throws StorageException {
+        ExecutorService pool = pool();
+        List<String> ids = new ArrayList<>();
+        List<Future<?>> futures = new ArrayList<>();
+        for (int off = 0, i = 0; off < len; off += BLOCK_SIZE, ++i) {
+            // Every id of a blob must have the same length before encoding.
+            String id = Base64.getEncoder().encodeToString(
+                String.format(Locale.ROOT, "block-%08d", i).getBytes(StandardCharsets.US_ASCII));
+            ids.add(id);
+            int from = off;
+            int n = Math.min(BLOCK_SIZE, len - off);
+            futures.add(pool.submit(() -> {
+                c.putBlock(blob, id, bytes, from, n);
+                return null;
+            }));
+        }
+        try {
+            for (Future<?> f : futures) {
+                f.get();
+            }
+        } catch (ExecutionException e) {
+            futures.forEach(f -> f.cancel(true));
+            if (e.getCause() instanceof StorageException) {
+                throw (StorageException) e.getCause();
+            }
+            throw new StorageException(ErrorMap.fromThrowable(e.getCause()), 0, null,
+                                       "block upload failed: " + e.getCause(), e.getCause());
+        } catch (InterruptedException e) {
+            futures.forEach(f -> f.cancel(true));
+            Thread.currentThread().interrupt();
+            throw new StorageException(ERRORID.OPERATION_CANCELLED, "block upload interrupted");
+        }
+        c.putBlockList(blob, ids, meta);
+    }
+
+    private synchronized ExecutorService pool() {
+        if (uploadPool == null) {
+            uploadPool = Executors.newFixedThreadPool(PARALLEL_UPLOADS, r -> {
+                Thread t = new Thread(r, "azure-block-upload");
+                t.setDaemon(true);
+                return t;
+            });
+        }
+        return uploadPool;
+    }
+
+    // ------------------------------------------------------------------ read
+
+    /**
+     * Reads up to {@code length} bytes (never more than the array holds) from
+     * {@code offset}; reading at or past the end reports 0 bytes.
+     */
+    public CReadObjectFnValue ReadObject(String name, byte[] data, long length, long offset) {
+        try {
+            BlobRestClient.ReadResult r = readInto(name, data, offset, length);
+            return new CReadObjectFnValue(ok(), r.bytesRead);
+        } catch (StorageException e) {
+            return new CReadObjectFnValue(failed("ReadObject", e), 0);
+        } catch (RuntimeException e) {
+            return new CReadObjectFnValue(internal("ReadObject", e), 0);
+        }
+    }
+
+    /**
+     * Reads like {@link #ReadObject} and also answers the object's metadata:
+     * all of it when {@code propertyNames} is null or empty, otherwise only
+     * the named properties that exist. Besides the object's own metadata the
+     * names Content-Length, Content-Type, ETag and Last-Modified give the
+     * blob's properties of that name.
+     */
+    public CRObjectByNameFnValue ReadObjectByName(String name, byte[] data, long offset, long length,
+                                                  String[] propertyNames) {
+        return readWithMetaData("ReadObjectByName", name, data, offset, length, propertyNames);
+    }
+
+    public CRObjectByNameFnValue ReadObjectByHandle(String handle, byte[] data, long offset, long length,
+                                                    String[] propertyNames) {
+        return readWithMetaData("ReadObjectByHandle", handle, data, offset, length, propertyNames);
+    }
+
+    private CRObjectByNameFnValue readWithMetaData(String op, String name, byte[] data, long offset, long length,
+                                                   String[] propertyNames) {
+        try {
+            BlobRestClient.ReadResult r = readInto(name, data, offset, length);
+            return new CRObjectByNameFnValue(ok(), selectProperties(r.response, propertyNames), r.bytesRead);
+        } catch (StorageException e) {
+            return new CRObjectByNameFnValue(failed(op, e), null, 0);
+        } catch (RuntimeException e) {
+            return new CRObjectByNameFnValue(internal(op, e), null, 0);
+        }
+    }
+
+    private BlobRestClient.ReadResult readInto(String name, byte[] data, long offset, long length)
+        throws StorageException {
+        BlobRestClient c = requireClient();
+        String blob = requireName(name);
+        if (offset < 0 || length < 0) {
+            throw new StorageException(ERRORID.INVALID_RANGE, "negative offset or length");
+        }
+        int room = data == null ? 0 : data.length;
+        int max = (int) Math.min(length, room);
+        return c.readRange(blob, offset, data, max);
+    }
+
+    private static CPluginMetaData[] selectProperties(BlobRestClient.Response r, String[] propertyNames) {
+        Map<String, String> all = decodeMetadata(r.metadata());
+        if (propertyNames == null || propertyNames.length == 0) {
+            return toArray(all);
+        }
+        List<CPluginMetaData> out = new ArrayList<>();
+        for (String p : propertyNames) {
+            if (p == null) {
+                continue;
+            }
+            String v = all.get(p);
+            if (v == null && SYSTEM_PROPERTIES.contains(p.toLowerCase(Locale.ROOT))) {
+                v = r.header(p);
+            }
+            if (v != null) {
+                out.add(new CPluginMetaData(p, v));
+            }
+        }
+        return out.toArray(new CPluginMetaData[0]);
+    }
+
+    private static final List<String> SYSTEM_PROPERTIES =
+        List.of("content-length", "content-type", "etag", "last-modified");
+
+    // ------------------------------------------------------------------ handles
+
+    /** Creates a new empty object; an object of that name that already exists gives ALREADY_EXISTS. */
+    public CCreateFnValue CreateObject(String name) {
+        return create("CreateObject", name, null);
+    }
+
+    public CCreateFnValue CreateObject(String name, CPluginMetaData[] metaData) {
+        return create("CreateObject", name, metaData);
+    }
+
+    /** Answers the handle of an existing object; NOT_FOUND when there is none. */
+    public CCreateFnValue OpenObject(String name) {
+        return OpenObject(name, false);
+    }
+
+    /** With {@code createIfMissing} true a missing object is created empty instead of reported. */
+    public CCreateFnValue OpenObject(String name, boolean createIfMissing) {
+        try {
+            BlobRestClient c = requireClient();
+            String blob = requireName(name);
+            if (!c.exists(blob)) {
+                if (!createIfMissing) {
+                    return new CCreateFnValue(err(ERRORID.NOT_FOUND), null);
+                }
+                try {
+                    c.putBlob(blob, new byte[0], 0, 0, null, true);
+                } catch (StorageException e) {
+                    if (e.error != ERRORID.ALREADY_EXISTS) {
+                        throw e; // someone else creating it at the same moment is fine
+                    }
+                }
+            }
+            return new CCreateFnValue(ok(), blob);
+        } catch (StorageException e) {
+            return new CCreateFnValue(failed("OpenObject", e), null);
+        } catch (RuntimeException e) {
+            return new CCreateFnValue(internal("OpenObject", e), null);
+        }
+    }
+
+    public CCreateFnValue CreateCachedObject(String name) {
+        return create("CreateCachedObject", name, null);
+    }
+
+    private CCreateFnValue create(String op, String name, CPluginMetaData[] metaData) {
+        try {
+            BlobRestClient c = requireClient();
+            String blob = requireName(name);
+            c.putBlob(blob, new byte[0], 0, 0, metaData == null ? null : encodeMetadata(metaData), true);
+            return new CCreateFnValue(ok(), blob);
+        } catch (StorageException e) {
+            return new CCreateFnValue(failed(op, e), null);
+        } catch (RuntimeException e) {
+            return new CCreateFnValue(internal(op, e), null);
+        }
+    }
+
+    /** Handles hold no resources; closing only checks that the text can be one. */
+    public CErrorValue CloseObject(String handle) {
+        if (client == null) {
+            return err(ERRORID.NOT_INITIALIZED);
+        }
+        return handle == null || handle.isEmpty() ? err(ERRORID.INVALID_HANDLE) : ok();
+    }
+
+    // ------------------------------------------------------------------ delete and existence
+
+    public CErrorValue DeleteObjectByName(String name) {
+        return delete("DeleteObjectByName", name);
+    }
+
+    public CErrorValue DeleteObjectByHandle(String handle) {
+        return delete("DeleteObjectByHandle", handle);
+    }
+
+    /**
+     * Deletes every object named; null entries are skipped. All are tried; the
+     * answer is the first failure, if any.
+     */
+    public CErrorValue DeleteObjectByHandle(String[] handles) {
+        if (handles == null) {
+            return err(ERRORID.INVALID_ARGUMENT);
+        }
+        CErrorValue first = null;
+        for (String h : handles) {
+            if (h == null) {
+                continue;
+            }
+            CErrorValue r = delete("DeleteObjectByHandle", h);
+            if (first == null && r.getErrorID() != ERRORID.SUCCESS) {
+                first = r;
+            }
+        }
+        return first == null ? ok() : first;
+    }
+
+    public CErrorValue DeleteCachedObjectByName(String name) {
+        return delete("DeleteCachedObjectByName", name);
+    }
+
+    private CErrorValue delete(String op, String name) {
+        try {
+            requireClient().deleteBlob(requireName(name));
+            return ok();
+        } catch (StorageException e) {
+            return failed(op, e);
+        } catch (RuntimeException e) {
+            return internal(op, e);
+        }
+    }
+
+    public CIsObjectExistFnValue IsObjectExist(String name) {
+        try {
+            return new CIsObjectExistFnValue(ok(), requireClient().exists(requireName(name)));
+        } catch (StorageException e) {
+            return new CIsObjectExistFnValue(failed("IsObjectExist", e), false);
+        } catch (RuntimeException e) {
+            return new CIsObjectExistFnValue(internal("IsObjectExist", e), false);
+        }
+    }
+
+    /**
+     * Whether the text can name a blob: 1 to 1024 characters, not ending in
+     * '.' or '/', no control characters. The path type is not used.
+     */
+    public CIsObjectExistFnValue IsObjectPathSupported(String path, int pathType) {
+        return new CIsObjectExistFnValue(ok(), isValidBlobName(path));
+    }
+
+    static boolean isValidBlobName(String path) {
+        if (path == null || path.isEmpty() || path.length() > 1024) {
+            return false;
+        }
+        char last = path.charAt(path.length() - 1);
+        if (last == '.' || last == '/' || last == '\\') {
+            return false;
+        }
+        for (int i = 0; i < path.length(); ++i) {
+            if (Character.isISOControl(path.charAt(i))) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // ------------------------------------------------------------------ metadata and sub-lists
+
+    /**
+     * Sets one property and keeps the others. The read-modify-write is guarded
+     * by the blob's ETag and tried again when another writer got in between.
+     */
+    public CErrorValue SetObjectMetaData(String name, String property, String value) {
+        try {
+            BlobRestClient c = requireClient();
+            String blob = requireName(name);
+            if (property == null || property.isEmpty()) {
+                throw new StorageException(ERRORID.INVALID_METADATA, "empty property name");
+            }
+            for (int attempt = 0; ; ++attempt) {
+                BlobRestClient.Response props = c.properties(blob);
+                Map<String, String> stored = new TreeMap<>(props.metadata());
+                stored.put(MetadataCodec.encodeName(property), MetadataCodec.encodeValue(value));
+                try {
+                    c.setMetadata(blob, stored, props.header("ETag"));
+                    return ok();
+                } catch (StorageException e) {
+                    if (e.error != ERRORID.CONDITION_NOT_MET || attempt >= 4) {
+                        throw e;
+                    }
+                }
+            }
+        } catch (StorageException e) {
+            return failed("SetObjectMetaData", e);
+        } catch (RuntimeException e) {
+            return internal("SetObjectMetaData", e);
+        }
+    }
+
+    /** One property's value; NOT_FOUND when the object has no property of that name. */
+    public CGetObjectMetaData GetObjectMetaData(String name, String property) {
+        try {
+            BlobRestClient.Response props = requireClient().properties(requireName(name));
+            String v = decodeMetadata(props.metadata()).get(property);
+            if (v == null) {
+                return new CGetObjectMetaData(err(ERRORID.NOT_FOUND), null);
+            }
+            return new CGetObjectMetaData(ok(), v);
+        } catch (StorageException e) {
+            return new CGetObjectMetaData(failed("GetObjectMetaData", e), null);
+        } catch (RuntimeException e) {
+            return new CGetObjectMetaData(internal("GetObjectMetaData", e), null);
+        }
+    }
+
+    public CGObjectMetaDataFnValue GetObjectMetaData(String name) {
+        try {
+            BlobRestClient.Response props = requireClient().properties(requireName(name));
+            return new CGObjectMetaDataFnValue(ok(), toArray(decodeMetadata(props.metadata())));
+        } catch (StorageException e) {
+            return new CGObjectMetaDataFnValue(failed("GetObjectMetaData", e), null);
+        } catch (RuntimeException e) {
+            return new CGObjectMetaDataFnValue(internal("GetObjectMetaData", e), null);
+        }
+    }
+
+    /** Every object whose name starts with the path (all objects for a null or empty path), with its metadata. */
+    public CRetGetSubMetaDataList GetObjectSubList(String path) {
+        try {
+            BlobRestClient c = requireClient();
+            List<CObjectSubListElement> out = new ArrayList<>();
+            String marker = null;
+            do {
+                BlobRestClient.BlobPage page = c.listBlobs(path, marker, listPageSize, true);
+                for (BlobRestClient.BlobItem item : page.items) {
+                    out.add(new CObjectSubListElement(item.name, toArray(decodeMetadata(item.metadata))));
+                }
+                marker = page.nextMarker;
+            } while (marker != null);
+            return new CRetGetSubMetaDataList(ok(), out.toArray(new CObjectSubListElement[0]));
+        } catch (StorageException e) {
+            return new CRetGetSubMetaDataList(failed("GetObjectSubList", e), null);
+        } catch (RuntimeException e) {
+            return new CRetGetSubMetaDataList(internal("GetObjectSubList", e), null);
+        }
+    }
+
+    // ------------------------------------------------------------------ containers and regions
+
+    public QVListContainers GetListContainers() {
+        try {
+            List<String> names = requireClient().listContainers();
+            QVAzureContainer[] out = new QVAzureContainer[names.size()];
+            for (int i = 0; i < out.length; ++i) {
+                out[i] = new QVAzureContainer(names.get(i));
+            }
+            return new QVListContainers(ok(), out);
+        } catch (StorageException e) {
+            return new QVListContainers(failed("GetListContainers", e), null);
+        } catch (RuntimeException e) {
+            return new QVListContainers(internal("GetListContainers", e), null);
+        }
+    }
+
+    /** Not available: the Blob REST API has no notion of an archive set. */
+    public QVListContainers GetArchiveSet() {
+        return new QVListContainers(err(ERRORID.NOT_SUPPORTED), null);
+    }
+
+    /** Not available: regions are a management-plane matter, outside the Blob REST API. */
+    public QVListRegions GetRegions() {
+        return new QVListRegions(err(ERRORID.NOT_SUPPORTED), null);
+    }
+
+    /** Whether the text follows Azure's container naming rules (no request is made). */
+    public CIsObjectExistFnValue IsValidContainer(String name) {
+        return new CIsObjectExistFnValue(ok(), StorageConnection.isValidContainerName(name));
+    }
+
+    public com.qv.AmazonLibrary.CIsObjectExistFnValue IsContainerExists(String name) {
+        try {
+            if (!StorageConnection.isValidContainerName(name)) {
+                return new com.qv.AmazonLibrary.CIsObjectExistFnValue(err(ERRORID.INVALID_CONTAINER_NAME), false);
+            }
+            return new com.qv.AmazonLibrary.CIsObjectExistFnValue(ok(), requireClient().containerExists(name));
+        } catch (StorageException e) {
+            return new com.qv.AmazonLibrary.CIsObjectExistFnValue(failed("IsContainerExists", e), false);
+        } catch (RuntimeException e) {
+            return new com.qv.AmazonLibrary.CIsObjectExistFnValue(internal("IsContainerExists", e), false);
+        }
+    }
+
+    /** Deletes the container of the connection string with everything in it. */
+    public CErrorValue DeleteContainer() {
+        try {
+            BlobRestClient c = requireClient();
+            c.deleteContainer(c.container());
+            return ok();
+        } catch (StorageException e) {
+            return failed("DeleteContainer", e);
+        } catch (RuntimeException e) {
+            return internal("DeleteContainer", e);
+        }
+    }
+
+    public CUniqueAccountValue GetContainerName() {
+        StorageConnection conn = connection;
+        if (conn == null) {
+            return new CUniqueAccountValue(err(ERRORID.NOT_INITIALIZED), null);
+        }
+        return new CUniqueAccountValue(ok(), conn.container);
+    }
+
+    /** Not available: the Blob REST API does not tell an account's region. */
+    public CCreateFnValue GetBucketRegion(String containerName) {
+        return new CCreateFnValue(err(ERRORID.NOT_SUPPORTED), null);
+    }
+
+    // ------------------------------------------------------------------ account and storage keys
+
+    /**
+     * The account name as identity and display name, the account kind and SKU
+     * from Get Account Information as its type, the bytes of the container as
+     * used size and the standard account limit minus that as remaining size.
+     * The Blob REST API knows no owner e-mail address; that field stays null.
+     */
+    public CGetAccountInfoFnValue GetAccountInfo() {
+        try {
+            BlobRestClient c = requireClient();
+            BlobRestClient.Response info = c.accountInformation();
+            String kind = info.header("x-ms-account-kind");
+            String sku = info.header("x-ms-sku-name");
+            String type = kind == null ? sku : (sku == null ? kind : kind + "/" + sku);
+            long used = containerBytes(c);
+            String account = connection.accountName;
+            return new CGetAccountInfoFnValue(ok(), account, type, account, null, used,
+                                              Math.max(0, ACCOUNT_CAPACITY - used));
+        } catch (StorageException e) {
+            return new CGetAccountInfoFnValue(failed("GetAccountInfo", e), null, null, null, null, 0, 0);
+        } catch (RuntimeException e) {
+            return new CGetAccountInfoFnValue(internal("GetAccountInfo", e), null, null, null, null, 0, 0);
+        }
+    }
+
+    /** The bytes of all objects of the container, summed from a full listing. */
+    public CGetAccountSizeValue GetAllObjectsSize() {
+        try {
+            return new CGetAccountSizeValue(ok(), containerBytes(requireClient()));
+        } catch (StorageException e) {
+            return new CGetAccountSizeValue(failed("GetAllObjectsSize", e), 0);
+        } catch (RuntimeException e) {
+            return new CGetAccountSizeValue(internal("GetAllObjectsSize", e), 0);
+        }
+    }
+
+    private long containerBytes(BlobRestClient c) throws StorageException {
+        long total = 0;
+        String marker = null;
+        do {
+            BlobRestClient.BlobPage page = c.listBlobs(null, marker, listPageSize, false);
+            for (BlobRestClient.BlobItem item : page.items) {
+                total += item.size;
+            }
+            marker = page.nextMarker;
+        } while (marker != null);
+        return total;
+    }
+
+    public CUniqueAccountValue GetUniqueAccountName() {
+        StorageConnection conn = connection;
+        if (conn == null) {
+            return new CUniqueAccountValue(err(ERRORID.NOT_INITIALIZED), null);
+        }
+        return new CUniqueAccountValue(ok(), conn.accountName);
+    }
+
+    /** Not available: account ownership is not visible through the Blob REST API. */
+    public CUniqueAccountValue GetOwnerName() {
+        return new CUniqueAccountValue(err(ERRORID.NOT_SUPPORTED), null);
+    }
+
+    /** Not available: what the two texts denote is not defined for this back end. */
+    public CIsObjectExistFnValue IsSameAccount(String first, String second) {
+        return new CIsObjectExistFnValue(err(ERRORID.NOT_SUPPORTED), false);
+    }
+
+    /** Not available: storage keys are managed through the management plane, not the Blob REST API. */
+    public CString getStorageKey(String first, String second) {
+        return new CString(err(ERRORID.NOT_SUPPORTED), null);
+    }
+
+    /** Not available, as {@link #getStorageKey}. */
+    public CString updateStorageKey() {
+        return new CString(err(ERRORID.NOT_SUPPORTED), null);
+    }
+
+    /** Not available: this back end has no server list. */
+    public CArrayOfString getServerNameList() {
+        return new CArrayOfString(err(ERRORID.NOT_SUPPORTED), null);
+    }
+
+    /** The size rounded up to a whole number of blocks (the size itself when either is not positive). */
+    public long GetObjectActualSize(long size, long blockSize) {
+        if (blockSize <= 0 || size <= 0) {
+            return size;
+        }
+        return (size + blockSize - 1) / blockSize * blockSize;
+    }
+
+    /** 1 when the library is connected, so that a backup can write; NOT_INITIALIZED otherwise. */
+    public CInt canBackup() {
+        return client == null ? new CInt(err(ERRORID.NOT_INITIALIZED), 0) : new CInt(ok(), 1);
+    }
+
+    // ------------------------------------------------------------------ job information, connectivity, sizes
+
+    /** Not available: this library keeps no job records. */
+    public CErrorValue addJobInfo(long a, long b, long c, long d, long e, long f) {
+        return err(ERRORID.NOT_SUPPORTED);
+    }
+
+    /** One request to the container; its outcome is the answer. */
+    public CErrorValue CheckConnectivity() {
+        try {
+            BlobRestClient c = requireClient();
+            if (!c.containerExists(c.container())) {
+                return err(ERRORID.CONTAINER_NOT_FOUND);
+            }
+            return ok();
+        } catch (StorageException e) {
+            return failed("CheckConnectivity", e);
+        } catch (RuntimeException e) {
+            return internal("CheckConnectivity", e);
+        }
+    }
+
+    public CGDefaultObjSizeRangeValue GetDefaultObjectSizeRange() {
+        return new CGDefaultObjSizeRangeValue(ok(), MIN_OBJECT_SIZE, DEFAULT_OBJECT_SIZE, MAX_OBJECT_SIZE);
+    }
+
+    public CloudPluginCapabilities GetCloudPluginCapabilities() {
+        HashMap<String, String> map = new HashMap<>();
+        map.put("Provider", "AzureBlob");
+        map.put("ApiVersion", BlobRestClient.API_VERSION);
+        map.put("MaxObjectSize", Long.toString(MAX_OBJECT_SIZE));
+        map.put("BlockUploadThreshold", Integer.toString(SINGLE_PUT_LIMIT));
+        map.put("BlockSize", Integer.toString(BLOCK_SIZE));
+        map.put("ParallelUploads", Integer.toString(PARALLEL_UPLOADS));
+        map.put("SupportsMetadata", "true");
+        map.put("SupportsRangedRead", "true");
+        map.put("SupportsCachedObjects", "false");
+        map.put("SupportsRegions", "false");
+        map.put("SupportsStorageKeys", "false");
+        return new CloudPluginCapabilities(map);
+    }
+
+    // ------------------------------------------------------------------ helpers
+
+    private BlobRestClient requireClient() throws StorageException {
+        BlobRestClient c = client;
+        if (c == null) {
+            throw new StorageException(ERRORID.NOT_INITIALIZED, "AzureInit has not succeeded");
+        }
+        return c;
+    }
+
+    private static String requireName(String name) throws StorageException {
+        if (name == null || name.isEmpty()) {
+            throw new StorageException(ERRORID.INVALID_HANDLE, "empty object name or handle");
+        }
+        if (!isValidBlobName(name)) {
+            throw new StorageException(ERRORID.INVALID_OBJECT_NAME, "not a usable object name: " + name);
+        }
+        return name;
+    }
+
+    static Map<String, String> encodeMetadata(CPluginMetaData[] metaData) throws StorageException {
+        Map<String, String> out = new LinkedHashMap<>();
+        for (CPluginMetaData m : metaData) {
+            if (m == null) {
+                continue;
+            }
+            if (m.szPropertyName == null || m.szPropertyName.isEmpty()) {
+                throw new StorageException(ERRORID.INVALID_METADATA, "metadata property without a name");
+            }
+            String value = m.val == null ? null : m.val.szProperty;
+            out.put(MetadataCodec.encodeName(m.szPropertyName), MetadataCodec.encodeValue(value));
+        }
+        return out;
+    }
+
+    static Map<String, String> decodeMetadata(Map<String, String> stored) {
+        Map<String, String> out = new TreeMap<>();
+        for (Map.Entry<String, String> e : stored.entrySet()) {
+            out.put(MetadataCodec.decodeName(e.getKey()), MetadataCodec.decodeValue(e.getValue()));
+        }
+        return out;
+    }
+
+    private static CPluginMetaData[] toArray(Map<String, String> props) {
+        CPluginMetaData[] out = new CPluginMetaData[props.size()];
+        int i = 0;
+        for (Map.Entry<String, String> e : props.entrySet()) {
+            out[i++] = new CPluginMetaData(e.getKey(), e.getValue());
+        }
+        return out;
+    }
+
+    private static CErrorValue ok() {
+        return new CErrorValue();
+    }
+
+    private static CErrorValue err(ERRORID id) {
+        return new CErrorValue(id);
+    }
+
+    private static CErrorValue failed(String op, StorageException e) {
+        LOG.log(Level.WARNING, op + ": " + e.error + ": " + e.getMessage());
+        return new CErrorValue(e.error);
+    }
+
+    private static CErrorValue internal(String op, RuntimeException e) {
+        LOG.log(Level.SEVERE, op + ": unexpected failure", e);
+        return new CErrorValue(ERRORID.INTERNAL_ERROR);
+    }
+}

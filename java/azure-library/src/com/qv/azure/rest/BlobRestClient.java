@@ -1,0 +1,532 @@
+package com.qv.azure.rest;
+
+import com.qv.QVCloudPluginInterface.ERRORID;
+
+import java.io.ByteArrayInputStream;
+import java.io.IOException;
+import java.io.InputStream;
+import java.net.URI;
+import java.net.http.HttpClient;
+import java.net.http.HttpHeaders;
+import java.net.http.HttpRequest;
+import java.net.http.HttpResponse;
+import java.nio.charset.StandardCharsets;
+import java.security.MessageDigest;
+import java.security.NoSuchAlgorithmException;
+import java.time.Duration;
+import java.time.ZoneOffset;
+import java.time.ZonedDateTime;
+import java.time.format.DateTimeFormatter;
+import java.util.ArrayList;
+import java.util.Base64;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Locale;
+import java.util.Map;
+import java.util.TreeMap;
+import javax.xml.XMLConstants;
+import javax.xml.parsers.DocumentBuilder;
+import javax.xml.parsers.DocumentBuilderFactory;
+import javax.xml.parsers.ParserConfigurationException;
+import org.w3c.dom.Document;
+import org.w3c.dom.Element;
+import org.w3c.dom.Node;
+import org.w3c.dom.NodeList;
+import org.xml.sax.SAXException;
+
+/**
+ * A small client for the parts of the Blob service REST API that the plug-in
+ * library needs, on java.net.http with Shared Key authorization. Every call
+ * either returns what the service answered or throws a {@link StorageException}
+ * already classified by {@link ErrorMap}. Requests that fail in a way worth
+ * retrying (throttling, timeouts, 5xx, broken connections) are sent again a
+ * few times with growing pauses.
+ *
+ * Metadata passed in and out of this class is in its stored form (see
+ * {@link MetadataCodec}): names without the x-ms-meta- prefix.
+ */
+public final class BlobRestClient {
+    public static final String API_VERSION = "2021-08-06";
+    private static final DateTimeFormatter RFC1123 =
+        DateTimeFormatter.ofPattern("EEE, dd MMM yyyy HH:mm:ss 'GMT'", Locale.US);
+    private static final String META = "x-ms-meta-";
+
+    private final StorageConnection conn;
+    private final HttpClient http;
+    private final SharedKeySigner signer;
+    private final Duration requestTimeout;
+    private final int maxAttempts;
+    /** The path part of the endpoint ("" for account host names, "/account" for emulator-style endpoints). */
+    private final String basePath;
+
+    public BlobRestClient(StorageConnection conn, Duration connectTimeout, Duration requestTimeout, int maxAttempts) {
+        this.conn = conn;
+        this.requestTimeout = requestTimeout;
+        this.maxAttempts = Math.max(1, maxAttempts);
+        this.signer = new SharedKeySigner(conn.accountName, conn.accountKey);
+        this.http = HttpClient.newBuilder()
+            .version(HttpClient.Version.HTTP_1_1)
+            .connectTimeout(connectTimeout)
+            .followRedirects(HttpClient.Redirect.NEVER)
+            .build();
+        String p = conn.blobEndpoint.getRawPath();
+        this.basePath = p == null ? "" : p;
+    }
+
+    public String container() {
+        return conn.container;
+    }
+
+    // ------------------------------------------------------------------ plumbing
+
+    /** One answer of the service: status, headers and the whole body. */
+    public static final class Response {
+        public final int status;
+        public final HttpHeaders headers;
+        public final byte[] body;
+
+        Response(int status, HttpHeaders headers, byte[] body) {
+            this.status = status;
+            this.headers = headers;
+            this.body = body;
+        }
+
+        public String header(String name) {
+            return headers.firstValue(name).orElse(null);
+        }
+
+        public long longHeader(String name, long fallback) {
+            String v = header(name);
+            if (v == null) {
+                return fallback;
+            }
+            try {
+                return Long.parseLong(v.trim());
+            } catch (NumberFormatException e) {
+                return fallback;
+            }
+        }
+
+        /** The x-ms-meta-* headers, names lowercased and without the prefix. */
+        public Map<String, String> metadata() {
+            Map<String, String> out = new TreeMap<>();
+            for (Map.Entry<String, List<String>> e : headers.map().entrySet()) {
+                String k = e.getKey().toLowerCase(Locale.ROOT);
+                if (k.startsWith(META) && !e.getValue().isEmpty()) {
+                    out.put(k.substring(META.length()), e.getValue().get(0));
+                }
+            }
+            return out;
+        }
+    }
+
+    /** What a ranged read put into the caller's array, with the answer's headers. */
+    public static final class ReadResult {
+        public final int bytesRead;
+        public final Response response;
+
+        ReadResult(int bytesRead, Response response) {
+            this.bytesRead = bytesRead;
+            this.response = response;
+        }
+    }
+
+    /** Where the body of an answer goes: kept whole, or copied into the caller's array. */
+    private interface BodySink {
+        byte[] consume(InputStream in) throws IOException;
+    }
+
+    /** Percent-encodes a blob name for the URL path, keeping '/' as the virtual directory separator. */
+    public static String encodePath(String s) {
+        StringBuilder sb = new StringBuilder();
+        for (byte b : s.getBytes(StandardCharsets.UTF_8)) {
+            int c = b & 0xff;
+            if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')
+                || c == '-' || c == '.' || c == '_' || c == '~' || c == '/') {
+                sb.append((char) c);
+            } else {
+                sb.append('%').append(String.format(Locale.ROOT, "%02X", c));
+            }
+        }
+        return sb.toString();
+    }
+
+    static String encodeQueryValue(String s) {
+        String p = encodePath(s);
+        return p.replace("/", "%2F");
+    }
+
+    private String blobPath(String blob) {
+        return basePath + "/" + conn.container + "/" + encodePath(blob);
+    }
+
+    private String containerPath(String container) {
+        return basePath + "/" + container;
+    }
+
+    private Response send(String method, String rawPath, String rawQuery, Map<String, String> headers,
+                          byte[] body, int off, int len, BodySink sink, int... okStatuses) throws StorageException {
+        StorageException last = null;
+        for (int attempt = 1; attempt <= maxAttempts; ++attempt) {
+            try {
+                return sendOnce(method, rawPath, rawQuery, headers, body, off, len, sink, okStatuses);
+            } catch (StorageException e) {
+                last = e;
+                if (!ErrorMap.isRetryable(e.error) || attempt == maxAttempts) {
+                    throw e;
+                }
+                try {
+                    Thread.sleep(100L << (2 * (attempt - 1)));
+                } catch (InterruptedException ie) {
+                    Thread.currentThread().interrupt();
+                    throw new StorageException(ERRORID.OPERATION_CANCELLED, 0, null, "interrupted", ie);
+                }
+            }
+        }
+        throw last;
+    }
+
+    private Response sendOnce(String method, String rawPath, String rawQuery, Map<String, String> headers,
+                              byte[] body, int off, int len, BodySink sink, int... okStatuses)
+        throws StorageException {
+        Map<String, String> all = new LinkedHashMap<>(headers);
+        all.put("x-ms-date", RFC1123.format(ZonedDateTime.now(ZoneOffset.UTC)));
+        all.put("x-ms-version", API_VERSION);
+        long contentLength = body == null ? 0 : len;
+        all.put("Authorization", signer.authorization(method, rawPath, rawQuery, all, contentLength));
+
+        URI base = conn.blobEndpoint;
+        String uri = base.getScheme() + "://" + base.getRawAuthority() + rawPath
+            + (rawQuery == null || rawQuery.isEmpty() ? "" : "?" + rawQuery);
+        HttpRequest.Builder b = HttpRequest.newBuilder(URI.create(uri)).timeout(requestTimeout);
+        for (Map.Entry<String, String> e : all.entrySet()) {
+            b.header(e.getKey(), e.getValue());
+        }
+        HttpRequest.BodyPublisher publisher = body == null
+            ? HttpRequest.BodyPublishers.noBody()
+            : HttpRequest.BodyPublishers.ofByteArray(body, off, len);
+        b.method(method, publisher);
+
+        HttpResponse<InputStream> resp;
+        try {
+            resp = http.send(b.build(), HttpResponse.BodyHandlers.ofInputStream());
+        } catch (IOException e) {
+            throw new StorageException(ErrorMap.fromThrowable(e), 0, null,
+                                       method + " " + rawPath + ": " + e, e);
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            throw new StorageException(ERRORID.OPERATION_CANCELLED, 0, null, "interrupted", e);
+        }
+        int status = resp.statusCode();
+        boolean ok = false;
+        for (int s : okStatuses) {
+            ok |= s == status;
+        }
+        try (InputStream in = resp.body()) {
+            if (!ok) {
+                byte[] err = in.readAllBytes();
+                String code = resp.headers().firstValue("x-ms-error-code").orElse(null);
+                if (code == null) {
+                    code = xmlText(err, "Code");
+                }
+                throw new StorageException(ErrorMap.fromHttp(status, code), status, code,
+                                           method + " " + rawPath + " -> " + status + " " + code, null);
+            }
+            byte[] kept = sink == null ? in.readAllBytes() : sink.consume(in);
+            return new Response(status, resp.headers(), kept);
+        } catch (IOException e) {
+            throw new StorageException(ErrorMap.fromThrowable(e), status, null,
+                                       method + " " + rawPath + ": reading the answer failed: " + e, e);
+        }
+    }
+
+    private static Map<String, String> withMetadata(Map<String, String> headers, Map<String, String> metadata) {
+        Map<String, String> h = new LinkedHashMap<>(headers);
+        if (metadata != null) {
+            for (Map.Entry<String, String> e : metadata.entrySet()) {
+                h.put(META + e.getKey(), e.getValue());
+            }
+        }
+        return h;
+    }
+
+    // ------------------------------------------------------------------ containers and account
+
+    /** Creates the configured container; answers false when it was already there. */
+    public boolean createContainerIfMissing() throws StorageException {
+        try {
+            send("PUT", containerPath(conn.container), "restype=container", Map.of(), null, 0, 0, null, 201);
+            return true;
+        } catch (StorageException e) {
+            if (e.error == ERRORID.CONTAINER_ALREADY_EXISTS) {
+                return false;
+            }
+            throw e;
+        }
+    }
+
+    public boolean containerExists(String container) throws StorageException {
+        try {
+            send("HEAD", containerPath(container), "restype=container", Map.of(), null, 0, 0, null, 200);
+            return true;
+        } catch (StorageException e) {
+            if (e.status == 404) {
+                return false;
+            }
+            throw e;
+        }
+    }
+
+    public void deleteContainer(String container) throws StorageException {
+        send("DELETE", containerPath(container), "restype=container", Map.of(), null, 0, 0, null, 202);
+    }
+
+    /** Every container of the account, following the continuation markers. */
+    public List<String> listContainers() throws StorageException {
+        List<String> names = new ArrayList<>();
+        String marker = null;
+        do {
+            String q = "comp=list" + (marker == null ? "" : "&marker=" + encodeQueryValue(marker));
+            Response r = send("GET", basePath + "/", q, Map.of(), null, 0, 0, null, 200);
+            Document doc = parseXml(r.body);
+            NodeList list = doc.getElementsByTagName("Container");
+            for (int i = 0; i < list.getLength(); ++i) {
+                String n = childText((Element) list.item(i), "Name");
+                if (n != null) {
+                    names.add(n);
+                }
+            }
+            marker = childText(doc.getDocumentElement(), "NextMarker");
+        } while (marker != null && !marker.isEmpty());
+        return names;
+    }
+
+    /** Get Account Information: the x-ms-sku-name and x-ms-account-kind headers. */
+    public Response accountInformation() throws StorageException {
+        return send("GET", basePath + "/", "restype=account&comp=properties", Map.of(), null, 0, 0, null, 200);
+    }
+
+    // ------------------------------------------------------------------ blobs
+
+    /**
+     * Put Blob of a whole block blob.
+     *
+     * @param onlyIfMissing send If-None-Match: * so that an existing blob is not replaced
+     */
+    public void putBlob(String blob, byte[] data, int off, int len, Map<String, String> metadata,
+                        boolean onlyIfMissing) throws StorageException {
+        Map<String, String> h = new LinkedHashMap<>();
+        h.put("x-ms-blob-type", "BlockBlob");
+        h.put("Content-Type", "application/octet-stream");
+        if (onlyIfMissing) {
+            h.put("If-None-Match", "*");
+        }
+        send("PUT", blobPath(blob), null, withMetadata(h, metadata), data, off, len, null, 201);
+    }
+
+    /** Put Block with a Content-MD5 the service checks the block against. */
+    public void putBlock(String blob, String blockId, byte[] data, int off, int len) throws StorageException {
+        Map<String, String> h = new LinkedHashMap<>();
+        h.put("Content-MD5", md5Base64(data, off, len));
+        String q = "comp=block&blockid=" + encodeQueryValue(blockId);
+        send("PUT", blobPath(blob), q, h, data, off, len, null, 201);
+    }
+
+    /** Put Block List: commits the given uncommitted blocks, in order, as the blob's content. */
+    public void putBlockList(String blob, List<String> blockIds, Map<String, String> metadata)
+        throws StorageException {
+        StringBuilder xml = new StringBuilder("<?xml version=\"1.0\" encoding=\"utf-8\"?><BlockList>");
+        for (String id : blockIds) {
+            xml.append("<Latest>").append(id).append("</Latest>");
+        }
+        xml.append("</BlockList>");
+        byte[] body = xml.toString().getBytes(StandardCharsets.UTF_8);
+        Map<String, String> h = new LinkedHashMap<>();
+        h.put("Content-Type", "application/xml");
+        h.put("x-ms-blob-content-type", "application/octet-stream");
+        send("PUT", blobPath(blob), "comp=blocklist", withMetadata(h, metadata), body, 0, body.length, null, 201);
+    }
+
+    /**
+     * Reads up to {@code max} bytes from {@code offset} into {@code dest[0..]}.
+     * An offset at or past the end reads 0 bytes (the service answers 416 then,
+     * and the blob's properties are fetched separately).
+     */
+    public ReadResult readRange(String blob, long offset, byte[] dest, int max) throws StorageException {
+        if (max <= 0) {
+            return new ReadResult(0, properties(blob));
+        }
+        Map<String, String> h = Map.of("x-ms-range", "bytes=" + offset + "-" + (offset + max - 1));
+        int[] count = new int[1];
+        BodySink sink = in -> {
+            int n = 0;
+            int r;
+            while (n < max && (r = in.read(dest, n, max - n)) > 0) {
+                n += r;
+            }
+            count[0] = n;
+            in.transferTo(java.io.OutputStream.nullOutputStream());
+            return new byte[0];
+        };
+        try {
+            Response r = send("GET", blobPath(blob), null, h, null, 0, 0, sink, 200, 206);
+            return new ReadResult(count[0], r);
+        } catch (StorageException e) {
+            if (e.status == 416) {
+                return new ReadResult(0, properties(blob));
+            }
+            throw e;
+        }
+    }
+
+    /** Get Blob Properties (HEAD). */
+    public Response properties(String blob) throws StorageException {
+        return send("HEAD", blobPath(blob), null, Map.of(), null, 0, 0, null, 200);
+    }
+
+    public boolean exists(String blob) throws StorageException {
+        try {
+            properties(blob);
+            return true;
+        } catch (StorageException e) {
+            if (e.status == 404) {
+                return false;
+            }
+            throw e;
+        }
+    }
+
+    /** Set Blob Metadata, replacing all of it; with an ETag it only succeeds if the blob is unchanged. */
+    public void setMetadata(String blob, Map<String, String> metadata, String ifMatch) throws StorageException {
+        Map<String, String> h = new LinkedHashMap<>();
+        if (ifMatch != null) {
+            h.put("If-Match", ifMatch);
+        }
+        send("PUT", blobPath(blob), "comp=metadata", withMetadata(h, metadata), null, 0, 0, null, 200);
+    }
+
+    public void deleteBlob(String blob) throws StorageException {
+        send("DELETE", blobPath(blob), null, Map.of(), null, 0, 0, null, 202);
+    }
+
+    /** One blob of a listing. */
+    public static final class BlobItem {
+        public final String name;
+        public final long size;
+        public final Map<String, String> metadata;
+
+        BlobItem(String name, long size, Map<String, String> metadata) {
+            this.name = name;
+            this.size = size;
+            this.metadata = metadata;
+        }
+    }
+
+    /** One page of List Blobs and the marker of the next page (null at the end). */
+    public static final class BlobPage {
+        public final List<BlobItem> items;
+        public final String nextMarker;
+
+        BlobPage(List<BlobItem> items, String nextMarker) {
+            this.items = items;
+            this.nextMarker = nextMarker;
+        }
+    }
+
+    public BlobPage listBlobs(String prefix, String marker, int maxResults, boolean withMetadata)
+        throws StorageException {
+        StringBuilder q = new StringBuilder("restype=container&comp=list");
+        if (withMetadata) {
+            q.append("&include=metadata");
+        }
+        if (marker != null && !marker.isEmpty()) {
+            q.append("&marker=").append(encodeQueryValue(marker));
+        }
+        if (maxResults > 0) {
+            q.append("&maxresults=").append(maxResults);
+        }
+        if (prefix != null && !prefix.isEmpty()) {
+            q.append("&prefix=").append(encodeQueryValue(prefix));
+        }
+        Response r = send("GET", containerPath(conn.container), q.toString(), Map.of(), null, 0, 0, null, 200);
+        Document doc = parseXml(r.body);
+        List<BlobItem> items = new ArrayList<>();
+        NodeList blobs = doc.getElementsByTagName("Blob");
+        for (int i = 0; i < blobs.getLength(); ++i) {
+            Element b = (Element) blobs.item(i);
+            String name = childText(b, "Name");
+            long size = 0;
+            Element props = child(b, "Properties");
+            if (props != null) {
+                String len = childText(props, "Content-Length");
+                if (len != null && !len.isEmpty()) {
+                    size = Long.parseLong(len.trim());
+                }
+            }
+            Map<String, String> meta = new TreeMap<>();
+            Element m = child(b, "Metadata");
+            if (m != null) {
+                for (Node n = m.getFirstChild(); n != null; n = n.getNextSibling()) {
+                    if (n instanceof Element) {
+                        meta.put(n.getNodeName().toLowerCase(Locale.ROOT), n.getTextContent());
+                    }
+                }
+            }
+            items.add(new BlobItem(name, size, meta));
+        }
+        String next = childText(doc.getDocumentElement(), "NextMarker");
+        return new BlobPage(items, next == null || next.isEmpty() ? null : next);
+    }
+
+    // ------------------------------------------------------------------ helpers
+
+    static String md5Base64(byte[] data, int off, int len) {
+        try {
+            MessageDigest md = MessageDigest.getInstance("MD5");
+            md.update(data, off, len);
+            return Base64.getEncoder().encodeToString(md.digest());
+        } catch (NoSuchAlgorithmException e) {
+            throw new IllegalStateException("MD5 is not available", e);
+        }
+    }
+
+    private static Document parseXml(byte[] body) throws StorageException {
+        try {
+            DocumentBuilderFactory f = DocumentBuilderFactory.newInstance();
+            f.setFeature(XMLConstants.FEATURE_SECURE_PROCESSING, true);
+            f.setFeature("http://apache.org/xml/features/disallow-doctype-decl", true);
+            f.setExpandEntityReferences(false);
+            DocumentBuilder db = f.newDocumentBuilder();
+            return db.parse(new ByteArrayInputStream(body));
+        } catch (ParserConfigurationException | SAXException | IOException e) {
+            throw new StorageException(ERRORID.INTERNAL_ERROR, 0, null, "unreadable XML answer: " + e, e);
+        }
+    }
+
+    /** The text of the first element named {@code tag} in an error body, or null. */
+    private static String xmlText(byte[] body, String tag) {
+        if (body == null || body.length == 0) {
+            return null;
+        }
+        try {
+            NodeList l = parseXml(body).getElementsByTagName(tag);
+            return l.getLength() == 0 ? null : l.item(0).getTextContent();
+        } catch (StorageException e) {
+            return null;
+        }
+    }
+
+    private static Element child(Element parent, String name) {
+        for (Node n = parent.getFirstChild(); n != null; n = n.getNextSibling()) {
+            if (n instanceof Element && n.getNodeName().equals(name)) {
+                return (Element) n;
+            }
+        }
+        return null;
+    }
+
+    private static String childText(Element parent, String name) {
+        Element c = child(parent, name);
+        return c == null ? null : c.getTextContent();
+    }
+}

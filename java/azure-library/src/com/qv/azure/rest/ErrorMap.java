@@ -1,0 +1,153 @@
+package com.qv.azure.rest;
+
+import com.qv.QVCloudPluginInterface.ERRORID;
+
+import java.io.IOException;
+import java.net.ConnectException;
+import java.net.UnknownHostException;
+import java.net.http.HttpConnectTimeoutException;
+import java.net.http.HttpTimeoutException;
+import java.nio.channels.UnresolvedAddressException;
+import java.util.Locale;
+import javax.net.ssl.SSLException;
+
+/**
+ * Turns the failures of the Blob REST API and of the HTTP transport into the
+ * error ids that the native plug-in understands. The table is also in
+ * README.md; keep both in step.
+ */
+public final class ErrorMap {
+    private ErrorMap() {
+    }
+
+    /** Classifies an error answer by its HTTP status and its x-ms-error-code (may be null). */
+    public static ERRORID fromHttp(int status, String code) {
+        String c = code == null ? "" : code;
+        String lc = c.toLowerCase(Locale.ROOT);
+        if (lc.contains("quota") || lc.contains("limitexceeded")) {
+            return ERRORID.QUOTA_EXCEEDED;
+        }
+        switch (status) {
+            case 400:
+                switch (c) {
+                    case "InvalidResourceName":
+                    case "InvalidUri":
+                        return ERRORID.INVALID_OBJECT_NAME;
+                    case "InvalidMetadata":
+                    case "MetadataTooLarge":
+                    case "EmptyMetadataKey":
+                        return ERRORID.INVALID_METADATA;
+                    case "Md5Mismatch":
+                    case "InvalidMd5":
+                        return ERRORID.CHECKSUM_MISMATCH;
+                    case "OutOfRangeInput":
+                    case "InvalidRange":
+                        return ERRORID.INVALID_RANGE;
+                    case "RequestBodyTooLarge":
+                    case "BlockCountExceedsLimit":
+                        return ERRORID.OBJECT_TOO_LARGE;
+                    default:
+                        return ERRORID.INVALID_ARGUMENT;
+                }
+            case 401:
+                return ERRORID.AUTHENTICATION_FAILED;
+            case 403:
+                switch (c) {
+                    case "AuthenticationFailed":
+                        return ERRORID.AUTHENTICATION_FAILED;
+                    case "AuthorizationFailure":
+                    case "AuthorizationPermissionMismatch":
+                    case "AuthorizationResourceTypeMismatch":
+                    case "InsufficientAccountPermissions":
+                        return ERRORID.AUTHORIZATION_FAILED;
+                    case "AccountIsDisabled":
+                        return ERRORID.ACCOUNT_DISABLED;
+                    default:
+                        return ERRORID.ACCESS_DENIED;
+                }
+            case 404:
+                return "ContainerNotFound".equals(c) ? ERRORID.CONTAINER_NOT_FOUND : ERRORID.NOT_FOUND;
+            case 408:
+                return ERRORID.TIMEOUT;
+            case 409:
+                switch (c) {
+                    case "ContainerAlreadyExists":
+                        return ERRORID.CONTAINER_ALREADY_EXISTS;
+                    case "ContainerBeingDeleted":
+                        return ERRORID.CONTAINER_BEING_DELETED;
+                    case "BlobArchived":
+                        return ERRORID.ARCHIVED_OBJECT_NOT_READABLE;
+                    default:
+                        if (lc.contains("alreadyexists")) {
+                            return ERRORID.ALREADY_EXISTS;
+                        }
+                        if (lc.contains("lease")) {
+                            return ERRORID.LEASE_CONFLICT;
+                        }
+                        return ERRORID.FAILURE;
+                }
+            case 412:
+                return lc.contains("lease") ? ERRORID.LEASE_CONFLICT : ERRORID.CONDITION_NOT_MET;
+            case 413:
+                return ERRORID.OBJECT_TOO_LARGE;
+            case 416:
+                return ERRORID.INVALID_RANGE;
+            case 429:
+                return ERRORID.THROTTLED;
+            case 500:
+                return "OperationTimedOut".equals(c) ? ERRORID.TIMEOUT : ERRORID.INTERNAL_ERROR;
+            case 503:
+                return "ServerBusy".equals(c) ? ERRORID.THROTTLED : ERRORID.SERVICE_UNAVAILABLE;
+            case 507:
+                return ERRORID.INSUFFICIENT_STORAGE;
+            default:
+                if (status >= 500) {
+                    return ERRORID.SERVICE_UNAVAILABLE;
+                }
+                return ERRORID.UNKNOWN_ERROR;
+        }
+    }
+
+    /** Classifies a transport failure (no HTTP answer, or the answer could not be read). */
+    public static ERRORID fromThrowable(Throwable t) {
+        for (Throwable x = t; x != null; x = x.getCause()) {
+            if (x instanceof HttpConnectTimeoutException) {
+                return ERRORID.TIMEOUT;
+            }
+            if (x instanceof HttpTimeoutException) {
+                return ERRORID.TIMEOUT;
+            }
+            if (x instanceof UnknownHostException || x instanceof UnresolvedAddressException) {
+                return ERRORID.DNS_RESOLUTION_FAILED;
+            }
+            if (x instanceof ConnectException) {
+                return ERRORID.CONNECTION_FAILED;
+            }
+            if (x instanceof SSLException) {
+                return ERRORID.TLS_HANDSHAKE_FAILED;
+            }
+            if (x instanceof InterruptedException) {
+                return ERRORID.OPERATION_CANCELLED;
+            }
+        }
+        if (t instanceof IOException) {
+            return ERRORID.NETWORK_ERROR;
+        }
+        return ERRORID.INTERNAL_ERROR;
+    }
+
+    /** Whether a request that failed this way is worth sending again after a pause. */
+    public static boolean isRetryable(ERRORID id) {
+        switch (id) {
+            case THROTTLED:
+            case SERVER_BUSY:
+            case SERVICE_UNAVAILABLE:
+            case TIMEOUT:
+            case NETWORK_ERROR:
+            case INTERNAL_ERROR:
+                return true;
+            default:
+                return false;
+        }
+    }
+}

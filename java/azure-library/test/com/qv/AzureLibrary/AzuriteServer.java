@@ -1,0 +1,124 @@
+package com.qv.AzureLibrary;
+
+import java.io.File;
+import java.io.IOException;
+import java.net.InetAddress;
+import java.net.InetSocketAddress;
+import java.net.ServerSocket;
+import java.net.Socket;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.List;
+import java.util.concurrent.TimeUnit;
+
+/**
+ * One Azurite blob service for the whole test run, started on first use on a
+ * free loopback port with in-memory storage and stopped when the JVM exits.
+ *
+ * Where Azurite is: the environment variable AZURITE_BIN, else the system
+ * property azurite.bin. Either may name the azurite-blob executable itself or
+ * an npm install prefix (then node_modules/.bin/azurite-blob below it is used).
+ */
+final class AzuriteServer {
+    static final String ACCOUNT = "devstoreaccount1";
+    /** The published key of Azurite's development account. */
+    static final String KEY =
+        "Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw==";
+
+    private static AzuriteServer instance;
+
+    final int port;
+    private final Process process;
+    private final Path workDir;
+
+    private AzuriteServer(int port, Process process, Path workDir) {
+        this.port = port;
+        this.process = process;
+        this.workDir = workDir;
+    }
+
+    static synchronized AzuriteServer get() throws IOException, InterruptedException {
+        if (instance == null) {
+            instance = start();
+            Runtime.getRuntime().addShutdownHook(new Thread(instance::stop, "azurite-stop"));
+        }
+        return instance;
+    }
+
+    /** The connection string of the dev account for the given container. */
+    String connectionString(String container) {
+        return "DefaultEndpointsProtocol=http;AccountName=" + ACCOUNT + ";AccountKey=" + KEY
+            + ";BlobEndpoint=http://127.0.0.1:" + port + "/" + ACCOUNT + ";Container=" + container;
+    }
+
+    private static String executable() {
+        String configured = System.getenv("AZURITE_BIN");
+        if (configured == null || configured.isEmpty()) {
+            configured = System.getProperty("azurite.bin");
+        }
+        if (configured == null || configured.isEmpty()) {
+            throw new IllegalStateException("set AZURITE_BIN (or -Dazurite.bin) to azurite-blob or its npm prefix");
+        }
+        File f = new File(configured);
+        if (f.isDirectory()) {
+            f = new File(f, "node_modules/.bin/azurite-blob");
+        }
+        if (!f.canExecute()) {
+            throw new IllegalStateException("Azurite not found at " + f);
+        }
+        return f.getAbsolutePath();
+    }
+
+    private static int freePort() throws IOException {
+        try (ServerSocket s = new ServerSocket(0, 1, InetAddress.getLoopbackAddress())) {
+            return s.getLocalPort();
+        }
+    }
+
+    private static AzuriteServer start() throws IOException, InterruptedException {
+        String exe = executable();
+        Path dir = Files.createTempDirectory("azurite-test");
+        IOException lastFailure = null;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            int port = freePort();
+            ProcessBuilder pb = new ProcessBuilder(List.of(exe,
+                "--blobHost", "127.0.0.1", "--blobPort", Integer.toString(port),
+                "--inMemoryPersistence", "--disableTelemetry", "--skipApiVersionCheck", "--silent"));
+            pb.directory(dir.toFile());
+            pb.redirectErrorStream(true);
+            pb.redirectOutput(dir.resolve("azurite.log").toFile());
+            Process p = pb.start();
+            long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(60);
+            while (System.nanoTime() < deadline && p.isAlive()) {
+                try (Socket s = new Socket()) {
+                    s.connect(new InetSocketAddress(InetAddress.getLoopbackAddress(), port), 500);
+                    return new AzuriteServer(port, p, dir);
+                } catch (IOException e) {
+                    lastFailure = e;
+                    Thread.sleep(200);
+                }
+            }
+            p.descendants().forEach(ProcessHandle::destroyForcibly);
+            p.destroyForcibly();
+        }
+        throw new IOException("Azurite did not start; see " + dir.resolve("azurite.log"), lastFailure);
+    }
+
+    void stop() {
+        process.descendants().forEach(ProcessHandle::destroy);
+        process.destroy();
+        try {
+            if (!process.waitFor(10, TimeUnit.SECONDS)) {
+                process.descendants().forEach(ProcessHandle::destroyForcibly);
+                process.destroyForcibly();
+            }
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        }
+        try (var files = Files.walk(workDir)) {
+            files.sorted(java.util.Comparator.reverseOrder()).forEach(f -> f.toFile().delete());
+        } catch (IOException e) {
+            // a temp directory left behind is harmless
+        }
+    }
+}

@@ -1,0 +1,191 @@
+package com.qv.azure.rest;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.qv.QVCloudPluginInterface.ERRORID;
+
+import java.io.IOException;
+import java.net.ConnectException;
+import java.net.UnknownHostException;
+import java.net.http.HttpConnectTimeoutException;
+import java.net.http.HttpTimeoutException;
+import java.nio.charset.StandardCharsets;
+import java.util.Base64;
+import java.util.LinkedHashMap;
+import java.util.Locale;
+import java.util.Map;
+import java.util.Random;
+import javax.crypto.Mac;
+import javax.crypto.spec.SecretKeySpec;
+import javax.net.ssl.SSLHandshakeException;
+
+import org.junit.jupiter.api.Test;
+
+/** The parts of the REST client that need no service. */
+class RestPiecesTest {
+    private static final String KEY = Base64.getEncoder().encodeToString("0123456789abcdef".getBytes(StandardCharsets.US_ASCII));
+
+    @Test
+    void connectionStringWithDefaultEndpoint() throws Exception {
+        StorageConnection c = StorageConnection.parse(
+            "DefaultEndpointsProtocol=https;AccountName=acct;AccountKey=" + KEY
+                + ";EndpointSuffix=core.windows.net;Container=backups");
+        assertEquals("acct", c.accountName);
+        assertEquals("https://acct.blob.core.windows.net", c.blobEndpoint.toString());
+        assertEquals("backups", c.container);
+        assertEquals("0123456789abcdef", new String(c.accountKey, StandardCharsets.US_ASCII));
+    }
+
+    @Test
+    void connectionStringWithExplicitEndpointAndOddSpacing() throws Exception {
+        StorageConnection c = StorageConnection.parse(
+            " accountname = dev ; AccountKey=" + KEY + "; BlobEndpoint=http://127.0.0.1:1234/dev/ ;container=abc;");
+        assertEquals("http://127.0.0.1:1234/dev", c.blobEndpoint.toString());
+        assertEquals("abc", c.container);
+    }
+
+    private static StorageConnection.Invalid.Reason reasonOf(String s) {
+        return assertThrows(StorageConnection.Invalid.class, () -> StorageConnection.parse(s)).reason;
+    }
+
+    @Test
+    void connectionStringErrors() {
+        assertEquals(StorageConnection.Invalid.Reason.MALFORMED, reasonOf(null));
+        assertEquals(StorageConnection.Invalid.Reason.MALFORMED, reasonOf("novalue"));
+        assertEquals(StorageConnection.Invalid.Reason.MALFORMED,
+                     reasonOf("AccountName=a;AccountName=b;AccountKey=" + KEY + ";Container=abc"));
+        assertEquals(StorageConnection.Invalid.Reason.MISSING_KEY, reasonOf("AccountName=a;Container=abc"));
+        assertEquals(StorageConnection.Invalid.Reason.MISSING_KEY, reasonOf("AccountName=a;AccountKey=" + KEY));
+        assertEquals(StorageConnection.Invalid.Reason.BAD_ACCOUNT_KEY,
+                     reasonOf("AccountName=a;AccountKey=%%%;Container=abc"));
+        assertEquals(StorageConnection.Invalid.Reason.BAD_CONTAINER_NAME,
+                     reasonOf("AccountName=a;AccountKey=" + KEY + ";Container=-abc"));
+        assertEquals(StorageConnection.Invalid.Reason.BAD_ENDPOINT,
+                     reasonOf("AccountName=a;AccountKey=" + KEY + ";Container=abc;BlobEndpoint=ftp://x/y"));
+        assertEquals(StorageConnection.Invalid.Reason.BAD_ENDPOINT,
+                     reasonOf("AccountName=a;AccountKey=" + KEY + ";Container=abc;DefaultEndpointsProtocol=gopher"));
+    }
+
+    @Test
+    void containerNameRules() {
+        assertTrue(StorageConnection.isValidContainerName("abc"));
+        assertTrue(StorageConnection.isValidContainerName("a-b-1"));
+        assertTrue(StorageConnection.isValidContainerName("a".repeat(63)));
+        assertFalse(StorageConnection.isValidContainerName("a".repeat(64)));
+        assertFalse(StorageConnection.isValidContainerName("ab"));
+        assertFalse(StorageConnection.isValidContainerName("Abc"));
+        assertFalse(StorageConnection.isValidContainerName("a--b"));
+        assertFalse(StorageConnection.isValidContainerName("abc-"));
+        assertFalse(StorageConnection.isValidContainerName("a_b"));
+    }
+
+    @Test
+    void stringToSignLayout() {
+        SharedKeySigner s = new SharedKeySigner("acct", new byte[] {1, 2, 3});
+        Map<String, String> h = new LinkedHashMap<>();
+        h.put("Content-Type", "application/octet-stream");
+        h.put("x-ms-version", "2021-08-06");
+        h.put("X-MS-Date", "Mon, 01 Jan 2024 00:00:00 GMT");
+        h.put("x-ms-meta-b", " spaced ");
+        h.put("Content-MD5", "abc==");
+        String got = s.stringToSign("PUT", "/acct/cont/my%20blob", "comp=block&blockid=QQ%3D%3D&Zeta=2&alpha=1",
+                                    h, 5);
+        String want = "PUT\n\n\n5\nabc==\napplication/octet-stream\n\n\n\n\n\n\n"
+            + "x-ms-date:Mon, 01 Jan 2024 00:00:00 GMT\nx-ms-meta-b:spaced\nx-ms-version:2021-08-06\n"
+            + "/acct/acct/cont/my%20blob\nalpha:1\nblockid:QQ==\ncomp:block\nzeta:2";
+        assertEquals(want, got);
+        // A zero length is signed as the empty string; no query means no parameter lines.
+        assertEquals("GET\n\n\n\n\n\n\n\n\n\n\n\n/acct/", s.stringToSign("GET", "", null, Map.of(), 0));
+    }
+
+    @Test
+    void authorizationIsHmacSha256OfTheStringToSign() throws Exception {
+        byte[] key = new byte[32];
+        new Random(1).nextBytes(key);
+        SharedKeySigner s = new SharedKeySigner("acct", key);
+        Map<String, String> h = Map.of("x-ms-date", "d", "x-ms-version", "v");
+        String toSign = s.stringToSign("HEAD", "/c/b", null, h, 0);
+        Mac mac = Mac.getInstance("HmacSHA256");
+        mac.init(new SecretKeySpec(key, "HmacSHA256"));
+        String sig = Base64.getEncoder().encodeToString(mac.doFinal(toSign.getBytes(StandardCharsets.UTF_8)));
+        assertEquals("SharedKey acct:" + sig, s.authorization("HEAD", "/c/b", null, h, 0));
+    }
+
+    @Test
+    void metadataCodecRoundTripsAnyUtf16() {
+        String[] samples = {"plain", "Upper", "qv_0041", "u16:x", "", " a ", "ä", "名前", "\uD800", "\uDFFF\uD800",
+                            "tab\there", "1abc", "a-b", "z".repeat(300)};
+        for (String s : samples) {
+            assertEquals(s, MetadataCodec.decodeName(MetadataCodec.encodeName(s).toLowerCase(Locale.ROOT)), s);
+            assertEquals(s, MetadataCodec.decodeValue(MetadataCodec.encodeValue(s)), s);
+        }
+        Random r = new Random(5);
+        for (int i = 0; i < 500; ++i) {
+            char[] cs = new char[r.nextInt(20)];
+            for (int j = 0; j < cs.length; ++j) {
+                cs[j] = (char) r.nextInt(0x10000);
+            }
+            String s = new String(cs);
+            String n = MetadataCodec.encodeName(s.isEmpty() ? "x" : s);
+            assertTrue(n.matches("[a-z][a-z0-9_]*"), n);
+            assertEquals(s.isEmpty() ? "x" : s, MetadataCodec.decodeName(n));
+            String v = MetadataCodec.encodeValue(s);
+            assertTrue(v.matches("[\\x21-\\x7e]([\\x20-\\x7e]*[\\x21-\\x7e])?"), v);
+            assertEquals(s, MetadataCodec.decodeValue(v));
+        }
+        assertEquals("plain", MetadataCodec.encodeName("plain"));
+        assertEquals("simple value", MetadataCodec.encodeValue("simple value"));
+        // Names written by other tools come back as they are.
+        assertEquals("Other", MetadataCodec.decodeName("Other"));
+    }
+
+    @Test
+    void httpFailuresMapToErrorIds() {
+        assertEquals(ERRORID.NOT_FOUND, ErrorMap.fromHttp(404, "BlobNotFound"));
+        assertEquals(ERRORID.CONTAINER_NOT_FOUND, ErrorMap.fromHttp(404, "ContainerNotFound"));
+        assertEquals(ERRORID.ALREADY_EXISTS, ErrorMap.fromHttp(409, "BlobAlreadyExists"));
+        assertEquals(ERRORID.CONTAINER_ALREADY_EXISTS, ErrorMap.fromHttp(409, "ContainerAlreadyExists"));
+        assertEquals(ERRORID.CONTAINER_BEING_DELETED, ErrorMap.fromHttp(409, "ContainerBeingDeleted"));
+        assertEquals(ERRORID.LEASE_CONFLICT, ErrorMap.fromHttp(409, "LeaseIdMissing"));
+        assertEquals(ERRORID.AUTHENTICATION_FAILED, ErrorMap.fromHttp(403, "AuthenticationFailed"));
+        assertEquals(ERRORID.AUTHORIZATION_FAILED, ErrorMap.fromHttp(403, "AuthorizationPermissionMismatch"));
+        assertEquals(ERRORID.ACCESS_DENIED, ErrorMap.fromHttp(403, null));
+        assertEquals(ERRORID.THROTTLED, ErrorMap.fromHttp(503, "ServerBusy"));
+        assertEquals(ERRORID.THROTTLED, ErrorMap.fromHttp(429, null));
+        assertEquals(ERRORID.SERVICE_UNAVAILABLE, ErrorMap.fromHttp(503, null));
+        assertEquals(ERRORID.TIMEOUT, ErrorMap.fromHttp(500, "OperationTimedOut"));
+        assertEquals(ERRORID.INTERNAL_ERROR, ErrorMap.fromHttp(500, "InternalError"));
+        assertEquals(ERRORID.INVALID_ARGUMENT, ErrorMap.fromHttp(400, "InvalidQueryParameterValue"));
+        assertEquals(ERRORID.INVALID_METADATA, ErrorMap.fromHttp(400, "InvalidMetadata"));
+        assertEquals(ERRORID.CHECKSUM_MISMATCH, ErrorMap.fromHttp(400, "Md5Mismatch"));
+        assertEquals(ERRORID.INVALID_RANGE, ErrorMap.fromHttp(416, "InvalidRange"));
+        assertEquals(ERRORID.OBJECT_TOO_LARGE, ErrorMap.fromHttp(413, "RequestBodyTooLarge"));
+        assertEquals(ERRORID.QUOTA_EXCEEDED, ErrorMap.fromHttp(409, "AccountLimitExceeded"));
+        assertEquals(ERRORID.QUOTA_EXCEEDED, ErrorMap.fromHttp(403, "ContainerQuotaExceeded"));
+        assertEquals(ERRORID.CONDITION_NOT_MET, ErrorMap.fromHttp(412, "ConditionNotMet"));
+        assertEquals(ERRORID.ACCOUNT_DISABLED, ErrorMap.fromHttp(403, "AccountIsDisabled"));
+    }
+
+    @Test
+    void transportFailuresMapToErrorIds() {
+        assertEquals(ERRORID.TIMEOUT, ErrorMap.fromThrowable(new HttpTimeoutException("t")));
+        assertEquals(ERRORID.TIMEOUT, ErrorMap.fromThrowable(new HttpConnectTimeoutException("t")));
+        assertEquals(ERRORID.CONNECTION_FAILED, ErrorMap.fromThrowable(new ConnectException("refused")));
+        assertEquals(ERRORID.CONNECTION_FAILED, ErrorMap.fromThrowable(new IOException(new ConnectException("x"))));
+        assertEquals(ERRORID.DNS_RESOLUTION_FAILED, ErrorMap.fromThrowable(new UnknownHostException("h")));
+        assertEquals(ERRORID.TLS_HANDSHAKE_FAILED, ErrorMap.fromThrowable(new SSLHandshakeException("h")));
+        assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(new IOException("reset")));
+        assertEquals(ERRORID.INTERNAL_ERROR, ErrorMap.fromThrowable(new IllegalStateException()));
+        assertTrue(ErrorMap.isRetryable(ERRORID.THROTTLED));
+        assertFalse(ErrorMap.isRetryable(ERRORID.NOT_FOUND));
+    }
+
+    @Test
+    void pathEncoding() {
+        assertEquals("a/b%20c/%C3%A4~-._", BlobRestClient.encodePath("a/b c/ä~-._"));
+        assertEquals("a%2Fb%3D", BlobRestClient.encodeQueryValue("a/b="));
+    }
+}
