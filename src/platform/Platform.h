@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-namespace qvplatform {
+#include "TextCodec.h"
 
-using WideString = std::u16string;
+namespace qvplatform {
 
 #ifdef _WIN32
 constexpr char16_t kPathSeparator = u'\\';
@@ -42,11 +42,6 @@ uint32_t CurrentProcessId();
 uint32_t CurrentThreadId();
 
 // ---------------------------------------------------------------- text
-
-// UTF-16 to UTF-8 and back. Unpaired surrogates and malformed bytes become
-// U+FFFD, so that every input yields some text.
-std::string ToUtf8(const WideString& text);
-WideString FromUtf8(const std::string& text);
 
 // The textual form of a fresh random UUID, lower case, 36 characters
 // ("xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx").
