@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs everything the build and the test suites need on a Debian machine.
-# Run as root (or through sudo).
+# Run as root (or through sudo). With --demo, only what scripts/demo.sh needs
+# (compiler, CMake, JDK, Node.js).
 set -euo pipefail
 
 export DEBIAN_FRONTEND=noninteractive
@@ -14,5 +15,9 @@ packages=(
 # Node.js runs Azurite, the local Blob storage service the Java library's
 # tests use; a machine that has it already (from any source) keeps its own.
 command -v npm >/dev/null || packages+=(nodejs npm)
+if [ "${1:-}" = --demo ]; then
+  packages=(cmake make g++ openjdk-17-jdk-headless)
+  command -v npm >/dev/null || packages+=(nodejs npm)
+fi
 apt-get update
 apt-get install -y --no-install-recommends "${packages[@]}"

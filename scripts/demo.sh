@@ -1,0 +1,115 @@
+#!/usr/bin/env bash
+# The whole system at work, from a fresh clone: installs what is missing,
+# builds the plug-in, the Java storage library and cloudplugin-host, starts
+# Azurite on loopback, backs up a generated sample folder (a few hundred
+# files and one of 300 MiB), restores it into a new folder, compares the two
+# trees, prints a summary and stops Azurite.
+#
+#   scripts/demo.sh                 the whole demo
+#   DEMO_BIG_FILE_MIB=50 scripts/demo.sh   a smaller large file
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+big_mib="${DEMO_BIG_FILE_MIB:-300}"
+small_files="${DEMO_SMALL_FILES:-300}"
+
+# ---- set-up: Debian packages for the build and Java, Node.js for Azurite
+missing=()
+for command in cmake g++ make javac java npm; do
+  command -v "$command" >/dev/null || missing+=("$command")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "==== installing what is missing (${missing[*]})"
+  sudo_cmd=()
+  [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+  "${sudo_cmd[@]}" bash scripts/setup.sh --demo
+fi
+. scripts/azurite.sh
+azurite_install
+
+# ---- build (optimised, no test suites)
+echo "==== building"
+cmake --preset demo >/dev/null
+cmake --build --preset demo
+tool=build/demo/stage/bin/cloudplugin-host
+
+# ---- Azurite
+run=build/demo-run
+rm -rf "$run"
+mkdir -p "$run"
+azurite_start "$run/azurite"
+trap azurite_stop EXIT
+export CLOUDPLUGIN_CONNECTION
+CLOUDPLUGIN_CONNECTION="$(azurite_connection demo)"
+echo "==== Azurite on 127.0.0.1:${AZURITE_PORT} (pid ${AZURITE_PID})"
+
+# ---- the sample folder
+source_dir="$run/source"
+echo "==== generating ${small_files} small files and one of ${big_mib} MiB in ${source_dir}"
+mkdir -p "$source_dir"
+for i in $(seq 1 "$small_files"); do
+  folder="$source_dir/folder$((i % 7))/sub$((i % 3))"
+  mkdir -p "$folder"
+  head -c $(( (i * 7919) % 262144 )) /dev/urandom >"$folder/file-$i.dat"
+done
+mkdir -p "$source_dir/Ünïcödé 文件夹"
+echo "non-ASCII names survive" >"$source_dir/Ünïcödé 文件夹/naïve café.txt"
+: >"$source_dir/an empty file"
+head -c $((big_mib * 1024 * 1024)) /dev/urandom >"$source_dir/large-${big_mib}MiB.bin"
+
+cpu_seconds() {  # user + system CPU seconds of a process so far
+  awk -v hz="$(getconf CLK_TCK)" '{ printf "%.2f", ($14 + $15) / hz }' "/proc/$1/stat"
+}
+
+# Runs the tool, timing it; sets elapsed (wall seconds) and tool_cpu (user +
+# system seconds of the tool with its JVM). The tool's progress stays on the
+# terminal.
+timed_tool() {
+  local TIMEFORMAT='%R %U %S' real user sys
+  { time "$tool" "$@" 2>&3; } 3>&2 2>"$run/times"
+  read -r real user sys <"$run/times"
+  elapsed=$real
+  tool_cpu=$(awk -v u="$user" -v s="$sys" 'BEGIN { printf "%.2f", u + s }')
+}
+
+# ---- backup, restore, compare
+echo "==== backup"
+azurite_before=$(cpu_seconds "$AZURITE_PID")
+timed_tool --name demo backup "$source_dir"
+backup_elapsed=$elapsed backup_cpu=$tool_cpu
+azurite_after=$(cpu_seconds "$AZURITE_PID")
+backup_azurite=$(awk -v a="$azurite_before" -v b="$azurite_after" 'BEGIN { printf "%.2f", b - a }')
+
+"$tool" list
+
+echo "==== restore"
+azurite_before=$azurite_after
+timed_tool restore demo "$run/restored"
+restore_elapsed=$elapsed restore_cpu=$tool_cpu
+azurite_after=$(cpu_seconds "$AZURITE_PID")
+restore_azurite=$(awk -v a="$azurite_before" -v b="$azurite_after" 'BEGIN { printf "%.2f", b - a }')
+
+echo "==== comparing the trees"
+listing() { (cd "$1" && find . -type f -printf '%P\t%s\t%T@\n' | LC_ALL=C sort); }
+if diff -r "$source_dir" "$run/restored" >/dev/null && diff <(listing "$source_dir") <(listing "$run/restored"); then
+  same=yes
+else
+  same=NO
+fi
+
+total_bytes=$(du -sb "$source_dir" | cut -f1)
+files=$(find "$source_dir" -type f | wc -l)
+mib=$(awk -v b="$total_bytes" 'BEGIN { printf "%.1f", b / 1048576 }')
+rate() { awk -v b="$total_bytes" -v s="$1" 'BEGIN { printf "%.1f", (s > 0 ? b / 1048576 / s : 0) }'; }
+cat <<SUMMARY
+
+==== summary
+files:                    ${files} (${mib} MiB)
+backup:                   ${backup_elapsed} s, $(rate "$backup_elapsed") MiB/s
+restore:                  ${restore_elapsed} s, $(rate "$restore_elapsed") MiB/s
+CPU during backup:        cloudplugin-host with its JVM ${backup_cpu} s, Azurite ${backup_azurite} s
+CPU during restore:       cloudplugin-host with its JVM ${restore_cpu} s, Azurite ${restore_azurite} s
+restored tree identical:  ${same} (contents, sizes and modification times)
+logs of the plug-in:      build/demo/stage/Plugin/Azure/Log
+SUMMARY
+[ "$same" = yes ]

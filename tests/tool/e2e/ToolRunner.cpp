@@ -1,0 +1,171 @@
+#include "ToolRunner.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace e2e {
+
+namespace {
+
+std::string ReadWhole(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+int FreeLoopbackPort() {
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        getsockname(s, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        close(s);
+        throw std::runtime_error("no free loopback port");
+    }
+    close(s);
+    return ntohs(address.sin_port);
+}
+
+bool Accepts(int port) {
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    const bool connected = connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(s);
+    return connected;
+}
+
+// Azurite's executable: AZURITE_BIN from the environment, else the one the
+// build was configured with; either may be an npm prefix.
+std::string AzuriteExecutable() {
+    const char* configured = std::getenv("AZURITE_BIN");
+    std::filesystem::path path = configured && *configured ? configured : QV_AZURITE_BIN;
+    if (std::filesystem::is_directory(path)) path = path / "node_modules" / ".bin" / "azurite-blob";
+    return path.string();
+}
+
+pid_t Spawn(const std::vector<std::string>& arguments, const std::string& outFile, const std::string& errFile) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (failed) throw std::runtime_error("cannot start " + arguments[0]);
+    return pid;
+}
+
+std::string RunFolder() {
+    static const std::string folder = [] {
+        std::string pattern = (std::filesystem::temp_directory_path() / "cloudplugin-e2e-XXXXXX").string();
+        if (!mkdtemp(&pattern[0])) throw std::runtime_error("no temporary folder");
+        return pattern;
+    }();
+    return folder;
+}
+
+std::vector<std::string> WithTool(const std::vector<std::string>& arguments) {
+    std::vector<std::string> all = {QV_TOOL_PATH};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
+}
+
+}  // namespace
+
+Azurite& Azurite::Get() {
+    static Azurite azurite;
+    return azurite;
+}
+
+Azurite::Azurite() {
+    folder_ = RunFolder() + "/azurite";
+    std::filesystem::create_directories(folder_);
+    for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) {
+        port_ = FreeLoopbackPort();
+        const pid_t pid = Spawn({AzuriteExecutable(), "--blobHost", "127.0.0.1", "--blobPort", std::to_string(port_),
+                                 "--inMemoryPersistence", "--disableTelemetry",
+                                 "--skipApiVersionCheck", "--silent"},
+                                folder_ + "/azurite.out", folder_ + "/azurite.err");
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (Accepts(port_)) {
+                pid_ = pid;
+                break;
+            }
+            int status = 0;
+            if (waitpid(pid, &status, WNOHANG) == pid) break;  // it ended: try another port
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        if (pid_ < 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+    if (pid_ < 0) throw std::runtime_error("Azurite did not start; see " + folder_);
+}
+
+Azurite::~Azurite() {
+    if (pid_ > 0) {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all(RunFolder(), ignored);
+}
+
+std::string Azurite::ConnectionString(const std::string& container) const {
+    return "DefaultEndpointsProtocol=http;AccountName=devstoreaccount1;"
+           "AccountKey=Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw==;"
+           "BlobEndpoint=http://127.0.0.1:" +
+           std::to_string(port_) + "/devstoreaccount1;Container=" + container;
+}
+
+ToolRun RunTool(const std::vector<std::string>& arguments) {
+    static int runs = 0;
+    const std::string stem = RunFolder() + "/run" + std::to_string(++runs);
+    ToolRun run;
+    run.status = WaitTool(Spawn(WithTool(arguments), stem + ".out", stem + ".err"));
+    run.out = ReadWhole(stem + ".out");
+    run.err = ReadWhole(stem + ".err");
+    return run;
+}
+
+pid_t StartTool(const std::vector<std::string>& arguments, const std::string& errorFile) {
+    return Spawn(WithTool(arguments), "/dev/null", errorFile);
+}
+
+int WaitTool(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+}
+
+}  // namespace e2e

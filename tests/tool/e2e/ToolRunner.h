@@ -1,0 +1,44 @@
+// Runs the built cloudplugin-host as a separate process against a local
+// Azurite blob service, the way a user runs it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace e2e {
+
+// One Azurite for the whole test program, on a free loopback port with
+// in-memory storage; stopped when the program ends.
+class Azurite {
+public:
+    static Azurite& Get();
+    ~Azurite();
+
+    int port() const { return port_; }
+    // The connection string of Azurite's development account for a container.
+    std::string ConnectionString(const std::string& container) const;
+
+private:
+    Azurite();
+    pid_t pid_ = -1;
+    int port_ = 0;
+    std::string folder_;
+};
+
+struct ToolRun {
+    int status = -1;  // the exit status, or 128 + signal
+    std::string out;  // standard output
+    std::string err;  // standard error
+};
+
+// Runs the tool with the arguments; waits for it to end.
+ToolRun RunTool(const std::vector<std::string>& arguments);
+
+// Starts the tool without waiting; standard error goes to `errorFile`.
+pid_t StartTool(const std::vector<std::string>& arguments, const std::string& errorFile);
+// Waits for a started tool; answers its exit status (128 + signal if killed).
+int WaitTool(pid_t pid);
+
+}  // namespace e2e

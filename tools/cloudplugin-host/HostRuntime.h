@@ -1,0 +1,64 @@
+// What a backup host sets up before it can use the plug-in: its own JVM
+// (libjvm found and loaded at run time) with the plug-in's jars on the class
+// path, the plug-in library loaded by path, one plug-in object made by
+// CreateInstance and initialised with the connection string. Torn down in
+// the reverse order: DeInit, Release, the JVM destroyed.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cloudplugin/ICloudPluginInterface.h"
+
+namespace qvhost {
+
+struct HostSettings {
+    std::string installFolder;          // holds Plugin/Azure/ (the plug-in library and its jars)
+    std::string pluginLibrary;          // empty: <installFolder>/Plugin/Azure/<platform library name>
+    std::string javaHome;               // empty: JAVA_HOME, else the JDK of the java on the PATH
+    std::string logFolder;              // empty: the plug-in's default, <installFolder>/Plugin/Azure/Log
+    std::string connectionString;       // the Java storage library's init string
+    std::vector<std::string> jvmOptions;  // extra JVM options (-Xmx..., -D...)
+};
+
+// The file name of the plug-in library on this platform.
+const char* PluginLibraryFileName();
+
+// The JVM library (libjvm.so / jvm.dll) of a Java home; empty when it has none.
+std::string JvmLibraryIn(const std::string& javaHome);
+
+// The Java home to use: the given one, JAVA_HOME, or the JDK that the java
+// command on the PATH belongs to. Empty when none is found.
+std::string FindJavaHome(const std::string& given);
+
+// The class path of the jars in a folder: XNAzurePlugIn.jar first, the
+// others by name. Separated by ':' (';' on Windows).
+std::string ClassPathOf(const std::string& jarFolder);
+
+class HostRuntime {
+public:
+    // Throws ToolError (set-up failed) or PluginError (Init refused).
+    explicit HostRuntime(const HostSettings& settings);
+    ~HostRuntime();
+    HostRuntime(const HostRuntime&) = delete;
+    HostRuntime& operator=(const HostRuntime&) = delete;
+
+    ICloudPluginInterface& plugin() { return *plugin_; }
+
+    // Ends the plug-in's session (DeInit) and releases it; throws PluginError
+    // when DeInit fails. The destructor does the same quietly.
+    void Close();
+
+private:
+    void StartJvm(const HostSettings& settings);
+    void LoadPlugin(const HostSettings& settings);
+
+    void* jvmLibrary_ = nullptr;
+    void* pluginLibrary_ = nullptr;
+    JavaVM* vm_ = nullptr;
+    CloudPluginCreateInfo createInfo_;  // must outlive the plug-in object
+    ICloudPluginInterface* plugin_ = nullptr;
+    bool initialised_ = false;
+};
+
+}  // namespace qvhost

@@ -1,0 +1,142 @@
+#include "PluginSession.h"
+
+#include <chrono>
+#include <memory>
+
+#include "ToolError.h"
+#include "platform/TextCodec.h"
+
+namespace qvhost {
+
+namespace {
+
+ObjectMetaData ToPluginMetadata(const Metadata& metadata) {
+    ObjectMetaData out;
+    for (const auto& [name, value] : metadata) out[Wide(name)] = MetaDataValue{Wide(value), 0};
+    return out;
+}
+
+Metadata FromPluginMetadata(const ObjectMetaData& metadata) {
+    Metadata out;
+    for (const auto& [name, value] : metadata) out[Narrow(name)] = Narrow(value.szProperty);
+    return out;
+}
+
+}  // namespace
+
+WideString Wide(const std::string& utf8) { return qvplatform::FromUtf8(utf8); }
+std::string Narrow(const WideString& wide) { return qvplatform::ToUtf8(wide); }
+
+template <class Call>
+void PluginSession::Run(const char* operation, const std::string& object, Call&& call) {
+    const auto start = std::chrono::steady_clock::now();
+    const uint32_t result = call();
+    pluginNanoseconds_ +=
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start).count();
+    if (result != 0) throw PluginError(operation, object, result);
+}
+
+void PluginSession::Write(const std::string& name, const uint8_t* data, uint64_t size, const Metadata& metadata) {
+    ObjectMetaData pluginMetadata = ToPluginMetadata(metadata);
+    WideString handle;
+    Run("WriteObject", name, [&] { return plugin_.WriteObject(Wide(name), data, size, &pluginMetadata, handle); });
+}
+
+uint64_t PluginSession::Read(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length) {
+    uint64_t read = length;
+    Run("ReadObject", name, [&] { return plugin_.ReadObject(Wide(name), buffer, offset, &read); });
+    return read;
+}
+
+uint64_t PluginSession::Read(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length,
+                             const std::vector<std::string>& properties, Metadata& metadata) {
+    std::vector<WideString> names;
+    for (const std::string& property : properties) names.push_back(Wide(property));
+    ObjectMetaData pluginMetadata;
+    uint64_t read = length;
+    Run("ReadObjectByName", name, [&] {
+        return plugin_.ReadObjectByName(Wide(name), buffer, offset, &read, names.data(),
+                                        static_cast<uint32_t>(names.size()), &pluginMetadata);
+    });
+    metadata = FromPluginMetadata(pluginMetadata);
+    return read;
+}
+
+std::string PluginSession::ReadAll(const std::string& name) {
+    constexpr uint64_t kSlice = 4u << 20;
+    std::string content;
+    for (;;) {
+        const size_t at = content.size();
+        content.resize(at + kSlice);
+        const uint64_t read = Read(name, reinterpret_cast<uint8_t*>(&content[at]), at, kSlice);
+        content.resize(at + read);
+        if (read < kSlice) return content;
+    }
+}
+
+std::string PluginSession::Property(const std::string& name, const std::string& property) {
+    WideString value;
+    Run("GetObjectMetaData", name, [&] { return plugin_.GetObjectMetaData(Wide(name), Wide(property), value); });
+    return Narrow(value);
+}
+
+bool PluginSession::Exists(const std::string& name) {
+    uint32_t exists = 0;
+    Run("IsObjectExist", name, [&] { return plugin_.IsObjectExist(Wide(name), &exists); });
+    return exists != 0;
+}
+
+void PluginSession::Delete(const std::string& name) {
+    Run("DeleteObjectByName", name, [&] { return plugin_.DeleteObjectByName(Wide(name)); });
+}
+
+std::vector<ListedObject> PluginSession::List(const std::string& prefix) {
+    ObjectSubList* raw = nullptr;
+    // The sub-list belongs to the plug-in; it is handed back even when the
+    // operation failed after making it.
+    auto release = [this](ObjectSubList* list) {
+        if (list) plugin_.FreeObjectSubListMemory(list);
+    };
+    std::unique_ptr<ObjectSubList, decltype(release)> owned(nullptr, release);
+    Run("GetObjectSubList", prefix, [&] {
+        const uint32_t result = plugin_.GetObjectSubList(Wide(prefix), &raw);
+        owned.reset(raw);
+        return result;
+    });
+    std::vector<ListedObject> objects;
+    if (!raw) return objects;
+    objects.reserve(raw->size());
+    for (const auto& [name, metadata] : *raw) {
+        objects.push_back({Narrow(name), metadata ? FromPluginMetadata(*metadata) : Metadata{}});
+    }
+    return objects;
+}
+
+void PluginSession::CheckConnectivity() {
+    Run("CheckConnectivity", "", [&] { return plugin_.CheckConnectivity(); });
+}
+
+AccountFigures PluginSession::Account() {
+    AccountFigures figures;
+    WideString accountName;
+    Run("GetUniqueAccountName", "", [&] { return plugin_.GetUniqueAccountName(accountName); });
+    figures.accountName = Narrow(accountName);
+    AccountInfoRecord info;
+    Run("GetAccountInfo", "", [&] { return plugin_.GetAccountInfo(&info); });
+    figures.identity = Narrow(info.accountIndentity);
+    figures.type = Narrow(info.accountType);
+    figures.displayName = Narrow(info.displayName);
+    figures.usedBytes = info.usedSizeInByteTotal;
+    figures.remainingBytes = info.remainedSizeInByteTotal;
+    Run("GetAllObjectsSize", "", [&] { return plugin_.GetAllObjectsSize(&figures.allObjectsBytes); });
+    Run("GetDefaultObjectSizeRange", "", [&] {
+        return plugin_.GetDefaultObjectSizeRange(&figures.minimumObjectSize, &figures.defaultObjectSize,
+                                                 &figures.maximumObjectSize);
+    });
+    CapabilitiesRecord capabilities;
+    Run("GetPluginCapabilities", "", [&] { return plugin_.GetPluginCapabilities(&capabilities); });
+    for (const auto& [key, value] : capabilities.capabilities) figures.capabilities[Narrow(key)] = Narrow(value);
+    return figures;
+}
+
+}  // namespace qvhost
