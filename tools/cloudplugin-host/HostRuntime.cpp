@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "LocalFiles.h"
 #include "ToolError.h"
 #include "platform/TextCodec.h"
 
@@ -26,7 +27,6 @@ constexpr char kPathListSeparator = ';';
 constexpr char kPathListSeparator = ':';
 #endif
 
-fs::path PathOf(const std::string& utf8) { return fs::u8path(utf8); }
 std::string Utf8Of(const fs::path& path) { return path.u8string(); }
 
 void* OpenLibrary(const std::string& path, std::string& error) {

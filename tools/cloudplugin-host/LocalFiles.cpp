@@ -21,8 +21,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-fs::path PathOf(const std::string& utf8) { return fs::u8path(utf8); }
-
 [[noreturn]] void Fail(const std::string& what, const std::string& path, const std::string& reason) {
     throw ToolError(kExitLocalFile, "cannot " + what + " " + path + ": " + reason);
 }
@@ -45,6 +43,8 @@ constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
 #endif
 
 }  // namespace
+
+std::filesystem::path PathOf(const std::string& utf8) { return fs::u8path(utf8); }
 
 std::vector<SourceFile> ListTree(const std::string& root) {
     std::error_code error;

@@ -5,10 +5,14 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 namespace qvhost {
+
+// The path of UTF-8 text, in the platform's own form.
+std::filesystem::path PathOf(const std::string& utf8);
 
 struct SourceFile {
     std::string relativePath;  // '/'-separated, UTF-8
