@@ -13,7 +13,6 @@ import com.qv.plugin.model.CInt;
 import com.qv.plugin.model.CString;
 
 import java.nio.charset.StandardCharsets;
-import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Base64;
 import java.util.HashMap;
@@ -26,6 +25,7 @@ import java.util.concurrent.ExecutionException;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
+import java.util.concurrent.ThreadLocalRandom;
 import java.util.logging.Level;
 import java.util.logging.Logger;
 
@@ -38,7 +38,10 @@ import java.util.logging.Logger;
  * a handle also accepts a name and the other way round.
  *
  * No method throws and none returns null: every failure is reported as an
- * {@link ERRORID} in the returned value (see README.md for the table).
+ * {@link ERRORID} in the returned value (see docs/java-library.md for the table).
+ *
+ * Nothing here writes files, and nothing logged or returned contains the
+ * account key.
  */
 public class QVAzurePlugInLibrary {
     private static final Logger LOG = Logger.getLogger(QVAzurePlugInLibrary.class.getName());
@@ -59,27 +62,24 @@ public class QVAzurePlugInLibrary {
     private volatile StorageConnection connection;
     private volatile ExecutorService uploadPool;
     private volatile int listPageSize = 5000;
-    private volatile Duration requestTimeout = Duration.ofSeconds(120);
 
     public QVAzurePlugInLibrary(CPluginInitData initData) {
         this.initData = initData;
     }
 
     /** Page size of the List Blobs calls (1..5000); smaller pages only cost more round trips. */
-    public void setListPageSize(int size) {
+    void setListPageSize(int size) {
         this.listPageSize = Math.max(1, Math.min(5000, size));
-    }
-
-    /** Timeout of one HTTP request; takes effect at the next AzureInit. */
-    public void setRequestTimeout(Duration timeout) {
-        this.requestTimeout = timeout;
     }
 
     // ------------------------------------------------------------------ lifecycle
 
     /**
      * Connects to the account of the connection string and creates the
-     * container named by its Container key when it does not exist yet.
+     * container named by its Container key when it does not exist yet. The
+     * string may also carry the retry and timeout keys of
+     * {@link StorageConnection}; a bad value there gives INVALID_ARGUMENT.
+     * The install folder is not used: the library keeps no files.
      */
     public synchronized CErrorValue AzureInit(String initString, String installFolder) {
         if (client != null) {
@@ -102,7 +102,7 @@ public class QVAzurePlugInLibrary {
             return err(ERRORID.INVALID_ARGUMENT);
         }
         try {
-            BlobRestClient c = new BlobRestClient(conn, Duration.ofSeconds(15), requestTimeout, 3);
+            BlobRestClient c = new BlobRestClient(conn);
             c.createContainerIfMissing();
             connection = conn;
             client = c;
@@ -198,18 +198,23 @@ public class QVAzurePlugInLibrary {
     /**
      * Uploads {@code bytes[0..len)} as blocks of {@link #BLOCK_SIZE}, at most
      * {@link #PARALLEL_UPLOADS} at a time, then commits them in order. If one
-     * block fails the others are cancelled; the uncommitted blocks are
-     * discarded by the service after a week.
+     * block fails the others are cancelled and nothing is committed: an
+     * object of that name keeps its old content, a new name stays absent.
+     * The uncommitted blocks are discarded by the service after a week.
+     *
+     * Block ids carry a random prefix per upload, so two uploads to the same
+     * name at once never commit each other's blocks.
      */
     private void uploadBlocks(BlobRestClient c, String blob, byte[] bytes, int len, Map<String, String> meta)
         throws StorageException {
         ExecutorService pool = pool();
         List<String> ids = new ArrayList<>();
         List<Future<?>> futures = new ArrayList<>();
+        String upload = Long.toHexString(ThreadLocalRandom.current().nextLong() | Long.MIN_VALUE);
         for (int off = 0, i = 0; off < len; off += BLOCK_SIZE, ++i) {
-            // Every id of a blob must have the same length before encoding.
+            // Every id of a blob must have the same length before encoding: 16 hex digits, '-', 8 digits.
             String id = Base64.getEncoder().encodeToString(
-                String.format(Locale.ROOT, "block-%08d", i).getBytes(StandardCharsets.US_ASCII));
+                String.format(Locale.ROOT, "%s-%08d", upload, i).getBytes(StandardCharsets.US_ASCII));
             ids.add(id);
             int from = off;
             int n = Math.min(BLOCK_SIZE, len - off);

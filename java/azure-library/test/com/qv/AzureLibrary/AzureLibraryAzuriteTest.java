@@ -1,10 +1,16 @@
 package com.qv.AzureLibrary;
 
+import static com.qv.AzureLibrary.TestSupport.asMap;
+import static com.qv.AzureLibrary.TestSupport.assertOk;
+import static com.qv.AzureLibrary.TestSupport.metaArray;
+import static com.qv.AzureLibrary.TestSupport.newLibrary;
+import static com.qv.AzureLibrary.TestSupport.randomBytes;
+import static com.qv.AzureLibrary.TestSupport.sha256;
+import static com.qv.AzureLibrary.TestSupport.unique;
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
-import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.qv.QVCloudPluginInterface.CErrorValue;
@@ -12,15 +18,11 @@ import com.qv.QVCloudPluginInterface.ERRORID;
 
 import java.net.InetAddress;
 import java.net.ServerSocket;
-import java.security.MessageDigest;
 import java.util.Arrays;
-import java.util.HashMap;
 import java.util.HashSet;
 import java.util.LinkedHashMap;
 import java.util.Map;
-import java.util.Random;
 import java.util.Set;
-import java.util.UUID;
 
 import org.junit.jupiter.api.AfterAll;
 import org.junit.jupiter.api.BeforeAll;
@@ -32,39 +34,21 @@ class AzureLibraryAzuriteTest {
     private static QVAzurePlugInLibrary lib;
     private static String container;
 
+    private static final String INSTALL = TestSupport.INSTALL_FOLDER.toString();
+
     @BeforeAll
     static void connect() throws Exception {
         azurite = AzuriteServer.get();
-        container = "t" + UUID.randomUUID().toString().replace("-", "").substring(0, 20);
-        lib = newLibrary();
-        assertEquals(ERRORID.SUCCESS, lib.AzureInit(azurite.connectionString(container), "/tmp").getErrorID());
+        container = TestSupport.uniqueContainer("t");
+        lib = TestSupport.connected(azurite.connectionString(container));
     }
 
     @AfterAll
     static void disconnect() {
         if (lib != null) {
+            lib.DeleteContainer();
             lib.AzureDeInit();
         }
-    }
-
-    private static QVAzurePlugInLibrary newLibrary() {
-        return new QVAzurePlugInLibrary(new CPluginInitData("/tmp/install", "/tmp/log"));
-    }
-
-    private static byte[] randomBytes(int n, long seed) {
-        byte[] b = new byte[n];
-        new Random(seed).nextBytes(b);
-        return b;
-    }
-
-    private static byte[] sha256(byte[] b, int off, int len) throws Exception {
-        MessageDigest md = MessageDigest.getInstance("SHA-256");
-        md.update(b, off, len);
-        return md.digest();
-    }
-
-    private static String unique(String prefix) {
-        return prefix + UUID.randomUUID();
     }
 
     // ------------------------------------------------------------------ initialisation
@@ -77,13 +61,13 @@ class AzureLibraryAzuriteTest {
         assertEquals(ERRORID.SUCCESS, lib.CheckConnectivity().getErrorID());
         assertEquals(1, lib.canBackup().value);
         assertEquals(ERRORID.ALREADY_INITIALIZED,
-                     lib.AzureInit(azurite.connectionString(container), "/tmp").getErrorID());
+                     lib.AzureInit(azurite.connectionString(container), INSTALL).getErrorID());
     }
 
     @Test
     void initOnAnExistingContainerSucceeds() {
         QVAzurePlugInLibrary second = newLibrary();
-        assertEquals(ERRORID.SUCCESS, second.AzureInit(azurite.connectionString(container), "/tmp").getErrorID());
+        assertEquals(ERRORID.SUCCESS, second.AzureInit(azurite.connectionString(container), INSTALL).getErrorID());
         assertEquals(ERRORID.SUCCESS, second.AzureDeInit().getErrorID());
         assertEquals(ERRORID.NOT_INITIALIZED, second.AzureDeInit().getErrorID());
     }
@@ -100,7 +84,7 @@ class AzureLibraryAzuriteTest {
         cases.put(good.replace("Container=badinit", "Container=Bad_Name"), ERRORID.INVALID_CONTAINER_NAME);
         // A well-formed key that is not the account's: the service refuses the signature. Azure
         // answers 403 AuthenticationFailed; Azurite answers 403 AuthorizationFailure, which maps
-        // to AUTHORIZATION_FAILED (see the error table in README.md).
+        // to AUTHORIZATION_FAILED (see the error table in docs/java-library.md).
         String wrongKey = java.util.Base64.getEncoder().encodeToString(randomBytes(64, 7));
         cases.put(good.replace(AzuriteServer.KEY, wrongKey), ERRORID.AUTHORIZATION_FAILED);
         int closedPort;
@@ -111,7 +95,7 @@ class AzureLibraryAzuriteTest {
 
         for (Map.Entry<String, ERRORID> c : cases.entrySet()) {
             QVAzurePlugInLibrary l = newLibrary();
-            CErrorValue r = l.AzureInit(c.getKey(), "/tmp");
+            CErrorValue r = l.AzureInit(c.getKey(), INSTALL);
             assertNotNull(r);
             assertEquals(c.getValue(), r.getErrorID(), c.getKey());
             // Still not initialised afterwards.
@@ -121,60 +105,7 @@ class AzureLibraryAzuriteTest {
         assertEquals(ERRORID.INVALID_ARGUMENT, l.AzureInit(null, null).getErrorID());
     }
 
-    @Test
-    void everyOperationBeforeInitReportsNotInitialized() {
-        QVAzurePlugInLibrary l = newLibrary();
-        byte[] buf = new byte[4];
-        assertEquals(ERRORID.NOT_INITIALIZED, l.WriteObject("a", buf, 4).getErrorID());
-        assertEquals(ERRORID.NOT_INITIALIZED, l.ReadObject("a", buf, 4, 0).errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_INITIALIZED, l.ReadObjectByName("a", buf, 0, 4, null).errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_INITIALIZED, l.CreateObject("a").errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_INITIALIZED, l.DeleteObjectByName("a").getErrorID());
-        assertEquals(ERRORID.NOT_INITIALIZED, l.GetObjectSubList("a").errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_INITIALIZED, l.CheckConnectivity().getErrorID());
-        assertEquals(ERRORID.NOT_INITIALIZED, l.GetContainerName().errorValue.getErrorID());
-    }
-
-    // ------------------------------------------------------------------ data round trips
-
-    private void roundTrip(int size) throws Exception {
-        String name = unique("rt/" + size + "/");
-        byte[] data = randomBytes(size, size);
-        CWObjectHandleFnValue w = lib.WriteObject(name, data, size, new CPluginMetaData[0]);
-        assertEquals(ERRORID.SUCCESS, w.errorValue.getErrorID());
-        assertEquals(name, w.objHandle);
-
-        byte[] back = new byte[size + 16];
-        CReadObjectFnValue r = lib.ReadObject(name, back, size + 16, 0);
-        assertEquals(ERRORID.SUCCESS, r.errorValue.getErrorID());
-        assertEquals(size, r.sizeRead);
-        assertArrayEquals(sha256(data, 0, size), sha256(back, 0, (int) r.sizeRead));
-
-        CRObjectByNameFnValue h = lib.ReadObjectByHandle(w.objHandle, new byte[size], 0, size, null);
-        assertEquals(ERRORID.SUCCESS, h.errorValue.getErrorID());
-        assertEquals(size, h.bytesRead);
-        assertEquals(1, lib.GetObjectSubList(name).metaDat.length);
-    }
-
-    @Test
-    void emptyObjectRoundTrip() throws Exception {
-        roundTrip(0);
-    }
-
-    @Test
-    void oneByteRoundTrip() throws Exception {
-        roundTrip(1);
-    }
-
-    @Test
-    void largestSinglePutRoundTrip() throws Exception {
-        roundTrip(QVAzurePlugInLibrary.SINGLE_PUT_LIMIT);
-    }
-
-    @Test
-    void blockUploadRoundTrip() throws Exception {
-        roundTrip(QVAzurePlugInLibrary.SINGLE_PUT_LIMIT + 1);
-    }
+    // ------------------------------------------------------------------ writes
 
     @Test
     void blockUploadOfSeveralRoundsWithMetadata() throws Exception {
@@ -250,62 +181,97 @@ class AzureLibraryAzuriteTest {
 
     // ------------------------------------------------------------------ metadata
 
-    private static Map<String, String> asMap(CPluginMetaData[] values) {
-        Map<String, String> m = new HashMap<>();
-        for (CPluginMetaData v : values) {
-            assertNull(m.put(v.szPropertyName, v.val.szProperty), "duplicate " + v.szPropertyName);
+    /**
+     * Names and values the x-ms-meta-* headers cannot carry as they are:
+     * non-ASCII text, blanks at either end and inside, control characters
+     * (all but NUL), surrogates, names that look like the encoded forms.
+     */
+    private static Map<String, String> awkwardMetadata() {
+        return TestSupport.ordered(
+            "plain", "simple value",
+            "Grüße", "Straße über Öl",
+            "名前", "日本語の値",
+            "UPPER_and_lower", "  leading and trailing blanks  ",
+            " leading blank", "value",
+            "trailing blank ", " leading",
+            "inner  two blanks", "trailing ",
+            "\t tab and blank \t", "\t",
+            " ", "   ",
+            "ctl\u0001\u001f\u007f", "bell\u0007 escape\u001b del\u007f c1\u0085",
+            "all controls", controls(),
+            "qv_0041", "looks like an encoded name",
+            "with space-and.dot", "u16:looks like an encoded value",
+            "empty", "",
+            "emoji\uD83D\uDE00", "line1\r\nline2\ttab",
+            "lone\uD800surrogate", "\uDC00lone low",
+            "1starts_with_digit", "x");
+    }
+
+    /** Every control character but NUL: U+0001..U+001F, U+007F and U+0080..U+009F. */
+    private static String controls() {
+        StringBuilder sb = new StringBuilder();
+        for (char c = 1; c < 0xa0; ++c) {
+            if (Character.isISOControl(c)) {
+                sb.append(c);
+            }
         }
-        return m;
+        return sb.toString();
+    }
+
+    /** The object's metadata read every way the library offers equals {@code want}. */
+    private static void assertMetadataEverywhere(String name, Map<String, String> want) {
+        CGObjectMetaDataFnValue all = lib.GetObjectMetaData(name);
+        assertOk(all, "GetObjectMetaData(name)");
+        assertEquals(want, asMap(all.values), "GetObjectMetaData(name)");
+        for (Map.Entry<String, String> e : want.entrySet()) {
+            CGetObjectMetaData one = lib.GetObjectMetaData(name, e.getKey());
+            assertOk(one, "GetObjectMetaData(name, \"" + e.getKey() + "\")");
+            assertEquals(e.getValue(), one.value, e.getKey());
+        }
+        CRObjectByNameFnValue byName = lib.ReadObjectByName(name, new byte[3], 0, 3, null);
+        assertOk(byName, "ReadObjectByName");
+        assertEquals(want, asMap(byName.values), "ReadObjectByName");
+        CRObjectByNameFnValue byHandle = lib.ReadObjectByHandle(name, new byte[3], 0, 3,
+                                                                want.keySet().toArray(new String[0]));
+        assertOk(byHandle, "ReadObjectByHandle");
+        assertEquals(want, asMap(byHandle.values), "ReadObjectByHandle with every name asked");
+        CRetGetSubMetaDataList list = lib.GetObjectSubList(name);
+        assertOk(list, "GetObjectSubList");
+        assertEquals(1, list.metaDat.length);
+        assertEquals(name, list.metaDat[0].szFileName);
+        assertEquals(want, asMap(list.metaDat[0].metaDat), "GetObjectSubList");
     }
 
     @Test
     void metadataNamesAndValuesSurviveWhateverTheirCharacters() {
-        Map<String, String> meta = new LinkedHashMap<>();
-        meta.put("plain", "simple value");
-        meta.put("Grüße", "Straße über Öl");
-        meta.put("名前", "日本語の値");
-        meta.put("UPPER_and_lower", "  leading and trailing blanks  ");
-        meta.put("qv_0041", "looks like an encoded name");
-        meta.put("with space-and.dot", "u16:looks like an encoded value");
-        meta.put("empty", "");
-        meta.put("emoji\uD83D\uDE00", "line1\nline2\ttab");
-        meta.put("lone\uD800surrogate", "\uDC00lone low");
-        meta.put("1starts_with_digit", "x");
-        CPluginMetaData[] arr = meta.entrySet().stream()
-            .map(e -> new CPluginMetaData(e.getKey(), e.getValue())).toArray(CPluginMetaData[]::new);
-
-        String name = unique("meta/ö/");
-        assertEquals(ERRORID.SUCCESS, lib.WriteObject(name, new byte[] {1, 2, 3}, 3, arr).errorValue.getErrorID());
-
-        CGObjectMetaDataFnValue all = lib.GetObjectMetaData(name);
-        assertEquals(ERRORID.SUCCESS, all.errorValue.getErrorID());
-        assertEquals(meta, asMap(all.values));
-
-        for (Map.Entry<String, String> e : meta.entrySet()) {
-            CGetObjectMetaData one = lib.GetObjectMetaData(name, e.getKey());
-            assertEquals(ERRORID.SUCCESS, one.errorValue.getErrorID(), e.getKey());
-            assertEquals(e.getValue(), one.value, e.getKey());
-        }
+        Map<String, String> meta = awkwardMetadata();
+        String name = unique("meta/ö ü/");
+        assertOk(lib.WriteObject(name, new byte[] {1, 2, 3}, 3, metaArray(meta)), "WriteObject");
+        assertMetadataEverywhere(name, meta);
         assertEquals(ERRORID.NOT_FOUND, lib.GetObjectMetaData(name, "absent").errorValue.getErrorID());
 
         // Setting one property keeps the others and replaces a value of the same name.
-        assertEquals(ERRORID.SUCCESS, lib.SetObjectMetaData(name, "Ünïcödé new", "välue").getErrorID());
-        assertEquals(ERRORID.SUCCESS, lib.SetObjectMetaData(name, "plain", "changed").getErrorID());
-        meta.put("Ünïcödé new", "välue");
+        assertOk(lib.SetObjectMetaData(name, " Ünïcödé\u0002new ", "\u0003välue "), "SetObjectMetaData");
+        assertOk(lib.SetObjectMetaData(name, "plain", "changed"), "SetObjectMetaData");
+        meta.put(" Ünïcödé\u0002new ", "\u0003välue ");
         meta.put("plain", "changed");
-        assertEquals(meta, asMap(lib.GetObjectMetaData(name).values));
+        assertMetadataEverywhere(name, meta);
 
         // A selected list gives only those properties that exist, under the asked names.
         CRObjectByNameFnValue sel = lib.ReadObjectByName(name, new byte[3], 0, 3,
-                                                         new String[] {"名前", "absent", "Grüße"});
+                                                         new String[] {"名前", "absent", " leading blank"});
         assertEquals(3, sel.bytesRead);
-        assertEquals(Map.of("名前", "日本語の値", "Grüße", "Straße über Öl"), asMap(sel.values));
+        assertEquals(Map.of("名前", "日本語の値", " leading blank", "value"), asMap(sel.values));
+    }
 
-        // The listing returns the same decoded metadata.
-        CRetGetSubMetaDataList list = lib.GetObjectSubList(name);
-        assertEquals(1, list.metaDat.length);
-        assertEquals(name, list.metaDat[0].szFileName);
-        assertEquals(meta, asMap(list.metaDat[0].metaDat));
+    @Test
+    void metadataOfABlockUploadSurvivesToo() {
+        Map<String, String> meta = awkwardMetadata();
+        String name = unique("meta/blocks/");
+        int size = QVAzurePlugInLibrary.SINGLE_PUT_LIMIT + 1;
+        assertOk(lib.WriteObject(name, new byte[size], size, metaArray(meta)), "WriteObject as blocks");
+        assertMetadataEverywhere(name, meta);
+        assertOk(lib.DeleteObjectByName(name), "DeleteObjectByName");
     }
 
     @Test
@@ -379,9 +345,8 @@ class AzureLibraryAzuriteTest {
 
     @Test
     void subListFollowsContinuationMarkersAcrossPages() throws Exception {
-        QVAzurePlugInLibrary l = newLibrary();
-        String own = "p" + UUID.randomUUID().toString().replace("-", "").substring(0, 20);
-        assertEquals(ERRORID.SUCCESS, l.AzureInit(azurite.connectionString(own), "/tmp").getErrorID());
+        String own = TestSupport.uniqueContainer("p");
+        QVAzurePlugInLibrary l = TestSupport.connected(azurite.connectionString(own));
         l.setListPageSize(7);
         try {
             int count = 303;
@@ -434,19 +399,6 @@ class AzureLibraryAzuriteTest {
         assertTrue(lib.IsValidContainer("good-name-1").isExist);
         assertFalse(lib.IsValidContainer("bad--name").isExist);
         assertFalse(lib.IsValidContainer("ab").isExist);
-    }
-
-    @Test
-    void unsupportedOperationsSaySo() {
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.GetRegions().errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.GetArchiveSet().errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.GetBucketRegion(container).errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.getStorageKey("a", "b").errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.updateStorageKey().errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.getServerNameList().errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.GetOwnerName().errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.IsSameAccount("a", "a").errorValue.getErrorID());
-        assertEquals(ERRORID.NOT_SUPPORTED, lib.addJobInfo(1, 2, 3, 4, 5, 6).getErrorID());
     }
 
     @Test

@@ -18,12 +18,15 @@ import java.util.concurrent.TimeUnit;
  * Where Azurite is: the environment variable AZURITE_BIN, else the system
  * property azurite.bin. Either may name the azurite-blob executable itself or
  * an npm install prefix (then node_modules/.bin/azurite-blob below it is used).
+ *
+ * The account is not Azurite's published development account: its key is
+ * drawn at random for each run (AZURITE_ACCOUNTS), so a test that searches
+ * logs or files for the key cannot be misled by anything else on the machine.
  */
 final class AzuriteServer {
-    static final String ACCOUNT = "devstoreaccount1";
-    /** The published key of Azurite's development account. */
-    static final String KEY =
-        "Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw==";
+    static final String ACCOUNT = "qvtestaccount";
+    /** This run's account key (base64 of 64 random bytes, as Azure's keys are). */
+    static final String KEY = randomKey();
 
     private static AzuriteServer instance;
 
@@ -45,10 +48,26 @@ final class AzuriteServer {
         return instance;
     }
 
-    /** The connection string of the dev account for the given container. */
+    private static String randomKey() {
+        byte[] k = new byte[64];
+        new java.security.SecureRandom().nextBytes(k);
+        return java.util.Base64.getEncoder().encodeToString(k);
+    }
+
+    /** The connection string of the test account for the given container. */
     String connectionString(String container) {
+        return connectionString(container, port, "");
+    }
+
+    /**
+     * The connection string of the test account with its blob endpoint on the
+     * given loopback port (Azurite's, or a proxy's in front of it), plus
+     * further "Key=value;" pairs.
+     */
+    static String connectionString(String container, int endpointPort, String extra) {
         return "DefaultEndpointsProtocol=http;AccountName=" + ACCOUNT + ";AccountKey=" + KEY
-            + ";BlobEndpoint=http://127.0.0.1:" + port + "/" + ACCOUNT + ";Container=" + container;
+            + ";BlobEndpoint=http://127.0.0.1:" + endpointPort + "/" + ACCOUNT + ";Container=" + container
+            + (extra.isEmpty() ? "" : ";" + extra);
     }
 
     private static String executable() {
@@ -85,6 +104,7 @@ final class AzuriteServer {
                 "--blobHost", "127.0.0.1", "--blobPort", Integer.toString(port),
                 "--inMemoryPersistence", "--disableTelemetry", "--skipApiVersionCheck", "--silent"));
             pb.directory(dir.toFile());
+            pb.environment().put("AZURITE_ACCOUNTS", ACCOUNT + ":" + KEY);
             pb.redirectErrorStream(true);
             pb.redirectOutput(dir.resolve("azurite.log").toFile());
             Process p = pb.start();

@@ -24,6 +24,11 @@ import java.util.List;
 import java.util.Locale;
 import java.util.Map;
 import java.util.TreeMap;
+import java.util.concurrent.ScheduledFuture;
+import java.util.concurrent.ScheduledThreadPoolExecutor;
+import java.util.concurrent.ThreadLocalRandom;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.atomic.AtomicBoolean;
 import javax.xml.XMLConstants;
 import javax.xml.parsers.DocumentBuilder;
 import javax.xml.parsers.DocumentBuilderFactory;
@@ -38,9 +43,9 @@ import org.xml.sax.SAXException;
  * A small client for the parts of the Blob service REST API that the plug-in
  * library needs, on java.net.http with Shared Key authorization. Every call
  * either returns what the service answered or throws a {@link StorageException}
- * already classified by {@link ErrorMap}. Requests that fail in a way worth
- * retrying (throttling, timeouts, 5xx, broken connections) are sent again a
- * few times with growing pauses.
+ * already classified by {@link ErrorMap}. Requests that fail in a way that
+ * may go away by itself are sent again as the connection's {@link RetryPolicy}
+ * says (bounded in attempts and in time, exponential backoff with jitter).
  *
  * Metadata passed in and out of this class is in its stored form (see
  * {@link MetadataCodec}): names without the x-ms-meta- prefix.
@@ -54,19 +59,17 @@ public final class BlobRestClient {
     private final StorageConnection conn;
     private final HttpClient http;
     private final SharedKeySigner signer;
-    private final Duration requestTimeout;
-    private final int maxAttempts;
+    private final RetryPolicy retry;
     /** The path part of the endpoint ("" for account host names, "/account" for emulator-style endpoints). */
     private final String basePath;
 
-    public BlobRestClient(StorageConnection conn, Duration connectTimeout, Duration requestTimeout, int maxAttempts) {
+    public BlobRestClient(StorageConnection conn) {
         this.conn = conn;
-        this.requestTimeout = requestTimeout;
-        this.maxAttempts = Math.max(1, maxAttempts);
+        this.retry = conn.retryPolicy;
         this.signer = new SharedKeySigner(conn.accountName, conn.accountKey);
         this.http = HttpClient.newBuilder()
             .version(HttpClient.Version.HTTP_1_1)
-            .connectTimeout(connectTimeout)
+            .connectTimeout(retry.connectTimeout)
             .followRedirects(HttpClient.Redirect.NEVER)
             .build();
         String p = conn.blobEndpoint.getRawPath();
@@ -164,31 +167,62 @@ public final class BlobRestClient {
         return basePath + "/" + container;
     }
 
+    /**
+     * Sends a request, and sends it again after failures that may go away by
+     * themselves, within the attempts and the time of the retry policy.
+     */
     private Response send(String method, String rawPath, String rawQuery, Map<String, String> headers,
                           byte[] body, int off, int len, BodySink sink, int... okStatuses) throws StorageException {
-        StorageException last = null;
-        for (int attempt = 1; attempt <= maxAttempts; ++attempt) {
+        long start = System.nanoTime();
+        long deadline = start + retry.maxTotal.toNanos();
+        for (int attempt = 1; ; ++attempt) {
+            long left = deadline - System.nanoTime();
+            Duration timeout = retry.requestTimeout;
+            if (timeout.toNanos() > left) {
+                timeout = Duration.ofNanos(Math.max(left, 1_000_000L));
+            }
+            StorageException failure;
             try {
-                return sendOnce(method, rawPath, rawQuery, headers, body, off, len, sink, okStatuses);
+                return sendOnce(method, rawPath, rawQuery, headers, body, off, len, sink, timeout, okStatuses);
             } catch (StorageException e) {
-                last = e;
-                if (!ErrorMap.isRetryable(e.error) || attempt == maxAttempts) {
-                    throw e;
-                }
-                try {
-                    Thread.sleep(100L << (2 * (attempt - 1)));
-                } catch (InterruptedException ie) {
-                    Thread.currentThread().interrupt();
-                    throw new StorageException(ERRORID.OPERATION_CANCELLED, 0, null, "interrupted", ie);
-                }
+                failure = e;
+            }
+            if (!failure.retryable) {
+                throw failure;
+            }
+            if (attempt >= retry.maxAttempts) {
+                throw failure;
+            }
+            long pause = retry.pauseMillis(attempt, ThreadLocalRandom.current());
+            left = deadline - System.nanoTime();
+            if (TimeUnit.MILLISECONDS.toNanos(pause) >= left) {
+                // The next send could not start within the bound: stop here rather than sleep in vain.
+                long elapsedMs = TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - start);
+                throw new StorageException(ERRORID.TIMEOUT, failure.status, failure.serviceCode,
+                                           method + " " + rawPath + ": gave up after " + attempt + " attempts in "
+                                               + elapsedMs + " ms (RetryMaxSeconds); last failure: "
+                                               + failure.getMessage(), failure);
+            }
+            try {
+                Thread.sleep(pause);
+            } catch (InterruptedException ie) {
+                Thread.currentThread().interrupt();
+                throw new StorageException(ERRORID.OPERATION_CANCELLED, 0, null, "interrupted", ie);
             }
         }
-        throw last;
+    }
+
+    /** A failed exchange with no usable answer: retried when it is a timeout or a broken connection. */
+    private static StorageException transportFailure(int status, String message, IOException e) {
+        ERRORID id = ErrorMap.fromThrowable(e);
+        boolean again = id == ERRORID.TIMEOUT || id == ERRORID.NETWORK_ERROR;
+        return new StorageException(id, status, null, message + ": " + e, e, again);
     }
 
     private Response sendOnce(String method, String rawPath, String rawQuery, Map<String, String> headers,
-                              byte[] body, int off, int len, BodySink sink, int... okStatuses)
-        throws StorageException {
+                              byte[] body, int off, int len, BodySink sink, Duration timeout,
+                              int... okStatuses) throws StorageException {
+        long started = System.nanoTime();
         Map<String, String> all = new LinkedHashMap<>(headers);
         all.put("x-ms-date", RFC1123.format(ZonedDateTime.now(ZoneOffset.UTC)));
         all.put("x-ms-version", API_VERSION);
@@ -198,7 +232,7 @@ public final class BlobRestClient {
         URI base = conn.blobEndpoint;
         String uri = base.getScheme() + "://" + base.getRawAuthority() + rawPath
             + (rawQuery == null || rawQuery.isEmpty() ? "" : "?" + rawQuery);
-        HttpRequest.Builder b = HttpRequest.newBuilder(URI.create(uri)).timeout(requestTimeout);
+        HttpRequest.Builder b = HttpRequest.newBuilder(URI.create(uri)).timeout(timeout);
         for (Map.Entry<String, String> e : all.entrySet()) {
             b.header(e.getKey(), e.getValue());
         }
@@ -211,8 +245,7 @@ public final class BlobRestClient {
         try {
             resp = http.send(b.build(), HttpResponse.BodyHandlers.ofInputStream());
         } catch (IOException e) {
-            throw new StorageException(ErrorMap.fromThrowable(e), 0, null,
-                                       method + " " + rawPath + ": " + e, e);
+            throw transportFailure(0, method + " " + rawPath, e);
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
             throw new StorageException(ERRORID.OPERATION_CANCELLED, 0, null, "interrupted", e);
@@ -222,7 +255,16 @@ public final class BlobRestClient {
         for (int s : okStatuses) {
             ok |= s == status;
         }
-        try (InputStream in = resp.body()) {
+        // The JDK's timeout ends when the headers arrive; the body gets what is left of this send's time.
+        // Closing the stream from the watchdog wakes a read that waits for bytes that never come.
+        InputStream in = resp.body();
+        AtomicBoolean cutOff = new AtomicBoolean();
+        long bodyNanos = Math.max(timeout.toNanos() - (System.nanoTime() - started), 1_000_000L);
+        ScheduledFuture<?> watchdog = Watchdog.TIMER.schedule(() -> {
+            cutOff.set(true);
+            closeQuietly(in);
+        }, bodyNanos, TimeUnit.NANOSECONDS);
+        try (in) {
             if (!ok) {
                 byte[] err = in.readAllBytes();
                 String code = resp.headers().firstValue("x-ms-error-code").orElse(null);
@@ -230,13 +272,41 @@ public final class BlobRestClient {
                     code = xmlText(err, "Code");
                 }
                 throw new StorageException(ErrorMap.fromHttp(status, code), status, code,
-                                           method + " " + rawPath + " -> " + status + " " + code, null);
+                                           method + " " + rawPath + " -> " + status + " " + code, null,
+                                           RetryPolicy.isRetryableStatus(status));
             }
             byte[] kept = sink == null ? in.readAllBytes() : sink.consume(in);
             return new Response(status, resp.headers(), kept);
         } catch (IOException e) {
-            throw new StorageException(ErrorMap.fromThrowable(e), status, null,
-                                       method + " " + rawPath + ": reading the answer failed: " + e, e);
+            if (cutOff.get()) {
+                throw new StorageException(ERRORID.TIMEOUT, status, null,
+                                           method + " " + rawPath + ": the answer did not arrive within "
+                                               + timeout.toMillis() + " ms", e, true);
+            }
+            throw transportFailure(status, method + " " + rawPath + ": reading the answer failed", e);
+        } finally {
+            watchdog.cancel(false);
+        }
+    }
+
+    /** One daemon thread, shared by all clients, that cuts off answers whose body stalls. */
+    private static final class Watchdog {
+        static final ScheduledThreadPoolExecutor TIMER = new ScheduledThreadPoolExecutor(1, r -> {
+            Thread t = new Thread(r, "azure-answer-watchdog");
+            t.setDaemon(true);
+            return t;
+        });
+
+        static {
+            TIMER.setRemoveOnCancelPolicy(true);
+        }
+    }
+
+    private static void closeQuietly(InputStream in) {
+        try {
+            in.close();
+        } catch (IOException e) {
+            // the read that was cut off reports the failure
         }
     }
 

@@ -14,7 +14,8 @@ import javax.net.ssl.SSLException;
 /**
  * Turns the failures of the Blob REST API and of the HTTP transport into the
  * error ids that the native plug-in understands. The table is also in
- * README.md; keep both in step.
+ * docs/java-library.md; keep both in step. Whether a failure is retried is
+ * decided by {@link RetryPolicy}, not here.
  */
 public final class ErrorMap {
     private ErrorMap() {
@@ -134,20 +135,5 @@ public final class ErrorMap {
             return ERRORID.NETWORK_ERROR;
         }
         return ERRORID.INTERNAL_ERROR;
-    }
-
-    /** Whether a request that failed this way is worth sending again after a pause. */
-    public static boolean isRetryable(ERRORID id) {
-        switch (id) {
-            case THROTTLED:
-            case SERVER_BUSY:
-            case SERVICE_UNAVAILABLE:
-            case TIMEOUT:
-            case NETWORK_ERROR:
-            case INTERNAL_ERROR:
-                return true;
-            default:
-                return false;
-        }
     }
 }

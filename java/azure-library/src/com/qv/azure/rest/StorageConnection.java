@@ -1,19 +1,32 @@
 package com.qv.azure.rest;
 
+import java.math.BigDecimal;
 import java.net.URI;
+import java.time.Duration;
 import java.util.Base64;
 import java.util.LinkedHashMap;
 import java.util.Locale;
 import java.util.Map;
+import java.util.Set;
+import java.util.regex.Pattern;
 
 /**
  * The parsed form of an Azure storage connection string with one extra key,
- * {@code Container}, naming the container that holds every object.
+ * {@code Container}, naming the container that holds every object, and a few
+ * optional keys that tune how requests are retried and timed out.
  *
- * Accepted keys (case-insensitive): DefaultEndpointsProtocol, AccountName,
- * AccountKey, BlobEndpoint, EndpointSuffix, Container. Values may themselves
- * contain '=' (account keys end with base64 padding), so each pair is split at
- * its first '='.
+ * Keys (case-insensitive): DefaultEndpointsProtocol, AccountName, AccountKey,
+ * BlobEndpoint, EndpointSuffix, Container, and the tuning keys
+ * RetryMaxAttempts, RetryMaxSeconds, RetryBaseDelayMillis, RetryMaxDelayMillis,
+ * RequestTimeoutSeconds, ConnectTimeoutSeconds (see {@link RetryPolicy}).
+ * Other keys are ignored, so that a connection string copied from the Azure
+ * portal (with QueueEndpoint, TableEndpoint and so on) can be used as it is.
+ * Values may themselves contain '=' (account keys end with base64 padding),
+ * so each pair is split at its first '='.
+ *
+ * The messages of {@link Invalid} name keys and positions but never repeat a
+ * value from the text: a mistyped string can put the account key anywhere
+ * (in a key's place, glued to another value), and these messages get logged.
  */
 public final class StorageConnection {
     public final String accountName;
@@ -21,19 +34,28 @@ public final class StorageConnection {
     /** The blob service endpoint without a trailing slash, e.g. https://acct.blob.core.windows.net. */
     public final URI blobEndpoint;
     public final String container;
+    public final RetryPolicy retryPolicy;
 
-    private StorageConnection(String accountName, byte[] accountKey, URI blobEndpoint, String container) {
+    private StorageConnection(String accountName, byte[] accountKey, URI blobEndpoint, String container,
+                              RetryPolicy retryPolicy) {
         this.accountName = accountName;
         this.accountKey = accountKey;
         this.blobEndpoint = blobEndpoint;
         this.container = container;
+        this.retryPolicy = retryPolicy;
+    }
+
+    /** Never shows the account key. */
+    @Override
+    public String toString() {
+        return "StorageConnection[" + accountName + " at " + blobEndpoint + ", container " + container + "]";
     }
 
     /** Thrown for a connection string that cannot be used; {@link #reason} tells why. */
     public static final class Invalid extends Exception {
         private static final long serialVersionUID = 1L;
 
-        public enum Reason { MALFORMED, MISSING_KEY, BAD_ACCOUNT_KEY, BAD_CONTAINER_NAME, BAD_ENDPOINT }
+        public enum Reason { MALFORMED, MISSING_KEY, BAD_ACCOUNT_KEY, BAD_CONTAINER_NAME, BAD_ENDPOINT, BAD_OPTION }
 
         public final Reason reason;
 
@@ -43,24 +65,42 @@ public final class StorageConnection {
         }
     }
 
+    /** The keys this class knows, in the spelling used in messages. */
+    private static final Set<String> KNOWN_KEYS = Set.of(
+        "DefaultEndpointsProtocol", "AccountName", "AccountKey", "BlobEndpoint", "EndpointSuffix", "Container",
+        "RetryMaxAttempts", "RetryMaxSeconds", "RetryBaseDelayMillis", "RetryMaxDelayMillis",
+        "RequestTimeoutSeconds", "ConnectTimeoutSeconds");
+
+    private static String knownSpelling(String lowerKey) {
+        for (String k : KNOWN_KEYS) {
+            if (k.toLowerCase(Locale.ROOT).equals(lowerKey)) {
+                return k;
+            }
+        }
+        return null;
+    }
+
     public static StorageConnection parse(String text) throws Invalid {
         if (text == null || text.isBlank()) {
             throw new Invalid(Invalid.Reason.MALFORMED, "empty connection string");
         }
         Map<String, String> pairs = new LinkedHashMap<>();
-        for (String part : text.split(";")) {
-            String p = part.trim();
+        String[] parts = text.split(";");
+        for (int i = 0; i < parts.length; ++i) {
+            String p = parts[i].trim();
             if (p.isEmpty()) {
                 continue;
             }
             int eq = p.indexOf('=');
             if (eq <= 0) {
-                throw new Invalid(Invalid.Reason.MALFORMED, "not a key=value pair: " + p);
+                throw new Invalid(Invalid.Reason.MALFORMED, "part " + (i + 1) + " is not a key=value pair");
             }
             String key = p.substring(0, eq).trim().toLowerCase(Locale.ROOT);
             String value = p.substring(eq + 1).trim();
             if (pairs.put(key, value) != null) {
-                throw new Invalid(Invalid.Reason.MALFORMED, "key given twice: " + key);
+                String known = knownSpelling(key);
+                throw new Invalid(Invalid.Reason.MALFORMED,
+                                  (known == null ? "the key of part " + (i + 1) : known) + " is given twice");
             }
         }
         String account = required(pairs, "accountname");
@@ -77,7 +117,9 @@ public final class StorageConnection {
             throw new Invalid(Invalid.Reason.BAD_ACCOUNT_KEY, "AccountKey is empty");
         }
         if (!isValidContainerName(container)) {
-            throw new Invalid(Invalid.Reason.BAD_CONTAINER_NAME, "invalid container name: " + container);
+            throw new Invalid(Invalid.Reason.BAD_CONTAINER_NAME,
+                              "Container breaks the container naming rules (3-63 lowercase letters, digits, "
+                                  + "single hyphens)");
         }
 
         String endpoint = pairs.get("blobendpoint");
@@ -96,19 +138,69 @@ public final class StorageConnection {
         try {
             uri = URI.create(endpoint);
         } catch (IllegalArgumentException e) {
-            throw new Invalid(Invalid.Reason.BAD_ENDPOINT, "BlobEndpoint is not a URI: " + endpoint);
+            throw new Invalid(Invalid.Reason.BAD_ENDPOINT, "BlobEndpoint is not a URI");
         }
         if (uri.getScheme() == null || uri.getHost() == null
             || !(uri.getScheme().equalsIgnoreCase("http") || uri.getScheme().equalsIgnoreCase("https"))) {
             throw new Invalid(Invalid.Reason.BAD_ENDPOINT, "BlobEndpoint needs an http(s) scheme and a host");
         }
-        return new StorageConnection(account, key, uri, container);
+        return new StorageConnection(account, key, uri, container, retryPolicy(pairs));
+    }
+
+    private static final Pattern WHOLE = Pattern.compile("[0-9]{1,9}");
+    private static final Pattern DECIMAL = Pattern.compile("[0-9]{1,9}(\\.[0-9]{1,3})?");
+
+    /** The retry and timeout settings: the defaults of {@link RetryPolicy}, overridden by the tuning keys. */
+    private static RetryPolicy retryPolicy(Map<String, String> pairs) throws Invalid {
+        int attempts = (int) whole(pairs, "RetryMaxAttempts", RetryPolicy.DEFAULT_MAX_ATTEMPTS, 1, 100);
+        Duration total = seconds(pairs, "RetryMaxSeconds", RetryPolicy.DEFAULT_MAX_TOTAL, 86_400);
+        Duration base = Duration.ofMillis(whole(pairs, "RetryBaseDelayMillis",
+                                                RetryPolicy.DEFAULT_BASE_DELAY.toMillis(), 0, 60_000));
+        long defaultMaxDelay = Math.max(RetryPolicy.DEFAULT_MAX_DELAY.toMillis(), base.toMillis());
+        Duration maxDelay = Duration.ofMillis(whole(pairs, "RetryMaxDelayMillis", defaultMaxDelay, 0, 600_000));
+        if (maxDelay.compareTo(base) < 0) {
+            throw new Invalid(Invalid.Reason.BAD_OPTION, "RetryMaxDelayMillis is below RetryBaseDelayMillis");
+        }
+        Duration request = seconds(pairs, "RequestTimeoutSeconds", RetryPolicy.DEFAULT_REQUEST_TIMEOUT, 86_400);
+        Duration connect = seconds(pairs, "ConnectTimeoutSeconds", RetryPolicy.DEFAULT_CONNECT_TIMEOUT, 3_600);
+        return new RetryPolicy(attempts, total, base, maxDelay, request, connect);
+    }
+
+    private static long whole(Map<String, String> pairs, String key, long fallback, long min, long max)
+        throws Invalid {
+        String v = pairs.get(key.toLowerCase(Locale.ROOT));
+        if (v == null) {
+            return fallback;
+        }
+        long n = WHOLE.matcher(v).matches() ? Long.parseLong(v) : -1;
+        if (n < min || n > max) {
+            throw new Invalid(Invalid.Reason.BAD_OPTION, key + " must be a whole number from " + min + " to " + max);
+        }
+        return n;
+    }
+
+    /** A positive number of seconds with at most 3 decimals, up to {@code maxSeconds}. */
+    private static Duration seconds(Map<String, String> pairs, String key, Duration fallback, long maxSeconds)
+        throws Invalid {
+        String v = pairs.get(key.toLowerCase(Locale.ROOT));
+        if (v == null) {
+            return fallback;
+        }
+        if (DECIMAL.matcher(v).matches()) {
+            long millis = new BigDecimal(v).movePointRight(3).longValueExact();
+            if (millis > 0 && millis <= maxSeconds * 1000) {
+                return Duration.ofMillis(millis);
+            }
+        }
+        throw new Invalid(Invalid.Reason.BAD_OPTION,
+                          key + " must be a number of seconds above 0 and at most " + maxSeconds
+                              + " (up to 3 decimals)");
     }
 
     private static String required(Map<String, String> pairs, String key) throws Invalid {
         String v = pairs.get(key);
         if (v == null || v.isEmpty()) {
-            throw new Invalid(Invalid.Reason.MISSING_KEY, "missing " + key);
+            throw new Invalid(Invalid.Reason.MISSING_KEY, "missing " + knownSpelling(key));
         }
         return v;
     }

@@ -13,6 +13,7 @@ import java.net.UnknownHostException;
 import java.net.http.HttpConnectTimeoutException;
 import java.net.http.HttpTimeoutException;
 import java.nio.charset.StandardCharsets;
+import java.time.Duration;
 import java.util.Base64;
 import java.util.LinkedHashMap;
 import java.util.Locale;
@@ -179,8 +180,118 @@ class RestPiecesTest {
         assertEquals(ERRORID.TLS_HANDSHAKE_FAILED, ErrorMap.fromThrowable(new SSLHandshakeException("h")));
         assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(new IOException("reset")));
         assertEquals(ERRORID.INTERNAL_ERROR, ErrorMap.fromThrowable(new IllegalStateException()));
-        assertTrue(ErrorMap.isRetryable(ERRORID.THROTTLED));
-        assertFalse(ErrorMap.isRetryable(ERRORID.NOT_FOUND));
+    }
+
+    // ------------------------------------------------------------------ retry and timeout settings
+
+    private static final String MINIMAL = "AccountName=a;AccountKey=" + KEY + ";Container=abc";
+
+    @Test
+    void retryDefaultsWithoutTuningKeys() throws Exception {
+        RetryPolicy p = StorageConnection.parse(MINIMAL + ";QueueEndpoint=http://ignored;Unknown=1").retryPolicy;
+        assertEquals(RetryPolicy.DEFAULT_MAX_ATTEMPTS, p.maxAttempts);
+        assertEquals(RetryPolicy.DEFAULT_MAX_TOTAL, p.maxTotal);
+        assertEquals(RetryPolicy.DEFAULT_BASE_DELAY, p.baseDelay);
+        assertEquals(RetryPolicy.DEFAULT_MAX_DELAY, p.maxDelay);
+        assertEquals(RetryPolicy.DEFAULT_REQUEST_TIMEOUT, p.requestTimeout);
+        assertEquals(RetryPolicy.DEFAULT_CONNECT_TIMEOUT, p.connectTimeout);
+    }
+
+    @Test
+    void tuningKeysAreReadInAnyCase() throws Exception {
+        RetryPolicy p = StorageConnection.parse(MINIMAL + ";retrymaxattempts=7;RetryMaxSeconds=2.5"
+            + ";RETRYBASEDELAYMILLIS=0;RetryMaxDelayMillis=900;RequestTimeoutSeconds=0.25;ConnectTimeoutSeconds=3")
+            .retryPolicy;
+        assertEquals(7, p.maxAttempts);
+        assertEquals(Duration.ofMillis(2500), p.maxTotal);
+        assertEquals(Duration.ZERO, p.baseDelay);
+        assertEquals(Duration.ofMillis(900), p.maxDelay);
+        assertEquals(Duration.ofMillis(250), p.requestTimeout);
+        assertEquals(Duration.ofSeconds(3), p.connectTimeout);
+        // A base pause above the default cap raises the cap with it.
+        assertEquals(Duration.ofSeconds(20),
+                     StorageConnection.parse(MINIMAL + ";RetryBaseDelayMillis=20000").retryPolicy.maxDelay);
+    }
+
+    @Test
+    void badTuningValuesAreRefused() {
+        String[] bad = {
+            "RetryMaxAttempts=0", "RetryMaxAttempts=101", "RetryMaxAttempts=-1", "RetryMaxAttempts=2.5",
+            "RetryMaxAttempts=", "RetryMaxAttempts=three", "RetryMaxSeconds=0", "RetryMaxSeconds=-3",
+            "RetryMaxSeconds=86401", "RetryMaxSeconds=1e3", "RetryMaxSeconds=0.0001", "RetryMaxSeconds=NaN",
+            "RequestTimeoutSeconds=0", "RequestTimeoutSeconds=abc", "ConnectTimeoutSeconds=3601",
+            "RetryBaseDelayMillis=60001", "RetryMaxDelayMillis=600001",
+            "RetryBaseDelayMillis=500;RetryMaxDelayMillis=100", "RetryMaxAttempts=99999999999",
+        };
+        for (String b : bad) {
+            assertEquals(StorageConnection.Invalid.Reason.BAD_OPTION, reasonOf(MINIMAL + ";" + b), b);
+        }
+        // An empty value of a tuning key counts as given and wrong; MINIMAL's own keys still must be there.
+        assertEquals(StorageConnection.Invalid.Reason.MISSING_KEY, reasonOf("AccountName=a;RetryMaxAttempts=3"));
+    }
+
+    @Test
+    void parseErrorsNeverRepeatAValue() {
+        String secret = Base64.getEncoder().encodeToString("a secret that must stay put".getBytes(StandardCharsets.US_ASCII));
+        String[] broken = {
+            "AccountName=a;AccountKey " + secret + ";Container=abc",
+            "AccountName=a;" + secret + ";Container=abc",
+            "AccountName=a;AccountKey=" + secret + "Container=abc",
+            "AccountName=a;AccountKey=" + secret + ";AccountKey=" + secret + ";Container=abc",
+            "AccountName=a;AccountKey=" + secret + ";Container=B" + secret,
+            "AccountName=a;AccountKey=" + secret + ";Container=abc;RetryMaxSeconds=" + secret,
+            "AccountName=a;AccountKey=" + secret + ";Container=abc;BlobEndpoint=" + secret,
+            "AccountName=a;AccountKey=" + secret + ";Container=abc;BlobEndpoint=ftp://" + secret,
+            "AccountName=a;AccountKey=%" + secret + ";Container=abc",
+            secret + "=x;" + secret + "=y",
+        };
+        for (String b : broken) {
+            StorageConnection.Invalid e = assertThrows(StorageConnection.Invalid.class,
+                                                       () -> StorageConnection.parse(b));
+            for (int i = 0; i + 8 <= secret.length(); ++i) {
+                assertFalse(e.getMessage().contains(secret.substring(i, i + 8)), e.getMessage());
+            }
+        }
+    }
+
+    @Test
+    void theConnectionsTextFormHasNoKey() throws Exception {
+        StorageConnection c = StorageConnection.parse(MINIMAL);
+        assertFalse(c.toString().contains(KEY), c.toString());
+    }
+
+    @Test
+    void retriedStatusesAreExactlyTheTransientOnes() {
+        for (int s = 100; s < 600; ++s) {
+            assertEquals(s == 408 || s == 429 || s == 500 || s == 503, RetryPolicy.isRetryableStatus(s), "" + s);
+        }
+    }
+
+    @Test
+    void pausesGrowExponentiallyWithJitterUpToTheCap() {
+        RetryPolicy p = new RetryPolicy(10, Duration.ofSeconds(60), Duration.ofMillis(100), Duration.ofMillis(1000),
+                                        Duration.ofSeconds(1), Duration.ofSeconds(1));
+        Random r = new Random(3);
+        long[] nominal = {100, 200, 400, 800, 1000, 1000, 1000};
+        for (int attempt = 1; attempt <= nominal.length; ++attempt) {
+            long d = nominal[attempt - 1];
+            long min = Long.MAX_VALUE;
+            long max = 0;
+            for (int i = 0; i < 2000; ++i) {
+                long pause = p.pauseMillis(attempt, r);
+                assertTrue(pause >= d / 2 && pause <= d, "attempt " + attempt + ": " + pause);
+                min = Math.min(min, pause);
+                max = Math.max(max, pause);
+            }
+            // Jitter: the pauses really spread over [d/2, d].
+            assertTrue(min < d / 2 + d / 10 && max > d - d / 10, "attempt " + attempt + ": " + min + ".." + max);
+        }
+        // Far past the cap the shift does not overflow.
+        long late = p.pauseMillis(1000, r);
+        assertTrue(late >= 500 && late <= 1000, "attempt 1000: " + late);
+        RetryPolicy none = new RetryPolicy(3, Duration.ofSeconds(1), Duration.ZERO, Duration.ZERO,
+                                           Duration.ofSeconds(1), Duration.ofSeconds(1));
+        assertEquals(0, none.pauseMillis(2, r));
     }
 
     @Test

@@ -1,0 +1,435 @@
+package com.qv.AzureLibrary;
+
+import java.io.BufferedInputStream;
+import java.io.ByteArrayOutputStream;
+import java.io.IOException;
+import java.io.InputStream;
+import java.io.OutputStream;
+import java.net.InetAddress;
+import java.net.InetSocketAddress;
+import java.net.ServerSocket;
+import java.net.Socket;
+import java.net.SocketTimeoutException;
+import java.nio.charset.StandardCharsets;
+import java.util.ArrayList;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Locale;
+import java.util.Map;
+import java.util.concurrent.CopyOnWriteArrayList;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.function.Predicate;
+
+/**
+ * A small HTTP/1.1 proxy on a loopback port that forwards requests to the
+ * blob service and, by rule, answers some of them with a fault instead:
+ * a status (503 ServerBusy, plain 503, any other), a dropped connection
+ * (closed without an answer, or reset), a delay before the request is
+ * forwarded, or an answer whose body stops halfway.
+ *
+ * Each connection carries one request: the proxy answers with
+ * "Connection: close", so every retry of the client arrives on a fresh
+ * connection and is seen, and counted, as a request of its own.
+ *
+ * A rule has a predicate over the request, a number of times it fires
+ * (or {@link #ALWAYS}) and a fault. The first rule that matches and still
+ * has times left applies; a request no rule takes is forwarded unchanged.
+ */
+final class FaultProxy implements AutoCloseable {
+    static final int ALWAYS = Integer.MAX_VALUE;
+
+    /** One request as the client sent it. */
+    static final class Request {
+        final String method;
+        final String path;
+        final String query;
+        final Map<String, String> headers;
+        final byte[] body;
+
+        Request(String method, String path, String query, Map<String, String> headers, byte[] body) {
+            this.method = method;
+            this.path = path;
+            this.query = query;
+            this.headers = headers;
+            this.body = body;
+        }
+
+        /** A query parameter's raw value, or null. */
+        String param(String name) {
+            for (String p : query.split("&")) {
+                int eq = p.indexOf('=');
+                if (eq > 0 && p.substring(0, eq).equals(name)) {
+                    return p.substring(eq + 1);
+                }
+            }
+            return null;
+        }
+
+        boolean isPutBlock() {
+            return method.equals("PUT") && "block".equals(param("comp"));
+        }
+
+        boolean isListBlobs() {
+            return method.equals("GET") && "list".equals(param("comp")) && "container".equals(param("restype"));
+        }
+    }
+
+    /** What the proxy does instead of (or before) forwarding. */
+    static final class Fault {
+        enum Kind { STATUS, DROP, RESET, DELAY, STALL_BODY }
+
+        final Kind kind;
+        final int status;
+        final String code;
+        final long delayMillis;
+
+        private Fault(Kind kind, int status, String code, long delayMillis) {
+            this.kind = kind;
+            this.status = status;
+            this.code = code;
+            this.delayMillis = delayMillis;
+        }
+
+        /** An error answer; with a code it carries x-ms-error-code and an XML error body as the service sends. */
+        static Fault status(int status, String code) {
+            return new Fault(Kind.STATUS, status, code, 0);
+        }
+
+        static Fault serverBusy() {
+            return status(503, "ServerBusy");
+        }
+
+        /** A 503 without any service error code, as a load balancer might send. */
+        static Fault plain503() {
+            return status(503, null);
+        }
+
+        /** Reads the request, then closes the connection without answering. */
+        static Fault drop() {
+            return new Fault(Kind.DROP, 0, null, 0);
+        }
+
+        /** Reads the request, then resets the connection (RST instead of FIN). */
+        static Fault reset() {
+            return new Fault(Kind.RESET, 0, null, 0);
+        }
+
+        /** Waits, then forwards the request unless the client has given up on it meanwhile. */
+        static Fault delay(long millis) {
+            return new Fault(Kind.DELAY, 0, null, millis);
+        }
+
+        /** Forwards the request, sends the answer's head and half its body, then goes quiet for a while. */
+        static Fault stallBody(long millis) {
+            return new Fault(Kind.STALL_BODY, 0, null, millis);
+        }
+    }
+
+    /** A rule: which requests, how many times, what fault. */
+    static final class Rule {
+        final Predicate<Request> match;
+        final Fault fault;
+        private final AtomicInteger left;
+        private final AtomicInteger applied = new AtomicInteger();
+
+        Rule(Predicate<Request> match, int times, Fault fault) {
+            this.match = match;
+            this.fault = fault;
+            this.left = new AtomicInteger(times);
+        }
+
+        private boolean take(Request r) {
+            if (!match.test(r)) {
+                return false;
+            }
+            while (true) {
+                int n = left.get();
+                if (n <= 0) {
+                    return false;
+                }
+                if (n == ALWAYS || left.compareAndSet(n, n - 1)) {
+                    applied.incrementAndGet();
+                    return true;
+                }
+            }
+        }
+
+        /** How many requests this rule has taken so far. */
+        int applied() {
+            return applied.get();
+        }
+    }
+
+    private final int upstreamPort;
+    private final ServerSocket server;
+    private final ExecutorService workers = Executors.newCachedThreadPool(r -> {
+        Thread t = new Thread(r, "fault-proxy");
+        t.setDaemon(true);
+        return t;
+    });
+    private final List<Rule> rules = new CopyOnWriteArrayList<>();
+    private final List<Request> seen = new CopyOnWriteArrayList<>();
+
+    /** Starts a proxy on a free loopback port in front of the service on {@code upstreamPort}. */
+    FaultProxy(int upstreamPort) throws IOException {
+        this.upstreamPort = upstreamPort;
+        this.server = new ServerSocket(0, 50, InetAddress.getLoopbackAddress());
+        workers.execute(this::acceptLoop);
+    }
+
+    int port() {
+        return server.getLocalPort();
+    }
+
+    Rule add(Predicate<Request> match, int times, Fault fault) {
+        Rule r = new Rule(match, times, fault);
+        rules.add(r);
+        return r;
+    }
+
+    /** Removes every rule and forgets the requests seen. */
+    void reset() {
+        rules.clear();
+        seen.clear();
+    }
+
+    /** Every request received so far, faulted or not, in order of arrival. */
+    List<Request> seen() {
+        return new ArrayList<>(seen);
+    }
+
+    long countSeen(Predicate<Request> p) {
+        return seen.stream().filter(p).count();
+    }
+
+    /**
+     * A predicate for every Put Block of the {@code n}-th distinct block id
+     * (counted from 1) that arrives: the first request with a new id decides,
+     * and every later request (retries) for that id matches as well. Which
+     * block that is does not matter; that it fails every time does.
+     */
+    static Predicate<Request> nthPutBlock(int n) {
+        List<String> ids = new ArrayList<>();
+        return r -> {
+            if (!r.isPutBlock()) {
+                return false;
+            }
+            String id = r.param("blockid");
+            synchronized (ids) {
+                if (!ids.contains(id)) {
+                    ids.add(id);
+                }
+                return ids.size() >= n && ids.get(n - 1).equals(id);
+            }
+        };
+    }
+
+    @Override
+    public void close() throws IOException {
+        server.close();
+        workers.shutdownNow();
+    }
+
+    // ------------------------------------------------------------------ serving
+
+    private void acceptLoop() {
+        while (!server.isClosed()) {
+            try {
+                Socket s = server.accept();
+                workers.execute(() -> serve(s));
+            } catch (IOException e) {
+                return; // closed
+            }
+        }
+    }
+
+    private void serve(Socket client) {
+        try (Socket c = client) {
+            InputStream in = new BufferedInputStream(c.getInputStream());
+            Request req = readRequest(in);
+            if (req == null) {
+                return;
+            }
+            seen.add(req);
+            Fault fault = null;
+            for (Rule r : rules) {
+                if (r.take(req)) {
+                    fault = r.fault;
+                    break;
+                }
+            }
+            OutputStream out = c.getOutputStream();
+            if (fault != null) {
+                switch (fault.kind) {
+                    case STATUS:
+                        out.write(errorAnswer(req, fault));
+                        out.flush();
+                        return;
+                    case DROP:
+                        return;
+                    case RESET:
+                        c.setSoLinger(true, 0);
+                        return;
+                    case DELAY:
+                        Thread.sleep(fault.delayMillis);
+                        if (clientGone(c, in)) {
+                            return; // a request the client gave up on must not reach the service late
+                        }
+                        break;
+                    case STALL_BODY:
+                        byte[] reply = forward(req);
+                        int bodyStart = Math.max(headEnd(reply), 0);
+                        out.write(reply, 0, bodyStart + (reply.length - bodyStart) / 2);
+                        out.flush();
+                        Thread.sleep(fault.delayMillis);
+                        return;
+                }
+            }
+            out.write(forward(req));
+            out.flush();
+        } catch (IOException e) {
+            // the client went away; nothing to answer
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        }
+    }
+
+    /** Whether the client has closed its side (read returns end of stream) after its request. */
+    private static boolean clientGone(Socket c, InputStream in) throws IOException {
+        c.setSoTimeout(1);
+        try {
+            return in.read() < 0;
+        } catch (SocketTimeoutException e) {
+            return false;
+        } catch (IOException e) {
+            return true;
+        } finally {
+            c.setSoTimeout(0);
+        }
+    }
+
+    private static String readLine(InputStream in) throws IOException {
+        ByteArrayOutputStream b = new ByteArrayOutputStream();
+        int ch;
+        while ((ch = in.read()) >= 0) {
+            if (ch == '\n') {
+                break;
+            }
+            if (ch != '\r') {
+                b.write(ch);
+            }
+        }
+        if (ch < 0 && b.size() == 0) {
+            return null;
+        }
+        return b.toString(StandardCharsets.ISO_8859_1);
+    }
+
+    private static Request readRequest(InputStream in) throws IOException {
+        String line = readLine(in);
+        if (line == null || line.isEmpty()) {
+            return null;
+        }
+        String[] parts = line.split(" ");
+        String target = parts[1];
+        int q = target.indexOf('?');
+        Map<String, String> headers = new LinkedHashMap<>();
+        String h;
+        while ((h = readLine(in)) != null && !h.isEmpty()) {
+            int colon = h.indexOf(':');
+            headers.put(h.substring(0, colon).trim(), h.substring(colon + 1).trim());
+        }
+        String len = header(headers, "Content-Length");
+        byte[] body = in.readNBytes(len == null ? 0 : Integer.parseInt(len));
+        return new Request(parts[0], q < 0 ? target : target.substring(0, q), q < 0 ? "" : target.substring(q + 1),
+                           headers, body);
+    }
+
+    private static String header(Map<String, String> headers, String name) {
+        for (Map.Entry<String, String> e : headers.entrySet()) {
+            if (e.getKey().equalsIgnoreCase(name)) {
+                return e.getValue();
+            }
+        }
+        return null;
+    }
+
+    private static byte[] errorAnswer(Request req, Fault f) {
+        byte[] body = f.code == null || req.method.equals("HEAD") ? new byte[0]
+            : ("<?xml version=\"1.0\" encoding=\"utf-8\"?><Error><Code>" + f.code
+               + "</Code><Message>injected by the test proxy</Message></Error>").getBytes(StandardCharsets.UTF_8);
+        StringBuilder head = new StringBuilder();
+        head.append("HTTP/1.1 ").append(f.status).append(f.status == 503 ? " Service Unavailable" : " Injected")
+            .append("\r\n");
+        if (f.code != null) {
+            head.append("x-ms-error-code: ").append(f.code).append("\r\n");
+            head.append("Content-Type: application/xml\r\n");
+        }
+        head.append("Content-Length: ").append(body.length).append("\r\n");
+        head.append("Connection: close\r\n\r\n");
+        return concat(head.toString().getBytes(StandardCharsets.ISO_8859_1), body);
+    }
+
+    /** Sends the request to the service on a connection of its own and answers the whole reply. */
+    private byte[] forward(Request req) throws IOException {
+        try (Socket up = new Socket()) {
+            up.connect(new InetSocketAddress(InetAddress.getLoopbackAddress(), upstreamPort), 5000);
+            StringBuilder head = new StringBuilder();
+            head.append(req.method).append(' ').append(req.path).append(req.query.isEmpty() ? "" : "?" + req.query)
+                .append(" HTTP/1.1\r\n");
+            for (Map.Entry<String, String> e : req.headers.entrySet()) {
+                if (!e.getKey().equalsIgnoreCase("Connection")) {
+                    head.append(e.getKey()).append(": ").append(e.getValue()).append("\r\n");
+                }
+            }
+            head.append("Connection: close\r\n\r\n");
+            OutputStream o = up.getOutputStream();
+            o.write(head.toString().getBytes(StandardCharsets.ISO_8859_1));
+            o.write(req.body);
+            o.flush();
+            byte[] reply = up.getInputStream().readAllBytes();
+            return withConnectionClose(reply);
+        }
+    }
+
+    /** Where the body of a reply starts (after the blank line ending the head), or -1 without one. */
+    private static int headEnd(byte[] reply) {
+        for (int i = 0; i + 3 < reply.length; ++i) {
+            if (reply[i] == '\r' && reply[i + 1] == '\n' && reply[i + 2] == '\r' && reply[i + 3] == '\n') {
+                return i + 4;
+            }
+        }
+        return -1;
+    }
+
+    /** The reply with its Connection header replaced by "Connection: close"; the body is left as it came. */
+    private static byte[] withConnectionClose(byte[] reply) {
+        int bodyStart = headEnd(reply);
+        if (bodyStart < 0) {
+            return reply;
+        }
+        int end = bodyStart - 4;
+        StringBuilder head = new StringBuilder();
+        for (String line : new String(reply, 0, end, StandardCharsets.ISO_8859_1).split("\r\n")) {
+            String lower = line.toLowerCase(Locale.ROOT);
+            if (!lower.startsWith("connection:") && !lower.startsWith("keep-alive:")) {
+                head.append(line).append("\r\n");
+            }
+        }
+        head.append("Connection: close\r\n\r\n");
+        byte[] h = head.toString().getBytes(StandardCharsets.ISO_8859_1);
+        byte[] out = new byte[h.length + reply.length - end - 4];
+        System.arraycopy(h, 0, out, 0, h.length);
+        System.arraycopy(reply, end + 4, out, h.length, reply.length - end - 4);
+        return out;
+    }
+
+    private static byte[] concat(byte[] a, byte[] b) {
+        byte[] out = new byte[a.length + b.length];
+        System.arraycopy(a, 0, out, 0, a.length);
+        System.arraycopy(b, 0, out, a.length, b.length);
+        return out;
+    }
+}
