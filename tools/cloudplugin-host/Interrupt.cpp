@@ -38,6 +38,4 @@ void InstallInterruptHandler() {
 
 bool Interrupted() { return g_interrupted.load(); }
 
-void RequestInterrupt() { g_interrupted = true; }
-
 }  // namespace qvhost

@@ -7,7 +7,5 @@ namespace qvhost {
 
 void InstallInterruptHandler();
 bool Interrupted();
-// For tests and for a command that stops itself.
-void RequestInterrupt();
 
 }  // namespace qvhost

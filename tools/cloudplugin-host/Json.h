@@ -33,8 +33,6 @@ public:
     Json& Add(std::string name, Json value);
     Json& Push(Json value);
 
-    Kind kind() const { return kind_; }
-
     // Compact text: no blanks, UTF-8 passed through, control characters
     // escaped.
     std::string Text() const;
