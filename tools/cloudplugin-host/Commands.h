@@ -1,15 +1,18 @@
 // The tool's commands. Each runs against an initialised plug-in session and
 // answers a result for --json together with the exit status; the human
 // summary is printed as it goes (unless --json or --quiet).
+//
+// One file per family: BackupCommand.cpp (backup), RestoreCommands.cpp
+// (restore, verify), StorageCommands.cpp (list, delete, prune and the
+// object commands), InfoCommands.cpp (info, bench). main.cpp holds the
+// table that names them.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "Json.h"
-#include "LocalFiles.h"
 #include "Manifest.h"
 #include "PluginSession.h"
 #include "Progress.h"
@@ -22,68 +25,72 @@ struct CommandOptions {
     unsigned jobs = 2;
     bool json = false;
     bool quiet = false;
-    std::string backupName;  // backup: the id to use instead of a new one
-    bool overwrite = false;  // restore: replace existing files
+    std::string backupName;       // backup: the id to use instead of a new one
+    bool skipUnreadable = false;  // backup: unreadable entries do not make the exit status 4
+    bool overwrite = false;       // restore: replace existing files and links
+    bool all = false;             // list: incomplete backups too
+    int64_t olderThanSeconds = 24 * 3600;  // prune
     std::vector<uint64_t> benchSizes = {1ull << 20, 16ull << 20, 64ull << 20};
     std::vector<unsigned> benchThreads = {1, 2};
     uint64_t benchBytes = 256ull << 20;  // bytes written per size and thread count
+    Metadata objectMetadata;             // object put: the object's metadata
 };
 
 struct CommandResult {
-    Json json = Json::Object();
+    Json json = Json::object();
     int status = 0;
 };
 
-class Commands {
+// What every command works with: the plug-in session, the options, and the
+// ways to speak to the user.
+class CommandContext {
 public:
-    Commands(PluginSession& session, const CommandOptions& options);
+    CommandContext(PluginSession& session, const CommandOptions& options) : session(session), options(options) {}
 
-    CommandResult Backup(const std::string& sourceFolder);
-    CommandResult Restore(const std::string& backupId, const std::string& destinationFolder);
-    CommandResult Verify(const std::string& backupId);
-    CommandResult List();
-    CommandResult Delete(const std::string& backupId);
-    CommandResult Info();
-    CommandResult Bench();
-    CommandResult ObjectPut(const std::string& name, const std::string& file);
-    CommandResult ObjectGet(const std::string& name, const std::string& file);
-    CommandResult ObjectDelete(const std::string& name);
-    CommandResult ObjectList(const std::string& prefix);
-
-private:
-    struct Problem {
-        std::string file;
-        std::string object;
-        std::string what;
-    };
-    using Sink = std::function<void(const uint8_t* data, size_t size)>;
-
-    Manifest ReadManifest(const std::string& backupId);
-    // Reads every part of one file back, checks each against the manifest,
-    // hands the bytes to `sink`; answers the first problem found, if any.
-    bool ReadFileBack(const Manifest& manifest, const ManifestFile& file, Progress& progress,
-                      std::vector<uint8_t>& buffer, const Sink& sink, Problem& problem);
-    CommandResult CheckBackup(const std::string& command, const std::string& backupId,
-                              const std::string* destinationFolder);
-    void BackupFile(const std::string& sourceFolder, const SourceFile& source, uint32_t index,
-                    const std::string& backupId, ManifestFile& entry, Progress& progress,
-                    std::vector<uint8_t>& buffer, const std::function<void(const std::string&)>& wrote);
+    // A line of the human summary on standard output.
     void Say(const std::string& text) const;
+    // A warning line on standard error (not under --json, whose document
+    // carries the same facts).
+    void Warn(const std::string& text) const;
     // How much of the command's thread time went into plug-in calls.
     void SayPluginShare(double pluginSeconds, double seconds) const;
     ProgressStyle Style() const;
 
-    PluginSession& session_;
-    CommandOptions options_;
+    PluginSession& session;
+    const CommandOptions options;
 };
 
-// Runs work(index, worker) for every index in 0..count-1 on `jobs` threads
-// (worker 0..jobs-1 names the thread, for per-thread buffers). The first
-// failure, or an interrupt, stops the others after the item in hand and is
-// rethrown.
-void RunInParallel(unsigned jobs, size_t count, const std::function<void(size_t index, unsigned worker)>& work);
+using Arguments = std::vector<std::string>;
+using CommandHandler = CommandResult (*)(CommandContext& context, const Arguments& arguments);
+
+CommandResult BackupCommand(CommandContext& context, const Arguments& arguments);
+CommandResult RestoreCommand(CommandContext& context, const Arguments& arguments);
+CommandResult VerifyCommand(CommandContext& context, const Arguments& arguments);
+CommandResult ListCommand(CommandContext& context, const Arguments& arguments);
+CommandResult DeleteCommand(CommandContext& context, const Arguments& arguments);
+CommandResult PruneCommand(CommandContext& context, const Arguments& arguments);
+CommandResult InfoCommand(CommandContext& context, const Arguments& arguments);
+CommandResult BenchCommand(CommandContext& context, const Arguments& arguments);
+CommandResult ObjectPutCommand(CommandContext& context, const Arguments& arguments);
+CommandResult ObjectGetCommand(CommandContext& context, const Arguments& arguments);
+CommandResult ObjectDeleteCommand(CommandContext& context, const Arguments& arguments);
+CommandResult ObjectListCommand(CommandContext& context, const Arguments& arguments);
+
+// ---- shared by the commands
 
 // "64M", "1G", "4096", "512K" (binary units); 0 for text that is not a size.
 uint64_t ParseSize(const std::string& text);
+// "30m", "24h", "7d", "90s" or "0"; -1 for text that is not an age.
+int64_t ParseAge(const std::string& text);
+
+// The current UTC time in strftime's `format`.
+std::string UtcNow(const char* format);
+// UTC time of "YYYY-MM-DDTHH:MM:SSZ" in seconds since 1970; -1 if the text is not one.
+int64_t ParseUtcTime(const std::string& text);
+// A new backup id: the UTC time and four random hex digits.
+std::string NewBackupId();
+double MiBPerSecond(uint64_t bytes, double seconds);
+// Text from storage made safe for a terminal: control characters as \xNN.
+std::string Printable(const std::string& text);
 
 }  // namespace qvhost

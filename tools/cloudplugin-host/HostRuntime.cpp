@@ -87,6 +87,11 @@ std::string JavaHomeFromPath() {
 
 }  // namespace
 
+std::string LogFolderOf(const HostSettings& settings) {
+    if (!settings.logFolder.empty()) return settings.logFolder;
+    return Utf8Of(PathOf(settings.installFolder) / "Plugin" / "Azure" / "Log");
+}
+
 const char* PluginLibraryFileName() {
 #ifdef _WIN32
     return "QVAzurePlugin.dll";
@@ -199,8 +204,13 @@ void HostRuntime::StartJvm(const HostSettings& settings) {
     if (classPath.empty()) throw ToolError(kExitSetUpFailed, "no jars in " + jarFolder);
 
     // -Xrs leaves SIGINT and SIGTERM to the tool, which stops its work
-    // cleanly instead of the JVM ending the process.
-    std::vector<std::string> texts = {"-Djava.class.path=" + classPath, "-Xrs"};
+    // cleanly instead of the JVM ending the process. The Java library logs
+    // into a file of the plug-in's log folder, never onto the terminal.
+    const std::string logFolder = LogFolderOf(settings);
+    MakeFolders(logFolder);
+    std::vector<std::string> texts = {"-Djava.class.path=" + classPath, "-Xrs",
+                                      "-D" + std::string(kJavaLogFileProperty) + "=" +
+                                          Utf8Of(PathOf(logFolder) / kJavaLogFileName)};
     texts.insert(texts.end(), settings.jvmOptions.begin(), settings.jvmOptions.end());
     std::vector<JavaVMOption> options(texts.size());
     for (size_t i = 0; i < texts.size(); ++i) options[i].optionString = &texts[i][0];

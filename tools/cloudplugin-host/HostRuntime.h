@@ -21,6 +21,14 @@ struct HostSettings {
     std::vector<std::string> jvmOptions;  // extra JVM options (-Xmx..., -D...)
 };
 
+// The Java library writes its java.util.logging records to the file this
+// system property names (it prints nothing to the terminal by default).
+constexpr const char* kJavaLogFileProperty = "com.qv.azure.log.file";
+constexpr const char* kJavaLogFileName = "XNAzurePlugIn.log";
+
+// The plug-in's log folder: the one given, else <install>/Plugin/Azure/Log.
+std::string LogFolderOf(const HostSettings& settings);
+
 // The file name of the plug-in library on this platform.
 const char* PluginLibraryFileName();
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "PathRules.h"
 #include "ToolError.h"
 
 #ifdef _WIN32
@@ -13,6 +14,7 @@
 #else
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #endif
 
 namespace qvhost {
@@ -27,46 +29,165 @@ namespace {
 
 std::string ErrnoText() { return std::strerror(errno); }
 
-std::FILE* OpenFile(const std::string& path, const char* mode) {
-#ifdef _WIN32
-    const std::wstring widePath = PathOf(path).wstring();
-    const std::wstring wideMode(mode, mode + std::strlen(mode));
-    return _wfopen(widePath.c_str(), wideMode.c_str());
-#else
-    return std::fopen(path.c_str(), mode);
-#endif
-}
-
 #ifdef _WIN32
 // Windows file times count 100 ns steps since 1601.
 constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
+
+std::FILE* OpenFile(const std::string& path, const char* mode) {
+    const std::wstring wideMode(mode, mode + std::strlen(mode));
+    return _wfopen(PathOf(path).wstring().c_str(), wideMode.c_str());
+}
+
+std::FILE* OpenForReading(const std::string& path) { return OpenFile(path, "rb"); }
+
+uint32_t ModeOf(const fs::path& path) {
+    std::error_code error;
+    return static_cast<uint32_t>(fs::symlink_status(path, error).permissions()) & 07777;
+}
+#else
+std::FILE* OpenFile(const std::string& path, const char* mode) { return std::fopen(path.c_str(), mode); }
+
+// O_NOFOLLOW: a file that became a link since the tree was listed is not
+// followed out of the tree.
+std::FILE* OpenForReading(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    std::FILE* file = fdopen(fd, "rb");
+    if (!file) close(fd);
+    return file;
+}
+
+uint32_t ModeOf(const fs::path& path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0 ? static_cast<uint32_t>(info.st_mode) & 07777 : 0;
+}
 #endif
+
+const char* SkippedKind(fs::file_type type) {
+    switch (type) {
+    case fs::file_type::fifo: return "a FIFO";
+    case fs::file_type::socket: return "a socket";
+    case fs::file_type::block: return "a block device";
+    case fs::file_type::character: return "a character device";
+    default: return "of an unknown kind";
+    }
+}
+
+// Walks one folder at a time, so that a folder that cannot be read is
+// reported and the rest of the tree still kept.
+class TreeScanner {
+public:
+    explicit TreeScanner(const std::string& root) : root_(PathOf(root)) {}
+
+    SourceTree Scan() {
+        std::vector<std::string> pending = {""};
+        while (!pending.empty()) {
+            const std::string folder = pending.back();
+            pending.pop_back();
+            ScanFolder(folder, pending);
+        }
+        for (auto* entries : {&tree_.files, &tree_.folders, &tree_.links}) {
+            std::sort(entries->begin(), entries->end(),
+                      [](const SourceEntry& a, const SourceEntry& b) { return a.relativePath < b.relativePath; });
+        }
+        std::sort(tree_.skipped.begin(), tree_.skipped.end(),
+                  [](const SkippedEntry& a, const SkippedEntry& b) { return a.relativePath < b.relativePath; });
+        return std::move(tree_);
+    }
+
+private:
+    void ScanFolder(const std::string& folder, std::vector<std::string>& pending) {
+        std::error_code error;
+        fs::directory_iterator it(root_ / PathOf(folder), error);
+        if (error) {
+            if (folder.empty()) Fail("read the folder", root_.u8string(), error.message());
+            tree_.skipped.push_back({folder, "cannot read the folder: " + error.message(), true});
+            return;
+        }
+        size_t kept = 0;
+        for (const fs::directory_iterator end; !error && it != end; it.increment(error)) {
+            const std::string name = it->path().filename().u8string();
+            const std::string path = folder.empty() ? name : folder + "/" + name;
+            std::error_code statusError;
+            const fs::file_status status = it->symlink_status(statusError);
+            kept += Add(path, it->path(), status, statusError, pending) ? 1 : 0;
+        }
+        if (error) tree_.skipped.push_back({folder, "cannot read the whole folder: " + error.message(), true});
+        if (kept == 0 && !folder.empty()) AddEmptyFolder(folder);
+    }
+
+    // Answers whether the entry is kept (a subfolder counts as kept).
+    bool Add(const std::string& path, const fs::path& full, const fs::file_status& status,
+             const std::error_code& error, std::vector<std::string>& pending) {
+        if (error) return Skip(path, "cannot read its status: " + error.message(), true);
+        if (std::string why = WhyPathIsRefused(path); !why.empty()) {
+            return Skip(path, "its path " + why + ", which a restore would refuse", true);
+        }
+        try {
+            switch (status.type()) {
+            case fs::file_type::directory: pending.push_back(path); return true;
+            case fs::file_type::regular: return AddFile(path, full);
+            case fs::file_type::symlink: return AddLink(path, full);
+            default: return Skip(path, std::string("is ") + SkippedKind(status.type()), false);
+            }
+        } catch (const ToolError& failure) {  // gone or unreadable since it was listed
+            return Skip(path, failure.what(), true);
+        }
+    }
+
+    bool AddFile(const std::string& path, const fs::path& full) {
+        std::error_code error;
+        SourceEntry entry = Entry(EntryKind::File, path, full);
+        entry.size = fs::file_size(full, error);
+        if (error) return Skip(path, "cannot read its size: " + error.message(), true);
+        tree_.files.push_back(std::move(entry));
+        return true;
+    }
+
+    bool AddLink(const std::string& path, const fs::path& full) {
+        std::error_code error;
+        SourceEntry entry = Entry(EntryKind::Link, path, full);
+        entry.linkTarget = fs::read_symlink(full, error).u8string();
+        if (error) return Skip(path, "cannot read the link: " + error.message(), true);
+        if (std::string why = WhyLinkTargetIsRefused(entry.linkTarget); !why.empty()) return Skip(path, why, true);
+        tree_.links.push_back(std::move(entry));
+        return true;
+    }
+
+    void AddEmptyFolder(const std::string& path) {
+        try {
+            tree_.folders.push_back(Entry(EntryKind::Folder, path, root_ / PathOf(path)));
+        } catch (const ToolError& failure) {
+            Skip(path, failure.what(), true);
+        }
+    }
+
+    bool Skip(const std::string& path, const std::string& reason, bool unreadable) {
+        tree_.skipped.push_back({path, reason, unreadable});
+        return false;
+    }
+
+    static SourceEntry Entry(EntryKind kind, const std::string& path, const fs::path& full) {
+        SourceEntry entry;
+        entry.kind = kind;
+        entry.relativePath = path;
+        entry.mode = ModeOf(full);
+        entry.modifiedNs = ModifiedNs(full.u8string());
+        return entry;
+    }
+
+    fs::path root_;
+    SourceTree tree_;
+};
 
 }  // namespace
 
 std::filesystem::path PathOf(const std::string& utf8) { return fs::u8path(utf8); }
 
-std::vector<SourceFile> ListTree(const std::string& root) {
+SourceTree ScanTree(const std::string& root) {
     std::error_code error;
     if (!fs::is_directory(PathOf(root), error)) Fail("back up", root, "not a folder");
-    std::vector<SourceFile> files;
-    fs::recursive_directory_iterator it(PathOf(root), fs::directory_options::none, error);
-    if (error) Fail("read the folder", root, error.message());
-    for (const fs::recursive_directory_iterator end; it != end; it.increment(error)) {
-        if (error) Fail("read the folder", root, error.message());
-        const fs::file_status status = it->symlink_status(error);
-        if (error || !fs::is_regular_file(status)) continue;
-        SourceFile file;
-        file.relativePath = it->path().lexically_relative(PathOf(root)).generic_u8string();
-        file.size = it->file_size(error);
-        if (error) Fail("read the size of", it->path().u8string(), error.message());
-        file.modifiedNs = ModifiedNs(it->path().u8string());
-        files.push_back(std::move(file));
-    }
-    if (error) Fail("read the folder", root, error.message());
-    std::sort(files.begin(), files.end(),
-              [](const SourceFile& a, const SourceFile& b) { return a.relativePath < b.relativePath; });
-    return files;
+    return TreeScanner(root).Scan();
 }
 
 std::string JoinPath(const std::string& root, const std::string& relativePath) {
@@ -84,7 +205,7 @@ int64_t ModifiedNs(const std::string& path) {
     return (ticks - kEpochDifference100ns) * 100;
 #else
     struct stat info;
-    if (stat(path.c_str(), &info) != 0) Fail("read the time of", path, ErrnoText());
+    if (lstat(path.c_str(), &info) != 0) Fail("read the time of", path, ErrnoText());
     return static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
 #endif
 }
@@ -92,8 +213,8 @@ int64_t ModifiedNs(const std::string& path) {
 void SetModifiedNs(const std::string& path, int64_t modifiedNs) {
 #ifdef _WIN32
     HANDLE file = CreateFileW(PathOf(path).wstring().c_str(), FILE_WRITE_ATTRIBUTES,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
-                              nullptr);
+                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     if (file == INVALID_HANDLE_VALUE) Fail("set the time of", path, "error " + std::to_string(GetLastError()));
     const int64_t ticks = modifiedNs / 100 + kEpochDifference100ns;
     FILETIME time{static_cast<DWORD>(ticks & 0xFFFFFFFF), static_cast<DWORD>(ticks >> 32)};
@@ -106,11 +227,11 @@ void SetModifiedNs(const std::string& path, int64_t modifiedNs) {
     int64_t nanoseconds = modifiedNs % 1000000000;
     if (nanoseconds < 0) nanoseconds += 1000000000, --seconds;
     const struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(seconds), static_cast<long>(nanoseconds)}};
-    if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) Fail("set the time of", path, ErrnoText());
+    if (utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) Fail("set the time of", path, ErrnoText());
 #endif
 }
 
-InputFile::InputFile(const std::string& path) : path_(path), file_(OpenFile(path, "rb")) {
+InputFile::InputFile(const std::string& path) : path_(path), file_(OpenForReading(path)) {
     if (!file_) Fail("open", path, ErrnoText());
 }
 
@@ -122,10 +243,6 @@ size_t InputFile::Read(void* buffer, size_t size) {
     const size_t read = std::fread(buffer, 1, size, file_);
     if (read < size && std::ferror(file_)) Fail("read", path_, ErrnoText());
     return read;
-}
-
-void InputFile::Rewind() {
-    if (std::fseek(file_, 0, SEEK_SET) != 0) Fail("rewind", path_, ErrnoText());
 }
 
 OutputFile::OutputFile(const std::string& path, bool replace) : path_(path) {
@@ -149,22 +266,6 @@ void OutputFile::Close() {
     const int closed = std::fclose(file_);
     file_ = nullptr;
     if (failed || closed != 0) Fail("write", path_, ErrnoText());
-}
-
-bool PathExists(const std::string& path) {
-    std::error_code error;
-    return fs::exists(fs::symlink_status(PathOf(path), error));
-}
-
-void RemoveFile(const std::string& path) {
-    std::error_code error;
-    fs::remove(PathOf(path), error);
-}
-
-void RenameFile(const std::string& from, const std::string& to) {
-    std::error_code error;
-    fs::rename(PathOf(from), PathOf(to), error);
-    if (error) Fail("rename", from, error.message());
 }
 
 void MakeFolders(const std::string& path) {

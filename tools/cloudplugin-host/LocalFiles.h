@@ -1,6 +1,6 @@
-// The local side of a backup: walking a source tree, reading files in
-// slices, writing restored files, modification times in nanoseconds since
-// 1970 (UTC). Paths are UTF-8 text; relative paths use '/'.
+// The local side of a backup: walking a source tree, reading files, writing
+// single files, modification times in nanoseconds since 1970 (UTC). Paths
+// are UTF-8 text; relative paths use '/'.
 #pragma once
 
 #include <cstdint>
@@ -14,23 +14,49 @@ namespace qvhost {
 // The path of UTF-8 text, in the platform's own form.
 std::filesystem::path PathOf(const std::string& utf8);
 
-struct SourceFile {
+enum class EntryKind { File, Folder, Link };
+
+struct SourceEntry {
+    EntryKind kind = EntryKind::File;
     std::string relativePath;  // '/'-separated, UTF-8
-    uint64_t size = 0;
+    uint64_t size = 0;         // files
     int64_t modifiedNs = 0;
+    uint32_t mode = 0;         // permission, set-ID and sticky bits
+    std::string linkTarget;    // links: the link's own text, never followed
 };
 
-// Every regular file under root (links are not followed), sorted by
-// relative path. Throws ToolError (local file) when root is not a folder.
-std::vector<SourceFile> ListTree(const std::string& root);
+// An entry that a backup does not keep. FIFOs, sockets and devices are
+// skipped by design; an entry that could not be read (or whose name a
+// restore would refuse) is `unreadable`, which a backup reports as a
+// failure unless told to skip such entries.
+struct SkippedEntry {
+    std::string relativePath;
+    std::string reason;
+    bool unreadable = false;
+};
+
+// What a backup keeps of a tree: regular files, empty folders (folders in
+// which nothing is kept) and symbolic links (as links, never followed),
+// each sorted by relative path; and what it skips.
+struct SourceTree {
+    std::vector<SourceEntry> files;
+    std::vector<SourceEntry> folders;
+    std::vector<SourceEntry> links;
+    std::vector<SkippedEntry> skipped;
+};
+
+// Throws ToolError (local file) when root is not a readable folder.
+SourceTree ScanTree(const std::string& root);
 
 // root + relative path, with the platform's separators.
 std::string JoinPath(const std::string& root, const std::string& relativePath);
 
+// Of the entry itself: a link's own time, not its target's.
 int64_t ModifiedNs(const std::string& path);
 void SetModifiedNs(const std::string& path, int64_t modifiedNs);
 
-// A file open for reading; throws ToolError (local file) on failure.
+// A file open for reading; a symbolic link is not followed. Throws
+// ToolError (local file) on failure.
 class InputFile {
 public:
     explicit InputFile(const std::string& path);
@@ -41,15 +67,15 @@ public:
     // Reads exactly `size` bytes at the current position unless the file
     // ends first; answers the bytes read.
     size_t Read(void* buffer, size_t size);
-    void Rewind();
 
 private:
     std::string path_;
     std::FILE* file_ = nullptr;
 };
 
-// A new file written from the start; made (with its folders) by the
-// constructor, which refuses to replace an existing file unless told to.
+// A new file written from the start, for single-object commands; made (with
+// its folders) by the constructor, which refuses to replace an existing
+// file unless told to. Restores use Destination instead.
 class OutputFile {
 public:
     OutputFile(const std::string& path, bool replace);
@@ -65,9 +91,6 @@ private:
     std::FILE* file_ = nullptr;
 };
 
-bool PathExists(const std::string& path);
-void RemoveFile(const std::string& path);
-void RenameFile(const std::string& from, const std::string& to);
 void MakeFolders(const std::string& path);
 
 }  // namespace qvhost

@@ -1,6 +1,8 @@
 #include "Manifest.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <set>
 #include <sstream>
 #include <type_traits>
 
@@ -10,7 +12,8 @@ namespace qvhost {
 
 namespace {
 
-constexpr const char* kHeader = "cloudplugin-host-manifest 1";
+constexpr const char* kHeaderStem = "cloudplugin-host-manifest ";
+constexpr int kVersion = 2;
 
 std::string Escape(const std::string& text) {
     std::string out;
@@ -28,6 +31,10 @@ std::string Escape(const std::string& text) {
 
 [[noreturn]] void Damaged(const std::string& why) {
     throw ToolError(kExitDamaged, "the manifest is damaged: " + why);
+}
+
+[[noreturn]] void DamagedEntry(const std::string& path, const std::string& why) {
+    Damaged("entry '" + Escape(path) + "' " + why);
 }
 
 int HexValue(char c) {
@@ -76,7 +83,21 @@ Number ParseNumber(const std::string& text) {
         Damaged("bad number " + text);
     }
     if (used != text.size()) Damaged("bad number " + text);
+    if (std::is_same<Number, uint32_t>::value && value > 0xFFFFFFFFLL) Damaged("number out of range " + text);
     return static_cast<Number>(value);
+}
+
+uint32_t ParseMode(const std::string& text) {
+    if (text.empty() || text.size() > 4 || text.find_first_not_of("01234567") != std::string::npos) {
+        Damaged("bad mode " + text);
+    }
+    return static_cast<uint32_t>(std::stoul(text, nullptr, 8));
+}
+
+std::string ModeText(uint32_t mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", mode & kModeBits);
+    return text;
 }
 
 bool IsSha256Hex(const std::string& text) {
@@ -85,6 +106,94 @@ bool IsSha256Hex(const std::string& text) {
         if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
     }
     return true;
+}
+
+// "file" records: 7 fields in version 1, 8 (with the mode) in version 2.
+ManifestFile DecodeFile(const std::vector<std::string>& fields, int version) {
+    const size_t expected = version == 1 ? 7 : 8;
+    if (fields.size() != expected) Damaged("a file record has " + std::to_string(fields.size()) + " fields");
+    ManifestFile file;
+    file.index = ParseNumber<uint32_t>(fields[1]);
+    file.relativePath = Unescape(fields[2]);
+    file.size = ParseNumber<uint64_t>(fields[3]);
+    file.modifiedNs = ParseNumber<int64_t>(fields[4]);
+    file.sha256 = fields[5];
+    if (!fields[6].empty()) file.partSha256 = Split(fields[6], ',');
+    if (version > 1) file.mode = ParseMode(fields[7]);
+    if (!IsSha256Hex(file.sha256)) DamagedEntry(file.relativePath, "has a bad hash");
+    for (const std::string& hash : file.partSha256) {
+        if (!IsSha256Hex(hash)) DamagedEntry(file.relativePath, "has a bad part hash");
+    }
+    return file;
+}
+
+ManifestFolder DecodeFolder(const std::vector<std::string>& fields) {
+    if (fields.size() != 4) Damaged("a folder record has " + std::to_string(fields.size()) + " fields");
+    return {Unescape(fields[1]), ParseNumber<int64_t>(fields[2]), ParseMode(fields[3])};
+}
+
+ManifestLink DecodeLink(const std::vector<std::string>& fields) {
+    if (fields.size() != 4) Damaged("a link record has " + std::to_string(fields.size()) + " fields");
+    return {Unescape(fields[1]), Unescape(fields[2]), ParseNumber<int64_t>(fields[3])};
+}
+
+void DecodeSetting(Manifest& manifest, const std::vector<std::string>& fields) {
+    const std::string& kind = fields[0];
+    if (fields.size() != 2) Damaged("bad record " + kind);
+    if (kind == "backup") manifest.backupId = Unescape(fields[1]);
+    else if (kind == "source") manifest.source = Unescape(fields[1]);
+    else if (kind == "created") manifest.created = Unescape(fields[1]);
+    else if (kind == "part-size") manifest.partSize = ParseNumber<uint64_t>(fields[1]);
+    else Damaged("unknown record " + kind);
+}
+
+int DecodeVersion(const std::string& header) {
+    const std::string stem = kHeaderStem;
+    if (header == stem + "1") return 1;
+    if (header == stem + "2") return 2;
+    Damaged(header.compare(0, stem.size(), stem) == 0 ? "unknown version: " + header : "no manifest header");
+}
+
+// Every entry's path is usable, named once, and not beneath a file or a
+// link (which a restore would otherwise have to write through).
+void CheckPaths(const Manifest& manifest, PathRules rules) {
+    std::set<std::string> all;
+    std::set<std::string> notFolders;
+    auto add = [&](const std::string& path, bool folder) {
+        if (std::string why = WhyPathIsRefused(path, rules); !why.empty()) DamagedEntry(path, why);
+        if (!all.insert(path).second) DamagedEntry(path, "is named twice");
+        if (!folder) notFolders.insert(path);
+    };
+    for (const ManifestFile& file : manifest.files) add(file.relativePath, false);
+    for (const ManifestFolder& folder : manifest.folders) add(folder.relativePath, true);
+    for (const ManifestLink& link : manifest.links) add(link.relativePath, false);
+    for (const std::string& path : all) {
+        for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+            const std::string above = path.substr(0, slash);
+            if (notFolders.count(above)) DamagedEntry(path, "lies beneath the file or link '" + Escape(above) + "'");
+        }
+    }
+}
+
+void CheckManifest(const Manifest& manifest, PathRules rules) {
+    if (!IsValidBackupId(manifest.backupId)) Damaged("bad backup id");
+    if (manifest.partSize == 0 || manifest.partSize > kMaximumPartSize) {
+        Damaged("part size " + std::to_string(manifest.partSize) + " is outside 1.." + std::to_string(kMaximumPartSize));
+    }
+    std::set<uint32_t> indexes;
+    for (const ManifestFile& file : manifest.files) {
+        if (file.partSha256.size() != PartCount(file.size, manifest.partSize)) {
+            DamagedEntry(file.relativePath, "has " + std::to_string(file.partSha256.size()) +
+                                                " parts for " + std::to_string(file.size) + " bytes");
+        }
+        if (!indexes.insert(file.index).second) {
+            DamagedEntry(file.relativePath, "reuses file index " + std::to_string(file.index));
+        }
+    }
+    for (const ManifestLink& link : manifest.links) {
+        if (std::string why = WhyLinkTargetIsRefused(link.target); !why.empty()) DamagedEntry(link.relativePath, why);
+    }
+    CheckPaths(manifest, rules);
 }
 
 }  // namespace
@@ -101,12 +210,26 @@ size_t Manifest::ObjectCount() const {
     return total;
 }
 
-uint64_t PartCount(uint64_t size, uint64_t partSize) { return (size + partSize - 1) / partSize; }
+uint64_t PartCount(uint64_t size, uint64_t partSize) { return size / partSize + (size % partSize ? 1 : 0); }
+
+uint64_t PartBytes(uint64_t size, uint64_t partSize, uint64_t part) {
+    const uint64_t start = part * partSize;
+    return start >= size ? 0 : std::min(partSize, size - start);
+}
 
 std::string BackupLayout::PartName(const std::string& backupId, uint32_t fileIndex, uint64_t part) const {
     char suffix[32];
     std::snprintf(suffix, sizeof suffix, "%06u.%04llu", fileIndex, static_cast<unsigned long long>(part));
     return DataPrefix(backupId) + suffix;
+}
+
+std::string BackupLayout::BackupOfPart(const std::string& objectName) const {
+    const std::string prefix = BackupsPrefix();
+    if (objectName.compare(0, prefix.size(), prefix) != 0) return {};
+    const size_t slash = objectName.find('/', prefix.size());
+    if (slash == std::string::npos) return {};
+    const std::string id = objectName.substr(prefix.size(), slash - prefix.size());
+    return IsValidBackupId(id) ? id : std::string();
 }
 
 bool IsValidBackupId(const std::string& id) {
@@ -121,7 +244,7 @@ bool IsValidBackupId(const std::string& id) {
 
 std::string EncodeManifest(const Manifest& manifest) {
     std::ostringstream out;
-    out << kHeader << '\n'
+    out << kHeaderStem << kVersion << '\n'
         << "backup\t" << Escape(manifest.backupId) << '\n'
         << "source\t" << Escape(manifest.source) << '\n'
         << "created\t" << Escape(manifest.created) << '\n'
@@ -130,53 +253,33 @@ std::string EncodeManifest(const Manifest& manifest) {
         out << "file\t" << file.index << '\t' << Escape(file.relativePath) << '\t' << file.size << '\t'
             << file.modifiedNs << '\t' << file.sha256 << '\t';
         for (size_t i = 0; i < file.partSha256.size(); ++i) out << (i ? "," : "") << file.partSha256[i];
-        out << '\n';
+        out << '\t' << ModeText(file.mode.value_or(0644)) << '\n';
+    }
+    for (const ManifestFolder& folder : manifest.folders) {
+        out << "folder\t" << Escape(folder.relativePath) << '\t' << folder.modifiedNs << '\t' << ModeText(folder.mode)
+            << '\n';
+    }
+    for (const ManifestLink& link : manifest.links) {
+        out << "link\t" << Escape(link.relativePath) << '\t' << Escape(link.target) << '\t' << link.modifiedNs << '\n';
     }
     return out.str();
 }
 
-Manifest DecodeManifest(const std::string& text) {
+Manifest DecodeManifest(const std::string& text, PathRules rules) {
     std::vector<std::string> lines = Split(text, '\n');
-    if (lines.empty() || lines[0] != kHeader) Damaged("no manifest header");
+    const int version = DecodeVersion(lines[0]);
     if (!lines.back().empty()) Damaged("the last line is cut off");
     lines.pop_back();
     Manifest manifest;
     for (size_t i = 1; i < lines.size(); ++i) {
         const std::vector<std::string> fields = Split(lines[i], '\t');
         const std::string& kind = fields[0];
-        if (kind == "file") {
-            if (fields.size() != 7) Damaged("a file record has " + std::to_string(fields.size()) + " fields");
-            ManifestFile file;
-            file.index = ParseNumber<uint32_t>(fields[1]);
-            file.relativePath = Unescape(fields[2]);
-            file.size = ParseNumber<uint64_t>(fields[3]);
-            file.modifiedNs = ParseNumber<int64_t>(fields[4]);
-            file.sha256 = fields[5];
-            if (!fields[6].empty()) file.partSha256 = Split(fields[6], ',');
-            if (!IsSha256Hex(file.sha256)) Damaged("bad hash of " + file.relativePath);
-            for (const std::string& hash : file.partSha256) {
-                if (!IsSha256Hex(hash)) Damaged("bad part hash of " + file.relativePath);
-            }
-            if (manifest.partSize == 0 || file.partSha256.size() != PartCount(file.size, manifest.partSize)) {
-                Damaged("wrong part count for " + file.relativePath);
-            }
-            manifest.files.push_back(std::move(file));
-        } else if (fields.size() != 2) {
-            Damaged("bad record " + kind);
-        } else if (kind == "backup") {
-            manifest.backupId = Unescape(fields[1]);
-        } else if (kind == "source") {
-            manifest.source = Unescape(fields[1]);
-        } else if (kind == "created") {
-            manifest.created = Unescape(fields[1]);
-        } else if (kind == "part-size") {
-            manifest.partSize = ParseNumber<uint64_t>(fields[1]);
-            if (manifest.partSize == 0) Damaged("part size 0");
-        } else {
-            Damaged("unknown record " + kind);
-        }
+        if (kind == "file") manifest.files.push_back(DecodeFile(fields, version));
+        else if (kind == "folder" && version > 1) manifest.folders.push_back(DecodeFolder(fields));
+        else if (kind == "link" && version > 1) manifest.links.push_back(DecodeLink(fields));
+        else DecodeSetting(manifest, fields);
     }
-    if (!IsValidBackupId(manifest.backupId)) Damaged("bad backup id");
+    CheckManifest(manifest, rules);
     return manifest;
 }
 

@@ -3,23 +3,40 @@
 // Layout in the container, under a root prefix (default "cloudplugin-host"):
 //   <root>/backups/<id>/<file index>.<part index>   the file parts (6 and 4 digits)
 //   <root>/manifests/<id>                           the manifest, written last
-// A backup without its manifest is incomplete and is never listed.
+// A backup without its manifest is incomplete: `list` shows it only with
+// --all, and `prune` removes it.
 //
 // The manifest is UTF-8 text, one record per line, fields separated by tabs;
 // '%', tab, CR, LF and other control characters in texts are written as %XX.
-//   cloudplugin-host-manifest 1
+//   cloudplugin-host-manifest 2
 //   backup <id>
 //   source <source folder>
 //   created <UTC time, ISO 8601>
 //   part-size <bytes>
-//   file <index> <relative path> <size> <modified ns> <file sha256> <part sha256,...>
+//   file <index> <relative path> <size> <modified ns> <file sha256> <part sha256,...> <mode, octal>
+//   folder <relative path> <modified ns> <mode, octal>          (an empty folder)
+//   link <relative path> <link target> <modified ns>            (a symbolic link)
+// Version 1 manifests (no mode field, no folders or links) still decode.
+//
+// Everything decoded comes from storage and is checked before use: the
+// paths (PathRules.h), no path twice, no file index twice, part counts that
+// fit the sizes, no entry beneath a file or a link, a part size one plug-in
+// call can carry.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "PathRules.h"
+
 namespace qvhost {
+
+// The largest object one plug-in call carries: 2 GiB - 1.
+constexpr uint64_t kMaximumPartSize = (2ull << 30) - 1;
+// Permission bits with set-user-ID, set-group-ID and sticky.
+constexpr uint32_t kModeBits = 07777;
 
 struct ManifestFile {
     uint32_t index = 0;
@@ -28,6 +45,19 @@ struct ManifestFile {
     int64_t modifiedNs = 0;
     std::string sha256;
     std::vector<std::string> partSha256;  // one per part; none for an empty file
+    std::optional<uint32_t> mode;         // absent in version 1 manifests
+};
+
+struct ManifestFolder {
+    std::string relativePath;
+    int64_t modifiedNs = 0;
+    uint32_t mode = 0755;
+};
+
+struct ManifestLink {
+    std::string relativePath;
+    std::string target;
+    int64_t modifiedNs = 0;
 };
 
 struct Manifest {
@@ -36,25 +66,57 @@ struct Manifest {
     std::string created;
     uint64_t partSize = 0;
     std::vector<ManifestFile> files;
+    std::vector<ManifestFolder> folders;
+    std::vector<ManifestLink> links;
 
     uint64_t TotalBytes() const;
     size_t ObjectCount() const;  // file parts
+    size_t EntryCount() const { return files.size() + folders.size() + links.size(); }
 };
 
 std::string EncodeManifest(const Manifest& manifest);
-// Throws ToolError (damaged) for text that is not a well-formed manifest.
-Manifest DecodeManifest(const std::string& text);
+// Throws ToolError (damaged), naming the entry, for text that is not a
+// well-formed manifest or names a path that `rules` refuse.
+Manifest DecodeManifest(const std::string& text, PathRules rules = kNativePathRules);
 
 // The number of parts of a file of `size` bytes.
 uint64_t PartCount(uint64_t size, uint64_t partSize);
+// The bytes of part `part` of a file of `size` bytes.
+uint64_t PartBytes(uint64_t size, uint64_t partSize, uint64_t part);
+
+// Metadata written with every file part.
+namespace part_property {
+constexpr const char* kPath = "path";
+constexpr const char* kSize = "size";
+constexpr const char* kModified = "modified_ns";
+constexpr const char* kPart = "part";
+constexpr const char* kParts = "parts";
+constexpr const char* kPartSha = "part_sha256";
+constexpr const char* kFileSha = "file_sha256";
+constexpr const char* kBackup = "backup";
+constexpr const char* kPartSize = "part_size";  // the backup's part size
+constexpr const char* kWritten = "written";     // UTC time of the write, ISO 8601
+}  // namespace part_property
+
+// Metadata of the manifest object.
+namespace manifest_property {
+constexpr const char* kFiles = "files";
+constexpr const char* kBytes = "bytes";
+constexpr const char* kCreated = "created";
+constexpr const char* kSource = "source";
+constexpr const char* kSha = "manifest_sha256";
+}  // namespace manifest_property
 
 struct BackupLayout {
     std::string root = "cloudplugin-host";
 
     std::string ManifestsPrefix() const { return root + "/manifests/"; }
     std::string ManifestName(const std::string& backupId) const { return ManifestsPrefix() + backupId; }
-    std::string DataPrefix(const std::string& backupId) const { return root + "/backups/" + backupId + "/"; }
+    std::string BackupsPrefix() const { return root + "/backups/"; }
+    std::string DataPrefix(const std::string& backupId) const { return BackupsPrefix() + backupId + "/"; }
     std::string PartName(const std::string& backupId, uint32_t fileIndex, uint64_t part) const;
+    // The backup id of an object under BackupsPrefix(); empty for any other name.
+    std::string BackupOfPart(const std::string& objectName) const;
 };
 
 // Backup ids: letters, digits, '.', '_' and '-', 1 to 100 characters, not

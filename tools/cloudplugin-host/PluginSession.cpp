@@ -1,5 +1,6 @@
 #include "PluginSession.h"
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 
@@ -62,14 +63,17 @@ uint64_t PluginSession::Read(const std::string& name, uint8_t* buffer, uint64_t 
     return read;
 }
 
-std::string PluginSession::ReadAll(const std::string& name) {
+std::string PluginSession::ReadAll(const std::string& name, uint64_t limit) {
     constexpr uint64_t kSlice = 4u << 20;
     std::string content;
     for (;;) {
         const size_t at = content.size();
+        if (at > limit) {
+            throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
+        }
         content.resize(at + kSlice);
         const uint64_t read = Read(name, reinterpret_cast<uint8_t*>(&content[at]), at, kSlice);
-        content.resize(at + read);
+        content.resize(at + std::min(read, kSlice));
         if (read < kSlice) return content;
     }
 }
@@ -88,6 +92,14 @@ bool PluginSession::Exists(const std::string& name) {
 
 void PluginSession::Delete(const std::string& name) {
     Run("DeleteObjectByName", name, [&] { return plugin_.DeleteObjectByName(Wide(name)); });
+}
+
+void PluginSession::DeleteIfPresent(const std::string& name) {
+    try {
+        Delete(name);
+    } catch (const PluginError& failure) {
+        if (failure.code() != kResultObjectNotFound) throw;
+    }
 }
 
 std::vector<ListedObject> PluginSession::List(const std::string& prefix) {

@@ -15,6 +15,9 @@
 
 namespace qvhost {
 
+// The plug-in's result code for an object that does not exist.
+constexpr uint32_t kResultObjectNotFound = 7;
+
 // Object metadata in UTF-8: property name to value.
 using Metadata = std::map<std::string, std::string>;
 
@@ -50,12 +53,15 @@ public:
     uint64_t Read(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length,
                   const std::vector<std::string>& properties, Metadata& metadata);
 
-    // The whole object, read in slices until a short read.
-    std::string ReadAll(const std::string& name);
 
     std::string Property(const std::string& name, const std::string& property);
     bool Exists(const std::string& name);
     void Delete(const std::string& name);
+    // Delete, where an object that does not exist counts as deleted.
+    void DeleteIfPresent(const std::string& name);
+    // The whole object, read in slices; refuses (ToolError damaged) an object
+    // larger than `limit` bytes instead of reading it all.
+    std::string ReadAll(const std::string& name, uint64_t limit);
     std::vector<ListedObject> List(const std::string& prefix);
 
     void CheckConnectivity();

@@ -32,6 +32,8 @@ public:
 
     void AddBytes(uint64_t bytes) { doneBytes_ += bytes; }
     void FileDone(const std::string& relativePath, uint64_t size);
+    // A file given up on (reported elsewhere): counted, no line of its own.
+    void FileFailed() { ++doneFiles_; }
     // Ends the bar (a last redraw and a line end).
     void Finish();
 

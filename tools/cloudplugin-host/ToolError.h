@@ -28,7 +28,7 @@ public:
     ToolError(int exitStatus, const std::string& message) : std::runtime_error(message), exitStatus_(exitStatus) {}
 
     int exitStatus() const { return exitStatus_; }
-    virtual Json ToJson() const { return Json::Object({{"status", exitStatus_}, {"message", what()}}); }
+    virtual Json ToJson() const { return Json{{"status", exitStatus_}, {"message", what()}}; }
 
 private:
     int exitStatus_;
@@ -48,11 +48,11 @@ public:
     uint32_t code() const { return code_; }
 
     Json ToJson() const override {
-        return Json::Object({{"status", exitStatus()},
-                             {"message", what()},
-                             {"operation", operation_},
-                             {"object", object_},
-                             {"code", code_}});
+        return Json{{"status", exitStatus()},
+                    {"message", what()},
+                    {"operation", operation_},
+                    {"object", object_},
+                    {"code", code_}};
     }
 
 private:

@@ -1,13 +1,18 @@
 // cloudplugin-host: a command-line backup host for the cloud-storage plug-in.
 // It loads the plug-in exactly as a backup host does (its own JVM, the
 // library by path, CreateInstance, Init) and uses it to back up, list,
-// verify, restore and delete folders of files.
+// verify, restore, delete and prune folders of files.
+//
+// Two tables drive the command line: the commands with their arguments and
+// handlers, and the options with what each sets. CLI11 parses; --help is
+// written from the same tables.
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "Commands.h"
 #include "HostRuntime.h"
@@ -16,75 +21,42 @@
 
 #ifdef _WIN32
 #include <windows.h>
-#else
-#include <unistd.h>
 #endif
 
 using namespace qvhost;
 
 namespace {
 
-constexpr const char* kUsage = R"(usage: cloudplugin-host [options] COMMAND [ARGUMENTS]
+struct CommandEntry {
+    const char* name;                    // "backup", "object put"
+    std::vector<const char*> arguments;  // a name in brackets is optional
+    const char* summary;
+    CommandHandler handler;
+};
 
-commands:
-  backup SOURCE_DIR           back up every file under SOURCE_DIR; prints the backup id
-  restore BACKUP DEST_DIR     restore a backup into DEST_DIR, checking every hash
-  list                        complete backups with their file counts and sizes
-  verify BACKUP               read a backup back and check every hash
-  delete BACKUP               delete a backup (complete or not)
-  info                        connectivity, account figures and the plug-in's capabilities
-  bench                       write and read throughput through the plug-in
-  object put NAME FILE        write FILE as object NAME
-  object get NAME FILE        read object NAME into FILE
-  object delete NAME          delete object NAME
-  object list [PREFIX]        objects whose names start with PREFIX, with their metadata
-
-options:
-  --connection TEXT     the storage library's init string (default: $CLOUDPLUGIN_CONNECTION)
-                        Azure: "DefaultEndpointsProtocol=https;AccountName=..;AccountKey=..;
-                        EndpointSuffix=core.windows.net;Container=.."
-  --install DIR         install folder holding Plugin/Azure/ (default: $CLOUDPLUGIN_INSTALL,
-                        else the folder above the tool's own)
-  --plugin FILE         the plug-in library (default: DIR/Plugin/Azure/<library>)
-  --java-home DIR       the Java runtime (default: $JAVA_HOME, else the java on the PATH)
-  --log-folder DIR      the plug-in's log folder (default: DIR/Plugin/Azure/Log)
-  --jvm-option OPTION   an extra JVM option, e.g. -Xmx2g (repeatable)
-  --prefix TEXT         root of the tool's object names (default: cloudplugin-host)
-  --jobs N              files in flight at once, one host thread each (default: 2)
-  --part-size SIZE      object size files are split into (default: 64M)
-  --name ID             backup: the backup id to use (letters, digits, '.', '_', '-')
-  --overwrite           restore: replace files that exist
-  --sizes LIST          bench: object sizes (default: 1M,16M,64M)
-  --threads LIST        bench: thread counts (default: 1,2)
-  --bench-bytes SIZE    bench: bytes written per size and thread count (default: 256M)
-  --json                machine-readable output on standard output
-  --quiet               no progress and no summary
-  --help                this text
-
-exit status: 0 done, 1 damaged data found, 2 bad command line, 3 the plug-in
-answered an operation with a non-zero result code, 4 a local file failed,
-5 the JVM or the plug-in could not be set up, 6 no such backup, 130 interrupted.
-)";
+const CommandEntry kCommands[] = {
+    {"backup", {"SOURCE_DIR"}, "back up SOURCE_DIR (see below); prints the backup id", BackupCommand},
+    {"restore", {"BACKUP", "DEST_DIR"}, "restore a backup into DEST_DIR, checking every hash", RestoreCommand},
+    {"list", {}, "complete backups (with --all also incomplete ones)", ListCommand},
+    {"verify", {"BACKUP"}, "read a backup back and check every hash", VerifyCommand},
+    {"delete", {"BACKUP"}, "delete a backup (complete or not)", DeleteCommand},
+    {"prune", {}, "delete incomplete backups older than --older-than", PruneCommand},
+    {"info", {}, "connectivity, account figures and the plug-in's capabilities", InfoCommand},
+    {"bench", {}, "write and read throughput through the plug-in", BenchCommand},
+    {"object put", {"NAME", "FILE"}, "write FILE as object NAME", ObjectPutCommand},
+    {"object get", {"NAME", "FILE"}, "read object NAME into FILE", ObjectGetCommand},
+    {"object delete", {"NAME"}, "delete object NAME", ObjectDeleteCommand},
+    {"object list", {"[PREFIX]"}, "objects whose names start with PREFIX, with their metadata", ObjectListCommand},
+};
 
 struct CommandLine {
     HostSettings settings;
     CommandOptions options;
-    std::vector<std::string> words;  // the command and its arguments
-    bool help = false;
+    const CommandEntry* command = nullptr;
+    Arguments arguments;
 };
 
 [[noreturn]] void Usage(const std::string& why) { throw ToolError(kExitUsage, why + " (see --help)"); }
-
-std::vector<std::string> SplitList(const std::string& text) {
-    std::vector<std::string> items;
-    size_t start = 0;
-    for (;;) {
-        const size_t comma = text.find(',', start);
-        items.push_back(text.substr(start, comma - start));
-        if (comma == std::string::npos) return items;
-        start = comma + 1;
-    }
-}
 
 uint64_t SizeOption(const std::string& option, const std::string& text, uint64_t maximum) {
     const uint64_t size = ParseSize(text);
@@ -100,6 +72,134 @@ unsigned CountOption(const std::string& option, const std::string& text) {
     return static_cast<unsigned>(count);
 }
 
+template <class Item, class Parse>
+std::vector<Item> ListOption(const std::string& text, Parse parse) {
+    std::vector<Item> items;
+    for (size_t start = 0;;) {
+        const size_t comma = text.find(',', start);
+        items.push_back(parse(text.substr(start, comma - start)));
+        if (comma == std::string::npos) return items;
+        start = comma + 1;
+    }
+}
+
+struct OptionEntry {
+    const char* name;   // "--jobs"; a flag when `value` is null
+    const char* value;  // "N"
+    const char* help;   // '\n' starts a continuation line
+    void (*apply)(CommandLine& line, const std::string& value);
+    bool repeatable = false;
+};
+
+const OptionEntry kOptions[] = {
+    {"--connection", "TEXT",
+     "the storage library's init string (default: $CLOUDPLUGIN_CONNECTION)\n"
+     "Azure: \"DefaultEndpointsProtocol=https;AccountName=..;AccountKey=..;\n"
+     "EndpointSuffix=core.windows.net;Container=..\", or with a SAS:\n"
+     "\"BlobEndpoint=https://<account>.blob.core.windows.net;SharedAccessSignature=..;Container=..\"",
+     [](CommandLine& l, const std::string& v) { l.settings.connectionString = v; }},
+    {"--install", "DIR",
+     "install folder holding Plugin/Azure/ (default: $CLOUDPLUGIN_INSTALL,\nelse the folder above the tool's own)",
+     [](CommandLine& l, const std::string& v) { l.settings.installFolder = v; }},
+    {"--plugin", "FILE", "the plug-in library (default: DIR/Plugin/Azure/<library>)",
+     [](CommandLine& l, const std::string& v) { l.settings.pluginLibrary = v; }},
+    {"--java-home", "DIR", "the Java runtime (default: $JAVA_HOME, else the java on the PATH)",
+     [](CommandLine& l, const std::string& v) { l.settings.javaHome = v; }},
+    {"--log-folder", "DIR",
+     "the plug-in's log folder, also holding the Java library's log\n(default: DIR/Plugin/Azure/Log)",
+     [](CommandLine& l, const std::string& v) { l.settings.logFolder = v; }},
+    {"--jvm-option", "OPTION", "an extra JVM option, e.g. -Xmx2g (repeatable)",
+     [](CommandLine& l, const std::string& v) { l.settings.jvmOptions.push_back(v); }, true},
+    {"--prefix", "TEXT", "root of the tool's object names (default: cloudplugin-host)",
+     [](CommandLine& l, const std::string& v) { l.options.layout.root = v; }},
+    {"--jobs", "N", "files in flight at once, one host thread each (default: 2)",
+     [](CommandLine& l, const std::string& v) { l.options.jobs = CountOption("--jobs", v); }},
+    {"--part-size", "SIZE", "object size files are split into (default: 64M)",
+     [](CommandLine& l, const std::string& v) { l.options.partSize = SizeOption("--part-size", v, kMaximumPartSize); }},
+    {"--name", "ID", "backup: the backup id to use (letters, digits, '.', '_', '-')",
+     [](CommandLine& l, const std::string& v) { l.options.backupName = v; }},
+    {"--skip-unreadable", nullptr, "backup: entries that cannot be read do not make the exit status 4",
+     [](CommandLine& l, const std::string&) { l.options.skipUnreadable = true; }},
+    {"--overwrite", nullptr, "restore: replace files and links that exist (never a folder)",
+     [](CommandLine& l, const std::string&) { l.options.overwrite = true; }},
+    {"--all", nullptr, "list: also incomplete backups (parts without a manifest)",
+     [](CommandLine& l, const std::string&) { l.options.all = true; }},
+    {"--older-than", "AGE", "prune: only backups whose newest part is older (30m, 24h, 7d; 0: all;\ndefault: 24h)",
+     [](CommandLine& l, const std::string& v) {
+         l.options.olderThanSeconds = ParseAge(v);
+         if (l.options.olderThanSeconds < 0) Usage("--older-than takes an age such as 30m, 24h or 7d, not " + v);
+     }},
+    {"--sizes", "LIST", "bench: object sizes (default: 1M,16M,64M)",
+     [](CommandLine& l, const std::string& v) {
+         l.options.benchSizes = ListOption<uint64_t>(v, [](const std::string& item) {
+             return SizeOption("--sizes", item, kMaximumPartSize);
+         });
+     }},
+    {"--threads", "LIST", "bench: thread counts (default: 1,2)",
+     [](CommandLine& l, const std::string& v) {
+         l.options.benchThreads =
+             ListOption<unsigned>(v, [](const std::string& item) { return CountOption("--threads", item); });
+     }},
+    {"--bench-bytes", "SIZE", "bench: bytes written per size and thread count (default: 256M)",
+     [](CommandLine& l, const std::string& v) { l.options.benchBytes = SizeOption("--bench-bytes", v, UINT64_MAX); }},
+    {"--metadata", "KEY=VALUE", "object put: a metadata property of the object (repeatable)",
+     [](CommandLine& l, const std::string& v) {
+         const size_t equals = v.find('=');
+         if (equals == 0 || equals == std::string::npos) Usage("--metadata takes KEY=VALUE, not " + v);
+         l.options.objectMetadata[v.substr(0, equals)] = v.substr(equals + 1);
+     },
+     true},
+    {"--json", nullptr, "machine-readable output on standard output",
+     [](CommandLine& l, const std::string&) { l.options.json = true; }},
+    {"--quiet", nullptr, "no progress and no summary", [](CommandLine& l, const std::string&) { l.options.quiet = true; }},
+};
+
+constexpr const char* kHelpTail = R"(
+help: --help (this text)
+
+what a backup keeps: regular files with their content, modification time and
+POSIX mode bits; empty folders; symbolic links as links (their target text,
+never followed). FIFOs, sockets and devices are skipped. Every skipped or
+unreadable entry is reported; a backup that could not read an entry (or
+found a name a restore would refuse: '\', ':', control characters) ends with
+exit status 4 unless --skip-unreadable is given.
+restore refuses any manifest path that could leave DEST_DIR (absolute, '..',
+and the like) and never writes through a symbolic link inside DEST_DIR;
+set-user-ID and set-group-ID bits are not restored.
+A backup that stopped (a crash, kill -9) leaves parts without a manifest:
+'list --all' shows them, 'prune' removes them.
+
+exit status: 0 done, 1 damaged data found, 2 bad command line, 3 the plug-in
+answered an operation with a non-zero result code, 4 a local file failed,
+5 the JVM or the plug-in could not be set up, 6 no such backup, 130 interrupted.
+)";
+
+std::string CommandForm(const CommandEntry& command) {
+    std::string form = command.name;
+    for (const char* argument : command.arguments) form += std::string(" ") + argument;
+    return form;
+}
+
+std::string HelpText() {
+    std::string text = "usage: cloudplugin-host [options] COMMAND [ARGUMENTS]\n\ncommands:\n";
+    char line[256];
+    for (const CommandEntry& command : kCommands) {
+        std::snprintf(line, sizeof line, "  %-27s %s\n", CommandForm(command).c_str(), command.summary);
+        text += line;
+    }
+    text += "\noptions:\n";
+    for (const OptionEntry& option : kOptions) {
+        const std::string left = std::string(option.name) + (option.value ? std::string(" ") + option.value : "");
+        std::string help = option.help;
+        for (size_t at = help.find('\n'); at != std::string::npos; at = help.find('\n', at + 1)) {
+            help.insert(at + 1, std::string(24, ' '));
+        }
+        std::snprintf(line, sizeof line, "  %-21s ", left.c_str());
+        text += line + help + "\n";
+    }
+    return text + kHelpTail;
+}
+
 std::string ExecutableFolder() {
 #ifdef _WIN32
     wchar_t path[32768];
@@ -112,136 +212,105 @@ std::string ExecutableFolder() {
 #endif
 }
 
-CommandLine Parse(int argc, char** argv) {
-    CommandLine line;
-    if (const char* connection = std::getenv("CLOUDPLUGIN_CONNECTION")) line.settings.connectionString = connection;
-    if (const char* install = std::getenv("CLOUDPLUGIN_INSTALL")) line.settings.installFolder = install;
-    // Sizes up to 2 GiB - 1: the most one plug-in call carries.
-    constexpr uint64_t kMaximumPart = (2ull << 30) - 1;
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
-        auto value = [&]() -> std::string {
-            if (i + 1 >= argc) Usage(word + " needs a value");
-            return argv[++i];
-        };
-        if (word == "--help" || word == "-h") line.help = true;
-        else if (word == "--connection") line.settings.connectionString = value();
-        else if (word == "--install") line.settings.installFolder = value();
-        else if (word == "--plugin") line.settings.pluginLibrary = value();
-        else if (word == "--java-home") line.settings.javaHome = value();
-        else if (word == "--log-folder") line.settings.logFolder = value();
-        else if (word == "--jvm-option") line.settings.jvmOptions.push_back(value());
-        else if (word == "--prefix") line.options.layout.root = value();
-        else if (word == "--jobs") line.options.jobs = CountOption(word, value());
-        else if (word == "--part-size") line.options.partSize = SizeOption(word, value(), kMaximumPart);
-        else if (word == "--name") line.options.backupName = value();
-        else if (word == "--overwrite") line.options.overwrite = true;
-        else if (word == "--json") line.options.json = true;
-        else if (word == "--quiet") line.options.quiet = true;
-        else if (word == "--bench-bytes") line.options.benchBytes = SizeOption(word, value(), UINT64_MAX);
-        else if (word == "--sizes") {
-            line.options.benchSizes.clear();
-            for (const std::string& item : SplitList(value()))
-                line.options.benchSizes.push_back(SizeOption(word, item, kMaximumPart));
-        } else if (word == "--threads") {
-            line.options.benchThreads.clear();
-            for (const std::string& item : SplitList(value()))
-                line.options.benchThreads.push_back(CountOption(word, item));
-        } else if (word.size() > 1 && word[0] == '-') Usage("unknown option " + word);
-        else line.words.push_back(word);
+void AddOptions(CLI::App& app, CommandLine& line) {
+    for (const OptionEntry& option : kOptions) {
+        if (!option.value) {
+            app.add_flag_callback(option.name, [&line, &option] { option.apply(line, ""); });
+        } else if (option.repeatable) {
+            app.add_option_function<std::vector<std::string>>(option.name, [&line, &option](const auto& values) {
+                for (const std::string& value : values) option.apply(line, value);
+            });
+        } else {
+            app.add_option_function<std::string>(option.name,
+                                                 [&line, &option](const std::string& v) { option.apply(line, v); });
+        }
     }
+}
+
+// Each command a subcommand ("object put" one below "object"); options are
+// accepted before and after the command word.
+void AddCommands(CLI::App& app, CommandLine& line, std::vector<Arguments>& values) {
+    values.resize(std::size(kCommands));
+    CLI::App* object = app.add_subcommand("object", "single objects")->fallthrough()->require_subcommand(1);
+    for (size_t i = 0; i < std::size(kCommands); ++i) {
+        const CommandEntry& command = kCommands[i];
+        const std::string name = command.name;
+        const bool nested = name.compare(0, 7, "object ") == 0;
+        CLI::App* sub = (nested ? object : &app)->add_subcommand(nested ? name.substr(7) : name, command.summary);
+        sub->fallthrough();
+        values[i].resize(command.arguments.size());
+        for (size_t k = 0; k < command.arguments.size(); ++k) {
+            std::string argument = command.arguments[k];
+            const bool optional = argument.front() == '[';
+            if (optional) argument = argument.substr(1, argument.size() - 2);
+            CLI::Option* positional = sub->add_option(argument, values[i][k]);
+            if (!optional) positional->required();
+        }
+        sub->parse_complete_callback([&line, &values, &command, i] {
+            line.command = &command;
+            line.arguments = values[i];
+        });
+    }
+}
+
+void ApplyDefaults(CommandLine& line) {
     if (line.options.layout.root.empty() || line.options.layout.root.back() == '/') {
         Usage("--prefix takes a name without a trailing '/'");
     }
     if (line.settings.installFolder.empty()) {
         line.settings.installFolder = std::filesystem::u8path(ExecutableFolder()).parent_path().u8string();
     }
-    return line;
-}
-
-// Each command with the number of words it takes (itself included), checked
-// before any JVM starts.
-struct CommandForm {
-    const char* command;
-    const char* subcommand;  // for "object ..."; null otherwise
-    size_t minimumWords;
-    size_t maximumWords;
-    const char* form;
-};
-
-constexpr CommandForm kForms[] = {
-    {"backup", nullptr, 2, 2, "backup SOURCE_DIR"},
-    {"restore", nullptr, 3, 3, "restore BACKUP DEST_DIR"},
-    {"list", nullptr, 1, 1, "list"},
-    {"verify", nullptr, 2, 2, "verify BACKUP"},
-    {"delete", nullptr, 2, 2, "delete BACKUP"},
-    {"info", nullptr, 1, 1, "info"},
-    {"bench", nullptr, 1, 1, "bench"},
-    {"object", "put", 4, 4, "object put NAME FILE"},
-    {"object", "get", 4, 4, "object get NAME FILE"},
-    {"object", "delete", 3, 3, "object delete NAME"},
-    {"object", "list", 2, 3, "object list [PREFIX]"},
-};
-
-void CheckCommand(const std::vector<std::string>& words) {
-    for (const CommandForm& form : kForms) {
-        if (words[0] != form.command) continue;
-        if (form.subcommand && (words.size() < 2 || words[1] != form.subcommand)) continue;
-        if (words.size() < form.minimumWords || words.size() > form.maximumWords) {
-            Usage(std::string("usage: cloudplugin-host [options] ") + form.form);
-        }
-        return;
+    if (line.settings.connectionString.empty()) {
+        Usage("no connection string: give --connection or set CLOUDPLUGIN_CONNECTION");
     }
-    Usage("unknown command " + words[0] + (words[0] == "object" ? " " + (words.size() > 1 ? words[1] : "") : ""));
 }
 
-CommandResult Run(Commands& commands, const std::vector<std::string>& words) {
-    const std::string& command = words[0];
-    const std::string what = words.size() > 1 ? words[1] : "";
-    if (command == "backup") return commands.Backup(words[1]);
-    if (command == "restore") return commands.Restore(words[1], words[2]);
-    if (command == "list") return commands.List();
-    if (command == "verify") return commands.Verify(words[1]);
-    if (command == "delete") return commands.Delete(words[1]);
-    if (command == "info") return commands.Info();
-    if (command == "bench") return commands.Bench();
-    if (what == "put") return commands.ObjectPut(words[2], words[3]);
-    if (what == "get") return commands.ObjectGet(words[2], words[3]);
-    if (what == "delete") return commands.ObjectDelete(words[2]);
-    return commands.ObjectList(words.size() > 2 ? words[2] : "");
+// Answers false when the user asked for help (printed).
+bool Parse(int argc, char** argv, CommandLine& line) {
+    if (const char* connection = std::getenv("CLOUDPLUGIN_CONNECTION")) line.settings.connectionString = connection;
+    if (const char* install = std::getenv("CLOUDPLUGIN_INSTALL")) line.settings.installFolder = install;
+    CLI::App app("", "cloudplugin-host");
+    std::vector<Arguments> values;
+    AddOptions(app, line);
+    AddCommands(app, line, values);
+    app.require_subcommand(1);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        std::fputs(HelpText().c_str(), stdout);
+        return false;
+    } catch (const CLI::ParseError& error) {
+        const std::vector<std::string> unknown = app.remaining();
+        if (!line.command && !unknown.empty()) Usage("unknown command " + unknown.front());
+        if (!line.command) Usage("no command given");
+        Usage(error.what());
+    }
+    ApplyDefaults(line);
+    return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string command = "cloudplugin-host";
+    std::string command;
     bool json = false;
     try {
-        CommandLine line = Parse(argc, argv);
+        CommandLine line;
+        if (!Parse(argc, argv, line)) return kExitOk;
+        command = line.command->name;
         json = line.options.json;
-        if (line.help) {
-            std::fputs(kUsage, stdout);
-            return kExitOk;
-        }
-        if (line.words.empty()) Usage("no command given");
-        command = line.words[0];
-        CheckCommand(line.words);
-        if (line.settings.connectionString.empty()) {
-            Usage("no connection string: give --connection or set CLOUDPLUGIN_CONNECTION");
-        }
         InstallInterruptHandler();
         HostRuntime runtime(line.settings);
         PluginSession session(runtime.plugin());
-        Commands commands(session, line.options);
-        CommandResult result = Run(commands, line.words);
+        CommandContext context(session, line.options);
+        const CommandResult result = line.command->handler(context, line.arguments);
         runtime.Close();
-        if (json) std::printf("%s\n", result.json.Text().c_str());
+        if (json) std::printf("%s\n", JsonText(result.json).c_str());
         return result.status;
     } catch (const ToolError& error) {
-        std::fprintf(stderr, "cloudplugin-host %s: %s\n", command.c_str(), error.what());
+        std::fprintf(stderr, "cloudplugin-host%s%s: %s\n", command.empty() ? "" : " ", command.c_str(), error.what());
         if (json) {
-            std::printf("%s\n",
-                        Json::Object({{"command", command}, {"ok", false}, {"error", error.ToJson()}}).Text().c_str());
+            std::printf("%s\n", JsonText(Json{{"command", command}, {"ok", false}, {"error", error.ToJson()}}).c_str());
         }
         return error.exitStatus();
     } catch (const std::exception& error) {

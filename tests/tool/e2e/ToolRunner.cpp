@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -75,19 +76,29 @@ pid_t Spawn(const std::vector<std::string>& arguments, const std::string& outFil
     for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     pid_t pid = -1;
-    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    const int failed = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (failed) throw std::runtime_error("cannot start " + arguments[0]);
     return pid;
 }
 
+// One temporary folder for the test program's runs, removed when it ends
+// (after the shared Azurite, which was made later, has stopped).
 std::string RunFolder() {
-    static const std::string folder = [] {
-        std::string pattern = (std::filesystem::temp_directory_path() / "cloudplugin-e2e-XXXXXX").string();
-        if (!mkdtemp(&pattern[0])) throw std::runtime_error("no temporary folder");
-        return pattern;
-    }();
-    return folder;
+    struct Folder {
+        std::string path;
+        Folder() {
+            std::string pattern = (std::filesystem::temp_directory_path() / "cloudplugin-e2e-XXXXXX").string();
+            if (!mkdtemp(&pattern[0])) throw std::runtime_error("no temporary folder");
+            path = pattern;
+        }
+        ~Folder() {
+            std::error_code ignored;
+            std::filesystem::remove_all(path, ignored);
+        }
+    };
+    static const Folder folder;
+    return folder.path;
 }
 
 std::vector<std::string> WithTool(const std::vector<std::string>& arguments) {
@@ -98,13 +109,14 @@ std::vector<std::string> WithTool(const std::vector<std::string>& arguments) {
 
 }  // namespace
 
-Azurite& Azurite::Get() {
+Azurite& Azurite::Shared() {
     static Azurite azurite;
     return azurite;
 }
 
 Azurite::Azurite() {
-    folder_ = RunFolder() + "/azurite";
+    static int instances = 0;
+    folder_ = RunFolder() + "/azurite" + std::to_string(++instances);
     std::filesystem::create_directories(folder_);
     for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) {
         port_ = FreeLoopbackPort();
@@ -135,8 +147,13 @@ Azurite::~Azurite() {
         kill(pid_, SIGTERM);
         waitpid(pid_, nullptr, 0);
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(RunFolder(), ignored);
+}
+
+void Azurite::Kill() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
 }
 
 std::string Azurite::ConnectionString(const std::string& container) const {
@@ -146,15 +163,19 @@ std::string Azurite::ConnectionString(const std::string& container) const {
            std::to_string(port_) + "/devstoreaccount1;Container=" + container;
 }
 
-ToolRun RunTool(const std::vector<std::string>& arguments) {
-    static int runs = 0;
+ToolRun RunToolUnder(const std::vector<std::string>& wrapper, const std::vector<std::string>& arguments) {
+    static std::atomic<int> runs{0};
     const std::string stem = RunFolder() + "/run" + std::to_string(++runs);
+    std::vector<std::string> command = wrapper;
+    for (const std::string& word : WithTool(arguments)) command.push_back(word);
     ToolRun run;
-    run.status = WaitTool(Spawn(WithTool(arguments), stem + ".out", stem + ".err"));
+    run.status = WaitTool(Spawn(command, stem + ".out", stem + ".err"));
     run.out = ReadWhole(stem + ".out");
     run.err = ReadWhole(stem + ".err");
     return run;
 }
+
+ToolRun RunTool(const std::vector<std::string>& arguments) { return RunToolUnder({}, arguments); }
 
 pid_t StartTool(const std::vector<std::string>& arguments, const std::string& errorFile) {
     return Spawn(WithTool(arguments), "/dev/null", errorFile);

@@ -9,19 +9,24 @@
 
 namespace e2e {
 
-// One Azurite for the whole test program, on a free loopback port with
-// in-memory storage; stopped when the program ends.
+// A local Azurite blob service on a free loopback port with in-memory
+// storage; stopped when destroyed. Shared() is one for the whole test
+// program; a test that stops the service makes its own.
 class Azurite {
 public:
-    static Azurite& Get();
+    Azurite();
     ~Azurite();
+    Azurite(const Azurite&) = delete;
+    Azurite& operator=(const Azurite&) = delete;
+    static Azurite& Shared();
 
     int port() const { return port_; }
     // The connection string of Azurite's development account for a container.
     std::string ConnectionString(const std::string& container) const;
+    // Ends the service at once (SIGKILL), as a crash or a lost network would.
+    void Kill();
 
 private:
-    Azurite();
     pid_t pid_ = -1;
     int port_ = 0;
     std::string folder_;
@@ -35,6 +40,9 @@ struct ToolRun {
 
 // Runs the tool with the arguments; waits for it to end.
 ToolRun RunTool(const std::vector<std::string>& arguments);
+// Runs the tool under a wrapper command (e.g. {"setpriv", ...}) whose last
+// word is followed by the tool and its arguments.
+ToolRun RunToolUnder(const std::vector<std::string>& wrapper, const std::vector<std::string>& arguments);
 
 // Starts the tool without waiting; standard error goes to `errorFile`.
 pid_t StartTool(const std::vector<std::string>& arguments, const std::string& errorFile);

@@ -1,0 +1,157 @@
+// The fixture of the tool's end-to-end suites: the tool as a separate
+// process, its own JVM, the native plug-in, the Java storage library and
+// Azurite. Each test uses a container of its own.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "LocalFiles.h"
+#include "Sha256.h"
+#include "ToolRunner.h"
+#include "support/TempFolder.h"
+
+namespace e2e {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPartSize = "1M";
+
+inline std::string Bytes(size_t size, uint64_t seed) {
+    std::mt19937_64 random(seed);
+    std::string bytes(size, '\0');
+    for (char& c : bytes) c = static_cast<char>(random());
+    return bytes;
+}
+
+inline void WriteFile(const std::string& path, const std::string& bytes) {
+    fs::create_directories(fs::u8path(path).parent_path());
+    std::ofstream(fs::u8path(path), std::ios::binary) << bytes;
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(fs::u8path(path), std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+// The value of a JSON member in the tool's compact output ("name":value),
+// up to the next ',' or '}' (strings keep their quotes).
+inline std::string Member(const std::string& json, const std::string& name) {
+    const std::string key = "\"" + name + "\":";
+    const size_t at = json.find(key);
+    if (at == std::string::npos) return "<missing " + name + ">";
+    const size_t start = at + key.size();
+    if (json[start] == '"') return json.substr(start, json.find('"', start + 1) - start + 1);
+    return json.substr(start, json.find_first_of(",}]", start) - start);
+}
+
+inline std::string Unquoted(const std::string& text) {
+    return text.size() >= 2 ? text.substr(1, text.size() - 2) : text;
+}
+
+inline size_t LineCount(const std::string& text) {
+    size_t lines = 0;
+    for (char c : text) lines += c == '\n' ? 1 : 0;
+    return lines;
+}
+
+class HostToolTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        static int containers = 0;
+        container_ = "e2e-" + std::to_string(getpid()) + "-" + std::to_string(++containers);
+        logs_ = work_.PathUtf8() + "/logs";
+    }
+
+    // The tool with this test's container, logs and small parts, and --json.
+    ToolRun Tool(std::vector<std::string> arguments) { return ToolOn(Azurite::Shared(), std::move(arguments)); }
+    ToolRun ToolOn(const Azurite& azurite, std::vector<std::string> arguments) {
+        std::vector<std::string> all = {"--connection", azurite.ConnectionString(container_), "--log-folder", logs_,
+                                        "--part-size", kPartSize, "--json"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return RunTool(all);
+    }
+
+    std::string Folder(const std::string& name) const { return work_.PathUtf8() + "/" + name; }
+
+    // Writes the file as the manifest `name` through the plug-in, with the
+    // metadata the tool checks it by (its SHA-256): what anyone who can
+    // write to the container can do. Answers the tool's exit status.
+    int PutManifest(const std::string& name, const std::string& file) {
+        const std::string text = ReadFile(file);
+        const std::string hash = qvhost::ToHex(qvhost::Sha256Of(text.data(), text.size()));
+        const ToolRun put = Tool({"object", "put", name, file, "--metadata", "manifest_sha256=" + hash});
+        EXPECT_EQ(put.status, 0) << put.err;
+        return put.status;
+    }
+
+    // Empty files, nested folders, non-ASCII names, a file of several parts,
+    // mode bits, an empty folder and links (inside and out of the tree).
+    std::string MakeTree() {
+        const std::string root = Folder("source");
+        WriteFile(root + "/empty.txt", "");
+        WriteFile(root + "/a/b/c/deep empty", "");
+        WriteFile(root + "/a/b/c/deep.bin", Bytes(4096, 1));
+        WriteFile(root + "/Grüße/文件 名.txt", "non-ASCII names survive");
+        WriteFile(root + "/big/several-parts.bin", Bytes((5u << 20) / 2 + 17, 2));  // 2.5 MiB + 17: three parts
+        WriteFile(root + "/exactly-one-part.bin", Bytes(1u << 20, 3));
+        for (int i = 0; i < 20; ++i) WriteFile(root + "/many/file" + std::to_string(i), Bytes(100 * i, 10 + i));
+        qvhost::SetModifiedNs(qvhost::JoinPath(root, "a/b/c/deep.bin"), 1234567890123456789);
+        fs::permissions(root + "/many/file3", fs::perms(0750));
+        fs::create_directories(root + "/empty folder/private");
+        fs::permissions(root + "/empty folder/private", fs::perms(0700));
+        fs::create_directories(root + "/links");
+        fs::create_symlink("../a/b/c/deep.bin", root + "/links/to-deep");
+        fs::create_symlink("/nowhere/outside the tree", root + "/links/outside");
+        return root;
+    }
+
+    std::string Backup(const std::string& source) {
+        const ToolRun run = Tool({"backup", source});
+        EXPECT_EQ(run.status, 0) << run.err;
+        return Unquoted(Member(run.out, "backup"));
+    }
+
+    // Same files (content, size, time, mode), empty folders (mode) and links
+    // (target, time); nothing else, and no temporary file left behind.
+    void ExpectSameTree(const std::string& expected, const std::string& actual) {
+        const qvhost::SourceTree want = qvhost::ScanTree(expected);
+        const qvhost::SourceTree got = qvhost::ScanTree(actual);
+        ASSERT_EQ(got.files.size(), want.files.size());
+        for (size_t i = 0; i < want.files.size(); ++i) {
+            const std::string& path = want.files[i].relativePath;
+            EXPECT_EQ(got.files[i].relativePath, path);
+            EXPECT_EQ(got.files[i].size, want.files[i].size) << path;
+            EXPECT_EQ(got.files[i].modifiedNs, want.files[i].modifiedNs) << path;
+            EXPECT_EQ(got.files[i].mode, want.files[i].mode) << path;
+            EXPECT_TRUE(ReadFile(qvhost::JoinPath(actual, path)) == ReadFile(qvhost::JoinPath(expected, path))) << path;
+        }
+        ASSERT_EQ(got.folders.size(), want.folders.size());
+        for (size_t i = 0; i < want.folders.size(); ++i) {
+            EXPECT_EQ(got.folders[i].relativePath, want.folders[i].relativePath);
+            EXPECT_EQ(got.folders[i].mode, want.folders[i].mode) << want.folders[i].relativePath;
+        }
+        ASSERT_EQ(got.links.size(), want.links.size());
+        for (size_t i = 0; i < want.links.size(); ++i) {
+            EXPECT_EQ(got.links[i].relativePath, want.links[i].relativePath);
+            EXPECT_EQ(got.links[i].linkTarget, want.links[i].linkTarget);
+            EXPECT_EQ(got.links[i].modifiedNs, want.links[i].modifiedNs) << want.links[i].relativePath;
+        }
+        EXPECT_TRUE(got.skipped.empty());
+    }
+
+    testsupport::TempFolder work_;
+    std::string container_;
+    std::string logs_;
+};
+
+}  // namespace e2e

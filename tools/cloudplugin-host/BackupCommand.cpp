@@ -1,0 +1,284 @@
+// backup SOURCE_DIR: every regular file (content, time, mode) in parts of
+// --part-size, with its empty folders and symbolic links, then the manifest.
+// A backup that stops writes no manifest and removes the parts it wrote.
+#include <algorithm>
+#include <filesystem>
+#include <mutex>
+
+#include "Commands.h"
+#include "Interrupt.h"
+#include "LocalFiles.h"
+#include "ParallelRunner.h"
+#include "Sha256.h"
+#include "ToolError.h"
+
+namespace qvhost {
+
+namespace {
+
+// Consecutive failed deletes after which clean-up stops: the storage is
+// then most likely out of reach, and `prune` removes the rest later.
+constexpr int kCleanUpFailuresToStop = 3;
+
+[[noreturn]] void ChangedWhileReading(const std::string& path) {
+    throw ToolError(kExitLocalFile, path + " changed while it was being read");
+}
+
+std::string AbsolutePath(const std::string& path) {
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(PathOf(path), error);
+    return error ? path : absolute.lexically_normal().u8string();
+}
+
+Json SkippedJson(const std::vector<SkippedEntry>& skipped) {
+    Json list = Json::array();
+    for (const SkippedEntry& entry : skipped) {
+        list.push_back(Json{{"path", entry.relativePath}, {"reason", entry.reason}, {"unreadable", entry.unreadable}});
+    }
+    return list;
+}
+
+class BackupRun {
+public:
+    BackupRun(CommandContext& context, const std::string& source, std::string backupId)
+        : context_(context), session_(context.session), source_(source), backupId_(std::move(backupId)),
+          tree_(ScanTree(source)), stored_(tree_.files.size()) {}
+
+    CommandResult Run();
+
+private:
+    void StoreFiles(Progress& progress);
+    void StoreFile(size_t index, std::vector<uint8_t>& buffer, Progress& progress);
+    std::vector<std::string> HashParts(InputFile& input, const SourceEntry& source, std::vector<uint8_t>& buffer,
+                                       std::string& fileSha);
+    void WriteParts(InputFile& input, const SourceEntry& source, uint32_t index, std::vector<uint8_t>& buffer,
+                    const std::vector<std::string>& partHashes, const std::string& fileSha, Progress& progress,
+                    std::vector<std::string>& names);
+    void Noted(const std::string& objectName);
+    void RemoveWrittenParts();
+    Manifest BuildManifest() const;
+    CommandResult Report(const Manifest& manifest, double seconds, double pluginSeconds);
+
+    CommandContext& context_;
+    PluginSession& session_;
+    const std::string source_;
+    const std::string backupId_;
+    SourceTree tree_;
+    std::vector<std::optional<ManifestFile>> stored_;  // per file of tree_.files; empty when not stored
+    std::mutex mutex_;
+    std::vector<std::string> written_;      // every part name a write was started for
+    std::vector<SkippedEntry> unreadable_;  // files that failed while being read
+};
+
+CommandResult BackupRun::Run() {
+    if (session_.Exists(context_.options.layout.ManifestName(backupId_))) {
+        throw ToolError(kExitUsage, "a backup named " + backupId_ + " exists already");
+    }
+    uint64_t totalBytes = 0;
+    for (const SourceEntry& file : tree_.files) totalBytes += file.size;
+    context_.Say("backup " + backupId_ + ": " + std::to_string(tree_.files.size()) + " files, " +
+                 FormatBytes(static_cast<double>(totalBytes)) + " from " + AbsolutePath(source_));
+    const double pluginBefore = session_.PluginSeconds();
+    Progress progress("backup", totalBytes, tree_.files.size(), context_.Style());
+    try {
+        StoreFiles(progress);
+    } catch (const ToolError&) {
+        progress.Finish();
+        RemoveWrittenParts();
+        throw;
+    }
+    progress.Finish();
+    const Manifest manifest = BuildManifest();
+    const std::string text = EncodeManifest(manifest);
+    const Metadata metadata = {{manifest_property::kFiles, std::to_string(manifest.files.size())},
+                               {manifest_property::kBytes, std::to_string(manifest.TotalBytes())},
+                               {manifest_property::kCreated, manifest.created},
+                               {manifest_property::kSource, manifest.source},
+                               {manifest_property::kSha, ToHex(Sha256Of(text.data(), text.size()))}};
+    session_.Write(context_.options.layout.ManifestName(backupId_), reinterpret_cast<const uint8_t*>(text.data()),
+                   text.size(), metadata);
+    return Report(manifest, progress.Seconds(), session_.PluginSeconds() - pluginBefore);
+}
+
+void BackupRun::StoreFiles(Progress& progress) {
+    const unsigned jobs = context_.options.jobs;
+    std::vector<std::vector<uint8_t>> buffers(jobs);
+    RunInParallel(jobs, tree_.files.size(), [&](size_t index, unsigned worker) {
+        std::vector<uint8_t>& buffer = buffers[worker];
+        if (buffer.empty()) buffer.resize(static_cast<size_t>(context_.options.partSize));
+        StoreFile(index, buffer, progress);
+    });
+}
+
+// A file that cannot be read (or changes while it is read) is reported and
+// left out of the manifest, with the parts already written for it; any
+// other failure stops the backup.
+void BackupRun::StoreFile(size_t index, std::vector<uint8_t>& buffer, Progress& progress) {
+    const SourceEntry& source = tree_.files[index];
+    std::vector<std::string> names;  // the parts written for this file
+    try {
+        InputFile input(JoinPath(source_, source.relativePath));
+        std::string fileSha;
+        const std::vector<std::string> partHashes = HashParts(input, source, buffer, fileSha);
+        InputFile again(JoinPath(source_, source.relativePath));
+        WriteParts(again, source, static_cast<uint32_t>(index), buffer, partHashes, fileSha, progress, names);
+        stored_[index] = ManifestFile{static_cast<uint32_t>(index), source.relativePath, source.size,
+                                      source.modifiedNs, fileSha, partHashes, source.mode};
+    } catch (const ToolError& failure) {
+        if (failure.exitStatus() != kExitLocalFile) throw;
+        for (const std::string& name : names) session_.DeleteIfPresent(name);
+        progress.FileFailed();
+        std::lock_guard<std::mutex> lock(mutex_);
+        unreadable_.push_back({source.relativePath, failure.what(), true});
+        return;
+    }
+    progress.FileDone(source.relativePath, source.size);
+}
+
+// First pass: the file's hash goes into every part's metadata, so it is
+// known before the first part is written.
+std::vector<std::string> BackupRun::HashParts(InputFile& input, const SourceEntry& source,
+                                              std::vector<uint8_t>& buffer, std::string& fileSha) {
+    const uint64_t partSize = context_.options.partSize;
+    const std::string path = JoinPath(source_, source.relativePath);
+    Sha256 fileHash;
+    Sha256 partHash;
+    std::vector<std::string> partHashes;
+    for (uint64_t part = 0; part < PartCount(source.size, partSize); ++part) {
+        const size_t want = static_cast<size_t>(PartBytes(source.size, partSize, part));
+        if (input.Read(buffer.data(), want) != want) ChangedWhileReading(path);
+        fileHash.Update(buffer.data(), want);
+        partHash.Update(buffer.data(), want);
+        partHashes.push_back(ToHex(partHash.Final()));
+    }
+    uint8_t extra;
+    if (input.Read(&extra, 1) != 0) ChangedWhileReading(path);
+    fileSha = ToHex(fileHash.Final());
+    return partHashes;
+}
+
+// Second pass: each part is hashed again as it is written, so what is
+// stored is exactly what the manifest describes.
+void BackupRun::WriteParts(InputFile& input, const SourceEntry& source, uint32_t index, std::vector<uint8_t>& buffer,
+                           const std::vector<std::string>& partHashes, const std::string& fileSha,
+                           Progress& progress, std::vector<std::string>& names) {
+    const uint64_t partSize = context_.options.partSize;
+    Metadata metadata = {{part_property::kPath, source.relativePath},
+                         {part_property::kSize, std::to_string(source.size)},
+                         {part_property::kModified, std::to_string(source.modifiedNs)},
+                         {part_property::kParts, std::to_string(partHashes.size())},
+                         {part_property::kFileSha, fileSha},
+                         {part_property::kBackup, backupId_},
+                         {part_property::kPartSize, std::to_string(partSize)}};
+    Sha256 partHash;
+    for (uint64_t part = 0; part < partHashes.size(); ++part) {
+        if (Interrupted()) throw ToolError(kExitInterrupted, "interrupted");
+        const size_t want = static_cast<size_t>(PartBytes(source.size, partSize, part));
+        if (input.Read(buffer.data(), want) != want) ChangedWhileReading(JoinPath(source_, source.relativePath));
+        partHash.Update(buffer.data(), want);
+        if (ToHex(partHash.Final()) != partHashes[part]) ChangedWhileReading(JoinPath(source_, source.relativePath));
+        metadata[part_property::kPart] = std::to_string(part);
+        metadata[part_property::kPartSha] = partHashes[part];
+        metadata[part_property::kWritten] = UtcNow("%Y-%m-%dT%H:%M:%SZ");
+        const std::string name = context_.options.layout.PartName(backupId_, index, part);
+        Noted(name);  // before the call: a failed write may still leave an object
+        names.push_back(name);
+        session_.Write(name, buffer.data(), want, metadata);
+        progress.AddBytes(want);
+    }
+}
+
+void BackupRun::Noted(const std::string& objectName) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    written_.push_back(objectName);
+}
+
+// After a failure: no manifest is written, so the backup never counts as
+// complete; its parts are removed as far as the storage lets them be. One
+// line says how far that went.
+void BackupRun::RemoveWrittenParts() {
+    size_t removed = 0;
+    int failuresInARow = 0;
+    std::string firstFailure;
+    for (const std::string& name : written_) {
+        if (failuresInARow == kCleanUpFailuresToStop) break;
+        try {
+            session_.DeleteIfPresent(name);
+            ++removed;
+            failuresInARow = 0;
+        } catch (const ToolError& failure) {
+            if (firstFailure.empty()) firstFailure = failure.what();
+            ++failuresInARow;
+        }
+    }
+    std::string line = "backup " + backupId_ + " stopped: no manifest written, " + std::to_string(removed) + " of " +
+                       std::to_string(written_.size()) + " parts removed";
+    if (removed < written_.size()) {
+        line += " (" + firstFailure + "); 'cloudplugin-host prune' removes the rest once the storage answers";
+    }
+    context_.Warn(line);
+}
+
+Manifest BackupRun::BuildManifest() const {
+    Manifest manifest;
+    manifest.backupId = backupId_;
+    manifest.source = AbsolutePath(source_);
+    manifest.created = UtcNow("%Y-%m-%dT%H:%M:%SZ");
+    manifest.partSize = context_.options.partSize;
+    for (const std::optional<ManifestFile>& file : stored_) {
+        if (file) manifest.files.push_back(*file);
+    }
+    for (const SourceEntry& folder : tree_.folders) {
+        manifest.folders.push_back({folder.relativePath, folder.modifiedNs, folder.mode});
+    }
+    for (const SourceEntry& link : tree_.links) {
+        manifest.links.push_back({link.relativePath, link.linkTarget, link.modifiedNs});
+    }
+    return manifest;
+}
+
+CommandResult BackupRun::Report(const Manifest& manifest, double seconds, double pluginSeconds) {
+    std::vector<SkippedEntry> skipped = tree_.skipped;
+    skipped.insert(skipped.end(), unreadable_.begin(), unreadable_.end());
+    std::sort(skipped.begin(), skipped.end(),
+              [](const SkippedEntry& a, const SkippedEntry& b) { return a.relativePath < b.relativePath; });
+    size_t unreadable = 0;
+    for (const SkippedEntry& entry : skipped) {
+        unreadable += entry.unreadable ? 1 : 0;
+        context_.Warn(std::string(entry.unreadable ? "NOT BACKED UP " : "skipped ") + Printable(entry.relativePath) +
+                      ": " + Printable(entry.reason));
+    }
+    const uint64_t bytes = manifest.TotalBytes();
+    context_.Say("backup " + backupId_ + " complete: " + std::to_string(manifest.files.size()) + " files, " +
+                 std::to_string(manifest.folders.size()) + " empty folders, " + std::to_string(manifest.links.size()) +
+                 " links, " + FormatBytes(static_cast<double>(bytes)) + " in " + FormatDuration(seconds) + " (" +
+                 FormatBytes(MiBPerSecond(bytes, seconds) * 1048576) + "/s); " + std::to_string(skipped.size()) +
+                 " skipped, " + std::to_string(unreadable) + " of them unreadable");
+    context_.SayPluginShare(pluginSeconds, seconds);
+    CommandResult result;
+    result.status = unreadable && !context_.options.skipUnreadable ? kExitLocalFile : kExitOk;
+    result.json = Json{{"command", "backup"},
+                       {"ok", result.status == kExitOk},
+                       {"backup", backupId_},
+                       {"files", manifest.files.size()},
+                       {"bytes", bytes},
+                       {"objects", manifest.ObjectCount()},
+                       {"seconds", seconds},
+                       {"mib_per_s", MiBPerSecond(bytes, seconds)},
+                       {"plugin_seconds", pluginSeconds},
+                       {"folders", manifest.folders.size()},
+                       {"links", manifest.links.size()},
+                       {"skipped", SkippedJson(skipped)},
+                       {"unreadable", unreadable}};
+    return result;
+}
+
+}  // namespace
+
+CommandResult BackupCommand(CommandContext& context, const Arguments& arguments) {
+    const std::string backupId = context.options.backupName.empty() ? NewBackupId() : context.options.backupName;
+    if (!IsValidBackupId(backupId)) throw ToolError(kExitUsage, "not a usable backup name: " + backupId);
+    return BackupRun(context, arguments[0], backupId).Run();
+}
+
+}  // namespace qvhost

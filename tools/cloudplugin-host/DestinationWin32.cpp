@@ -1,0 +1,209 @@
+// The destination of a restore on Windows: every folder on the way is
+// checked for a reparse point (a symbolic link or a junction) before it is
+// used, and a file is made with CREATE_NEW under a name of its own, then
+// moved into place. Windows has no openat, so a link made inside the
+// destination between the check and the use of a folder is not caught as
+// it is on POSIX; the destination should not be shared with untrusted
+// writers while a restore runs.
+#include <windows.h>
+
+#include <random>
+#include <vector>
+
+#include "Destination.h"
+#include "ToolError.h"
+
+namespace qvhost {
+
+namespace {
+
+constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
+
+std::vector<std::string> Components(const std::string& path) {
+    std::vector<std::string> components;
+    size_t start = 0;
+    for (;;) {
+        const size_t slash = path.find('/', start);
+        components.push_back(path.substr(start, slash - start));
+        if (slash == std::string::npos) return components;
+        start = slash + 1;
+    }
+}
+
+[[noreturn]] void Refuse(const std::string& where, const std::string& why) {
+    throw ToolError(kExitLocalFile, "refusing to restore " + where + ": " + why);
+}
+
+[[noreturn]] void Fail(const std::string& what, const std::string& where) {
+    throw ToolError(kExitLocalFile, "cannot " + what + " " + where + ": error " + std::to_string(GetLastError()));
+}
+
+std::wstring Wide(const std::string& path) { return PathOf(path).wstring(); }
+
+// INVALID_FILE_ATTRIBUTES when the entry does not exist.
+DWORD AttributesOf(const std::string& path) { return GetFileAttributesW(Wide(path).c_str()); }
+
+std::string TemporaryName(const std::string& leaf) {
+    thread_local std::mt19937_64 random{std::random_device{}()};
+    char suffix[40];
+    std::snprintf(suffix, sizeof suffix, ".cloudplugin-partial-%016llx", static_cast<unsigned long long>(random()));
+    return leaf.substr(0, 200) + suffix;
+}
+
+FILETIME FileTimeOf(int64_t modifiedNs) {
+    const int64_t ticks = modifiedNs / 100 + kEpochDifference100ns;
+    return FILETIME{static_cast<DWORD>(ticks & 0xFFFFFFFF), static_cast<DWORD>(ticks >> 32)};
+}
+
+// The folder holding the entry, every folder on the way checked (and made
+// when `create`); sets `leaf` and the entry's full path `shown`.
+std::string ParentOf(const std::string& root, const std::string& relativePath, bool create, std::string& leaf,
+                     std::string& shown) {
+    const std::vector<std::string> components = Components(relativePath);
+    std::string folder = root;
+    for (size_t i = 0; i + 1 < components.size(); ++i) {
+        folder = JoinPath(folder, components[i]);
+        DWORD attributes = AttributesOf(folder);
+        if (attributes == INVALID_FILE_ATTRIBUTES && create) {
+            if (!CreateDirectoryW(Wide(folder).c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
+                Fail("create the folder", folder);
+            }
+            attributes = AttributesOf(folder);
+        }
+        if (attributes == INVALID_FILE_ATTRIBUTES) Fail("open the folder", folder);
+        if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) {
+            Refuse(folder, "it is a link or junction, and a restore never writes through one");
+        }
+        if (!(attributes & FILE_ATTRIBUTE_DIRECTORY)) Refuse(folder, "it is a file where the backup has a folder");
+    }
+    leaf = components.back();
+    shown = JoinPath(folder, leaf);
+    return folder;
+}
+
+void MoveIntoPlace(const std::string& from, const std::string& to, bool replace) {
+    const DWORD attributes = AttributesOf(to);
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+        Refuse(to, "it is a folder");
+    }
+    if (!MoveFileExW(Wide(from).c_str(), Wide(to).c_str(), replace ? MOVEFILE_REPLACE_EXISTING : 0)) {
+        if (GetLastError() == ERROR_ALREADY_EXISTS || GetLastError() == ERROR_FILE_EXISTS) {
+            Refuse(to, "it exists (--overwrite replaces it)");
+        }
+        Fail("move into place", to);
+    }
+}
+
+class Win32RestoredFile : public RestoredFile {
+public:
+    Win32RestoredFile(std::string temporary, std::string shown, bool overwrite)
+        : temporary_(std::move(temporary)), shown_(std::move(shown)), overwrite_(overwrite) {
+        file_ = CreateFileW(Wide(temporary_).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+                            nullptr);
+        if (file_ == INVALID_HANDLE_VALUE) Fail("create a file for", shown_);
+    }
+
+    ~Win32RestoredFile() override {
+        if (file_ != INVALID_HANDLE_VALUE) CloseHandle(file_);
+        if (!committed_) DeleteFileW(Wide(temporary_).c_str());
+    }
+
+    void WriteAt(uint64_t offset, const void* data, size_t size) override {
+        const auto* bytes = static_cast<const uint8_t*>(data);
+        while (size > 0) {
+            OVERLAPPED at{};
+            at.Offset = static_cast<DWORD>(offset & 0xFFFFFFFF);
+            at.OffsetHigh = static_cast<DWORD>(offset >> 32);
+            const DWORD chunk = static_cast<DWORD>(std::min<size_t>(size, 1u << 30));
+            DWORD written = 0;
+            if (!WriteFile(file_, bytes, chunk, &written, &at) || written == 0) Fail("write", shown_);
+            bytes += written, offset += written, size -= written;
+        }
+    }
+
+    void Commit(std::optional<uint32_t>, int64_t modifiedNs) override {
+        // Windows keeps no POSIX mode; the time is set on the open file.
+        const FILETIME time = FileTimeOf(modifiedNs);
+        if (!SetFileTime(file_, nullptr, nullptr, &time)) Fail("set the time of", shown_);
+        const BOOL closed = CloseHandle(file_);
+        file_ = INVALID_HANDLE_VALUE;
+        if (!closed) Fail("write", shown_);
+        MoveIntoPlace(temporary_, shown_, overwrite_);
+        committed_ = true;
+    }
+
+private:
+    std::string temporary_;
+    std::string shown_;
+    bool overwrite_;
+    HANDLE file_ = INVALID_HANDLE_VALUE;
+    bool committed_ = false;
+};
+
+}  // namespace
+
+struct Destination::Handle {};
+
+Destination::Destination(const std::string& root, bool overwrite)
+    : root_(root), overwrite_(overwrite), handle_(std::make_unique<Handle>()) {
+    MakeFolders(root);
+}
+
+Destination::~Destination() = default;
+
+void Destination::Check(const std::string& relativePath, EntryKind kind) const {
+    std::string path = root_;
+    const std::vector<std::string> components = Components(relativePath);
+    for (size_t i = 0; i < components.size(); ++i) {
+        path = JoinPath(path, components[i]);
+        const DWORD attributes = AttributesOf(path);
+        if (attributes == INVALID_FILE_ATTRIBUTES) return;
+        const bool last = i + 1 == components.size();
+        if (!last && (attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
+            Refuse(path, "it is a link or junction, and a restore never writes through one");
+        }
+        if (!last && !(attributes & FILE_ATTRIBUTE_DIRECTORY)) Refuse(path, "it is a file where the backup has a folder");
+        if (!last) continue;
+        const bool folder = (attributes & FILE_ATTRIBUTE_DIRECTORY) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT);
+        if (folder && kind != EntryKind::Folder) Refuse(path, "it is a folder, and a restore never replaces one");
+        if (!folder && kind == EntryKind::Folder) Refuse(path, "it is not a folder");
+        if (!folder && !overwrite_) Refuse(path, "it exists (--overwrite replaces it)");
+    }
+}
+
+std::unique_ptr<RestoredFile> Destination::MakeFile(const std::string& relativePath) {
+    std::string leaf;
+    std::string shown;
+    const std::string folder = ParentOf(root_, relativePath, true, leaf, shown);
+    return std::make_unique<Win32RestoredFile>(JoinPath(folder, TemporaryName(leaf)), shown, overwrite_);
+}
+
+void Destination::MakeFolder(const std::string& relativePath, uint32_t, int64_t modifiedNs) {
+    std::string leaf;
+    std::string shown;
+    ParentOf(root_, relativePath, true, leaf, shown);
+    if (!CreateDirectoryW(Wide(shown).c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
+        Fail("create the folder", shown);
+    }
+    if (AttributesOf(shown) & FILE_ATTRIBUTE_REPARSE_POINT) Refuse(shown, "it is a link or junction");
+    SetModifiedNs(shown, modifiedNs);
+}
+
+void Destination::MakeLink(const std::string& relativePath, const std::string& target, int64_t modifiedNs) {
+    std::string leaf;
+    std::string shown;
+    const std::string folder = ParentOf(root_, relativePath, true, leaf, shown);
+    const std::string temporary = JoinPath(folder, TemporaryName(leaf));
+    std::error_code error;
+    std::filesystem::create_symlink(PathOf(target), PathOf(temporary), error);
+    if (error) throw ToolError(kExitLocalFile, "cannot create the link " + shown + ": " + error.message());
+    try {
+        MoveIntoPlace(temporary, shown, overwrite_);
+    } catch (...) {
+        DeleteFileW(Wide(temporary).c_str());
+        throw;
+    }
+    SetModifiedNs(shown, modifiedNs);
+}
+
+}  // namespace qvhost

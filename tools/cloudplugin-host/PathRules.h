@@ -1,0 +1,41 @@
+// Which relative paths a backup may store and a restore may create.
+//
+// A restore takes every path from a manifest, and a manifest comes from
+// storage that others may be able to write to (a leaked SAS token, a
+// compromised host, a damaged object). So a path is accepted only when it
+// cannot leave the destination folder and names the same thing on every
+// system: relative, '/'-separated, non-empty components that are neither
+// "." nor "..", no control character, backslash or colon, and no component
+// longer than the file system takes. Windows adds its own rules (device
+// names, a trailing dot or blank, characters it reserves).
+//
+// A backup applies the same rules, so that it never stores what a restore
+// would refuse: such a file is reported as not backed up.
+#pragma once
+
+#include <string>
+
+namespace qvhost {
+
+enum class PathRules { Posix, Windows };
+
+#ifdef _WIN32
+constexpr PathRules kNativePathRules = PathRules::Windows;
+#else
+constexpr PathRules kNativePathRules = PathRules::Posix;
+#endif
+
+// The longest component a file system of the platform takes: 255 bytes
+// (POSIX NAME_MAX) or 255 UTF-16 code units (Windows).
+constexpr size_t kMaximumComponentLength = 255;
+// The longest path accepted at all (the Windows limit for long paths).
+constexpr size_t kMaximumPathLength = 32767;
+
+// Empty when `path` is acceptable under `rules`; else why it is not, as a
+// phrase such as "has a '..' component".
+std::string WhyPathIsRefused(const std::string& path, PathRules rules = kNativePathRules);
+
+// The text of a symbolic link: any bytes but NUL, 1 to 4095 of them.
+std::string WhyLinkTargetIsRefused(const std::string& target);
+
+}  // namespace qvhost

@@ -1,0 +1,227 @@
+// restore BACKUP DEST_DIR and verify BACKUP: every part read back and
+// checked against the manifest's hashes. The manifest comes from storage,
+// so it is checked whole (Manifest.h) before anything is written, and the
+// destination never lets a write leave DEST_DIR (Destination.h).
+#include <algorithm>
+#include <functional>
+#include <mutex>
+
+#include "Commands.h"
+#include "Destination.h"
+#include "Interrupt.h"
+#include "ParallelRunner.h"
+#include "Sha256.h"
+#include "ToolError.h"
+
+namespace qvhost {
+
+namespace {
+
+// The largest manifest read: a million files take about 200 MiB.
+constexpr uint64_t kManifestLimit = 1ull << 30;
+constexpr uint32_t kSetIdBits = 06000;
+
+struct Problem {
+    std::string file;
+    std::string object;
+    std::string what;
+};
+
+using Sink = std::function<void(uint64_t offset, const uint8_t* data, size_t size)>;
+
+Manifest ReadManifest(CommandContext& context, const std::string& backupId) {
+    if (!IsValidBackupId(backupId)) throw ToolError(kExitUsage, "not a backup name: " + backupId);
+    PluginSession& session = context.session;
+    const std::string name = context.options.layout.ManifestName(backupId);
+    if (!session.Exists(name)) throw ToolError(kExitNoSuchBackup, "no complete backup named " + backupId);
+    const std::string text = session.ReadAll(name, kManifestLimit);
+    const std::string expected = session.Property(name, manifest_property::kSha);
+    if (ToHex(Sha256Of(text.data(), text.size())) != expected) {
+        throw ToolError(kExitDamaged, "the manifest of " + backupId + " does not match its hash");
+    }
+    Manifest manifest = DecodeManifest(text);
+    if (manifest.backupId != backupId) throw ToolError(kExitDamaged, "the manifest names another backup");
+    return manifest;
+}
+
+class CheckRun {
+public:
+    CheckRun(CommandContext& context, std::string command, const std::string& backupId)
+        : context_(context), command_(std::move(command)), manifest_(ReadManifest(context, backupId)) {}
+
+    // With a destination, a restore; without, a verify.
+    CommandResult Run(Destination* destination);
+
+private:
+    void CheckDestination(const Destination& destination) const;
+    void CheckFiles(Destination* destination, Progress& progress);
+    bool RestoreFile(Destination& destination, const ManifestFile& file, std::vector<uint8_t>& buffer,
+                     Progress& progress, Problem& problem);
+    bool ReadFileBack(const ManifestFile& file, std::vector<uint8_t>& buffer, Progress& progress, const Sink& sink,
+                      Problem& problem);
+    void MakeFoldersAndLinks(Destination& destination);
+    CommandResult Report(double seconds, double pluginSeconds);
+
+    CommandContext& context_;
+    const std::string command_;
+    const Manifest manifest_;
+    std::mutex mutex_;
+    std::vector<Problem> problems_;
+    std::vector<std::string> setIdDropped_;
+};
+
+CommandResult CheckRun::Run(Destination* destination) {
+    if (destination) CheckDestination(*destination);
+    context_.Say(command_ + " " + manifest_.backupId + ": " + std::to_string(manifest_.files.size()) + " files, " +
+                 FormatBytes(static_cast<double>(manifest_.TotalBytes())));
+    const double pluginBefore = context_.session.PluginSeconds();
+    Progress progress(command_, manifest_.TotalBytes(), manifest_.files.size(), context_.Style());
+    try {
+        CheckFiles(destination, progress);
+    } catch (const ToolError&) {
+        progress.Finish();
+        throw;
+    }
+    progress.Finish();
+    // Links last: no file of this restore is ever written beneath one.
+    if (destination) MakeFoldersAndLinks(*destination);
+    return Report(progress.Seconds(), context_.session.PluginSeconds() - pluginBefore);
+}
+
+// Everything that would be refused is refused before the first write.
+void CheckRun::CheckDestination(const Destination& destination) const {
+    for (const ManifestFile& file : manifest_.files) destination.Check(file.relativePath, EntryKind::File);
+    for (const ManifestFolder& folder : manifest_.folders) destination.Check(folder.relativePath, EntryKind::Folder);
+    for (const ManifestLink& link : manifest_.links) destination.Check(link.relativePath, EntryKind::Link);
+}
+
+void CheckRun::CheckFiles(Destination* destination, Progress& progress) {
+    const unsigned jobs = context_.options.jobs;
+    std::vector<std::vector<uint8_t>> buffers(jobs);
+    RunInParallel(jobs, manifest_.files.size(), [&](size_t index, unsigned worker) {
+        const ManifestFile& file = manifest_.files[index];
+        std::vector<uint8_t>& buffer = buffers[worker];
+        if (buffer.size() < manifest_.partSize + 1) buffer.resize(static_cast<size_t>(manifest_.partSize + 1));
+        Problem problem;
+        const bool good = destination ? RestoreFile(*destination, file, buffer, progress, problem)
+                                       : ReadFileBack(file, buffer, progress, Sink(), problem);
+        if (!good) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            problems_.push_back(problem);
+        }
+        progress.FileDone(file.relativePath, file.size);
+    });
+}
+
+// Written under a name of its own and moved into place only once every
+// hash matched, so a damaged file is never left as restored.
+bool CheckRun::RestoreFile(Destination& destination, const ManifestFile& file, std::vector<uint8_t>& buffer,
+                           Progress& progress, Problem& problem) {
+    std::unique_ptr<RestoredFile> output = destination.MakeFile(file.relativePath);
+    const Sink sink = [&](uint64_t offset, const uint8_t* data, size_t size) { output->WriteAt(offset, data, size); };
+    if (!ReadFileBack(file, buffer, progress, sink, problem)) return false;
+    output->Commit(file.mode, file.modifiedNs);
+    if (file.mode && (*file.mode & kSetIdBits)) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        setIdDropped_.push_back(file.relativePath);
+    }
+    return true;
+}
+
+// Reads every part of one file back, checks each against the manifest,
+// hands the bytes to `sink`; answers false with the first problem found.
+bool CheckRun::ReadFileBack(const ManifestFile& file, std::vector<uint8_t>& buffer, Progress& progress,
+                            const Sink& sink, Problem& problem) {
+    Sha256 fileHash;
+    Sha256 partHash;
+    problem.file = file.relativePath;
+    for (uint64_t part = 0; part < file.partSha256.size(); ++part) {
+        if (Interrupted()) throw ToolError(kExitInterrupted, "interrupted");
+        problem.object = context_.options.layout.PartName(manifest_.backupId, file.index, part);
+        const uint64_t expected = PartBytes(file.size, manifest_.partSize, part);
+        // One byte more than expected shows an object that grew.
+        Metadata metadata;
+        const uint64_t read =
+            context_.session.Read(problem.object, buffer.data(), 0, expected + 1, {part_property::kPartSha}, metadata);
+        if (read != expected) {
+            problem.what = "holds " + std::to_string(read) + " bytes, expected " + std::to_string(expected);
+            return false;
+        }
+        partHash.Update(buffer.data(), static_cast<size_t>(read));
+        if (ToHex(partHash.Final()) != file.partSha256[part]) {
+            problem.what = "does not match its SHA-256";
+            return false;
+        }
+        const auto stored = metadata.find(part_property::kPartSha);
+        if (stored != metadata.end() && stored->second != file.partSha256[part]) {
+            problem.what = "carries a part hash that differs from the manifest";
+            return false;
+        }
+        fileHash.Update(buffer.data(), static_cast<size_t>(read));
+        if (sink) sink(part * manifest_.partSize, buffer.data(), static_cast<size_t>(read));
+        progress.AddBytes(read);
+    }
+    problem.object.clear();
+    if (ToHex(fileHash.Final()) != file.sha256) {
+        problem.what = "does not match the file's SHA-256";
+        return false;
+    }
+    return true;
+}
+
+void CheckRun::MakeFoldersAndLinks(Destination& destination) {
+    for (const ManifestFolder& folder : manifest_.folders) {
+        destination.MakeFolder(folder.relativePath, folder.mode, folder.modifiedNs);
+    }
+    for (const ManifestLink& link : manifest_.links) destination.MakeLink(link.relativePath, link.target, link.modifiedNs);
+}
+
+CommandResult CheckRun::Report(double seconds, double pluginSeconds) {
+    std::sort(problems_.begin(), problems_.end(), [](const Problem& a, const Problem& b) { return a.file < b.file; });
+    Json damaged = Json::array();
+    for (const Problem& problem : problems_) {
+        const std::string where = problem.object.empty() ? "" : " (object " + problem.object + ")";
+        context_.Warn("DAMAGED " + Printable(problem.file) + where + ": " + problem.what);
+        damaged.push_back(Json{{"file", problem.file}, {"object", problem.object}, {"problem", problem.what}});
+    }
+    std::sort(setIdDropped_.begin(), setIdDropped_.end());
+    for (const std::string& path : setIdDropped_) {
+        context_.Warn("restored " + Printable(path) + " without its set-user-ID and set-group-ID bits");
+    }
+    const uint64_t bytes = manifest_.TotalBytes();
+    const size_t goodFiles = manifest_.files.size() - problems_.size();
+    context_.Say(std::string(command_ == "restore" ? "restored " : "verified ") + std::to_string(goodFiles) + " of " +
+                 std::to_string(manifest_.files.size()) + " files, " + FormatBytes(static_cast<double>(bytes)) +
+                 " in " + FormatDuration(seconds) + " (" + FormatBytes(MiBPerSecond(bytes, seconds) * 1048576) +
+                 "/s)" + (problems_.empty() ? "" : "; " + std::to_string(problems_.size()) + " damaged"));
+    context_.SayPluginShare(pluginSeconds, seconds);
+    CommandResult result;
+    result.status = problems_.empty() ? kExitOk : kExitDamaged;
+    result.json = Json{{"command", command_},
+                       {"ok", problems_.empty()},
+                       {"backup", manifest_.backupId},
+                       {"files", manifest_.files.size()},
+                       {"bytes", bytes},
+                       {"seconds", seconds},
+                       {"mib_per_s", MiBPerSecond(bytes, seconds)},
+                       {"plugin_seconds", pluginSeconds},
+                       {"damaged", std::move(damaged)},
+                       {"folders", manifest_.folders.size()},
+                       {"links", manifest_.links.size()},
+                       {"set_id_bits_dropped", setIdDropped_}};
+    return result;
+}
+
+}  // namespace
+
+CommandResult RestoreCommand(CommandContext& context, const Arguments& arguments) {
+    CheckRun run(context, "restore", arguments[0]);
+    Destination destination(arguments[1], context.options.overwrite);
+    return run.Run(&destination);
+}
+
+CommandResult VerifyCommand(CommandContext& context, const Arguments& arguments) {
+    return CheckRun(context, "verify", arguments[0]).Run(nullptr);
+}
+
+}  // namespace qvhost
