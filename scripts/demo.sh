@@ -18,6 +18,9 @@ missing=()
 for command in cmake g++ make javac java npm; do
   command -v "$command" >/dev/null || missing+=("$command")
 done
+for header in nlohmann/json.hpp CLI/CLI.hpp openssl/evp.h; do
+  [ -f "/usr/include/$header" ] || missing+=("$header")
+done
 if [ ${#missing[@]} -gt 0 ]; then
   echo "==== installing what is missing (${missing[*]})"
   sudo_cmd=()
@@ -55,6 +58,9 @@ done
 mkdir -p "$source_dir/Ünïcödé 文件夹"
 echo "non-ASCII names survive" >"$source_dir/Ünïcödé 文件夹/naïve café.txt"
 : >"$source_dir/an empty file"
+chmod 0750 "$source_dir/folder1/sub1/file-1.dat" 2>/dev/null || true
+mkdir -p "$source_dir/an empty folder"
+ln -s "../folder3/sub0/file-3.dat" "$source_dir/folder1/a link"
 head -c $((big_mib * 1024 * 1024)) /dev/urandom >"$source_dir/large-${big_mib}MiB.bin"
 
 cpu_seconds() {  # user + system CPU seconds of a process so far
@@ -90,8 +96,13 @@ azurite_after=$(cpu_seconds "$AZURITE_PID")
 restore_azurite=$(awk -v a="$azurite_before" -v b="$azurite_after" 'BEGIN { printf "%.2f", b - a }')
 
 echo "==== comparing the trees"
-listing() { (cd "$1" && find . -type f -printf '%P\t%s\t%T@\n' | LC_ALL=C sort); }
-if diff -r "$source_dir" "$run/restored" >/dev/null && diff <(listing "$source_dir") <(listing "$run/restored"); then
+# Files, links and empty folders: name, kind, size, time, mode, link target.
+listing() {
+  (cd "$1" && find . -mindepth 1 \( -type f -o -type l -o -type d -empty \) -printf '%P\t%y\t%s\t%T@\t%m\t%l\n' |
+    LC_ALL=C sort)
+}
+if diff -r --no-dereference "$source_dir" "$run/restored" >/dev/null &&
+  diff <(listing "$source_dir") <(listing "$run/restored"); then
   same=yes
 else
   same=NO
@@ -109,7 +120,7 @@ backup:                   ${backup_elapsed} s, $(rate "$backup_elapsed") MiB/s
 restore:                  ${restore_elapsed} s, $(rate "$restore_elapsed") MiB/s
 CPU during backup:        cloudplugin-host with its JVM ${backup_cpu} s, Azurite ${backup_azurite} s
 CPU during restore:       cloudplugin-host with its JVM ${restore_cpu} s, Azurite ${restore_azurite} s
-restored tree identical:  ${same} (contents, sizes and modification times)
+restored tree identical:  ${same} (contents, sizes, modes, modification times, links, empty folders)
 logs of the plug-in:      build/demo/stage/Plugin/Azure/Log
 SUMMARY
 [ "$same" = yes ]
