@@ -95,7 +95,8 @@ class KeySecrecyTest {
         private final PrintStream oldOut = System.out;
         private final PrintStream oldErr = System.err;
         private final Logger root = Logger.getLogger("");
-        private final Logger library = Logger.getLogger("com.qv");
+        /** The library's own logger: it does not pass records to the root unless the host configured logging. */
+        private final Logger library = Logger.getLogger("com.qv.azure");
         private final Level oldLevel = library.getLevel();
         private int records;
         private final Handler handler = new Handler() {
@@ -141,6 +142,7 @@ class KeySecrecyTest {
             library.setLevel(Level.ALL);
             handler.setLevel(Level.ALL);
             root.addHandler(handler);
+            library.addHandler(handler);
         }
 
         String text() {
@@ -152,6 +154,7 @@ class KeySecrecyTest {
             System.setOut(oldOut);
             System.setErr(oldErr);
             root.removeHandler(handler);
+            library.removeHandler(handler);
             library.setLevel(oldLevel);
         }
     }
@@ -228,7 +231,7 @@ class KeySecrecyTest {
 
             // The capture sees all three channels: a marker sent through each must show up.
             String marker = "capture-check-" + unique("");
-            Logger.getLogger(QVAzurePlugInLibrary.class.getName()).fine(marker + "-log");
+            Logger.getLogger("com.qv.azure").fine(marker + "-log");
             System.out.println(marker + "-out");
             System.err.println(marker + "-err");
             text = capture.text();

@@ -2,14 +2,19 @@ package com.qv.azure.rest;
 
 import com.qv.QVCloudPluginInterface.ERRORID;
 
+import java.io.EOFException;
 import java.io.IOException;
 import java.net.ConnectException;
+import java.net.SocketException;
 import java.net.UnknownHostException;
 import java.net.http.HttpConnectTimeoutException;
 import java.net.http.HttpTimeoutException;
+import java.nio.channels.ClosedChannelException;
 import java.nio.channels.UnresolvedAddressException;
+import java.security.cert.CertificateException;
 import java.util.Locale;
 import javax.net.ssl.SSLException;
+import javax.net.ssl.SSLPeerUnverifiedException;
 
 /**
  * Turns the failures of the Blob REST API and of the HTTP transport into the
@@ -109,9 +114,20 @@ public final class ErrorMap {
         }
     }
 
-    /** Classifies a transport failure (no HTTP answer, or the answer could not be read). */
+    /**
+     * Classifies a transport failure (no HTTP answer, or the answer could not
+     * be read). A TLS failure is TLS_HANDSHAKE_FAILED when it is about the
+     * certificate or the protocol, but NETWORK_ERROR when it is only the
+     * connection breaking underneath TLS (reset, closed): the JDK reports
+     * such a break as an SSLException too, and it is as worth retrying as
+     * the same break on a plain connection.
+     */
     public static ERRORID fromThrowable(Throwable t) {
-        for (Throwable x = t; x != null; x = x.getCause()) {
+        boolean tls = false;
+        boolean certificate = false;
+        boolean broken = false;
+        int depth = 0;
+        for (Throwable x = t; x != null && depth < 20; x = x.getCause(), ++depth) {
             if (x instanceof HttpConnectTimeoutException) {
                 return ERRORID.TIMEOUT;
             }
@@ -124,12 +140,21 @@ public final class ErrorMap {
             if (x instanceof ConnectException) {
                 return ERRORID.CONNECTION_FAILED;
             }
-            if (x instanceof SSLException) {
-                return ERRORID.TLS_HANDSHAKE_FAILED;
-            }
             if (x instanceof InterruptedException) {
                 return ERRORID.OPERATION_CANCELLED;
             }
+            if (x instanceof SSLException) {
+                tls = true;
+            }
+            if (x instanceof CertificateException || x instanceof SSLPeerUnverifiedException) {
+                certificate = true;
+            }
+            if (x instanceof SocketException || x instanceof EOFException || x instanceof ClosedChannelException) {
+                broken = true;
+            }
+        }
+        if (tls) {
+            return broken && !certificate ? ERRORID.NETWORK_ERROR : ERRORID.TLS_HANDSHAKE_FAILED;
         }
         if (t instanceof IOException) {
             return ERRORID.NETWORK_ERROR;
