@@ -295,9 +295,8 @@ public final class BlobRestClient {
                     }
                 }
                 boolean again = RetryPolicy.isRetryableStatus(status);
-                long wait = again
-                    ? RetryPolicy.retryAfterMillis(resp.headers().firstValue("Retry-After").orElse(null), Instant.now())
-                    : -1;
+                String retryAfter = resp.headers().firstValue("Retry-After").orElse(null);
+                long wait = again ? RetryPolicy.retryAfterMillis(retryAfter, Instant.now()) : -1;
                 throw new StorageException(id, status, code, text, null, again, wait);
             }
             byte[] kept = sink == null ? in.readAllBytes() : sink.consume(in);
@@ -482,7 +481,8 @@ public final class BlobRestClient {
     }
 
     /** Put Block with a Content-MD5 the service checks the block against. */
-    public void putBlock(Deadline op, String blob, String blockId, byte[] data, int off, int len) throws StorageException {
+    public void putBlock(Deadline op, String blob, String blockId, byte[] data, int off, int len)
+        throws StorageException {
         Map<String, String> h = new LinkedHashMap<>();
         h.put("Content-MD5", md5Base64(data, off, len));
         String q = "comp=block&blockid=" + encodeQueryValue(blockId);
@@ -557,7 +557,8 @@ public final class BlobRestClient {
     }
 
     /** Set Blob Metadata, replacing all of it; with an ETag it only succeeds if the blob is unchanged. */
-    public void setMetadata(Deadline op, String blob, Map<String, String> metadata, String ifMatch) throws StorageException {
+    public void setMetadata(Deadline op, String blob, Map<String, String> metadata, String ifMatch)
+        throws StorageException {
         Map<String, String> h = new LinkedHashMap<>();
         if (ifMatch != null) {
             h.put("If-Match", ifMatch);

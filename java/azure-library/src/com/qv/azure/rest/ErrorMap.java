@@ -64,6 +64,9 @@ public final class ErrorMap {
                     case "AuthorizationFailure":
                     case "AuthorizationPermissionMismatch":
                     case "AuthorizationResourceTypeMismatch":
+                    case "AuthorizationProtocolMismatch":
+                    case "AuthorizationSourceIPMismatch":
+                    case "AuthorizationServiceMismatch":
                     case "InsufficientAccountPermissions":
                         return ERRORID.AUTHORIZATION_FAILED;
                     case "AccountIsDisabled":
