@@ -202,6 +202,7 @@ final class FaultProxy implements AutoCloseable {
     private final SSLContext tls;
     private final ServerSocket server;
     private final AtomicInteger connections = new AtomicInteger();
+    private final AtomicInteger resetOnAccept = new AtomicInteger();
     private final ExecutorService workers = Executors.newCachedThreadPool(r -> {
         Thread t = new Thread(r, "fault-proxy");
         t.setDaemon(true);
@@ -227,6 +228,14 @@ final class FaultProxy implements AutoCloseable {
         workers.execute(this::acceptLoop);
     }
 
+    /**
+     * Resets the next {@code n} connections as soon as they are accepted,
+     * before any byte is read: over TLS, in the middle of the handshake.
+     */
+    void resetNextConnections(int n) {
+        resetOnAccept.set(n);
+    }
+
     /** TCP connections accepted so far (a TLS handshake that fails still counts). */
     int connections() {
         return connections.get();
@@ -246,6 +255,7 @@ final class FaultProxy implements AutoCloseable {
     void reset() {
         rules.clear();
         seen.clear();
+        resetOnAccept.set(0);
     }
 
     /** Every request received so far, faulted or not, in order of arrival. */
@@ -301,6 +311,10 @@ final class FaultProxy implements AutoCloseable {
 
     private void serve(Socket client) {
         try (Socket raw = client) {
+            if (resetOnAccept.getAndUpdate(n -> Math.max(n - 1, 0)) > 0) {
+                raw.setSoLinger(true, 0);
+                return;
+            }
             // Over TLS, c is the TLS socket on top of raw; a reset goes to raw, under the TLS session.
             Socket c = tls == null ? raw
                 : tls.getSocketFactory().createSocket(raw, null, false);

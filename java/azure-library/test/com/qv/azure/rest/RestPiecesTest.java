@@ -198,6 +198,19 @@ class RestPiecesTest {
         SSLHandshakeException cut = new SSLHandshakeException("Remote host terminated the handshake");
         cut.initCause(new java.io.EOFException("SSL peer shut down incorrectly"));
         assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(cut));
+        // The shapes the JDK's HTTP client gives: an unknown host, a refusal, a reset while connecting.
+        assertEquals(ERRORID.DNS_RESOLUTION_FAILED, ErrorMap.fromThrowable(
+            new ConnectException().initCause(new ConnectException().initCause(
+                new java.nio.channels.UnresolvedAddressException()))));
+        assertEquals(ERRORID.CONNECTION_FAILED, ErrorMap.fromThrowable(
+            new ConnectException().initCause(new ConnectException().initCause(
+                new java.nio.channels.ClosedChannelException()))));
+        assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(
+            new ConnectException("Connection reset by peer").initCause(
+                new java.net.SocketException("Connection reset by peer"))));
+        // A timeout wins wherever it is in the chain.
+        assertEquals(ERRORID.TIMEOUT, ErrorMap.fromThrowable(
+            new HttpConnectTimeoutException("HTTP connect timed out").initCause(new ConnectException("timed out"))));
         assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(new IOException("reset")));
         assertEquals(ERRORID.INTERNAL_ERROR, ErrorMap.fromThrowable(new IllegalStateException()));
     }
