@@ -78,6 +78,24 @@ final class TestSas {
         return query(q);
     }
 
+    /**
+     * What of a token must never show anywhere: the token whole, and every
+     * 12-character piece of its signature, as sent (percent-encoded) and
+     * decoded. The other fields (version, times, permissions) are not secret
+     * and would match unrelated text such as a log line's time.
+     */
+    static java.util.List<String> secretPieces(String token) {
+        java.util.List<String> out = new java.util.ArrayList<>();
+        out.add(token);
+        String sig = token.replaceAll(".*[?&]?sig=([^&]*).*", "$1");
+        for (String s : new String[] {sig, java.net.URLDecoder.decode(sig, StandardCharsets.UTF_8)}) {
+            for (int i = 0; i + 12 <= s.length(); ++i) {
+                out.add(s.substring(i, i + 12));
+            }
+        }
+        return out;
+    }
+
     private static String query(Map<String, String> q) {
         StringJoiner j = new StringJoiner("&");
         for (Map.Entry<String, String> e : q.entrySet()) {
