@@ -67,10 +67,18 @@ class TlsTest {
         for (int size : sizes) {
             String name = unique("tls/");
             byte[] data = randomBytes(size, size + 1);
+            long t0 = System.nanoTime();
             assertOk(lib.WriteObject(name, data, size, TestSupport.metaArray(Map.of("Größe", "" + size))),
                      "WriteObject of " + size + " B over TLS");
+            long t1 = System.nanoTime();
             assertArrayEquals(sha256(data, 0, size), readBackSha256(lib, name, size, 4 << 20), size + " B back");
+            long t2 = System.nanoTime();
             assertEquals("" + size, lib.GetObjectMetaData(name, "Größe").value);
+            if (size > QVAzurePlugInLibrary.SINGLE_PUT_LIMIT) {
+                System.out.printf("TLS round trip of %.1f MiB: write %.0f MiB/s, read (4 MiB calls) %.0f MiB/s%n",
+                                  size / 1048576.0, size / 1048576.0 / ((t1 - t0) / 1e9),
+                                  size / 1048576.0 / ((t2 - t1) / 1e9));
+            }
         }
         assertEquals(sizes.length, lib.GetObjectSubList("tls/").metaDat.length);
         assertOk(lib.CheckConnectivity(), "CheckConnectivity over TLS");
