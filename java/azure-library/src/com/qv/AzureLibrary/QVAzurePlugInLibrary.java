@@ -3,9 +3,12 @@ package com.qv.AzureLibrary;
 import com.qv.QVCloudPluginInterface.CErrorValue;
 import com.qv.QVCloudPluginInterface.CloudPluginCapabilities;
 import com.qv.QVCloudPluginInterface.ERRORID;
+import com.qv.azure.LibraryLog;
 import com.qv.azure.rest.BlobRestClient;
+import com.qv.azure.rest.Deadline;
 import com.qv.azure.rest.ErrorMap;
 import com.qv.azure.rest.MetadataCodec;
+import com.qv.azure.rest.SasToken;
 import com.qv.azure.rest.StorageConnection;
 import com.qv.azure.rest.StorageException;
 import com.qv.plugin.model.CArrayOfString;
@@ -40,11 +43,16 @@ import java.util.logging.Logger;
  * No method throws and none returns null: every failure is reported as an
  * {@link ERRORID} in the returned value (see docs/java-library.md for the table).
  *
- * Nothing here writes files, and nothing logged or returned contains the
- * account key.
+ * Every operation has one deadline (OperationTimeoutSeconds) that all its
+ * requests, retries and pauses share; past it the operation fails with
+ * TIMEOUT.
+ *
+ * The library writes no files unless the host asks for a log file (see
+ * {@link LibraryLog}), and nothing logged or returned contains the account
+ * key or a shared access signature.
  */
 public class QVAzurePlugInLibrary {
-    private static final Logger LOG = Logger.getLogger(QVAzurePlugInLibrary.class.getName());
+    private static final Logger LOG = LibraryLog.logger();
 
     /** Objects larger than this are uploaded as blocks. */
     public static final int SINGLE_PUT_LIMIT = 8 << 20;
@@ -75,11 +83,15 @@ public class QVAzurePlugInLibrary {
     // ------------------------------------------------------------------ lifecycle
 
     /**
-     * Connects to the account of the connection string and creates the
-     * container named by its Container key when it does not exist yet. The
-     * string may also carry the retry and timeout keys of
-     * {@link StorageConnection}; a bad value there gives INVALID_ARGUMENT.
-     * The install folder is not used: the library keeps no files.
+     * Connects to the account of the connection string and checks that the
+     * container named by its Container key can be reached, so that a
+     * credential that cannot reach it fails here and not at the first write.
+     * With the account key, or an account SAS, a missing container is
+     * created; with a container SAS it must exist (CONTAINER_NOT_FOUND
+     * otherwise), and no creation is tried. The string may also carry the
+     * tuning keys and AccessTier of {@link StorageConnection}; a bad value
+     * there gives INVALID_ARGUMENT, an unusable token INVALID_CREDENTIALS.
+     * The install folder is not used.
      */
     public synchronized CErrorValue AzureInit(String initString, String installFolder) {
         if (client != null) {
@@ -93,6 +105,8 @@ public class QVAzurePlugInLibrary {
             switch (e.reason) {
                 case BAD_ACCOUNT_KEY:
                     return err(ERRORID.STORAGE_KEY_INVALID);
+                case BAD_SAS_TOKEN:
+                    return err(ERRORID.INVALID_CREDENTIALS);
                 case BAD_CONTAINER_NAME:
                     return err(ERRORID.INVALID_CONTAINER_NAME);
                 default:
@@ -103,9 +117,20 @@ public class QVAzurePlugInLibrary {
         }
         try {
             BlobRestClient c = new BlobRestClient(conn);
-            c.createContainerIfMissing();
+            Deadline op = c.startOperation();
+            if (conn.sas == null) {
+                c.createContainerIfMissing(op);
+            } else if (!c.containerReachable(op)) {
+                if (conn.sas.scope != SasToken.Scope.ACCOUNT) {
+                    throw new StorageException(ERRORID.CONTAINER_NOT_FOUND, 404, "ContainerNotFound",
+                                               "AzureInit: the container of the container SAS does not exist",
+                                               null);
+                }
+                c.createContainerIfMissing(op);
+            }
             connection = conn;
             client = c;
+            LOG.log(Level.INFO, "AzureInit: connected: {0}", conn);
             return ok();
         } catch (StorageException e) {
             return failed("AzureInit", e);
@@ -182,10 +207,11 @@ public class QVAzurePlugInLibrary {
             }
             Map<String, String> meta = metaData == null ? null : encodeMetadata(metaData);
             int len = (int) length;
+            Deadline deadline = c.startOperation();
             if (len <= SINGLE_PUT_LIMIT) {
-                c.putBlob(blob, bytes, 0, len, meta, false);
+                c.putBlob(deadline, blob, bytes, 0, len, meta, false, c.accessTier());
             } else {
-                uploadBlocks(c, blob, bytes, len, meta);
+                uploadBlocks(deadline, c, blob, bytes, len, meta);
             }
             return new CWObjectHandleFnValue(ok(), blob);
         } catch (StorageException e) {
@@ -203,10 +229,12 @@ public class QVAzurePlugInLibrary {
      * The uncommitted blocks are discarded by the service after a week.
      *
      * Block ids carry a random prefix per upload, so two uploads to the same
-     * name at once never commit each other's blocks.
+     * name at once never commit each other's blocks. All blocks and the
+     * commit share the operation's deadline: a block that runs out of it
+     * fails the upload like any other failure.
      */
-    private void uploadBlocks(BlobRestClient c, String blob, byte[] bytes, int len, Map<String, String> meta)
-        throws StorageException {
+    private void uploadBlocks(Deadline op, BlobRestClient c, String blob, byte[] bytes, int len,
+                              Map<String, String> meta) throws StorageException {
         ExecutorService pool = pool();
         List<String> ids = new ArrayList<>();
         List<Future<?>> futures = new ArrayList<>();
@@ -219,7 +247,7 @@ public class QVAzurePlugInLibrary {
             int from = off;
             int n = Math.min(BLOCK_SIZE, len - off);
             futures.add(pool.submit(() -> {
-                c.putBlock(blob, id, bytes, from, n);
+                c.putBlock(op, blob, id, bytes, from, n);
                 return null;
             }));
         }
@@ -239,7 +267,7 @@ public class QVAzurePlugInLibrary {
             Thread.currentThread().interrupt();
             throw new StorageException(ERRORID.OPERATION_CANCELLED, "block upload interrupted");
         }
-        c.putBlockList(blob, ids, meta);
+        c.putBlockList(op, blob, ids, meta, c.accessTier());
     }
 
     private synchronized ExecutorService pool() {
@@ -308,7 +336,7 @@ public class QVAzurePlugInLibrary {
         }
         int room = data == null ? 0 : data.length;
         int max = (int) Math.min(length, room);
-        return c.readRange(blob, offset, data, max);
+        return c.readRange(c.startOperation(), blob, offset, data, max);
     }
 
     private static CPluginMetaData[] selectProperties(BlobRestClient.Response r, String[] propertyNames) {
@@ -356,12 +384,13 @@ public class QVAzurePlugInLibrary {
         try {
             BlobRestClient c = requireClient();
             String blob = requireName(name);
-            if (!c.exists(blob)) {
+            Deadline op = c.startOperation();
+            if (!c.exists(op, blob)) {
                 if (!createIfMissing) {
                     return new CCreateFnValue(err(ERRORID.NOT_FOUND), null);
                 }
                 try {
-                    c.putBlob(blob, new byte[0], 0, 0, null, true);
+                    c.putBlob(op, blob, new byte[0], 0, 0, null, true, null);
                 } catch (StorageException e) {
                     if (e.error != ERRORID.ALREADY_EXISTS) {
                         throw e; // someone else creating it at the same moment is fine
@@ -384,7 +413,8 @@ public class QVAzurePlugInLibrary {
         try {
             BlobRestClient c = requireClient();
             String blob = requireName(name);
-            c.putBlob(blob, new byte[0], 0, 0, metaData == null ? null : encodeMetadata(metaData), true);
+            c.putBlob(c.startOperation(), blob, new byte[0], 0, 0,
+                      metaData == null ? null : encodeMetadata(metaData), true, null);
             return new CCreateFnValue(ok(), blob);
         } catch (StorageException e) {
             return new CCreateFnValue(failed(op, e), null);
@@ -438,7 +468,8 @@ public class QVAzurePlugInLibrary {
 
     private CErrorValue delete(String op, String name) {
         try {
-            requireClient().deleteBlob(requireName(name));
+            BlobRestClient c = requireClient();
+            c.deleteBlob(c.startOperation(), requireName(name));
             return ok();
         } catch (StorageException e) {
             return failed(op, e);
@@ -449,7 +480,8 @@ public class QVAzurePlugInLibrary {
 
     public CIsObjectExistFnValue IsObjectExist(String name) {
         try {
-            return new CIsObjectExistFnValue(ok(), requireClient().exists(requireName(name)));
+            BlobRestClient c = requireClient();
+            return new CIsObjectExistFnValue(ok(), c.exists(c.startOperation(), requireName(name)));
         } catch (StorageException e) {
             return new CIsObjectExistFnValue(failed("IsObjectExist", e), false);
         } catch (RuntimeException e) {
@@ -494,12 +526,13 @@ public class QVAzurePlugInLibrary {
             if (property == null || property.isEmpty()) {
                 throw new StorageException(ERRORID.INVALID_METADATA, "empty property name");
             }
+            Deadline op = c.startOperation();
             for (int attempt = 0; ; ++attempt) {
-                BlobRestClient.Response props = c.properties(blob);
+                BlobRestClient.Response props = c.properties(op, blob);
                 Map<String, String> stored = new TreeMap<>(props.metadata());
                 stored.put(MetadataCodec.encodeName(property), MetadataCodec.encodeValue(value));
                 try {
-                    c.setMetadata(blob, stored, props.header("ETag"));
+                    c.setMetadata(op, blob, stored, props.header("ETag"));
                     return ok();
                 } catch (StorageException e) {
                     if (e.error != ERRORID.CONDITION_NOT_MET || attempt >= 4) {
@@ -517,7 +550,8 @@ public class QVAzurePlugInLibrary {
     /** One property's value; NOT_FOUND when the object has no property of that name. */
     public CGetObjectMetaData GetObjectMetaData(String name, String property) {
         try {
-            BlobRestClient.Response props = requireClient().properties(requireName(name));
+            BlobRestClient c = requireClient();
+            BlobRestClient.Response props = c.properties(c.startOperation(), requireName(name));
             String v = decodeMetadata(props.metadata()).get(property);
             if (v == null) {
                 return new CGetObjectMetaData(err(ERRORID.NOT_FOUND), null);
@@ -532,7 +566,8 @@ public class QVAzurePlugInLibrary {
 
     public CGObjectMetaDataFnValue GetObjectMetaData(String name) {
         try {
-            BlobRestClient.Response props = requireClient().properties(requireName(name));
+            BlobRestClient c = requireClient();
+            BlobRestClient.Response props = c.properties(c.startOperation(), requireName(name));
             return new CGObjectMetaDataFnValue(ok(), toArray(decodeMetadata(props.metadata())));
         } catch (StorageException e) {
             return new CGObjectMetaDataFnValue(failed("GetObjectMetaData", e), null);
@@ -546,9 +581,10 @@ public class QVAzurePlugInLibrary {
         try {
             BlobRestClient c = requireClient();
             List<CObjectSubListElement> out = new ArrayList<>();
+            Deadline op = c.startOperation();
             String marker = null;
             do {
-                BlobRestClient.BlobPage page = c.listBlobs(path, marker, listPageSize, true);
+                BlobRestClient.BlobPage page = c.listBlobs(op, path, marker, listPageSize, true);
                 for (BlobRestClient.BlobItem item : page.items) {
                     out.add(new CObjectSubListElement(item.name, toArray(decodeMetadata(item.metadata))));
                 }
@@ -566,7 +602,8 @@ public class QVAzurePlugInLibrary {
 
     public QVListContainers GetListContainers() {
         try {
-            List<String> names = requireClient().listContainers();
+            BlobRestClient c = requireClient();
+            List<String> names = c.listContainers(c.startOperation());
             QVAzureContainer[] out = new QVAzureContainer[names.size()];
             for (int i = 0; i < out.length; ++i) {
                 out[i] = new QVAzureContainer(names.get(i));
@@ -599,7 +636,12 @@ public class QVAzurePlugInLibrary {
             if (!StorageConnection.isValidContainerName(name)) {
                 return new com.qv.AmazonLibrary.CIsObjectExistFnValue(err(ERRORID.INVALID_CONTAINER_NAME), false);
             }
-            return new com.qv.AmazonLibrary.CIsObjectExistFnValue(ok(), requireClient().containerExists(name));
+            BlobRestClient c = requireClient();
+            Deadline op = c.startOperation();
+            // A container SAS cannot ask for a container's properties; its own container it can check.
+            boolean exists = c.usesSas() && name.equals(c.container())
+                ? c.containerReachable(op) : c.containerExists(op, name);
+            return new com.qv.AmazonLibrary.CIsObjectExistFnValue(ok(), exists);
         } catch (StorageException e) {
             return new com.qv.AmazonLibrary.CIsObjectExistFnValue(failed("IsContainerExists", e), false);
         } catch (RuntimeException e) {
@@ -611,7 +653,7 @@ public class QVAzurePlugInLibrary {
     public CErrorValue DeleteContainer() {
         try {
             BlobRestClient c = requireClient();
-            c.deleteContainer(c.container());
+            c.deleteContainer(c.startOperation(), c.container());
             return ok();
         } catch (StorageException e) {
             return failed("DeleteContainer", e);
@@ -644,11 +686,12 @@ public class QVAzurePlugInLibrary {
     public CGetAccountInfoFnValue GetAccountInfo() {
         try {
             BlobRestClient c = requireClient();
-            BlobRestClient.Response info = c.accountInformation();
+            Deadline op = c.startOperation();
+            BlobRestClient.Response info = c.accountInformation(op);
             String kind = info.header("x-ms-account-kind");
             String sku = info.header("x-ms-sku-name");
             String type = kind == null ? sku : (sku == null ? kind : kind + "/" + sku);
-            long used = containerBytes(c);
+            long used = containerBytes(op, c);
             String account = connection.accountName;
             return new CGetAccountInfoFnValue(ok(), account, type, account, null, used,
                                               Math.max(0, ACCOUNT_CAPACITY - used));
@@ -662,7 +705,8 @@ public class QVAzurePlugInLibrary {
     /** The bytes of all objects of the container, summed from a full listing. */
     public CGetAccountSizeValue GetAllObjectsSize() {
         try {
-            return new CGetAccountSizeValue(ok(), containerBytes(requireClient()));
+            BlobRestClient c = requireClient();
+            return new CGetAccountSizeValue(ok(), containerBytes(c.startOperation(), c));
         } catch (StorageException e) {
             return new CGetAccountSizeValue(failed("GetAllObjectsSize", e), 0);
         } catch (RuntimeException e) {
@@ -670,11 +714,11 @@ public class QVAzurePlugInLibrary {
         }
     }
 
-    private long containerBytes(BlobRestClient c) throws StorageException {
+    private long containerBytes(Deadline op, BlobRestClient c) throws StorageException {
         long total = 0;
         String marker = null;
         do {
-            BlobRestClient.BlobPage page = c.listBlobs(null, marker, listPageSize, false);
+            BlobRestClient.BlobPage page = c.listBlobs(op, null, marker, listPageSize, false);
             for (BlobRestClient.BlobItem item : page.items) {
                 total += item.size;
             }
@@ -736,11 +780,15 @@ public class QVAzurePlugInLibrary {
         return err(ERRORID.NOT_SUPPORTED);
     }
 
-    /** One request to the container; its outcome is the answer. */
+    /**
+     * One request to the container; its outcome is the answer (with a shared
+     * access signature the check of AzureInit, which a token that may not
+     * list passes too).
+     */
     public CErrorValue CheckConnectivity() {
         try {
             BlobRestClient c = requireClient();
-            if (!c.containerExists(c.container())) {
+            if (!c.containerReachable(c.startOperation())) {
                 return err(ERRORID.CONTAINER_NOT_FOUND);
             }
             return ok();

@@ -92,6 +92,9 @@ class AzureLibraryAzuriteTest {
             closedPort = s.getLocalPort();
         }
         cases.put(good.replace(":" + azurite.port + "/", ":" + closedPort + "/"), ERRORID.CONNECTION_FAILED);
+        // A name that cannot resolve (RFC 2606 reserves .invalid).
+        cases.put(good.replace("127.0.0.1:" + azurite.port, "no-such-host.invalid:" + azurite.port),
+                  ERRORID.DNS_RESOLUTION_FAILED);
 
         for (Map.Entry<String, ERRORID> c : cases.entrySet()) {
             QVAzurePlugInLibrary l = newLibrary();

@@ -8,12 +8,15 @@ import java.net.ServerSocket;
 import java.net.Socket;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.TimeUnit;
 
 /**
  * One Azurite blob service for the whole test run, started on first use on a
- * free loopback port with in-memory storage and stopped when the JVM exits.
+ * free loopback port with in-memory storage and stopped when the JVM exits;
+ * and, for the TLS tests, a second one that serves HTTPS only, with the
+ * run's test certificate (see {@link TestTls}).
  *
  * Where Azurite is: the environment variable AZURITE_BIN, else the system
  * property azurite.bin. Either may name the azurite-blob executable itself or
@@ -29,23 +32,55 @@ final class AzuriteServer {
     static final String KEY = randomKey();
 
     private static AzuriteServer instance;
+    private static AzuriteServer tlsInstance;
 
     final int port;
+    final boolean tls;
     private final Process process;
     private final Path workDir;
 
-    private AzuriteServer(int port, Process process, Path workDir) {
+    private AzuriteServer(int port, boolean tls, Process process, Path workDir) {
         this.port = port;
+        this.tls = tls;
         this.process = process;
         this.workDir = workDir;
     }
 
+    /** The service over plain HTTP. */
     static synchronized AzuriteServer get() throws IOException, InterruptedException {
         if (instance == null) {
-            instance = start();
+            instance = start(false);
             Runtime.getRuntime().addShutdownHook(new Thread(instance::stop, "azurite-stop"));
         }
         return instance;
+    }
+
+    /** The service over HTTPS only, with the test certificate for "localhost". */
+    static synchronized AzuriteServer tls() throws IOException, InterruptedException {
+        if (tlsInstance == null) {
+            tlsInstance = start(true);
+            Runtime.getRuntime().addShutdownHook(new Thread(tlsInstance::stop, "azurite-tls-stop"));
+        }
+        return tlsInstance;
+    }
+
+    /** The blob endpoint of the test account at the given host and port, e.g. https://localhost:1234/account. */
+    static String endpoint(String scheme, String host, int port) {
+        return scheme + "://" + host + ":" + port + "/" + ACCOUNT;
+    }
+
+    /** This service's blob endpoint (for TLS, at the name its certificate is for). */
+    String endpoint() {
+        return tls ? endpoint("https", TestTls.HOST, port) : endpoint("http", "127.0.0.1", port);
+    }
+
+    /**
+     * A connection string with a shared access signature instead of the key:
+     * no AccountName, as the Azure portal hands it out.
+     */
+    static String sasConnectionString(String endpoint, String container, String token, String extra) {
+        return "BlobEndpoint=" + endpoint + ";SharedAccessSignature=" + token + ";Container=" + container
+            + (extra.isEmpty() ? "" : ";" + extra);
     }
 
     private static String randomKey() {
@@ -56,7 +91,7 @@ final class AzuriteServer {
 
     /** The connection string of the test account for the given container. */
     String connectionString(String container) {
-        return connectionString(container, port, "");
+        return connectionStringAt(endpoint(), container, "");
     }
 
     /**
@@ -65,8 +100,13 @@ final class AzuriteServer {
      * further "Key=value;" pairs.
      */
     static String connectionString(String container, int endpointPort, String extra) {
-        return "DefaultEndpointsProtocol=http;AccountName=" + ACCOUNT + ";AccountKey=" + KEY
-            + ";BlobEndpoint=http://127.0.0.1:" + endpointPort + "/" + ACCOUNT + ";Container=" + container
+        return connectionStringAt(endpoint("http", "127.0.0.1", endpointPort), container, extra);
+    }
+
+    /** The connection string of the test account at the given blob endpoint, plus further pairs. */
+    static String connectionStringAt(String endpoint, String container, String extra) {
+        return "DefaultEndpointsProtocol=" + endpoint.substring(0, endpoint.indexOf(':')) + ";AccountName=" + ACCOUNT
+            + ";AccountKey=" + KEY + ";BlobEndpoint=" + endpoint + ";Container=" + container
             + (extra.isEmpty() ? "" : ";" + extra);
     }
 
@@ -94,15 +134,19 @@ final class AzuriteServer {
         }
     }
 
-    private static AzuriteServer start() throws IOException, InterruptedException {
+    private static AzuriteServer start(boolean tls) throws IOException, InterruptedException {
         String exe = executable();
-        Path dir = Files.createTempDirectory("azurite-test");
+        Path dir = Files.createTempDirectory(tls ? "azurite-tls-test" : "azurite-test");
         IOException lastFailure = null;
         for (int attempt = 0; attempt < 3; ++attempt) {
             int port = freePort();
-            ProcessBuilder pb = new ProcessBuilder(List.of(exe,
+            List<String> command = new ArrayList<>(List.of(exe,
                 "--blobHost", "127.0.0.1", "--blobPort", Integer.toString(port),
                 "--inMemoryPersistence", "--disableTelemetry", "--skipApiVersionCheck", "--silent"));
+            if (tls) {
+                command.addAll(List.of("--cert", TestTls.serverKeyStore().toString(), "--pwd", TestTls.password()));
+            }
+            ProcessBuilder pb = new ProcessBuilder(command);
             pb.directory(dir.toFile());
             pb.environment().put("AZURITE_ACCOUNTS", ACCOUNT + ":" + KEY);
             pb.redirectErrorStream(true);
@@ -112,7 +156,7 @@ final class AzuriteServer {
             while (System.nanoTime() < deadline && p.isAlive()) {
                 try (Socket s = new Socket()) {
                     s.connect(new InetSocketAddress(InetAddress.getLoopbackAddress(), port), 500);
-                    return new AzuriteServer(port, p, dir);
+                    return new AzuriteServer(port, tls, p, dir);
                 } catch (IOException e) {
                     lastFailure = e;
                     Thread.sleep(200);

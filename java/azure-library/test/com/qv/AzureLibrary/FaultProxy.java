@@ -21,13 +21,19 @@ import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.function.Predicate;
+import javax.net.ssl.SSLContext;
 
 /**
  * A small HTTP/1.1 proxy on a loopback port that forwards requests to the
  * blob service and, by rule, answers some of them with a fault instead:
- * a status (503 ServerBusy, plain 503, any other), a dropped connection
- * (closed without an answer, or reset), a delay before the request is
- * forwarded, or an answer whose body stops halfway.
+ * a status (503 ServerBusy, plain 503, any other, with extra headers such as
+ * Retry-After), a dropped connection (closed without an answer, or reset),
+ * a delay before the request is forwarded, or an answer whose body stops
+ * halfway.
+ *
+ * With TLS the proxy serves the test certificate to the client and speaks
+ * TLS to the service too; a reset then breaks the TCP connection under the
+ * TLS session, without a TLS close, as a failing network would.
  *
  * Each connection carries one request: the proxy answers with
  * "Connection: close", so every retry of the client arrives on a fresh
@@ -47,6 +53,10 @@ final class FaultProxy implements AutoCloseable {
         final String query;
         final Map<String, String> headers;
         final byte[] body;
+        /** When the request had arrived whole (System.nanoTime()). */
+        final long arrivedNanos = System.nanoTime();
+        /** The head of the service's answer, once forwarded: status line under "", then the headers. */
+        volatile Map<String, String> reply;
 
         Request(String method, String path, String query, Map<String, String> headers, byte[] body) {
             this.method = method;
@@ -54,6 +64,17 @@ final class FaultProxy implements AutoCloseable {
             this.query = query;
             this.headers = headers;
             this.body = body;
+        }
+
+        /** A request header's value (any case of the name), or null. */
+        String header(String name) {
+            return FaultProxy.header(headers, name);
+        }
+
+        /** A header of the forwarded answer (any case of the name), or null when there was none or no answer. */
+        String replyHeader(String name) {
+            Map<String, String> r = reply;
+            return r == null ? null : FaultProxy.header(r, name);
         }
 
         /** A query parameter's raw value, or null. */
@@ -84,12 +105,26 @@ final class FaultProxy implements AutoCloseable {
         final int status;
         final String code;
         final long delayMillis;
+        /** Further headers of an error answer. */
+        final Map<String, String> extra;
 
-        private Fault(Kind kind, int status, String code, long delayMillis) {
+        private Fault(Kind kind, int status, String code, long delayMillis, Map<String, String> extra) {
             this.kind = kind;
             this.status = status;
             this.code = code;
             this.delayMillis = delayMillis;
+            this.extra = extra;
+        }
+
+        private Fault(Kind kind, int status, String code, long delayMillis) {
+            this(kind, status, code, delayMillis, Map.of());
+        }
+
+        /** The same error answer with one more header, e.g. Retry-After. */
+        Fault withHeader(String name, String value) {
+            Map<String, String> h = new LinkedHashMap<>(extra);
+            h.put(name, value);
+            return new Fault(kind, status, code, delayMillis, h);
         }
 
         /** An error answer; with a code it carries x-ms-error-code and an XML error body as the service sends. */
@@ -163,7 +198,11 @@ final class FaultProxy implements AutoCloseable {
     }
 
     private final int upstreamPort;
+    /** Serves TLS to clients and speaks TLS to the service when set. */
+    private final SSLContext tls;
     private final ServerSocket server;
+    private final AtomicInteger connections = new AtomicInteger();
+    private final AtomicInteger resetOnAccept = new AtomicInteger();
     private final ExecutorService workers = Executors.newCachedThreadPool(r -> {
         Thread t = new Thread(r, "fault-proxy");
         t.setDaemon(true);
@@ -174,9 +213,32 @@ final class FaultProxy implements AutoCloseable {
 
     /** Starts a proxy on a free loopback port in front of the service on {@code upstreamPort}. */
     FaultProxy(int upstreamPort) throws IOException {
+        this(upstreamPort, null);
+    }
+
+    /**
+     * Starts a proxy that, with {@code tls} set, serves TLS with that
+     * context's key and forwards over TLS to a service that speaks it (the
+     * JVM's default trust decides whether the service's certificate is good).
+     */
+    FaultProxy(int upstreamPort, SSLContext tls) throws IOException {
         this.upstreamPort = upstreamPort;
+        this.tls = tls;
         this.server = new ServerSocket(0, 50, InetAddress.getLoopbackAddress());
         workers.execute(this::acceptLoop);
+    }
+
+    /**
+     * Resets the next {@code n} connections as soon as they are accepted,
+     * before any byte is read: over TLS, in the middle of the handshake.
+     */
+    void resetNextConnections(int n) {
+        resetOnAccept.set(n);
+    }
+
+    /** TCP connections accepted so far (a TLS handshake that fails still counts). */
+    int connections() {
+        return connections.get();
     }
 
     int port() {
@@ -193,6 +255,7 @@ final class FaultProxy implements AutoCloseable {
     void reset() {
         rules.clear();
         seen.clear();
+        resetOnAccept.set(0);
     }
 
     /** Every request received so far, faulted or not, in order of arrival. */
@@ -238,6 +301,7 @@ final class FaultProxy implements AutoCloseable {
         while (!server.isClosed()) {
             try {
                 Socket s = server.accept();
+                connections.incrementAndGet();
                 workers.execute(() -> serve(s));
             } catch (IOException e) {
                 return; // closed
@@ -246,54 +310,73 @@ final class FaultProxy implements AutoCloseable {
     }
 
     private void serve(Socket client) {
-        try (Socket c = client) {
-            InputStream in = new BufferedInputStream(c.getInputStream());
-            Request req = readRequest(in);
-            if (req == null) {
+        try (Socket raw = client) {
+            if (resetOnAccept.getAndUpdate(n -> Math.max(n - 1, 0)) > 0) {
+                raw.setSoLinger(true, 0);
                 return;
             }
-            seen.add(req);
-            Fault fault = null;
-            for (Rule r : rules) {
-                if (r.take(req)) {
-                    fault = r.fault;
-                    break;
+            // Over TLS, c is the TLS socket on top of raw; a reset goes to raw, under the TLS session.
+            Socket c = tls == null ? raw
+                : tls.getSocketFactory().createSocket(raw, null, false);
+            try {
+                serve(raw, c);
+            } finally {
+                if (!raw.isClosed()) {
+                    c.close(); // over TLS with a TLS close, as a server that ends the connection does
                 }
             }
-            OutputStream out = c.getOutputStream();
-            if (fault != null) {
-                switch (fault.kind) {
-                    case STATUS:
-                        out.write(errorAnswer(req, fault));
-                        out.flush();
-                        return;
-                    case DROP:
-                        return;
-                    case RESET:
-                        c.setSoLinger(true, 0);
-                        return;
-                    case DELAY:
-                        Thread.sleep(fault.delayMillis);
-                        if (clientGone(c, in)) {
-                            return; // a request the client gave up on must not reach the service late
-                        }
-                        break;
-                    case STALL_BODY:
-                        byte[] reply = forward(req);
-                        int bodyStart = Math.max(headEnd(reply), 0);
-                        out.write(reply, 0, bodyStart + (reply.length - bodyStart) / 2);
-                        out.flush();
-                        Thread.sleep(fault.delayMillis);
-                        return;
-                }
-            }
-            out.write(forward(req));
-            out.flush();
         } catch (IOException e) {
-            // the client went away; nothing to answer
+            // the client went away, or its TLS handshake failed; nothing to answer
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
         }
+    }
+
+    private void serve(Socket raw, Socket c) throws IOException, InterruptedException {
+        InputStream in = new BufferedInputStream(c.getInputStream());
+        Request req = readRequest(in);
+        if (req == null) {
+            return;
+        }
+        seen.add(req);
+        Fault fault = null;
+        for (Rule r : rules) {
+            if (r.take(req)) {
+                fault = r.fault;
+                break;
+            }
+        }
+        OutputStream out = c.getOutputStream();
+        if (fault != null) {
+            switch (fault.kind) {
+                case STATUS:
+                    out.write(errorAnswer(req, fault));
+                    out.flush();
+                    return;
+                case DROP:
+                    c.close();
+                    return;
+                case RESET:
+                    raw.setSoLinger(true, 0);
+                    raw.close();
+                    return;
+                case DELAY:
+                    Thread.sleep(fault.delayMillis);
+                    if (clientGone(c, in)) {
+                        return; // a request the client gave up on must not reach the service late
+                    }
+                    break;
+                case STALL_BODY:
+                    byte[] reply = forward(req);
+                    int bodyStart = Math.max(headEnd(reply), 0);
+                    out.write(reply, 0, bodyStart + (reply.length - bodyStart) / 2);
+                    out.flush();
+                    Thread.sleep(fault.delayMillis);
+                    return;
+            }
+        }
+        out.write(forward(req));
+        out.flush();
     }
 
     /** Whether the client has closed its side (read returns end of stream) after its request. */
@@ -367,6 +450,9 @@ final class FaultProxy implements AutoCloseable {
             head.append("x-ms-error-code: ").append(f.code).append("\r\n");
             head.append("Content-Type: application/xml\r\n");
         }
+        for (Map.Entry<String, String> e : f.extra.entrySet()) {
+            head.append(e.getKey()).append(": ").append(e.getValue()).append("\r\n");
+        }
         head.append("Content-Length: ").append(body.length).append("\r\n");
         head.append("Connection: close\r\n\r\n");
         return concat(head.toString().getBytes(StandardCharsets.ISO_8859_1), body);
@@ -374,8 +460,10 @@ final class FaultProxy implements AutoCloseable {
 
     /** Sends the request to the service on a connection of its own and answers the whole reply. */
     private byte[] forward(Request req) throws IOException {
-        try (Socket up = new Socket()) {
-            up.connect(new InetSocketAddress(InetAddress.getLoopbackAddress(), upstreamPort), 5000);
+        try (Socket plain = new Socket()) {
+            plain.connect(new InetSocketAddress(InetAddress.getLoopbackAddress(), upstreamPort), 5000);
+            Socket up = tls == null ? plain
+                : SSLContext.getDefault().getSocketFactory().createSocket(plain, "localhost", upstreamPort, false);
             StringBuilder head = new StringBuilder();
             head.append(req.method).append(' ').append(req.path).append(req.query.isEmpty() ? "" : "?" + req.query)
                 .append(" HTTP/1.1\r\n");
@@ -389,9 +477,51 @@ final class FaultProxy implements AutoCloseable {
             o.write(head.toString().getBytes(StandardCharsets.ISO_8859_1));
             o.write(req.body);
             o.flush();
-            byte[] reply = up.getInputStream().readAllBytes();
+            byte[] reply = readReply(up.getInputStream());
+            req.reply = head(reply);
             return withConnectionClose(reply);
+        } catch (java.security.NoSuchAlgorithmException e) {
+            throw new IOException(e);
         }
+    }
+
+    /**
+     * The whole reply: read to the end of the connection (the request asked
+     * for "Connection: close"); a TLS peer that closes without a TLS close
+     * is taken as done once what arrived is a whole answer.
+     */
+    private static byte[] readReply(InputStream in) throws IOException {
+        ByteArrayOutputStream b = new ByteArrayOutputStream();
+        byte[] buf = new byte[1 << 16];
+        try {
+            int n;
+            while ((n = in.read(buf)) > 0) {
+                b.write(buf, 0, n);
+            }
+        } catch (javax.net.ssl.SSLException e) {
+            if (b.size() == 0) {
+                throw e;
+            }
+        }
+        return b.toByteArray();
+    }
+
+    /** The head of a reply: the status line under "" and each header. */
+    private static Map<String, String> head(byte[] reply) {
+        Map<String, String> h = new LinkedHashMap<>();
+        int end = headEnd(reply);
+        if (end < 0) {
+            return h;
+        }
+        String[] lines = new String(reply, 0, end - 4, StandardCharsets.ISO_8859_1).split("\r\n");
+        h.put("", lines[0]);
+        for (int i = 1; i < lines.length; ++i) {
+            int colon = lines[i].indexOf(':');
+            if (colon > 0) {
+                h.put(lines[i].substring(0, colon).trim(), lines[i].substring(colon + 1).trim());
+            }
+        }
+        return h;
     }
 
     /** Where the body of a reply starts (after the blank line ending the head), or -1 without one. */

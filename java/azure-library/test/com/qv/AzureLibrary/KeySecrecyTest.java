@@ -40,15 +40,19 @@ import java.util.logging.Logger;
 import org.junit.jupiter.api.Test;
 
 /**
- * The account key stays secret: nothing the library logs (java.util.logging,
- * stdout, stderr), no error it reports, no value it returns and no file in
- * the install folder or the temporary directory contains it, even when the
- * connection string is malformed around the key.
+ * The account key and a shared access signature stay secret: nothing the
+ * library logs (java.util.logging, stdout, stderr), no error it reports, no
+ * value it returns and no file in the install folder or the temporary
+ * directory contains them, even when the connection string is malformed
+ * around the key or the token.
  */
 class KeySecrecyTest {
     private static final String KEY = AzuriteServer.KEY;
     /** A well-formed key that is not the account's (the service refuses it). */
     private static final String WRONG_KEY = Base64.getEncoder().encodeToString(TestSupport.randomBytes(64, 99));
+    /** A token the disk test hands the library (for a container that is never made). */
+    private static final String DISK_TOKEN = token("diskcontainer");
+    private static final String DISK_SIG = DISK_TOKEN.substring(DISK_TOKEN.indexOf("sig=") + 4);
 
     /** Connection strings that go wrong somewhere near the key, and the error each must give. */
     private static Map<String, ERRORID> malformed(int port) {
@@ -95,7 +99,8 @@ class KeySecrecyTest {
         private final PrintStream oldOut = System.out;
         private final PrintStream oldErr = System.err;
         private final Logger root = Logger.getLogger("");
-        private final Logger library = Logger.getLogger("com.qv");
+        /** The library's own logger: it does not pass records to the root unless the host configured logging. */
+        private final Logger library = Logger.getLogger("com.qv.azure");
         private final Level oldLevel = library.getLevel();
         private int records;
         private final Handler handler = new Handler() {
@@ -141,6 +146,7 @@ class KeySecrecyTest {
             library.setLevel(Level.ALL);
             handler.setLevel(Level.ALL);
             root.addHandler(handler);
+            library.addHandler(handler);
         }
 
         String text() {
@@ -152,6 +158,7 @@ class KeySecrecyTest {
             System.setOut(oldOut);
             System.setErr(oldErr);
             root.removeHandler(handler);
+            library.removeHandler(handler);
             library.setLevel(oldLevel);
         }
     }
@@ -228,7 +235,7 @@ class KeySecrecyTest {
 
             // The capture sees all three channels: a marker sent through each must show up.
             String marker = "capture-check-" + unique("");
-            Logger.getLogger(QVAzurePlugInLibrary.class.getName()).fine(marker + "-log");
+            Logger.getLogger("com.qv.azure").fine(marker + "-log");
             System.out.println(marker + "-out");
             System.err.println(marker + "-err");
             text = capture.text();
@@ -242,6 +249,118 @@ class KeySecrecyTest {
         strings(answers, returned, java.util.Collections.newSetFromMap(new IdentityHashMap<>()));
         assertTrue(returned.size() > 20, "strings found in the answers: " + returned.size());
         assertNoKeyIn(String.join("\n", returned), "a returned value");
+    }
+
+    // ------------------------------------------------------------------ tokens
+
+    /** A working container SAS of the container, signed with the run's key. */
+    private static String token(String container) {
+        return TestSas.container(container, "racwdl", null, TestSas.inAnHour(), KEY);
+    }
+
+    /** Connection strings that go wrong somewhere near the token, and the error each must give. */
+    private static Map<String, ERRORID> malformedAroundToken(String endpoint, String token) {
+        String base = "BlobEndpoint=" + endpoint;
+        Map<String, ERRORID> m = new LinkedHashMap<>();
+        m.put(base + ";SharedAccessSignature " + token + ";Container=abc", ERRORID.INVALID_ARGUMENT); // no '='
+        m.put(base + ";" + token + ";Container=abc", ERRORID.INVALID_ARGUMENT);                        // no name
+        m.put(base + ";SharedAccessSignature=" + token + "Container=abc", ERRORID.INVALID_ARGUMENT);  // no ';'
+        m.put(base + ";SharedAccessSignature=" + token + ";SharedAccessSignature=" + token + ";Container=abc",
+              ERRORID.INVALID_ARGUMENT);
+        m.put(base + ";SharedAccessSignature=" + token + ";Container=Abc" + token, ERRORID.INVALID_CONTAINER_NAME);
+        m.put(base + ";SharedAccessSignature=" + token + ";Container=abc;AccessTier=" + token,
+              ERRORID.INVALID_ARGUMENT);
+        m.put(base + ";SharedAccessSignature=" + token + ";Container=abc;OperationTimeoutSeconds=" + token,
+              ERRORID.INVALID_ARGUMENT);
+        m.put("BlobEndpoint=" + token + ";SharedAccessSignature=" + token + ";Container=abc",
+              ERRORID.INVALID_ARGUMENT);
+        m.put(base + "?" + token + ";SharedAccessSignature=" + token + ";Container=abc", ERRORID.INVALID_ARGUMENT);
+        m.put(base + ";SharedAccessSignature=" + token + "|;Container=abc", ERRORID.INVALID_CREDENTIALS);
+        m.put(base + ";SharedAccessSignature=" + token.replace("sr=c", "sr=b") + ";Container=abc",
+              ERRORID.INVALID_CREDENTIALS);
+        m.put(base + ";SharedAccessSignature=" + token + ";AccountKey=" + KEY + ";Container=abc",
+              ERRORID.INVALID_ARGUMENT);
+        return m;
+    }
+
+    private static void assertNoTokenIn(String text, String token, String where) {
+        for (String piece : TestSas.secretPieces(token)) {
+            assertFalse(text.contains(piece), "the token or a piece of its signature in " + where);
+        }
+    }
+
+    @Test
+    void aTokenIsNeverLoggedReportedOrReturned() throws Exception {
+        AzuriteServer azurite = AzuriteServer.get();
+        String container = TestSupport.uniqueContainer("sassecret");
+        QVAzurePlugInLibrary keyed = TestSupport.connected(azurite.connectionString(container));
+        String token = token(container);
+        String wrongToken = TestSas.container(container, "racwdl", null, TestSas.inAnHour(), WRONG_KEY);
+        List<Object> answers = new ArrayList<>();
+        String text;
+        try (Capture capture = new Capture(); FaultProxy proxy = new FaultProxy(azurite.port)) {
+            String endpoint = AzuriteServer.endpoint("http", "127.0.0.1", proxy.port());
+            for (Map.Entry<String, ERRORID> c : malformedAroundToken(endpoint, token).entrySet()) {
+                Object r = TestSupport.newLibrary().AzureInit(c.getKey(), TestSupport.INSTALL_FOLDER.toString());
+                answers.add(r);
+                assertError(c.getValue(), r, "AzureInit with a string malformed around the token");
+            }
+            assertEquals(0, proxy.seen().size(), "the malformed strings sent nothing");
+            Object refused = TestSupport.newLibrary().AzureInit(
+                AzuriteServer.sasConnectionString(endpoint, container, wrongToken, ""), ".");
+            answers.add(refused);
+            assertError(ERRORID.AUTHORIZATION_FAILED, refused, "AzureInit with a token of another key");
+
+            // A working library through successes, failures and retries.
+            QVAzurePlugInLibrary l = TestSupport.connected(AzuriteServer.sasConnectionString(
+                endpoint, container, token, "RetryBaseDelayMillis=10;RetryMaxAttempts=3"));
+            String name = unique("sassecret/");
+            proxy.add(r -> true, 2, FaultProxy.Fault.serverBusy());
+            answers.add(l.WriteObject(name, new byte[100], 100, TestSupport.metaArray(Map.of("a", "b"))));
+            answers.add(l.WriteObject(name + "big", new byte[QVAzurePlugInLibrary.SINGLE_PUT_LIMIT + 1],
+                                      QVAzurePlugInLibrary.SINGLE_PUT_LIMIT + 1));
+            proxy.add(r -> true, 3, FaultProxy.Fault.drop());
+            answers.add(l.ReadObject(name, new byte[10], 10, 0)); // fails after 3 attempts
+            proxy.add(r -> true, 1, FaultProxy.Fault.status(403, "AuthenticationFailed"));
+            answers.add(l.ReadObject(name, new byte[10], 10, 0));
+            answers.add(l.ReadObjectByName(name, new byte[10], 0, 10, null));
+            answers.add(l.ReadObject(unique("absent/"), new byte[10], 10, 0));
+            answers.add(l.GetObjectMetaData(name));
+            answers.add(l.SetObjectMetaData(name, "c", "d"));
+            answers.add(l.GetObjectSubList("sassecret/"));
+            answers.add(l.GetAccountInfo());
+            answers.add(l.GetUniqueAccountName());
+            answers.add(l.GetContainerName());
+            answers.add(l.GetListContainers());            // refused: account level
+            answers.add(l.IsContainerExists("othercontainer")); // refused: another container
+            answers.add(l.GetCloudPluginCapabilities());
+            answers.add(l.getStorageKey(AzuriteServer.ACCOUNT, container));
+            answers.add(l.CheckConnectivity());
+            answers.add(l.WriteObject("bad/", new byte[1], 1));
+            answers.add(l.DeleteObjectByName(name));
+            answers.add(l.DeleteContainer());              // refused: a container SAS cannot
+            answers.add(l.AzureDeInit());
+            assertTrue(proxy.seen().stream().anyMatch(r -> r.query.contains(token)), "the token was on the wire");
+
+            String marker = "capture-check-" + unique("");
+            Logger.getLogger("com.qv.azure").fine(marker + "-log");
+            text = capture.text();
+            assertTrue(text.contains(marker + "-log"), "captured the library's logger");
+            assertTrue(capture.records > 10, "the failures above were logged: " + capture.records);
+        } finally {
+            keyed.DeleteContainer();
+            keyed.AzureDeInit();
+        }
+        for (String t : new String[] {token, wrongToken}) {
+            assertNoTokenIn(text, t, "the log and console output");
+        }
+        assertNoKeyIn(text, "the log and console output");
+        List<String> returned = new ArrayList<>();
+        strings(answers, returned, java.util.Collections.newSetFromMap(new IdentityHashMap<>()));
+        assertTrue(returned.size() > 20, "strings found in the answers: " + returned.size());
+        for (String t : new String[] {token, wrongToken}) {
+            assertNoTokenIn(String.join("\n", returned), t, "a returned value");
+        }
     }
 
     // ------------------------------------------------------------------ what the library writes
@@ -272,7 +391,8 @@ class KeySecrecyTest {
                 return false;
             }
             String text = new String(Files.readAllBytes(file), StandardCharsets.ISO_8859_1);
-            return text.contains(KEY) || text.contains(KEY.substring(0, 40));
+            return text.contains(KEY) || text.contains(KEY.substring(0, 40)) || text.contains(DISK_TOKEN)
+                || text.contains(DISK_SIG);
         } catch (IOException e) {
             return false; // unreadable, or gone again
         }
@@ -293,6 +413,13 @@ class KeySecrecyTest {
         for (String bad : malformed(azurite.port).keySet()) {
             TestSupport.newLibrary().AzureInit(bad, TestSupport.INSTALL_FOLDER.toString());
         }
+        String container = TestSupport.uniqueContainer("disk");
+        for (String bad : malformedAroundToken(azurite.endpoint(), DISK_TOKEN).keySet()) {
+            TestSupport.newLibrary().AzureInit(bad, TestSupport.INSTALL_FOLDER.toString());
+        }
+        QVAzurePlugInLibrary sas = TestSupport.newLibrary();
+        sas.AzureInit(AzuriteServer.sasConnectionString(azurite.endpoint(), container, DISK_TOKEN, ""), ".");
+        sas.AzureDeInit();
         assertOk(l.DeleteContainer(), "DeleteContainer");
         assertOk(l.AzureDeInit(), "AzureDeInit");
 

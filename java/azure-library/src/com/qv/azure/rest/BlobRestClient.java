@@ -14,6 +14,7 @@ import java.nio.charset.StandardCharsets;
 import java.security.MessageDigest;
 import java.security.NoSuchAlgorithmException;
 import java.time.Duration;
+import java.time.Instant;
 import java.time.ZoneOffset;
 import java.time.ZonedDateTime;
 import java.time.format.DateTimeFormatter;
@@ -26,7 +27,6 @@ import java.util.Map;
 import java.util.TreeMap;
 import java.util.concurrent.ScheduledFuture;
 import java.util.concurrent.ScheduledThreadPoolExecutor;
-import java.util.concurrent.ThreadLocalRandom;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicBoolean;
 import javax.xml.XMLConstants;
@@ -41,32 +41,44 @@ import org.xml.sax.SAXException;
 
 /**
  * A small client for the parts of the Blob service REST API that the plug-in
- * library needs, on java.net.http with Shared Key authorization. Every call
- * either returns what the service answered or throws a {@link StorageException}
- * already classified by {@link ErrorMap}. Requests that fail in a way that
- * may go away by itself are sent again as the connection's {@link RetryPolicy}
- * says (bounded in attempts and in time, exponential backoff with jitter).
+ * library needs, on java.net.http, authorized by Shared Key or by a shared
+ * access signature. Every call either returns what the service answered or
+ * throws a {@link StorageException} already classified by {@link ErrorMap}.
+ * Every call belongs to an operation of the library and gets its
+ * {@link Deadline}; the {@link RequestRunner} sends requests that fail in a
+ * way that may go away by itself again, within the bounds of the
+ * connection's {@link RetryPolicy} and that deadline.
+ *
+ * Everything that comes back is treated as untrusted: error bodies are read
+ * only up to a limit, error codes are cleaned before they are compared or
+ * logged, and a header that cannot be read is ignored.
  *
  * Metadata passed in and out of this class is in its stored form (see
  * {@link MetadataCodec}): names without the x-ms-meta- prefix.
  */
 public final class BlobRestClient {
-    public static final String API_VERSION = "2021-08-06";
+    /** 2021-12-02 is the first version that knows the Cold tier. */
+    public static final String API_VERSION = "2021-12-02";
     private static final DateTimeFormatter RFC1123 =
         DateTimeFormatter.ofPattern("EEE, dd MMM yyyy HH:mm:ss 'GMT'", Locale.US);
     private static final String META = "x-ms-meta-";
+    /** How much of an error answer's body is read (it only carries a code and a message). */
+    private static final int ERROR_BODY_LIMIT = 64 << 10;
 
     private final StorageConnection conn;
     private final HttpClient http;
+    /** Null when the credential is a shared access signature. */
     private final SharedKeySigner signer;
     private final RetryPolicy retry;
+    private final RequestRunner runner;
     /** The path part of the endpoint ("" for account host names, "/account" for emulator-style endpoints). */
     private final String basePath;
 
     public BlobRestClient(StorageConnection conn) {
         this.conn = conn;
         this.retry = conn.retryPolicy;
-        this.signer = new SharedKeySigner(conn.accountName, conn.accountKey);
+        this.runner = new RequestRunner(retry);
+        this.signer = conn.accountKey == null ? null : new SharedKeySigner(conn.accountName, conn.accountKey);
         this.http = HttpClient.newBuilder()
             .version(HttpClient.Version.HTTP_1_1)
             .connectTimeout(retry.connectTimeout)
@@ -78,6 +90,21 @@ public final class BlobRestClient {
 
     public String container() {
         return conn.container;
+    }
+
+    /** The tier every written object gets, or null for the account's default. */
+    public String accessTier() {
+        return conn.accessTier;
+    }
+
+    /** Whether requests carry a shared access signature instead of a Shared Key signature. */
+    public boolean usesSas() {
+        return conn.sas != null;
+    }
+
+    /** The deadline of an operation of the library that starts now. */
+    public Deadline startOperation() {
+        return retry.startOperation();
     }
 
     // ------------------------------------------------------------------ plumbing
@@ -167,55 +194,25 @@ public final class BlobRestClient {
         return basePath + "/" + container;
     }
 
-    /**
-     * Sends a request, and sends it again after failures that may go away by
-     * themselves, within the attempts and the time of the retry policy.
-     */
-    private Response send(String method, String rawPath, String rawQuery, Map<String, String> headers,
+    /** Sends a request through the runner: again after failures that may go away, within the bounds. */
+    private Response send(Deadline op, String method, String rawPath, String rawQuery, Map<String, String> headers,
                           byte[] body, int off, int len, BodySink sink, int... okStatuses) throws StorageException {
-        long start = System.nanoTime();
-        long deadline = start + retry.maxTotal.toNanos();
-        for (int attempt = 1; ; ++attempt) {
-            long left = deadline - System.nanoTime();
-            Duration timeout = retry.requestTimeout;
-            if (timeout.toNanos() > left) {
-                timeout = Duration.ofNanos(Math.max(left, 1_000_000L));
-            }
-            StorageException failure;
-            try {
-                return sendOnce(method, rawPath, rawQuery, headers, body, off, len, sink, timeout, okStatuses);
-            } catch (StorageException e) {
-                failure = e;
-            }
-            if (!failure.retryable) {
-                throw failure;
-            }
-            if (attempt >= retry.maxAttempts) {
-                throw failure;
-            }
-            long pause = retry.pauseMillis(attempt, ThreadLocalRandom.current());
-            left = deadline - System.nanoTime();
-            if (TimeUnit.MILLISECONDS.toNanos(pause) >= left) {
-                // The next send could not start within the bound: stop here rather than sleep in vain.
-                long elapsedMs = TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - start);
-                throw new StorageException(ERRORID.TIMEOUT, failure.status, failure.serviceCode,
-                                           method + " " + rawPath + ": gave up after " + attempt + " attempts in "
-                                               + elapsedMs + " ms (RetryMaxSeconds); last failure: "
-                                               + failure.getMessage(), failure);
-            }
-            try {
-                Thread.sleep(pause);
-            } catch (InterruptedException ie) {
-                Thread.currentThread().interrupt();
-                throw new StorageException(ERRORID.OPERATION_CANCELLED, 0, null, "interrupted", ie);
-            }
-        }
+        return runner.run(op, method + " " + rawPath,
+                          timeout -> sendOnce(method, rawPath, rawQuery, headers, body, off, len, sink, timeout,
+                                              okStatuses));
     }
 
     /** A failed exchange with no usable answer: retried when it is a timeout or a broken connection. */
-    private static StorageException transportFailure(int status, String message, IOException e) {
+    private StorageException transportFailure(int status, String message, IOException e) {
         ERRORID id = ErrorMap.fromThrowable(e);
         boolean again = id == ERRORID.TIMEOUT || id == ERRORID.NETWORK_ERROR;
+        if (id == ERRORID.TLS_HANDSHAKE_FAILED) {
+            // Say which host refused or was refused: the JDK's text alone often does not.
+            URI base = conn.blobEndpoint;
+            int port = base.getPort() >= 0 ? base.getPort() : 443;
+            return new StorageException(id, status, null, message + ": TLS with " + base.getHost() + ":" + port
+                                            + " failed: " + e, e, false);
+        }
         return new StorageException(id, status, null, message + ": " + e, e, again);
     }
 
@@ -227,23 +224,37 @@ public final class BlobRestClient {
         all.put("x-ms-date", RFC1123.format(ZonedDateTime.now(ZoneOffset.UTC)));
         all.put("x-ms-version", API_VERSION);
         long contentLength = body == null ? 0 : len;
-        all.put("Authorization", signer.authorization(method, rawPath, rawQuery, all, contentLength));
+        String query = rawQuery;
+        if (signer != null) {
+            all.put("Authorization", signer.authorization(method, rawPath, rawQuery, all, contentLength));
+        } else {
+            query = conn.sas.appendTo(rawQuery);
+        }
 
         URI base = conn.blobEndpoint;
-        String uri = base.getScheme() + "://" + base.getRawAuthority() + rawPath
-            + (rawQuery == null || rawQuery.isEmpty() ? "" : "?" + rawQuery);
-        HttpRequest.Builder b = HttpRequest.newBuilder(URI.create(uri)).timeout(timeout);
-        for (Map.Entry<String, String> e : all.entrySet()) {
-            b.header(e.getKey(), e.getValue());
+        HttpRequest request;
+        try {
+            String uri = base.getScheme() + "://" + base.getRawAuthority() + rawPath
+                + (query == null || query.isEmpty() ? "" : "?" + query);
+            HttpRequest.Builder b = HttpRequest.newBuilder(URI.create(uri)).timeout(timeout);
+            for (Map.Entry<String, String> e : all.entrySet()) {
+                b.header(e.getKey(), e.getValue());
+            }
+            HttpRequest.BodyPublisher publisher = body == null
+                ? HttpRequest.BodyPublishers.noBody()
+                : HttpRequest.BodyPublishers.ofByteArray(body, off, len);
+            b.method(method, publisher);
+            request = b.build();
+        } catch (IllegalArgumentException e) {
+            // The JDK's text may quote the URI, and with it a token: name the kind of failure only.
+            throw new StorageException(ERRORID.INVALID_ARGUMENT, 0, null,
+                                       method + " " + rawPath + ": the request could not be built ("
+                                           + e.getClass().getSimpleName() + ")", null);
         }
-        HttpRequest.BodyPublisher publisher = body == null
-            ? HttpRequest.BodyPublishers.noBody()
-            : HttpRequest.BodyPublishers.ofByteArray(body, off, len);
-        b.method(method, publisher);
 
         HttpResponse<InputStream> resp;
         try {
-            resp = http.send(b.build(), HttpResponse.BodyHandlers.ofInputStream());
+            resp = http.send(request, HttpResponse.BodyHandlers.ofInputStream());
         } catch (IOException e) {
             throw transportFailure(0, method + " " + rawPath, e);
         } catch (InterruptedException e) {
@@ -266,14 +277,27 @@ public final class BlobRestClient {
         }, bodyNanos, TimeUnit.NANOSECONDS);
         try (in) {
             if (!ok) {
-                byte[] err = in.readAllBytes();
-                String code = resp.headers().firstValue("x-ms-error-code").orElse(null);
+                byte[] err = in.readNBytes(ERROR_BODY_LIMIT);
+                String code = cleanCode(resp.headers().firstValue("x-ms-error-code").orElse(null));
                 if (code == null) {
-                    code = xmlText(err, "Code");
+                    code = cleanCode(xmlText(err, "Code"));
                 }
-                throw new StorageException(ErrorMap.fromHttp(status, code), status, code,
-                                           method + " " + rawPath + " -> " + status + " " + code, null,
-                                           RetryPolicy.isRetryableStatus(status));
+                ERRORID id = ErrorMap.fromHttp(status, code);
+                String text = method + " " + rawPath + " -> " + status + " " + code;
+                if (status == 403 && conn.sas != null) {
+                    Instant now = Instant.now();
+                    if (conn.sas.expiredAt(now)) {
+                        id = ERRORID.AUTHENTICATION_FAILED;
+                        text += "; the SharedAccessSignature has expired (its se time has passed)";
+                    } else if (conn.sas.notYetValidAt(now)) {
+                        id = ERRORID.AUTHENTICATION_FAILED;
+                        text += "; the SharedAccessSignature is not valid yet (its st time is still ahead)";
+                    }
+                }
+                boolean again = RetryPolicy.isRetryableStatus(status);
+                String retryAfter = resp.headers().firstValue("Retry-After").orElse(null);
+                long wait = again ? RetryPolicy.retryAfterMillis(retryAfter, Instant.now()) : -1;
+                throw new StorageException(id, status, code, text, null, again, wait);
             }
             byte[] kept = sink == null ? in.readAllBytes() : sink.consume(in);
             return new Response(status, resp.headers(), kept);
@@ -287,6 +311,29 @@ public final class BlobRestClient {
         } finally {
             watchdog.cancel(false);
         }
+    }
+
+    /**
+     * An error code as the service sends it is a short word; anything else
+     * that comes in its place is cut short and stripped of characters that
+     * could break a log line, so that it is only ever compared and shown.
+     */
+    static String cleanCode(String code) {
+        if (code == null) {
+            return null;
+        }
+        String c = code.trim();
+        if (c.isEmpty()) {
+            return null;
+        }
+        StringBuilder sb = new StringBuilder();
+        for (int i = 0; i < c.length() && sb.length() < 100; ++i) {
+            char ch = c.charAt(i);
+            boolean plain = (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9')
+                || ch == '_' || ch == '-' || ch == '.';
+            sb.append(plain ? ch : '?');
+        }
+        return sb.toString();
     }
 
     /** One daemon thread, shared by all clients, that cuts off answers whose body stalls. */
@@ -323,9 +370,9 @@ public final class BlobRestClient {
     // ------------------------------------------------------------------ containers and account
 
     /** Creates the configured container; answers false when it was already there. */
-    public boolean createContainerIfMissing() throws StorageException {
+    public boolean createContainerIfMissing(Deadline op) throws StorageException {
         try {
-            send("PUT", containerPath(conn.container), "restype=container", Map.of(), null, 0, 0, null, 201);
+            send(op, "PUT", containerPath(conn.container), "restype=container", Map.of(), null, 0, 0, null, 201);
             return true;
         } catch (StorageException e) {
             if (e.error == ERRORID.CONTAINER_ALREADY_EXISTS) {
@@ -335,9 +382,9 @@ public final class BlobRestClient {
         }
     }
 
-    public boolean containerExists(String container) throws StorageException {
+    public boolean containerExists(Deadline op, String container) throws StorageException {
         try {
-            send("HEAD", containerPath(container), "restype=container", Map.of(), null, 0, 0, null, 200);
+            send(op, "HEAD", containerPath(container), "restype=container", Map.of(), null, 0, 0, null, 200);
             return true;
         } catch (StorageException e) {
             if (e.status == 404) {
@@ -347,17 +394,17 @@ public final class BlobRestClient {
         }
     }
 
-    public void deleteContainer(String container) throws StorageException {
-        send("DELETE", containerPath(container), "restype=container", Map.of(), null, 0, 0, null, 202);
+    public void deleteContainer(Deadline op, String container) throws StorageException {
+        send(op, "DELETE", containerPath(container), "restype=container", Map.of(), null, 0, 0, null, 202);
     }
 
     /** Every container of the account, following the continuation markers. */
-    public List<String> listContainers() throws StorageException {
+    public List<String> listContainers(Deadline op) throws StorageException {
         List<String> names = new ArrayList<>();
         String marker = null;
         do {
             String q = "comp=list" + (marker == null ? "" : "&marker=" + encodeQueryValue(marker));
-            Response r = send("GET", basePath + "/", q, Map.of(), null, 0, 0, null, 200);
+            Response r = send(op, "GET", basePath + "/", q, Map.of(), null, 0, 0, null, 200);
             Document doc = parseXml(r.body);
             NodeList list = doc.getElementsByTagName("Container");
             for (int i = 0; i < list.getLength(); ++i) {
@@ -366,14 +413,49 @@ public final class BlobRestClient {
                     names.add(n);
                 }
             }
-            marker = childText(doc.getDocumentElement(), "NextMarker");
-        } while (marker != null && !marker.isEmpty());
+            marker = nextMarker(doc, marker);
+        } while (marker != null);
         return names;
     }
 
-    /** Get Account Information: the x-ms-sku-name and x-ms-account-kind headers. */
-    public Response accountInformation() throws StorageException {
-        return send("GET", basePath + "/", "restype=account&comp=properties", Map.of(), null, 0, 0, null, 200);
+    /**
+     * Get Account Information: the x-ms-sku-name and x-ms-account-kind
+     * headers. With a shared access signature it is asked of the container
+     * (a container SAS cannot reach the account's own URL).
+     */
+    public Response accountInformation(Deadline op) throws StorageException {
+        String path = conn.sas == null ? basePath + "/" : containerPath(conn.container);
+        return send(op, "GET", path, "restype=account&comp=properties", Map.of(), null, 0, 0, null, 200);
+    }
+
+    /**
+     * Checks that the credential reaches the configured container, with the
+     * least a backup target grants: with the account key, Get Container
+     * Properties (false: the container does not exist); with a shared
+     * access signature, a List Blobs of one entry, since a container SAS may
+     * not read the container's properties. The service refusing only the
+     * listing (AuthorizationPermissionMismatch, AuthorizationResourceTypeMismatch)
+     * still shows that the token is genuine, current and meant for this
+     * container: that counts as reached. Any other refusal is thrown.
+     */
+    public boolean containerReachable(Deadline op) throws StorageException {
+        if (conn.sas == null) {
+            return containerExists(op, conn.container);
+        }
+        try {
+            listBlobs(op, null, null, 1, false);
+            return true;
+        } catch (StorageException e) {
+            if (e.error == ERRORID.CONTAINER_NOT_FOUND) {
+                return false;
+            }
+            if (e.status == 403 && e.error == ERRORID.AUTHORIZATION_FAILED
+                && ("AuthorizationPermissionMismatch".equals(e.serviceCode)
+                    || "AuthorizationResourceTypeMismatch".equals(e.serviceCode))) {
+                return true;
+            }
+            throw e;
+        }
     }
 
     // ------------------------------------------------------------------ blobs
@@ -382,29 +464,34 @@ public final class BlobRestClient {
      * Put Blob of a whole block blob.
      *
      * @param onlyIfMissing send If-None-Match: * so that an existing blob is not replaced
+     * @param tier          the access tier of the new blob, or null for the account's default
      */
-    public void putBlob(String blob, byte[] data, int off, int len, Map<String, String> metadata,
-                        boolean onlyIfMissing) throws StorageException {
+    public void putBlob(Deadline op, String blob, byte[] data, int off, int len, Map<String, String> metadata,
+                        boolean onlyIfMissing, String tier) throws StorageException {
         Map<String, String> h = new LinkedHashMap<>();
         h.put("x-ms-blob-type", "BlockBlob");
         h.put("Content-Type", "application/octet-stream");
         if (onlyIfMissing) {
             h.put("If-None-Match", "*");
         }
-        send("PUT", blobPath(blob), null, withMetadata(h, metadata), data, off, len, null, 201);
+        if (tier != null) {
+            h.put("x-ms-access-tier", tier);
+        }
+        send(op, "PUT", blobPath(blob), null, withMetadata(h, metadata), data, off, len, null, 201);
     }
 
     /** Put Block with a Content-MD5 the service checks the block against. */
-    public void putBlock(String blob, String blockId, byte[] data, int off, int len) throws StorageException {
+    public void putBlock(Deadline op, String blob, String blockId, byte[] data, int off, int len)
+        throws StorageException {
         Map<String, String> h = new LinkedHashMap<>();
         h.put("Content-MD5", md5Base64(data, off, len));
         String q = "comp=block&blockid=" + encodeQueryValue(blockId);
-        send("PUT", blobPath(blob), q, h, data, off, len, null, 201);
+        send(op, "PUT", blobPath(blob), q, h, data, off, len, null, 201);
     }
 
-    /** Put Block List: commits the given uncommitted blocks, in order, as the blob's content. */
-    public void putBlockList(String blob, List<String> blockIds, Map<String, String> metadata)
-        throws StorageException {
+    /** Put Block List: commits the given uncommitted blocks, in order, as the blob's content, in the tier given. */
+    public void putBlockList(Deadline op, String blob, List<String> blockIds, Map<String, String> metadata,
+                             String tier) throws StorageException {
         StringBuilder xml = new StringBuilder("<?xml version=\"1.0\" encoding=\"utf-8\"?><BlockList>");
         for (String id : blockIds) {
             xml.append("<Latest>").append(id).append("</Latest>");
@@ -414,7 +501,10 @@ public final class BlobRestClient {
         Map<String, String> h = new LinkedHashMap<>();
         h.put("Content-Type", "application/xml");
         h.put("x-ms-blob-content-type", "application/octet-stream");
-        send("PUT", blobPath(blob), "comp=blocklist", withMetadata(h, metadata), body, 0, body.length, null, 201);
+        if (tier != null) {
+            h.put("x-ms-access-tier", tier);
+        }
+        send(op, "PUT", blobPath(blob), "comp=blocklist", withMetadata(h, metadata), body, 0, body.length, null, 201);
     }
 
     /**
@@ -422,9 +512,9 @@ public final class BlobRestClient {
      * An offset at or past the end reads 0 bytes (the service answers 416 then,
      * and the blob's properties are fetched separately).
      */
-    public ReadResult readRange(String blob, long offset, byte[] dest, int max) throws StorageException {
+    public ReadResult readRange(Deadline op, String blob, long offset, byte[] dest, int max) throws StorageException {
         if (max <= 0) {
-            return new ReadResult(0, properties(blob));
+            return new ReadResult(0, properties(op, blob));
         }
         Map<String, String> h = Map.of("x-ms-range", "bytes=" + offset + "-" + (offset + max - 1));
         int[] count = new int[1];
@@ -439,24 +529,24 @@ public final class BlobRestClient {
             return new byte[0];
         };
         try {
-            Response r = send("GET", blobPath(blob), null, h, null, 0, 0, sink, 200, 206);
+            Response r = send(op, "GET", blobPath(blob), null, h, null, 0, 0, sink, 200, 206);
             return new ReadResult(count[0], r);
         } catch (StorageException e) {
             if (e.status == 416) {
-                return new ReadResult(0, properties(blob));
+                return new ReadResult(0, properties(op, blob));
             }
             throw e;
         }
     }
 
     /** Get Blob Properties (HEAD). */
-    public Response properties(String blob) throws StorageException {
-        return send("HEAD", blobPath(blob), null, Map.of(), null, 0, 0, null, 200);
+    public Response properties(Deadline op, String blob) throws StorageException {
+        return send(op, "HEAD", blobPath(blob), null, Map.of(), null, 0, 0, null, 200);
     }
 
-    public boolean exists(String blob) throws StorageException {
+    public boolean exists(Deadline op, String blob) throws StorageException {
         try {
-            properties(blob);
+            properties(op, blob);
             return true;
         } catch (StorageException e) {
             if (e.status == 404) {
@@ -467,16 +557,17 @@ public final class BlobRestClient {
     }
 
     /** Set Blob Metadata, replacing all of it; with an ETag it only succeeds if the blob is unchanged. */
-    public void setMetadata(String blob, Map<String, String> metadata, String ifMatch) throws StorageException {
+    public void setMetadata(Deadline op, String blob, Map<String, String> metadata, String ifMatch)
+        throws StorageException {
         Map<String, String> h = new LinkedHashMap<>();
         if (ifMatch != null) {
             h.put("If-Match", ifMatch);
         }
-        send("PUT", blobPath(blob), "comp=metadata", withMetadata(h, metadata), null, 0, 0, null, 200);
+        send(op, "PUT", blobPath(blob), "comp=metadata", withMetadata(h, metadata), null, 0, 0, null, 200);
     }
 
-    public void deleteBlob(String blob) throws StorageException {
-        send("DELETE", blobPath(blob), null, Map.of(), null, 0, 0, null, 202);
+    public void deleteBlob(Deadline op, String blob) throws StorageException {
+        send(op, "DELETE", blobPath(blob), null, Map.of(), null, 0, 0, null, 202);
     }
 
     /** One blob of a listing. */
@@ -503,7 +594,7 @@ public final class BlobRestClient {
         }
     }
 
-    public BlobPage listBlobs(String prefix, String marker, int maxResults, boolean withMetadata)
+    public BlobPage listBlobs(Deadline op, String prefix, String marker, int maxResults, boolean withMetadata)
         throws StorageException {
         StringBuilder q = new StringBuilder("restype=container&comp=list");
         if (withMetadata) {
@@ -518,7 +609,7 @@ public final class BlobRestClient {
         if (prefix != null && !prefix.isEmpty()) {
             q.append("&prefix=").append(encodeQueryValue(prefix));
         }
-        Response r = send("GET", containerPath(conn.container), q.toString(), Map.of(), null, 0, 0, null, 200);
+        Response r = send(op, "GET", containerPath(conn.container), q.toString(), Map.of(), null, 0, 0, null, 200);
         Document doc = parseXml(r.body);
         List<BlobItem> items = new ArrayList<>();
         NodeList blobs = doc.getElementsByTagName("Blob");
@@ -530,7 +621,11 @@ public final class BlobRestClient {
             if (props != null) {
                 String len = childText(props, "Content-Length");
                 if (len != null && !len.isEmpty()) {
-                    size = Long.parseLong(len.trim());
+                    try {
+                        size = Long.parseLong(len.trim());
+                    } catch (NumberFormatException e) {
+                        throw new StorageException(ERRORID.INTERNAL_ERROR, "unreadable Content-Length in a listing");
+                    }
                 }
             }
             Map<String, String> meta = new TreeMap<>();
@@ -544,8 +639,7 @@ public final class BlobRestClient {
             }
             items.add(new BlobItem(name, size, meta));
         }
-        String next = childText(doc.getDocumentElement(), "NextMarker");
-        return new BlobPage(items, next == null || next.isEmpty() ? null : next);
+        return new BlobPage(items, nextMarker(doc, marker));
     }
 
     // ------------------------------------------------------------------ helpers
@@ -584,6 +678,22 @@ public final class BlobRestClient {
         } catch (StorageException e) {
             return null;
         }
+    }
+
+    /**
+     * The continuation marker of a listing page, or null at the end. A
+     * service that answers the marker it was given would make the listing go
+     * round for ever; that is refused.
+     */
+    private static String nextMarker(Document doc, String previous) throws StorageException {
+        String next = childText(doc.getDocumentElement(), "NextMarker");
+        if (next == null || next.isEmpty()) {
+            return null;
+        }
+        if (next.equals(previous)) {
+            throw new StorageException(ERRORID.INTERNAL_ERROR, "the listing answered the marker it was given");
+        }
+        return next;
     }
 
     private static Element child(Element parent, String name) {

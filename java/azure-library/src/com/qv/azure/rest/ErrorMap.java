@@ -2,14 +2,17 @@ package com.qv.azure.rest;
 
 import com.qv.QVCloudPluginInterface.ERRORID;
 
+import java.io.EOFException;
 import java.io.IOException;
 import java.net.ConnectException;
+import java.net.SocketException;
 import java.net.UnknownHostException;
-import java.net.http.HttpConnectTimeoutException;
 import java.net.http.HttpTimeoutException;
 import java.nio.channels.UnresolvedAddressException;
+import java.security.cert.CertificateException;
 import java.util.Locale;
 import javax.net.ssl.SSLException;
+import javax.net.ssl.SSLPeerUnverifiedException;
 
 /**
  * Turns the failures of the Blob REST API and of the HTTP transport into the
@@ -59,6 +62,9 @@ public final class ErrorMap {
                     case "AuthorizationFailure":
                     case "AuthorizationPermissionMismatch":
                     case "AuthorizationResourceTypeMismatch":
+                    case "AuthorizationProtocolMismatch":
+                    case "AuthorizationSourceIPMismatch":
+                    case "AuthorizationServiceMismatch":
                     case "InsufficientAccountPermissions":
                         return ERRORID.AUTHORIZATION_FAILED;
                     case "AccountIsDisabled":
@@ -109,27 +115,63 @@ public final class ErrorMap {
         }
     }
 
-    /** Classifies a transport failure (no HTTP answer, or the answer could not be read). */
+    /**
+     * Classifies a transport failure (no HTTP answer, or the answer could not
+     * be read) by everything in its chain of causes, as the JDK's HTTP
+     * client wraps the telling exception: an unknown host comes as a
+     * ConnectException around an UnresolvedAddressException, a connection
+     * reset while connecting or during the TLS handshake as a ConnectException
+     * or an SSLHandshakeException around a SocketException. So:
+     * <ol>
+     *   <li>a timeout anywhere: TIMEOUT;</li>
+     *   <li>an unresolved host: DNS_RESOLUTION_FAILED;</li>
+     *   <li>a certificate refused (not trusted, or not for this host):
+     *       TLS_HANDSHAKE_FAILED, final;</li>
+     *   <li>a connection reset or closed by the other side, under TLS or
+     *       not, while connecting or later: NETWORK_ERROR, retried;</li>
+     *   <li>a connection refused: CONNECTION_FAILED, final;</li>
+     *   <li>another TLS failure (protocol, cipher): TLS_HANDSHAKE_FAILED;</li>
+     *   <li>any other IOException: NETWORK_ERROR.</li>
+     * </ol>
+     */
     public static ERRORID fromThrowable(Throwable t) {
-        for (Throwable x = t; x != null; x = x.getCause()) {
-            if (x instanceof HttpConnectTimeoutException) {
-                return ERRORID.TIMEOUT;
-            }
-            if (x instanceof HttpTimeoutException) {
-                return ERRORID.TIMEOUT;
-            }
-            if (x instanceof UnknownHostException || x instanceof UnresolvedAddressException) {
-                return ERRORID.DNS_RESOLUTION_FAILED;
-            }
-            if (x instanceof ConnectException) {
-                return ERRORID.CONNECTION_FAILED;
-            }
-            if (x instanceof SSLException) {
-                return ERRORID.TLS_HANDSHAKE_FAILED;
-            }
-            if (x instanceof InterruptedException) {
-                return ERRORID.OPERATION_CANCELLED;
-            }
+        boolean timeout = false;
+        boolean unresolved = false;
+        boolean interrupted = false;
+        boolean connect = false;
+        boolean tls = false;
+        boolean certificate = false;
+        boolean broken = false;
+        int depth = 0;
+        for (Throwable x = t; x != null && depth < 20; x = x.getCause(), ++depth) {
+            timeout |= x instanceof HttpTimeoutException; // HttpConnectTimeoutException included
+            unresolved |= x instanceof UnknownHostException || x instanceof UnresolvedAddressException;
+            interrupted |= x instanceof InterruptedException;
+            connect |= x instanceof ConnectException;
+            tls |= x instanceof SSLException;
+            certificate |= x instanceof CertificateException || x instanceof SSLPeerUnverifiedException;
+            broken |= (x instanceof SocketException && !(x instanceof ConnectException)) || x instanceof EOFException;
+        }
+        if (timeout) {
+            return ERRORID.TIMEOUT;
+        }
+        if (unresolved) {
+            return ERRORID.DNS_RESOLUTION_FAILED;
+        }
+        if (interrupted) {
+            return ERRORID.OPERATION_CANCELLED;
+        }
+        if (certificate) {
+            return ERRORID.TLS_HANDSHAKE_FAILED;
+        }
+        if (broken) {
+            return ERRORID.NETWORK_ERROR;
+        }
+        if (connect) {
+            return ERRORID.CONNECTION_FAILED;
+        }
+        if (tls) {
+            return ERRORID.TLS_HANDSHAKE_FAILED;
         }
         if (t instanceof IOException) {
             return ERRORID.NETWORK_ERROR;

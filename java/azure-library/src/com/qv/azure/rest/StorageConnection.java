@@ -13,49 +13,66 @@ import java.util.regex.Pattern;
 /**
  * The parsed form of an Azure storage connection string with one extra key,
  * {@code Container}, naming the container that holds every object, and a few
- * optional keys that tune how requests are retried and timed out.
+ * optional keys that tune how requests are retried and timed out and in
+ * which access tier objects are written.
  *
  * Keys (case-insensitive): DefaultEndpointsProtocol, AccountName, AccountKey,
- * BlobEndpoint, EndpointSuffix, Container, and the tuning keys
- * RetryMaxAttempts, RetryMaxSeconds, RetryBaseDelayMillis, RetryMaxDelayMillis,
- * RequestTimeoutSeconds, ConnectTimeoutSeconds (see {@link RetryPolicy}).
- * Other keys are ignored, so that a connection string copied from the Azure
- * portal (with QueueEndpoint, TableEndpoint and so on) can be used as it is.
- * Values may themselves contain '=' (account keys end with base64 padding),
- * so each pair is split at its first '='.
+ * SharedAccessSignature, BlobEndpoint, EndpointSuffix, Container, AccessTier,
+ * and the tuning keys RetryMaxAttempts, RetryMaxSeconds, RetryBaseDelayMillis,
+ * RetryMaxDelayMillis, RequestTimeoutSeconds, ConnectTimeoutSeconds,
+ * OperationTimeoutSeconds (see {@link RetryPolicy}). The credential is either
+ * AccountKey (with AccountName) or SharedAccessSignature (an account SAS or a
+ * container SAS; AccountName is then optional and taken from the endpoint
+ * when missing). Other keys are ignored, so that a connection string copied
+ * from the Azure portal (with QueueEndpoint, TableEndpoint and so on) can be
+ * used as it is. Values may themselves contain '=' (account keys end with
+ * base64 padding, tokens are query strings), so each pair is split at its
+ * first '='.
  *
  * The messages of {@link Invalid} name keys and positions but never repeat a
- * value from the text: a mistyped string can put the account key anywhere
- * (in a key's place, glued to another value), and these messages get logged.
+ * value from the text: a mistyped string can put the account key or the
+ * token anywhere (in a key's place, glued to another value), and these
+ * messages get logged.
  */
 public final class StorageConnection {
     public final String accountName;
+    /** The account key; null when the credential is a shared access signature. */
     public final byte[] accountKey;
+    /** The shared access signature; null when the credential is the account key. */
+    public final SasToken sas;
     /** The blob service endpoint without a trailing slash, e.g. https://acct.blob.core.windows.net. */
     public final URI blobEndpoint;
     public final String container;
     public final RetryPolicy retryPolicy;
+    /** The access tier every written object gets (Hot, Cool, Cold or Archive); null for the account's default. */
+    public final String accessTier;
 
-    private StorageConnection(String accountName, byte[] accountKey, URI blobEndpoint, String container,
-                              RetryPolicy retryPolicy) {
+    private StorageConnection(String accountName, byte[] accountKey, SasToken sas, URI blobEndpoint,
+                              String container, RetryPolicy retryPolicy, String accessTier) {
         this.accountName = accountName;
         this.accountKey = accountKey;
+        this.sas = sas;
         this.blobEndpoint = blobEndpoint;
         this.container = container;
         this.retryPolicy = retryPolicy;
+        this.accessTier = accessTier;
     }
 
-    /** Never shows the account key. */
+    /** Never shows the account key or the token. */
     @Override
     public String toString() {
-        return "StorageConnection[" + accountName + " at " + blobEndpoint + ", container " + container + "]";
+        return "StorageConnection[" + accountName + " at " + blobEndpoint + ", container " + container + ", "
+            + (sas == null ? "account key" : sas.toString())
+            + (accessTier == null ? "" : ", tier " + accessTier) + "]";
     }
 
     /** Thrown for a connection string that cannot be used; {@link #reason} tells why. */
     public static final class Invalid extends Exception {
         private static final long serialVersionUID = 1L;
 
-        public enum Reason { MALFORMED, MISSING_KEY, BAD_ACCOUNT_KEY, BAD_CONTAINER_NAME, BAD_ENDPOINT, BAD_OPTION }
+        public enum Reason {
+            MALFORMED, MISSING_KEY, BAD_ACCOUNT_KEY, BAD_SAS_TOKEN, BAD_CONTAINER_NAME, BAD_ENDPOINT, BAD_OPTION
+        }
 
         public final Reason reason;
 
@@ -67,9 +84,9 @@ public final class StorageConnection {
 
     /** The keys this class knows, in the spelling used in messages. */
     private static final Set<String> KNOWN_KEYS = Set.of(
-        "DefaultEndpointsProtocol", "AccountName", "AccountKey", "BlobEndpoint", "EndpointSuffix", "Container",
-        "RetryMaxAttempts", "RetryMaxSeconds", "RetryBaseDelayMillis", "RetryMaxDelayMillis",
-        "RequestTimeoutSeconds", "ConnectTimeoutSeconds");
+        "DefaultEndpointsProtocol", "AccountName", "AccountKey", "SharedAccessSignature", "BlobEndpoint",
+        "EndpointSuffix", "Container", "AccessTier", "RetryMaxAttempts", "RetryMaxSeconds", "RetryBaseDelayMillis",
+        "RetryMaxDelayMillis", "RequestTimeoutSeconds", "ConnectTimeoutSeconds", "OperationTimeoutSeconds");
 
     private static String knownSpelling(String lowerKey) {
         for (String k : KNOWN_KEYS) {
@@ -103,18 +120,33 @@ public final class StorageConnection {
                                   (known == null ? "the key of part " + (i + 1) : known) + " is given twice");
             }
         }
-        String account = required(pairs, "accountname");
-        String keyText = required(pairs, "accountkey");
+        String keyText = emptyToNull(pairs.get("accountkey"));
+        String sasText = emptyToNull(pairs.get("sharedaccesssignature"));
+        if (keyText != null && sasText != null) {
+            throw new Invalid(Invalid.Reason.MALFORMED, "give AccountKey or SharedAccessSignature, not both");
+        }
+        if (keyText == null && sasText == null) {
+            throw new Invalid(Invalid.Reason.MISSING_KEY, "missing AccountKey or SharedAccessSignature");
+        }
+        String account = sasText == null ? required(pairs, "accountname") : pairs.get("accountname");
+        if (account != null && account.isEmpty()) {
+            throw new Invalid(Invalid.Reason.MISSING_KEY, "missing AccountName");
+        }
         String container = required(pairs, "container");
 
-        byte[] key;
-        try {
-            key = Base64.getDecoder().decode(keyText);
-        } catch (IllegalArgumentException e) {
-            throw new Invalid(Invalid.Reason.BAD_ACCOUNT_KEY, "AccountKey is not base64");
-        }
-        if (key.length == 0) {
-            throw new Invalid(Invalid.Reason.BAD_ACCOUNT_KEY, "AccountKey is empty");
+        byte[] key = null;
+        SasToken sas = null;
+        if (keyText != null) {
+            try {
+                key = Base64.getDecoder().decode(keyText);
+            } catch (IllegalArgumentException e) {
+                throw new Invalid(Invalid.Reason.BAD_ACCOUNT_KEY, "AccountKey is not base64");
+            }
+            if (key.length == 0) {
+                throw new Invalid(Invalid.Reason.BAD_ACCOUNT_KEY, "AccountKey is empty");
+            }
+        } else {
+            sas = SasToken.parse(sasText);
         }
         if (!isValidContainerName(container)) {
             throw new Invalid(Invalid.Reason.BAD_CONTAINER_NAME,
@@ -124,6 +156,9 @@ public final class StorageConnection {
 
         String endpoint = pairs.get("blobendpoint");
         if (endpoint == null || endpoint.isEmpty()) {
+            if (account == null) {
+                throw new Invalid(Invalid.Reason.MISSING_KEY, "missing BlobEndpoint or AccountName");
+            }
             String protocol = pairs.getOrDefault("defaultendpointsprotocol", "https").toLowerCase(Locale.ROOT);
             String suffix = pairs.getOrDefault("endpointsuffix", "core.windows.net");
             if (!protocol.equals("https") && !protocol.equals("http")) {
@@ -144,7 +179,52 @@ public final class StorageConnection {
             || !(uri.getScheme().equalsIgnoreCase("http") || uri.getScheme().equalsIgnoreCase("https"))) {
             throw new Invalid(Invalid.Reason.BAD_ENDPOINT, "BlobEndpoint needs an http(s) scheme and a host");
         }
-        return new StorageConnection(account, key, uri, container, retryPolicy(pairs));
+        if (uri.getRawQuery() != null || uri.getRawFragment() != null) {
+            throw new Invalid(Invalid.Reason.BAD_ENDPOINT,
+                              "BlobEndpoint must not have a query (give a token as SharedAccessSignature)");
+        }
+        if (account == null) {
+            account = accountOf(uri);
+        }
+        return new StorageConnection(account, key, sas, uri, container, retryPolicy(pairs), accessTier(pairs));
+    }
+
+    /**
+     * The account name an endpoint stands for: the first path segment of an
+     * emulator-style endpoint (http://127.0.0.1:10000/devstoreaccount1), else
+     * the first label of the host name (acct.blob.core.windows.net).
+     */
+    static String accountOf(URI endpoint) {
+        String path = endpoint.getPath() == null ? "" : endpoint.getPath();
+        while (path.startsWith("/")) {
+            path = path.substring(1);
+        }
+        if (!path.isEmpty()) {
+            int slash = path.indexOf('/');
+            return slash < 0 ? path : path.substring(0, slash);
+        }
+        String host = endpoint.getHost();
+        if (host.startsWith("[") || host.chars().allMatch(c -> c == '.' || (c >= '0' && c <= '9'))) {
+            return host;
+        }
+        int dot = host.indexOf('.');
+        return dot < 0 ? host : host.substring(0, dot);
+    }
+
+    private static final String[] TIERS = {"Hot", "Cool", "Cold", "Archive"};
+
+    /** The AccessTier key in its canonical spelling, or null when absent. */
+    private static String accessTier(Map<String, String> pairs) throws Invalid {
+        String v = pairs.get("accesstier");
+        if (v == null) {
+            return null;
+        }
+        for (String t : TIERS) {
+            if (t.equalsIgnoreCase(v)) {
+                return t;
+            }
+        }
+        throw new Invalid(Invalid.Reason.BAD_OPTION, "AccessTier must be Hot, Cool, Cold or Archive");
     }
 
     private static final Pattern WHOLE = Pattern.compile("[0-9]{1,9}");
@@ -163,7 +243,9 @@ public final class StorageConnection {
         }
         Duration request = seconds(pairs, "RequestTimeoutSeconds", RetryPolicy.DEFAULT_REQUEST_TIMEOUT, 86_400);
         Duration connect = seconds(pairs, "ConnectTimeoutSeconds", RetryPolicy.DEFAULT_CONNECT_TIMEOUT, 3_600);
-        return new RetryPolicy(attempts, total, base, maxDelay, request, connect);
+        Duration operation = seconds(pairs, "OperationTimeoutSeconds", RetryPolicy.DEFAULT_OPERATION_TIMEOUT,
+                                     86_400);
+        return new RetryPolicy(attempts, total, base, maxDelay, request, connect, operation);
     }
 
     private static long whole(Map<String, String> pairs, String key, long fallback, long min, long max)
@@ -195,6 +277,10 @@ public final class StorageConnection {
         throw new Invalid(Invalid.Reason.BAD_OPTION,
                           key + " must be a number of seconds above 0 and at most " + maxSeconds
                               + " (up to 3 decimals)");
+    }
+
+    private static String emptyToNull(String v) {
+        return v == null || v.isEmpty() ? null : v;
     }
 
     private static String required(Map<String, String> pairs, String key) throws Invalid {

@@ -5,8 +5,9 @@ import com.qv.QVCloudPluginInterface.ERRORID;
 /**
  * A failed storage request, already classified as one {@link ERRORID}. It
  * carries the HTTP status (0 when no answer came back) and the service's
- * x-ms-error-code, when there was one, for logging, and whether sending the
- * request again may succeed (see {@link RetryPolicy}).
+ * x-ms-error-code, when there was one, for logging; whether sending the
+ * request again may succeed (see {@link RetryPolicy}); and how long the
+ * service asked the client to wait before that (Retry-After), if it did.
  */
 public final class StorageException extends Exception {
     private static final long serialVersionUID = 1L;
@@ -15,14 +16,22 @@ public final class StorageException extends Exception {
     public final int status;
     public final String serviceCode;
     public final boolean retryable;
+    /** The wait the answer asked for, in milliseconds; -1 when it asked for none. */
+    public final long retryAfterMillis;
 
     public StorageException(ERRORID error, int status, String serviceCode, String message, Throwable cause,
-                            boolean retryable) {
+                            boolean retryable, long retryAfterMillis) {
         super(message, cause);
         this.error = error;
         this.status = status;
         this.serviceCode = serviceCode;
         this.retryable = retryable;
+        this.retryAfterMillis = retryAfterMillis;
+    }
+
+    public StorageException(ERRORID error, int status, String serviceCode, String message, Throwable cause,
+                            boolean retryable) {
+        this(error, status, serviceCode, message, cause, retryable, -1);
     }
 
     public StorageException(ERRORID error, int status, String serviceCode, String message, Throwable cause) {

@@ -21,6 +21,7 @@ import java.util.Map;
 import java.util.Random;
 import javax.crypto.Mac;
 import javax.crypto.spec.SecretKeySpec;
+import javax.net.ssl.SSLException;
 import javax.net.ssl.SSLHandshakeException;
 
 import org.junit.jupiter.api.Test;
@@ -171,6 +172,16 @@ class RestPiecesTest {
     }
 
     @Test
+    void sasRefusalsMapToAuthorizationFailed() {
+        for (String code : new String[] {"AuthorizationPermissionMismatch", "AuthorizationResourceTypeMismatch",
+                                         "AuthorizationProtocolMismatch", "AuthorizationSourceIPMismatch",
+                                         "AuthorizationServiceMismatch", "AuthorizationFailure"}) {
+            assertEquals(ERRORID.AUTHORIZATION_FAILED, ErrorMap.fromHttp(403, code), code);
+        }
+        assertEquals(ERRORID.ARCHIVED_OBJECT_NOT_READABLE, ErrorMap.fromHttp(409, "BlobArchived"));
+    }
+
+    @Test
     void transportFailuresMapToErrorIds() {
         assertEquals(ERRORID.TIMEOUT, ErrorMap.fromThrowable(new HttpTimeoutException("t")));
         assertEquals(ERRORID.TIMEOUT, ErrorMap.fromThrowable(new HttpConnectTimeoutException("t")));
@@ -178,6 +189,28 @@ class RestPiecesTest {
         assertEquals(ERRORID.CONNECTION_FAILED, ErrorMap.fromThrowable(new IOException(new ConnectException("x"))));
         assertEquals(ERRORID.DNS_RESOLUTION_FAILED, ErrorMap.fromThrowable(new UnknownHostException("h")));
         assertEquals(ERRORID.TLS_HANDSHAKE_FAILED, ErrorMap.fromThrowable(new SSLHandshakeException("h")));
+        // A certificate refused is final; a connection breaking under TLS is a network failure like any other.
+        SSLHandshakeException badCert = new SSLHandshakeException("No subject alternative names matching");
+        badCert.initCause(new java.security.cert.CertificateException("no match"));
+        assertEquals(ERRORID.TLS_HANDSHAKE_FAILED, ErrorMap.fromThrowable(new IOException(badCert)));
+        SSLException reset = new SSLException("Connection reset", new java.net.SocketException("reset"));
+        assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(reset));
+        SSLHandshakeException cut = new SSLHandshakeException("Remote host terminated the handshake");
+        cut.initCause(new java.io.EOFException("SSL peer shut down incorrectly"));
+        assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(cut));
+        // The shapes the JDK's HTTP client gives: an unknown host, a refusal, a reset while connecting.
+        assertEquals(ERRORID.DNS_RESOLUTION_FAILED, ErrorMap.fromThrowable(
+            new ConnectException().initCause(new ConnectException().initCause(
+                new java.nio.channels.UnresolvedAddressException()))));
+        assertEquals(ERRORID.CONNECTION_FAILED, ErrorMap.fromThrowable(
+            new ConnectException().initCause(new ConnectException().initCause(
+                new java.nio.channels.ClosedChannelException()))));
+        assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(
+            new ConnectException("Connection reset by peer").initCause(
+                new java.net.SocketException("Connection reset by peer"))));
+        // A timeout wins wherever it is in the chain.
+        assertEquals(ERRORID.TIMEOUT, ErrorMap.fromThrowable(
+            new HttpConnectTimeoutException("HTTP connect timed out").initCause(new ConnectException("timed out"))));
         assertEquals(ERRORID.NETWORK_ERROR, ErrorMap.fromThrowable(new IOException("reset")));
         assertEquals(ERRORID.INTERNAL_ERROR, ErrorMap.fromThrowable(new IllegalStateException()));
     }
@@ -195,19 +228,21 @@ class RestPiecesTest {
         assertEquals(RetryPolicy.DEFAULT_MAX_DELAY, p.maxDelay);
         assertEquals(RetryPolicy.DEFAULT_REQUEST_TIMEOUT, p.requestTimeout);
         assertEquals(RetryPolicy.DEFAULT_CONNECT_TIMEOUT, p.connectTimeout);
+        assertEquals(Duration.ofSeconds(3600), p.operationTimeout);
     }
 
     @Test
     void tuningKeysAreReadInAnyCase() throws Exception {
         RetryPolicy p = StorageConnection.parse(MINIMAL + ";retrymaxattempts=7;RetryMaxSeconds=2.5"
-            + ";RETRYBASEDELAYMILLIS=0;RetryMaxDelayMillis=900;RequestTimeoutSeconds=0.25;ConnectTimeoutSeconds=3")
-            .retryPolicy;
+            + ";RETRYBASEDELAYMILLIS=0;RetryMaxDelayMillis=900;RequestTimeoutSeconds=0.25;ConnectTimeoutSeconds=3"
+            + ";operationtimeoutseconds=12.5").retryPolicy;
         assertEquals(7, p.maxAttempts);
         assertEquals(Duration.ofMillis(2500), p.maxTotal);
         assertEquals(Duration.ZERO, p.baseDelay);
         assertEquals(Duration.ofMillis(900), p.maxDelay);
         assertEquals(Duration.ofMillis(250), p.requestTimeout);
         assertEquals(Duration.ofSeconds(3), p.connectTimeout);
+        assertEquals(Duration.ofMillis(12_500), p.operationTimeout);
         // A base pause above the default cap raises the cap with it.
         assertEquals(Duration.ofSeconds(20),
                      StorageConnection.parse(MINIMAL + ";RetryBaseDelayMillis=20000").retryPolicy.maxDelay);
@@ -222,6 +257,8 @@ class RestPiecesTest {
             "RequestTimeoutSeconds=0", "RequestTimeoutSeconds=abc", "ConnectTimeoutSeconds=3601",
             "RetryBaseDelayMillis=60001", "RetryMaxDelayMillis=600001",
             "RetryBaseDelayMillis=500;RetryMaxDelayMillis=100", "RetryMaxAttempts=99999999999",
+            "OperationTimeoutSeconds=0", "OperationTimeoutSeconds=86401", "OperationTimeoutSeconds=1h",
+            "AccessTier=", "AccessTier=Premium", "AccessTier=P10", "AccessTier=Hot Cool",
         };
         for (String b : bad) {
             assertEquals(StorageConnection.Invalid.Reason.BAD_OPTION, reasonOf(MINIMAL + ";" + b), b);
@@ -252,6 +289,94 @@ class RestPiecesTest {
                 assertFalse(e.getMessage().contains(secret.substring(i, i + 8)), e.getMessage());
             }
         }
+    }
+
+    @Test
+    void accessTierInAnyCaseAndAbsentByDefault() throws Exception {
+        assertEquals(null, StorageConnection.parse(MINIMAL).accessTier);
+        String[][] cases = {{"hot", "Hot"}, {"COOL", "Cool"}, {"Cold", "Cold"}, {"archive", "Archive"}};
+        for (String[] c : cases) {
+            assertEquals(c[1], StorageConnection.parse(MINIMAL + ";AccessTier=" + c[0]).accessTier, c[0]);
+        }
+    }
+
+    // ------------------------------------------------------------------ shared access signatures
+
+    private static final String TOKEN = "sv=2021-08-06&spr=https%2Chttp&se=2030-01-01T00%3A00%3A00Z&sr=c&sp=racwdl"
+        + "&sig=AbCdEfGhIjKlMnOpQrStUvWxYz0123456789%2B%2F%3D";
+
+    @Test
+    void sasConnectionStringsInThePortalsForms() throws Exception {
+        StorageConnection c = StorageConnection.parse(
+            "BlobEndpoint=https://acct.blob.core.windows.net/;SharedAccessSignature=" + TOKEN + ";Container=backups");
+        assertEquals("acct", c.accountName);
+        assertEquals(null, c.accountKey);
+        assertEquals(SasToken.Scope.CONTAINER, c.sas.scope);
+        assertEquals(java.time.Instant.parse("2030-01-01T00:00:00Z"), c.sas.expiry);
+        assertEquals(null, c.sas.start);
+        assertEquals(TOKEN, c.sas.query);
+        assertEquals("comp=list&" + TOKEN, c.sas.appendTo("comp=list"));
+
+        // An account SAS, with '?' in front, the endpoint built from AccountName.
+        String account = "?sv=2021-08-06&ss=bfqt&srt=sco&sp=rwdlacupitfx&se=2030-01-01&st=2020-01-01T10:00Z"
+            + "&spr=https&sig=abc%3D";
+        StorageConnection a = StorageConnection.parse("DefaultEndpointsProtocol=https;AccountName=acct;"
+                                                      + "SharedAccessSignature=" + account + ";Container=backups");
+        assertEquals("https://acct.blob.core.windows.net", a.blobEndpoint.toString());
+        assertEquals(SasToken.Scope.ACCOUNT, a.sas.scope);
+        assertEquals(java.time.Instant.parse("2030-01-01T00:00:00Z"), a.sas.expiry);
+        assertEquals(java.time.Instant.parse("2020-01-01T10:00:00Z"), a.sas.start);
+        assertEquals(account.substring(1), a.sas.query);
+
+        // The emulator's form: the account is the endpoint's first path segment.
+        assertEquals("devstoreaccount1", StorageConnection.parse(
+            "BlobEndpoint=http://127.0.0.1:10000/devstoreaccount1;SharedAccessSignature=" + TOKEN
+                + ";Container=abc").accountName);
+    }
+
+    @Test
+    void unusableTokensAreRefusedWithoutRepeatingThem() {
+        String base = "BlobEndpoint=https://acct.blob.core.windows.net;Container=abc;SharedAccessSignature=";
+        String[] bad = {
+            TOKEN.replace("sr=c", "sr=b"), TOKEN.replace("sr=c", "sr=d"), TOKEN.replaceAll("&sig=[^&]*", ""),
+            TOKEN.replace("sv=2021-08-06&", ""), TOKEN.replace("&sr=c", ""), TOKEN + "&sig=again",
+            TOKEN.replace("sr=c", "ss=qt"), TOKEN.replace("&sp=", "& sp="), TOKEN + "%2", TOKEN + "%zz",
+            TOKEN + "#frag", TOKEN + "\u00e4", "?", TOKEN.replace("&", "&<"),
+        };
+        for (String b : bad) {
+            StorageConnection.Invalid e = assertThrows(StorageConnection.Invalid.class,
+                                                       () -> StorageConnection.parse(base + b), b);
+            assertEquals(StorageConnection.Invalid.Reason.BAD_SAS_TOKEN, e.reason, b);
+            assertFalse(e.getMessage().contains("AbCdEfGh"), e.getMessage());
+        }
+        // Both credentials, or neither, or no way to the endpoint.
+        assertEquals(StorageConnection.Invalid.Reason.MALFORMED,
+                     reasonOf(base + TOKEN + ";AccountName=a;AccountKey=" + KEY));
+        assertEquals(StorageConnection.Invalid.Reason.MISSING_KEY,
+                     reasonOf("BlobEndpoint=https://a.blob.core.windows.net;Container=abc"));
+        assertEquals(StorageConnection.Invalid.Reason.MISSING_KEY,
+                     reasonOf("SharedAccessSignature=" + TOKEN + ";Container=abc"));
+        assertEquals(StorageConnection.Invalid.Reason.BAD_ENDPOINT,
+                     reasonOf("BlobEndpoint=https://a.blob.core.windows.net/?" + TOKEN
+                              + ";AccountName=a;AccountKey=" + KEY + ";Container=abc"));
+    }
+
+    @Test
+    void theConnectionsTextFormHasNoToken() throws Exception {
+        StorageConnection c = StorageConnection.parse(
+            "BlobEndpoint=https://acct.blob.core.windows.net;SharedAccessSignature=" + TOKEN + ";Container=abc");
+        assertFalse(c.toString().contains("sig"), c.toString());
+        assertFalse(c.sas.toString().contains("sig"), c.sas.toString());
+    }
+
+    @Test
+    void sasTimesInTheFormsTokensUse() {
+        assertEquals(java.time.Instant.parse("2030-05-06T07:08:09Z"), SasToken.time("2030-05-06T07:08:09Z"));
+        assertEquals(java.time.Instant.parse("2030-05-06T07:08:00Z"), SasToken.time("2030-05-06T07:08Z"));
+        assertEquals(java.time.Instant.parse("2030-05-06T07:08:09.500Z"), SasToken.time("2030-05-06T07:08:09.5Z"));
+        assertEquals(java.time.Instant.parse("2030-05-06T00:00:00Z"), SasToken.time("2030-05-06"));
+        assertEquals(null, SasToken.time("tomorrow"));
+        assertEquals(null, SasToken.time(null));
     }
 
     @Test
@@ -292,6 +417,46 @@ class RestPiecesTest {
         RetryPolicy none = new RetryPolicy(3, Duration.ofSeconds(1), Duration.ZERO, Duration.ZERO,
                                            Duration.ofSeconds(1), Duration.ofSeconds(1));
         assertEquals(0, none.pauseMillis(2, r));
+    }
+
+    @Test
+    void retryAfterInSecondsOrAsADate() {
+        java.time.Instant now = java.time.Instant.parse("2030-01-01T00:00:00Z");
+        assertEquals(-1, RetryPolicy.retryAfterMillis(null, now));
+        assertEquals(0, RetryPolicy.retryAfterMillis("0", now));
+        assertEquals(7000, RetryPolicy.retryAfterMillis(" 7 ", now));
+        assertEquals(999_999_999_000L, RetryPolicy.retryAfterMillis("999999999", now));
+        assertEquals(-1, RetryPolicy.retryAfterMillis("9999999999", now)); // too many digits: ignored
+        assertEquals(-1, RetryPolicy.retryAfterMillis("-5", now));
+        assertEquals(-1, RetryPolicy.retryAfterMillis("1.5", now));
+        assertEquals(-1, RetryPolicy.retryAfterMillis("soon", now));
+        assertEquals(-1, RetryPolicy.retryAfterMillis("x".repeat(10_000), now));
+        assertEquals(12_000, RetryPolicy.retryAfterMillis("Tue, 01 Jan 2030 00:00:12 GMT", now));
+        assertEquals(0, RetryPolicy.retryAfterMillis("Mon, 31 Dec 2029 23:00:00 GMT", now)); // in the past
+    }
+
+    @Test
+    void retryAfterIsAFloorOfThePauseCappedAtTheMaximum() {
+        RetryPolicy p = new RetryPolicy(10, Duration.ofSeconds(60), Duration.ofMillis(100), Duration.ofMillis(5000),
+                                        Duration.ofSeconds(1), Duration.ofSeconds(1));
+        Random r = new Random(4);
+        for (int i = 0; i < 200; ++i) {
+            long none = p.pauseMillis(1, -1, r);
+            assertTrue(none >= 50 && none <= 100, "backoff alone: " + none);
+            assertEquals(2000, p.pauseMillis(1, 2000, r), "the service's longer wait");
+            long shorter = p.pauseMillis(3, 10, r);
+            assertTrue(shorter >= 200 && shorter <= 400, "the backoff when it is longer: " + shorter);
+            assertEquals(5000, p.pauseMillis(1, 60_000, r), "capped at RetryMaxDelayMillis");
+        }
+    }
+
+    @Test
+    void errorCodesFromTheWireAreCleaned() {
+        assertEquals("ServerBusy", BlobRestClient.cleanCode("ServerBusy"));
+        assertEquals(null, BlobRestClient.cleanCode("  "));
+        assertEquals(null, BlobRestClient.cleanCode(null));
+        assertEquals("Bad??Code", BlobRestClient.cleanCode("Bad\r\nCode"));
+        assertEquals(100, BlobRestClient.cleanCode("A".repeat(5000)).length());
     }
 
     @Test
