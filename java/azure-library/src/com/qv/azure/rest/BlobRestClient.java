@@ -5,11 +5,10 @@ import com.qv.QVCloudPluginInterface.ERRORID;
 import java.io.ByteArrayInputStream;
 import java.io.IOException;
 import java.io.InputStream;
+import java.io.OutputStream;
+import java.net.HttpURLConnection;
 import java.net.URI;
-import java.net.http.HttpClient;
-import java.net.http.HttpHeaders;
-import java.net.http.HttpRequest;
-import java.net.http.HttpResponse;
+import java.net.URL;
 import java.nio.charset.StandardCharsets;
 import java.security.MessageDigest;
 import java.security.NoSuchAlgorithmException;
@@ -41,8 +40,14 @@ import org.xml.sax.SAXException;
 
 /**
  * A small client for the parts of the Blob service REST API that the plug-in
- * library needs, on java.net.http, authorized by Shared Key or by a shared
- * access signature. Every call either returns what the service answered or
+ * library needs, authorized by Shared Key or by a shared access signature.
+ * Requests go over the JDK's HttpURLConnection: a blocking exchange on the
+ * caller's thread, the request body written straight from the caller's
+ * array and the answer read straight into it, keep-alive connections reused
+ * (and no TLS set-up at all for an http endpoint). The JDK's newer
+ * java.net.http client did the same work with several times the CPU (its
+ * selector and executor threads, buffer copies, and much more code to
+ * compile in a short-lived JVM), measured in docs/performance.md. Every call either returns what the service answered or
  * throws a {@link StorageException} already classified by {@link ErrorMap}.
  * Every call belongs to an operation of the library and gets its
  * {@link Deadline}; the {@link RequestRunner} sends requests that fail in a
@@ -65,8 +70,17 @@ public final class BlobRestClient {
     /** How much of an error answer's body is read (it only carries a code and a message). */
     private static final int ERROR_BODY_LIMIT = 64 << 10;
 
+    static {
+        // The JDK keeps at most this many idle keep-alive connections per
+        // host (5 unless set): parallel block uploads of several writes at
+        // once need more, or each block would open a new connection. A host
+        // that set it keeps its own value.
+        if (System.getProperty("http.maxConnections") == null) {
+            System.setProperty("http.maxConnections", "64");
+        }
+    }
+
     private final StorageConnection conn;
-    private final HttpClient http;
     /** Null when the credential is a shared access signature. */
     private final SharedKeySigner signer;
     private final RetryPolicy retry;
@@ -79,11 +93,6 @@ public final class BlobRestClient {
         this.retry = conn.retryPolicy;
         this.runner = new RequestRunner(retry);
         this.signer = conn.accountKey == null ? null : new SharedKeySigner(conn.accountName, conn.accountKey);
-        this.http = HttpClient.newBuilder()
-            .version(HttpClient.Version.HTTP_1_1)
-            .connectTimeout(retry.connectTimeout)
-            .followRedirects(HttpClient.Redirect.NEVER)
-            .build();
         String p = conn.blobEndpoint.getRawPath();
         this.basePath = p == null ? "" : p;
     }
@@ -109,20 +118,20 @@ public final class BlobRestClient {
 
     // ------------------------------------------------------------------ plumbing
 
-    /** One answer of the service: status, headers and the whole body. */
+    /** One answer of the service: status, headers (names compared without regard to case) and the body. */
     public static final class Response {
         public final int status;
-        public final HttpHeaders headers;
+        public final Map<String, List<String>> headers;
         public final byte[] body;
 
-        Response(int status, HttpHeaders headers, byte[] body) {
+        Response(int status, Map<String, List<String>> headers, byte[] body) {
             this.status = status;
             this.headers = headers;
             this.body = body;
         }
 
         public String header(String name) {
-            return headers.firstValue(name).orElse(null);
+            return firstHeader(headers, name);
         }
 
         public long longHeader(String name, long fallback) {
@@ -140,7 +149,7 @@ public final class BlobRestClient {
         /** The x-ms-meta-* headers, names lowercased and without the prefix. */
         public Map<String, String> metadata() {
             Map<String, String> out = new TreeMap<>();
-            for (Map.Entry<String, List<String>> e : headers.map().entrySet()) {
+            for (Map.Entry<String, List<String>> e : headers.entrySet()) {
                 String k = e.getKey().toLowerCase(Locale.ROOT);
                 if (k.startsWith(META) && !e.getValue().isEmpty()) {
                     out.put(k.substring(META.length()), e.getValue().get(0));
@@ -219,7 +228,6 @@ public final class BlobRestClient {
     private Response sendOnce(String method, String rawPath, String rawQuery, Map<String, String> headers,
                               byte[] body, int off, int len, BodySink sink, Duration timeout,
                               int... okStatuses) throws StorageException {
-        long started = System.nanoTime();
         Map<String, String> all = new LinkedHashMap<>(headers);
         all.put("x-ms-date", RFC1123.format(ZonedDateTime.now(ZoneOffset.UTC)));
         all.put("x-ms-version", API_VERSION);
@@ -230,87 +238,131 @@ public final class BlobRestClient {
         } else {
             query = conn.sas.appendTo(rawQuery);
         }
-
-        URI base = conn.blobEndpoint;
-        HttpRequest request;
-        try {
-            String uri = base.getScheme() + "://" + base.getRawAuthority() + rawPath
-                + (query == null || query.isEmpty() ? "" : "?" + query);
-            HttpRequest.Builder b = HttpRequest.newBuilder(URI.create(uri)).timeout(timeout);
-            for (Map.Entry<String, String> e : all.entrySet()) {
-                b.header(e.getKey(), e.getValue());
-            }
-            HttpRequest.BodyPublisher publisher = body == null
-                ? HttpRequest.BodyPublishers.noBody()
-                : HttpRequest.BodyPublishers.ofByteArray(body, off, len);
-            b.method(method, publisher);
-            request = b.build();
-        } catch (IllegalArgumentException e) {
-            // The JDK's text may quote the URI, and with it a token: name the kind of failure only.
-            throw new StorageException(ERRORID.INVALID_ARGUMENT, 0, null,
-                                       method + " " + rawPath + ": the request could not be built ("
-                                           + e.getClass().getSimpleName() + ")", null);
-        }
-
-        HttpResponse<InputStream> resp;
-        try {
-            resp = http.send(request, HttpResponse.BodyHandlers.ofInputStream());
-        } catch (IOException e) {
-            throw transportFailure(0, method + " " + rawPath, e);
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
-            throw new StorageException(ERRORID.OPERATION_CANCELLED, 0, null, "interrupted", e);
-        }
-        int status = resp.statusCode();
-        boolean ok = false;
-        for (int s : okStatuses) {
-            ok |= s == status;
-        }
-        // The JDK's timeout ends when the headers arrive; the body gets what is left of this send's time.
-        // Closing the stream from the watchdog wakes a read that waits for bytes that never come.
-        InputStream in = resp.body();
+        HttpURLConnection http = open(method, rawPath, query, all, timeout);
+        // The send as a whole gets the timeout: the JDK's read timeout is per read, so a watchdog
+        // disconnects an exchange that is not over in time, which wakes a read waiting for bytes.
         AtomicBoolean cutOff = new AtomicBoolean();
-        long bodyNanos = Math.max(timeout.toNanos() - (System.nanoTime() - started), 1_000_000L);
         ScheduledFuture<?> watchdog = Watchdog.TIMER.schedule(() -> {
             cutOff.set(true);
-            closeQuietly(in);
-        }, bodyNanos, TimeUnit.NANOSECONDS);
-        try (in) {
-            if (!ok) {
-                byte[] err = in.readNBytes(ERROR_BODY_LIMIT);
-                String code = cleanCode(resp.headers().firstValue("x-ms-error-code").orElse(null));
-                if (code == null) {
-                    code = cleanCode(xmlText(err, "Code"));
-                }
-                ERRORID id = ErrorMap.fromHttp(status, code);
-                String text = method + " " + rawPath + " -> " + status + " " + code;
-                if (status == 403 && conn.sas != null) {
-                    Instant now = Instant.now();
-                    if (conn.sas.expiredAt(now)) {
-                        id = ERRORID.AUTHENTICATION_FAILED;
-                        text += "; the SharedAccessSignature has expired (its se time has passed)";
-                    } else if (conn.sas.notYetValidAt(now)) {
-                        id = ERRORID.AUTHENTICATION_FAILED;
-                        text += "; the SharedAccessSignature is not valid yet (its st time is still ahead)";
+            http.disconnect();
+        }, timeout.toNanos(), TimeUnit.NANOSECONDS);
+        int status = 0;
+        try {
+            // A PUT always states its length (0 without a body); nothing else sends one.
+            if (body != null || method.equals("PUT")) {
+                http.setDoOutput(true);
+                http.setFixedLengthStreamingMode(contentLength);
+                try (OutputStream out = http.getOutputStream()) {
+                    if (contentLength > 0) {
+                        out.write(body, off, len);
                     }
                 }
-                boolean again = RetryPolicy.isRetryableStatus(status);
-                String retryAfter = resp.headers().firstValue("Retry-After").orElse(null);
-                long wait = again ? RetryPolicy.retryAfterMillis(retryAfter, Instant.now()) : -1;
-                throw new StorageException(id, status, code, text, null, again, wait);
             }
-            byte[] kept = sink == null ? in.readAllBytes() : sink.consume(in);
-            return new Response(status, resp.headers(), kept);
+            status = http.getResponseCode();
+            Map<String, List<String>> answerHeaders = headersOf(http);
+            if (!isOneOf(status, okStatuses)) {
+                throw failure(method, rawPath, status, answerHeaders, http.getErrorStream());
+            }
+            byte[] kept;
+            try (InputStream in = method.equals("HEAD") ? InputStream.nullInputStream() : http.getInputStream()) {
+                kept = sink == null ? in.readAllBytes() : sink.consume(in);
+            }
+            return new Response(status, answerHeaders, kept);
         } catch (IOException e) {
             if (cutOff.get()) {
                 throw new StorageException(ERRORID.TIMEOUT, status, null,
                                            method + " " + rawPath + ": the answer did not arrive within "
                                                + timeout.toMillis() + " ms", e, true);
             }
-            throw transportFailure(status, method + " " + rawPath + ": reading the answer failed", e);
+            throw transportFailure(status, method + " " + rawPath + (status == 0 ? "" : ": reading the answer failed"),
+                                   e);
         } finally {
             watchdog.cancel(false);
         }
+    }
+
+    /** A connection for one request, its headers set; nothing is sent yet. */
+    private HttpURLConnection open(String method, String rawPath, String query, Map<String, String> headers,
+                                   Duration timeout) throws StorageException {
+        URI base = conn.blobEndpoint;
+        try {
+            URL url = new URL(base.getScheme() + "://" + base.getRawAuthority() + rawPath
+                                  + (query == null || query.isEmpty() ? "" : "?" + query));
+            HttpURLConnection http = (HttpURLConnection) url.openConnection();
+            http.setRequestMethod(method);
+            http.setInstanceFollowRedirects(false);
+            http.setUseCaches(false);
+            http.setConnectTimeout(millisOf(retry.connectTimeout.compareTo(timeout) < 0 ? retry.connectTimeout : timeout));
+            http.setReadTimeout(millisOf(timeout));
+            for (Map.Entry<String, String> e : headers.entrySet()) {
+                http.setRequestProperty(e.getKey(), e.getValue());
+            }
+            return http;
+        } catch (IOException | IllegalArgumentException e) {
+            // The JDK's text may quote the URL, and with it a token: name the kind of failure only.
+            throw new StorageException(ERRORID.INVALID_ARGUMENT, 0, null,
+                                       method + " " + rawPath + ": the request could not be built ("
+                                           + e.getClass().getSimpleName() + ")", null);
+        }
+    }
+
+    /** An error answer, classified; its body is read only up to a limit. */
+    private StorageException failure(String method, String rawPath, int status, Map<String, List<String>> headers,
+                                     InputStream errorBody) throws IOException {
+        byte[] err = new byte[0];
+        if (errorBody != null) {
+            try (InputStream in = errorBody) {
+                err = in.readNBytes(ERROR_BODY_LIMIT);
+            }
+        }
+        String code = cleanCode(firstHeader(headers, "x-ms-error-code"));
+        if (code == null) {
+            code = cleanCode(xmlText(err, "Code"));
+        }
+        ERRORID id = ErrorMap.fromHttp(status, code);
+        String text = method + " " + rawPath + " -> " + status + " " + code;
+        if (status == 403 && conn.sas != null) {
+            Instant now = Instant.now();
+            if (conn.sas.expiredAt(now)) {
+                id = ERRORID.AUTHENTICATION_FAILED;
+                text += "; the SharedAccessSignature has expired (its se time has passed)";
+            } else if (conn.sas.notYetValidAt(now)) {
+                id = ERRORID.AUTHENTICATION_FAILED;
+                text += "; the SharedAccessSignature is not valid yet (its st time is still ahead)";
+            }
+        }
+        boolean again = RetryPolicy.isRetryableStatus(status);
+        long wait = again ? RetryPolicy.retryAfterMillis(firstHeader(headers, "Retry-After"), Instant.now()) : -1;
+        return new StorageException(id, status, code, text, null, again, wait);
+    }
+
+    /** The answer's headers, names compared without regard to case (the status line left out). */
+    private static Map<String, List<String>> headersOf(HttpURLConnection http) {
+        Map<String, List<String>> headers = new TreeMap<>(String.CASE_INSENSITIVE_ORDER);
+        for (Map.Entry<String, List<String>> e : http.getHeaderFields().entrySet()) {
+            if (e.getKey() != null) {
+                headers.put(e.getKey(), e.getValue());
+            }
+        }
+        return headers;
+    }
+
+    private static String firstHeader(Map<String, List<String>> headers, String name) {
+        List<String> values = headers.get(name);
+        return values == null || values.isEmpty() ? null : values.get(0);
+    }
+
+    private static boolean isOneOf(int status, int... statuses) {
+        for (int s : statuses) {
+            if (s == status) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    private static int millisOf(Duration d) {
+        return (int) Math.max(1, Math.min(Integer.MAX_VALUE, d.toMillis()));
     }
 
     /**
@@ -346,14 +398,6 @@ public final class BlobRestClient {
 
         static {
             TIMER.setRemoveOnCancelPolicy(true);
-        }
-    }
-
-    private static void closeQuietly(InputStream in) {
-        try {
-            in.close();
-        } catch (IOException e) {
-            // the read that was cut off reports the failure
         }
     }
 

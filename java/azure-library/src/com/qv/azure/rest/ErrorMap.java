@@ -6,6 +6,7 @@ import java.io.EOFException;
 import java.io.IOException;
 import java.net.ConnectException;
 import java.net.SocketException;
+import java.net.SocketTimeoutException;
 import java.net.UnknownHostException;
 import java.net.http.HttpTimeoutException;
 import java.nio.channels.UnresolvedAddressException;
@@ -118,7 +119,7 @@ public final class ErrorMap {
     /**
      * Classifies a transport failure (no HTTP answer, or the answer could not
      * be read) by everything in its chain of causes, as the JDK's HTTP
-     * client wraps the telling exception: an unknown host comes as a
+     * clients wrap the telling exception: an unknown host comes as a
      * ConnectException around an UnresolvedAddressException, a connection
      * reset while connecting or during the TLS handshake as a ConnectException
      * or an SSLHandshakeException around a SocketException. So:
@@ -144,7 +145,7 @@ public final class ErrorMap {
         boolean broken = false;
         int depth = 0;
         for (Throwable x = t; x != null && depth < 20; x = x.getCause(), ++depth) {
-            timeout |= x instanceof HttpTimeoutException; // HttpConnectTimeoutException included
+            timeout |= x instanceof HttpTimeoutException || x instanceof SocketTimeoutException;
             unresolved |= x instanceof UnknownHostException || x instanceof UnresolvedAddressException;
             interrupted |= x instanceof InterruptedException;
             connect |= x instanceof ConnectException;
