@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "Manifest.h"
+#include "Sha256.h"
 #include "ToolError.h"
 
 using namespace qvhost;
@@ -19,8 +20,8 @@ ManifestFile FileEntry(uint32_t index, std::string path, uint64_t size, size_t p
     file.relativePath = std::move(path);
     file.size = size;
     file.modifiedNs = -1234567890123;  // before 1970: signed times survive
-    file.sha256 = std::string(64, 'a');
     for (size_t i = 0; i < parts; ++i) file.partSha256.push_back(std::string(63, 'b') + char('0' + i));
+    file.sha256 = FileDigestOf(file.partSha256);
     file.mode = mode;
     return file;
 }
@@ -48,8 +49,13 @@ std::pair<int, std::string> Decode(const std::string& text) {
     return {kExitOk, ""};
 }
 
-std::string WithFile(const std::string& path, const std::string& rest = "\t5\t0\t" + std::string(64, 'a') + "\t" +
-                                                                         std::string(64, 'c') + "\t0644") {
+// A file record of one part (5 bytes) whose digests fit.
+std::string OnePartRecord() {
+    const std::string part(64, 'c');
+    return "\t5\t0\t" + FileDigestOf({part}) + "\t" + part + "\t0644";
+}
+
+std::string WithFile(const std::string& path, const std::string& rest = OnePartRecord()) {
     return EncodeManifest(SampleManifest()) + "file\t9\t" + path + rest + "\n";
 }
 
@@ -141,7 +147,7 @@ TEST(Manifest, PathsThatCouldLeaveTheDestinationAreDamage) {
 }
 
 TEST(Manifest, APathNamedTwiceIsDamage) {
-    const auto [status, message] = Decode(WithFile("empty", "\t0\t0\t" + std::string(64, 'a') + "\t\t0644"));
+    const auto [status, message] = Decode(WithFile("empty", "\t0\t0\t" + FileDigestOf({}) + "\t\t0644"));
     EXPECT_EQ(status, kExitDamaged);
     EXPECT_NE(message.find("entry 'empty' is named twice"), std::string::npos) << message;
 }
@@ -152,6 +158,22 @@ TEST(Manifest, AFileIndexUsedTwiceIsDamage) {
     const auto [status, message] = Decode(EncodeManifest(manifest));
     EXPECT_EQ(status, kExitDamaged);
     EXPECT_NE(message.find("entry 'another' reuses file index 1"), std::string::npos) << message;
+}
+
+TEST(Manifest, AFileDigestThatDoesNotFitThePartHashesIsDamage) {
+    Manifest manifest = SampleManifest();
+    manifest.files[1].sha256 = std::string(64, 'a');
+    const auto [status, message] = Decode(EncodeManifest(manifest));
+    EXPECT_EQ(status, kExitDamaged);
+    EXPECT_NE(message.find("has a file digest that does not fit its part hashes"), std::string::npos) << message;
+}
+
+TEST(Manifest, AFileDigestIsTheHashOfThePartHashesInOrder) {
+    const std::string a(64, 'a');
+    const std::string b(64, 'b');
+    EXPECT_EQ(FileDigestOf({}), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(FileDigestOf({a, b}), ToHex(Sha256Of((a + b).data(), 128)));
+    EXPECT_NE(FileDigestOf({a, b}), FileDigestOf({b, a}));
 }
 
 TEST(Manifest, PartCountsThatDisagreeWithTheSizeAreDamage) {

@@ -1,7 +1,10 @@
 // backup SOURCE_DIR: every regular file (content, time, mode) in parts of
 // --part-size, with its empty folders and symbolic links, then the manifest.
-// A backup that stops writes no manifest and removes the parts it wrote.
+// Every part of every file is a piece of work of its own, read once and
+// hashed once by whichever job takes it. A backup that stops writes no
+// manifest and removes the parts it wrote.
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <mutex>
 
@@ -42,19 +45,25 @@ class BackupRun {
 public:
     BackupRun(CommandContext& context, const std::string& source, std::string backupId)
         : context_(context), session_(context.session), source_(source), backupId_(std::move(backupId)),
-          tree_(ScanTree(source)), stored_(tree_.files.size()) {}
+          tree_(ScanTree(source)), files_(tree_.files.size()), stored_(tree_.files.size()) {}
 
     CommandResult Run();
 
 private:
+    // Where the parts of one file stand while jobs work on them.
+    struct FileState {
+        std::vector<std::string> partSha256;  // filled in by the part's job
+        std::vector<std::string> written;     // parts whose write was started
+        std::atomic<bool> failed{false};
+        std::mutex mutex;
+        std::string failure;
+    };
+
     void StoreFiles(Progress& progress);
-    void StoreFile(size_t index, std::vector<uint8_t>& buffer, Progress& progress);
-    std::vector<std::string> HashParts(InputFile& input, const SourceEntry& source, std::vector<uint8_t>& buffer,
-                                       std::string& fileSha);
-    void WriteParts(InputFile& input, const SourceEntry& source, uint32_t index, std::vector<uint8_t>& buffer,
-                    const std::vector<std::string>& partHashes, const std::string& fileSha, Progress& progress,
-                    std::vector<std::string>& names);
-    void Noted(const std::string& objectName);
+    void StorePart(size_t file, uint64_t part, std::vector<uint8_t>& buffer, Progress& progress);
+    void FinishFile(size_t file, Progress& progress);
+    void Fail(FileState& state, const std::string& why);
+    void Noted(FileState& state, const std::string& objectName);
     void RemoveWrittenParts();
     Manifest BuildManifest() const;
     CommandResult Report(const Manifest& manifest, double seconds, double pluginSeconds);
@@ -64,6 +73,7 @@ private:
     const std::string source_;
     const std::string backupId_;
     SourceTree tree_;
+    std::vector<FileState> files_;                     // per file of tree_.files
     std::vector<std::optional<ManifestFile>> stored_;  // per file of tree_.files; empty when not stored
     std::mutex mutex_;
     std::vector<std::string> written_;      // every part name a write was started for
@@ -101,94 +111,92 @@ CommandResult BackupRun::Run() {
 }
 
 void BackupRun::StoreFiles(Progress& progress) {
-    const unsigned jobs = context_.options.jobs;
-    std::vector<std::vector<uint8_t>> buffers(jobs);
-    RunInParallel(jobs, tree_.files.size(), [&](size_t index, unsigned worker) {
+    const uint64_t partSize = context_.options.partSize;
+    std::vector<uint64_t> partCounts;
+    for (size_t file = 0; file < tree_.files.size(); ++file) {
+        partCounts.push_back(PartCount(tree_.files[file].size, partSize));
+        files_[file].partSha256.resize(partCounts.back());
+    }
+    PartPlan plan(partCounts);
+    std::vector<std::vector<uint8_t>> buffers(context_.options.jobs);
+    RunInParallel(context_.options.jobs, plan.size(), [&](size_t index, unsigned worker) {
+        const PartPlan::Item& item = plan[index];
         std::vector<uint8_t>& buffer = buffers[worker];
-        if (buffer.empty()) buffer.resize(static_cast<size_t>(context_.options.partSize));
-        StoreFile(index, buffer, progress);
+        if (buffer.empty()) buffer.resize(static_cast<size_t>(partSize));
+        if (item.hasPart) StorePart(item.file, item.part, buffer, progress);
+        if (plan.Done(item.file)) FinishFile(item.file, progress);
     });
 }
 
-// A file that cannot be read (or changes while it is read) is reported and
-// left out of the manifest, with the parts already written for it; any
-// other failure stops the backup.
-void BackupRun::StoreFile(size_t index, std::vector<uint8_t>& buffer, Progress& progress) {
-    const SourceEntry& source = tree_.files[index];
-    std::vector<std::string> names;  // the parts written for this file
+// Reads the part (the file opened for this part alone), hashes it and
+// writes it with its metadata. A file that cannot be read (or changes
+// while it is read) is given up on, not the backup.
+void BackupRun::StorePart(size_t file, uint64_t part, std::vector<uint8_t>& buffer, Progress& progress) {
+    FileState& state = files_[file];
+    if (state.failed) return;
+    const SourceEntry& source = tree_.files[file];
+    const uint64_t partSize = context_.options.partSize;
+    const size_t size = static_cast<size_t>(PartBytes(source.size, partSize, part));
     try {
-        InputFile input(JoinPath(source_, source.relativePath));
-        std::string fileSha;
-        const std::vector<std::string> partHashes = HashParts(input, source, buffer, fileSha);
-        InputFile again(JoinPath(source_, source.relativePath));
-        WriteParts(again, source, static_cast<uint32_t>(index), buffer, partHashes, fileSha, progress, names);
-        stored_[index] = ManifestFile{static_cast<uint32_t>(index), source.relativePath, source.size,
-                                      source.modifiedNs, fileSha, partHashes, source.mode};
+        const std::string path = JoinPath(source_, source.relativePath);
+        InputFile input(path);
+        if (input.ReadAt(part * partSize, buffer.data(), size) != size) ChangedWhileReading(path);
     } catch (const ToolError& failure) {
         if (failure.exitStatus() != kExitLocalFile) throw;
-        for (const std::string& name : names) session_.DeleteIfPresent(name);
+        return Fail(state, failure.what());
+    }
+    state.partSha256[part] = ToHex(Sha256Of(buffer.data(), size));
+    const Metadata metadata = {{part_property::kPath, source.relativePath},
+                               {part_property::kSize, std::to_string(source.size)},
+                               {part_property::kModified, std::to_string(source.modifiedNs)},
+                               {part_property::kPart, std::to_string(part)},
+                               {part_property::kParts, std::to_string(state.partSha256.size())},
+                               {part_property::kPartSha, state.partSha256[part]},
+                               {part_property::kBackup, backupId_},
+                               {part_property::kPartSize, std::to_string(partSize)},
+                               {part_property::kWritten, UtcNow("%Y-%m-%dT%H:%M:%SZ")}};
+    const std::string name = context_.options.layout.PartName(backupId_, static_cast<uint32_t>(file), part);
+    Noted(state, name);  // before the call: a failed write may still leave an object
+    session_.Write(name, buffer.data(), size, metadata);
+    progress.PartDone(source.relativePath, part, state.partSha256.size(), size);
+}
+
+// After the file's last part: a file whose size or time changed meanwhile
+// is given up on like one that could not be read, and its parts removed.
+void BackupRun::FinishFile(size_t file, Progress& progress) {
+    FileState& state = files_[file];
+    const SourceEntry& source = tree_.files[file];
+    const std::string path = JoinPath(source_, source.relativePath);
+    try {
+        if (!state.failed && (FileSize(path) != source.size || ModifiedNs(path) != source.modifiedNs)) {
+            ChangedWhileReading(path);
+        }
+    } catch (const ToolError& failure) {
+        if (failure.exitStatus() != kExitLocalFile) throw;
+        Fail(state, failure.what());
+    }
+    if (state.failed) {
+        for (const std::string& name : state.written) session_.DeleteIfPresent(name);
         progress.FileFailed();
         std::lock_guard<std::mutex> lock(mutex_);
-        unreadable_.push_back({source.relativePath, failure.what(), true});
+        unreadable_.push_back({source.relativePath, state.failure, true});
         return;
     }
+    stored_[file] = ManifestFile{static_cast<uint32_t>(file), source.relativePath, source.size, source.modifiedNs,
+                                 FileDigestOf(state.partSha256), state.partSha256, source.mode};
     progress.FileDone(source.relativePath, source.size);
 }
 
-// First pass: the file's hash goes into every part's metadata, so it is
-// known before the first part is written.
-std::vector<std::string> BackupRun::HashParts(InputFile& input, const SourceEntry& source,
-                                              std::vector<uint8_t>& buffer, std::string& fileSha) {
-    const uint64_t partSize = context_.options.partSize;
-    const std::string path = JoinPath(source_, source.relativePath);
-    Sha256 fileHash;
-    Sha256 partHash;
-    std::vector<std::string> partHashes;
-    for (uint64_t part = 0; part < PartCount(source.size, partSize); ++part) {
-        const size_t want = static_cast<size_t>(PartBytes(source.size, partSize, part));
-        if (input.Read(buffer.data(), want) != want) ChangedWhileReading(path);
-        fileHash.Update(buffer.data(), want);
-        partHash.Update(buffer.data(), want);
-        partHashes.push_back(ToHex(partHash.Final()));
-    }
-    uint8_t extra;
-    if (input.Read(&extra, 1) != 0) ChangedWhileReading(path);
-    fileSha = ToHex(fileHash.Final());
-    return partHashes;
+void BackupRun::Fail(FileState& state, const std::string& why) {
+    std::lock_guard<std::mutex> lock(state.mutex);
+    if (!state.failed.exchange(true)) state.failure = why;
 }
 
-// Second pass: each part is hashed again as it is written, so what is
-// stored is exactly what the manifest describes.
-void BackupRun::WriteParts(InputFile& input, const SourceEntry& source, uint32_t index, std::vector<uint8_t>& buffer,
-                           const std::vector<std::string>& partHashes, const std::string& fileSha,
-                           Progress& progress, std::vector<std::string>& names) {
-    const uint64_t partSize = context_.options.partSize;
-    Metadata metadata = {{part_property::kPath, source.relativePath},
-                         {part_property::kSize, std::to_string(source.size)},
-                         {part_property::kModified, std::to_string(source.modifiedNs)},
-                         {part_property::kParts, std::to_string(partHashes.size())},
-                         {part_property::kFileSha, fileSha},
-                         {part_property::kBackup, backupId_},
-                         {part_property::kPartSize, std::to_string(partSize)}};
-    Sha256 partHash;
-    for (uint64_t part = 0; part < partHashes.size(); ++part) {
-        if (Interrupted()) throw ToolError(kExitInterrupted, "interrupted");
-        const size_t want = static_cast<size_t>(PartBytes(source.size, partSize, part));
-        if (input.Read(buffer.data(), want) != want) ChangedWhileReading(JoinPath(source_, source.relativePath));
-        partHash.Update(buffer.data(), want);
-        if (ToHex(partHash.Final()) != partHashes[part]) ChangedWhileReading(JoinPath(source_, source.relativePath));
-        metadata[part_property::kPart] = std::to_string(part);
-        metadata[part_property::kPartSha] = partHashes[part];
-        metadata[part_property::kWritten] = UtcNow("%Y-%m-%dT%H:%M:%SZ");
-        const std::string name = context_.options.layout.PartName(backupId_, index, part);
-        Noted(name);  // before the call: a failed write may still leave an object
-        names.push_back(name);
-        session_.Write(name, buffer.data(), want, metadata);
-        progress.AddBytes(want);
+void BackupRun::Noted(FileState& state, const std::string& objectName) {
+    {
+        std::lock_guard<std::mutex> lock(state.mutex);
+        state.written.push_back(objectName);
     }
-}
-
-void BackupRun::Noted(const std::string& objectName) {
     std::lock_guard<std::mutex> lock(mutex_);
     written_.push_back(objectName);
 }

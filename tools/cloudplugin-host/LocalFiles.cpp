@@ -38,24 +38,12 @@ std::FILE* OpenFile(const std::string& path, const char* mode) {
     return _wfopen(PathOf(path).wstring().c_str(), wideMode.c_str());
 }
 
-std::FILE* OpenForReading(const std::string& path) { return OpenFile(path, "rb"); }
-
 uint32_t ModeOf(const fs::path& path) {
     std::error_code error;
     return static_cast<uint32_t>(fs::symlink_status(path, error).permissions()) & 07777;
 }
 #else
 std::FILE* OpenFile(const std::string& path, const char* mode) { return std::fopen(path.c_str(), mode); }
-
-// O_NOFOLLOW: a file that became a link since the tree was listed is not
-// followed out of the tree.
-std::FILE* OpenForReading(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return nullptr;
-    std::FILE* file = fdopen(fd, "rb");
-    if (!file) close(fd);
-    return file;
-}
 
 uint32_t ModeOf(const fs::path& path) {
     struct stat info;
@@ -231,17 +219,74 @@ void SetModifiedNs(const std::string& path, int64_t modifiedNs) {
 #endif
 }
 
-InputFile::InputFile(const std::string& path) : path_(path), file_(OpenForReading(path)) {
-    if (!file_) Fail("open", path, ErrnoText());
+#ifdef _WIN32
+InputFile::InputFile(const std::string& path)
+    : path_(path),
+      handle_(CreateFileW(PathOf(path).wstring().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr)) {
+    if (handle_ == INVALID_HANDLE_VALUE) Fail("open", path, "error " + std::to_string(GetLastError()));
 }
 
-InputFile::~InputFile() {
-    if (file_) std::fclose(file_);
+InputFile::~InputFile() { CloseHandle(handle_); }
+
+size_t InputFile::ReadAt(uint64_t offset, void* buffer, size_t size) {
+    auto* bytes = static_cast<uint8_t*>(buffer);
+    size_t done = 0;
+    while (done < size) {
+        OVERLAPPED at{};
+        at.Offset = static_cast<DWORD>((offset + done) & 0xFFFFFFFF);
+        at.OffsetHigh = static_cast<DWORD>((offset + done) >> 32);
+        DWORD read = 0;
+        const DWORD want = static_cast<DWORD>(std::min<size_t>(size - done, 1u << 30));
+        if (!ReadFile(handle_, bytes + done, want, &read, &at)) {
+            if (GetLastError() == ERROR_HANDLE_EOF) break;
+            Fail("read", path_, "error " + std::to_string(GetLastError()));
+        }
+        if (read == 0) break;
+        done += read;
+    }
+    return done;
 }
+
+uint64_t FileSize(const std::string& path) {
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (!GetFileAttributesExW(PathOf(path).wstring().c_str(), GetFileExInfoStandard, &data)) {
+        Fail("read the size of", path, "error " + std::to_string(GetLastError()));
+    }
+    return (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+}
+#else
+// O_NOFOLLOW: a file that became a link since the tree was listed is not
+// followed out of the tree.
+InputFile::InputFile(const std::string& path) : path_(path), fd_(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)) {
+    if (fd_ < 0) Fail("open", path, ErrnoText());
+}
+
+InputFile::~InputFile() { close(fd_); }
+
+size_t InputFile::ReadAt(uint64_t offset, void* buffer, size_t size) {
+    auto* bytes = static_cast<uint8_t*>(buffer);
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t read = pread(fd_, bytes + done, size - done, static_cast<off_t>(offset + done));
+        if (read < 0 && errno == EINTR) continue;
+        if (read < 0) Fail("read", path_, ErrnoText());
+        if (read == 0) break;
+        done += static_cast<size_t>(read);
+    }
+    return done;
+}
+
+uint64_t FileSize(const std::string& path) {
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0) Fail("read the size of", path, ErrnoText());
+    return static_cast<uint64_t>(info.st_size);
+}
+#endif
 
 size_t InputFile::Read(void* buffer, size_t size) {
-    const size_t read = std::fread(buffer, 1, size, file_);
-    if (read < size && std::ferror(file_)) Fail("read", path_, ErrnoText());
+    const size_t read = ReadAt(position_, buffer, size);
+    position_ += read;
     return read;
 }
 

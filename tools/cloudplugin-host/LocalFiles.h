@@ -67,11 +67,22 @@ public:
     // Reads exactly `size` bytes at the current position unless the file
     // ends first; answers the bytes read.
     size_t Read(void* buffer, size_t size);
+    // The same at `offset`, leaving the position alone (threads may share
+    // nothing but the path: each opens its own InputFile).
+    size_t ReadAt(uint64_t offset, void* buffer, size_t size);
 
 private:
     std::string path_;
-    std::FILE* file_ = nullptr;
+#ifdef _WIN32
+    void* handle_ = nullptr;
+#else
+    int fd_ = -1;
+#endif
+    uint64_t position_ = 0;
 };
+
+// The size of a file (not following a link); throws ToolError (local file).
+uint64_t FileSize(const std::string& path);
 
 // A new file written from the start, for single-object commands; made (with
 // its folders) by the constructor, which refuses to replace an existing

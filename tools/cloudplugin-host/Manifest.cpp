@@ -6,6 +6,7 @@
 #include <sstream>
 #include <type_traits>
 
+#include "Sha256.h"
 #include "ToolError.h"
 
 namespace qvhost {
@@ -186,6 +187,9 @@ void CheckManifest(const Manifest& manifest, PathRules rules) {
             DamagedEntry(file.relativePath, "has " + std::to_string(file.partSha256.size()) +
                                                 " parts for " + std::to_string(file.size) + " bytes");
         }
+        if (manifest.version > 1 && file.sha256 != FileDigestOf(file.partSha256)) {
+            DamagedEntry(file.relativePath, "has a file digest that does not fit its part hashes");
+        }
         if (!indexes.insert(file.index).second) {
             DamagedEntry(file.relativePath, "reuses file index " + std::to_string(file.index));
         }
@@ -208,6 +212,12 @@ size_t Manifest::ObjectCount() const {
     size_t total = 0;
     for (const ManifestFile& file : files) total += file.partSha256.size();
     return total;
+}
+
+std::string FileDigestOf(const std::vector<std::string>& partSha256) {
+    Sha256 hash;
+    for (const std::string& part : partSha256) hash.Update(part.data(), part.size());
+    return ToHex(hash.Final());
 }
 
 uint64_t PartCount(uint64_t size, uint64_t partSize) { return size / partSize + (size % partSize ? 1 : 0); }
@@ -271,6 +281,7 @@ Manifest DecodeManifest(const std::string& text, PathRules rules) {
     if (!lines.back().empty()) Damaged("the last line is cut off");
     lines.pop_back();
     Manifest manifest;
+    manifest.version = version;
     for (size_t i = 1; i < lines.size(); ++i) {
         const std::vector<std::string> fields = Split(lines[i], '\t');
         const std::string& kind = fields[0];

@@ -13,15 +13,19 @@
 //   source <source folder>
 //   created <UTC time, ISO 8601>
 //   part-size <bytes>
-//   file <index> <relative path> <size> <modified ns> <file sha256> <part sha256,...> <mode, octal>
+//   file <index> <relative path> <size> <modified ns> <file digest> <part sha256,...> <mode, octal>
 //   folder <relative path> <modified ns> <mode, octal>          (an empty folder)
 //   link <relative path> <link target> <modified ns>            (a symbolic link)
-// Version 1 manifests (no mode field, no folders or links) still decode.
+// The file digest is FileDigestOf(the part hashes): each part is read and
+// hashed once, by whichever job takes it, so no job ever sees a whole
+// large file. (Version 1 manifests, which still decode, hold the SHA-256
+// of the whole content instead, and have no modes, folders or links.) The
+// part hashes are what a restore checks every byte against.
 //
 // Everything decoded comes from storage and is checked before use: the
 // paths (PathRules.h), no path twice, no file index twice, part counts that
-// fit the sizes, no entry beneath a file or a link, a part size one plug-in
-// call can carry.
+// fit the sizes, file digests that fit the part hashes, no entry beneath a
+// file or a link, a part size one plug-in call can carry.
 #pragma once
 
 #include <cstdint>
@@ -43,7 +47,7 @@ struct ManifestFile {
     std::string relativePath;
     uint64_t size = 0;
     int64_t modifiedNs = 0;
-    std::string sha256;
+    std::string sha256;                   // the file digest (version 1: SHA-256 of the content)
     std::vector<std::string> partSha256;  // one per part; none for an empty file
     std::optional<uint32_t> mode;         // absent in version 1 manifests
 };
@@ -61,6 +65,7 @@ struct ManifestLink {
 };
 
 struct Manifest {
+    int version = 2;  // of the text it was decoded from
     std::string backupId;
     std::string source;
     std::string created;
@@ -79,6 +84,9 @@ std::string EncodeManifest(const Manifest& manifest);
 // well-formed manifest or names a path that `rules` refuse.
 Manifest DecodeManifest(const std::string& text, PathRules rules = kNativePathRules);
 
+// SHA-256 of the part hashes (lower-case hex) one after the other.
+std::string FileDigestOf(const std::vector<std::string>& partSha256);
+
 // The number of parts of a file of `size` bytes.
 uint64_t PartCount(uint64_t size, uint64_t partSize);
 // The bytes of part `part` of a file of `size` bytes.
@@ -92,7 +100,6 @@ constexpr const char* kModified = "modified_ns";
 constexpr const char* kPart = "part";
 constexpr const char* kParts = "parts";
 constexpr const char* kPartSha = "part_sha256";
-constexpr const char* kFileSha = "file_sha256";
 constexpr const char* kBackup = "backup";
 constexpr const char* kPartSize = "part_size";  // the backup's part size
 constexpr const char* kWritten = "written";     // UTC time of the write, ISO 8601

@@ -41,4 +41,14 @@ void RunInParallel(unsigned jobs, size_t count, const std::function<void(size_t 
     if (Interrupted()) throw ToolError(kExitInterrupted, "interrupted");
 }
 
+PartPlan::PartPlan(const std::vector<uint64_t>& partCounts)
+    : left_(std::make_unique<std::atomic<uint64_t>[]>(partCounts.size())) {
+    for (size_t file = 0; file < partCounts.size(); ++file) {
+        const uint64_t parts = partCounts[file];
+        left_[file] = parts ? parts : 1;
+        if (parts == 0) items_.push_back({file, 0, false});
+        for (uint64_t part = 0; part < parts; ++part) items_.push_back({file, part, true});
+    }
+}
+
 }  // namespace qvhost

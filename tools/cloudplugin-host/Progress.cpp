@@ -79,6 +79,15 @@ void Progress::Redraw() {
     std::fflush(stderr);
 }
 
+void Progress::PartDone(const std::string& relativePath, uint64_t part, uint64_t parts, uint64_t bytes) {
+    doneBytes_ += bytes;
+    if (style_ != ProgressStyle::Lines || parts < 2) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::fprintf(stderr, "%s %s part %llu/%llu (%s)  [%s]\n", verb_.c_str(), relativePath.c_str(),
+                 static_cast<unsigned long long>(part + 1), static_cast<unsigned long long>(parts),
+                 FormatBytes(static_cast<double>(bytes)).c_str(), StatusText().c_str());
+}
+
 void Progress::FileDone(const std::string& relativePath, uint64_t size) {
     ++doneFiles_;
     if (style_ != ProgressStyle::Lines) return;

@@ -1,5 +1,6 @@
 // Progress of long work. On a terminal: one line redrawn in place with the
-// bytes done, the rate and the time left. Otherwise: a plain line per file.
+// bytes done, the rate and the time left. Otherwise: a plain line per file
+// (and per part of a file of several parts).
 // Silent with --quiet (and under --json, whose output is for programs).
 #pragma once
 
@@ -31,6 +32,9 @@ public:
     Progress& operator=(const Progress&) = delete;
 
     void AddBytes(uint64_t bytes) { doneBytes_ += bytes; }
+    // A part of a file done: the bar moves on, and a file of several parts
+    // gets a line per part (index counted from 0) besides its own line.
+    void PartDone(const std::string& relativePath, uint64_t part, uint64_t parts, uint64_t bytes);
     void FileDone(const std::string& relativePath, uint64_t size);
     // A file given up on (reported elsewhere): counted, no line of its own.
     void FileFailed() { ++doneFiles_; }

@@ -1,9 +1,12 @@
 // restore BACKUP DEST_DIR and verify BACKUP: every part read back and
-// checked against the manifest's hashes. The manifest comes from storage,
-// so it is checked whole (Manifest.h) before anything is written, and the
-// destination never lets a write leave DEST_DIR (Destination.h).
+// checked against the manifest's hash of it, which covers every byte. Every
+// part is a piece of work of its own, so the parts of one large file are
+// read by all the jobs at once and written at their offsets. The manifest
+// comes from storage, so it is checked whole (Manifest.h) before anything
+// is written, and the destination never lets a write leave DEST_DIR
+// (Destination.h).
 #include <algorithm>
-#include <functional>
+#include <atomic>
 #include <mutex>
 
 #include "Commands.h"
@@ -27,8 +30,6 @@ struct Problem {
     std::string what;
 };
 
-using Sink = std::function<void(uint64_t offset, const uint8_t* data, size_t size)>;
-
 Manifest ReadManifest(CommandContext& context, const std::string& backupId) {
     if (!IsValidBackupId(backupId)) throw ToolError(kExitUsage, "not a backup name: " + backupId);
     PluginSession& session = context.session;
@@ -47,24 +48,35 @@ Manifest ReadManifest(CommandContext& context, const std::string& backupId) {
 class CheckRun {
 public:
     CheckRun(CommandContext& context, std::string command, const std::string& backupId)
-        : context_(context), command_(std::move(command)), manifest_(ReadManifest(context, backupId)) {}
+        : context_(context), command_(std::move(command)), manifest_(ReadManifest(context, backupId)),
+          files_(manifest_.files.size()) {}
 
     // With a destination, a restore; without, a verify.
     CommandResult Run(Destination* destination);
 
 private:
+    // Where the parts of one file stand while jobs work on them.
+    struct FileState {
+        std::mutex mutex;
+        std::unique_ptr<RestoredFile> output;  // made by the first part that needs it
+        std::atomic<bool> failed{false};
+        Problem problem;
+    };
+
     void CheckDestination(const Destination& destination) const;
     void CheckFiles(Destination* destination, Progress& progress);
-    bool RestoreFile(Destination& destination, const ManifestFile& file, std::vector<uint8_t>& buffer,
-                     Progress& progress, Problem& problem);
-    bool ReadFileBack(const ManifestFile& file, std::vector<uint8_t>& buffer, Progress& progress, const Sink& sink,
-                      Problem& problem);
+    void CheckPart(Destination* destination, size_t file, uint64_t part, std::vector<uint8_t>& buffer,
+                   Progress& progress);
+    bool ReadPart(const ManifestFile& file, uint64_t part, std::vector<uint8_t>& buffer, Problem& problem);
+    RestoredFile& OutputOf(Destination& destination, size_t file);
+    void FinishFile(Destination* destination, size_t file, Progress& progress);
     void MakeFoldersAndLinks(Destination& destination);
     CommandResult Report(double seconds, double pluginSeconds);
 
     CommandContext& context_;
     const std::string command_;
     const Manifest manifest_;
+    std::vector<FileState> files_;  // per file of manifest_.files
     std::mutex mutex_;
     std::vector<Problem> problems_;
     std::vector<std::string> setIdDropped_;
@@ -96,77 +108,91 @@ void CheckRun::CheckDestination(const Destination& destination) const {
 }
 
 void CheckRun::CheckFiles(Destination* destination, Progress& progress) {
-    const unsigned jobs = context_.options.jobs;
-    std::vector<std::vector<uint8_t>> buffers(jobs);
-    RunInParallel(jobs, manifest_.files.size(), [&](size_t index, unsigned worker) {
-        const ManifestFile& file = manifest_.files[index];
+    std::vector<uint64_t> partCounts;
+    for (const ManifestFile& file : manifest_.files) partCounts.push_back(file.partSha256.size());
+    PartPlan plan(partCounts);
+    std::vector<std::vector<uint8_t>> buffers(context_.options.jobs);
+    RunInParallel(context_.options.jobs, plan.size(), [&](size_t index, unsigned worker) {
+        const PartPlan::Item& item = plan[index];
         std::vector<uint8_t>& buffer = buffers[worker];
         if (buffer.size() < manifest_.partSize + 1) buffer.resize(static_cast<size_t>(manifest_.partSize + 1));
-        Problem problem;
-        const bool good = destination ? RestoreFile(*destination, file, buffer, progress, problem)
-                                       : ReadFileBack(file, buffer, progress, Sink(), problem);
-        if (!good) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            problems_.push_back(problem);
-        }
-        progress.FileDone(file.relativePath, file.size);
+        if (item.hasPart) CheckPart(destination, item.file, item.part, buffer, progress);
+        if (plan.Done(item.file)) FinishFile(destination, item.file, progress);
     });
 }
 
-// Written under a name of its own and moved into place only once every
-// hash matched, so a damaged file is never left as restored.
-bool CheckRun::RestoreFile(Destination& destination, const ManifestFile& file, std::vector<uint8_t>& buffer,
-                           Progress& progress, Problem& problem) {
-    std::unique_ptr<RestoredFile> output = destination.MakeFile(file.relativePath);
-    const Sink sink = [&](uint64_t offset, const uint8_t* data, size_t size) { output->WriteAt(offset, data, size); };
-    if (!ReadFileBack(file, buffer, progress, sink, problem)) return false;
-    output->Commit(file.mode, file.modifiedNs);
-    if (file.mode && (*file.mode & kSetIdBits)) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        setIdDropped_.push_back(file.relativePath);
+void CheckRun::CheckPart(Destination* destination, size_t file, uint64_t part, std::vector<uint8_t>& buffer,
+                         Progress& progress) {
+    FileState& state = files_[file];
+    if (state.failed) return;
+    const ManifestFile& entry = manifest_.files[file];
+    Problem problem;
+    if (!ReadPart(entry, part, buffer, problem)) {
+        std::lock_guard<std::mutex> lock(state.mutex);
+        if (!state.failed.exchange(true)) state.problem = problem;
+        return;
+    }
+    const size_t size = static_cast<size_t>(PartBytes(entry.size, manifest_.partSize, part));
+    if (destination) OutputOf(*destination, file).WriteAt(part * manifest_.partSize, buffer.data(), size);
+    progress.PartDone(entry.relativePath, part, entry.partSha256.size(), size);
+}
+
+// Reads one part into `buffer` and checks it against the manifest; answers
+// false with the problem found.
+bool CheckRun::ReadPart(const ManifestFile& file, uint64_t part, std::vector<uint8_t>& buffer, Problem& problem) {
+    problem.file = file.relativePath;
+    problem.object = context_.options.layout.PartName(manifest_.backupId, file.index, part);
+    const uint64_t expected = PartBytes(file.size, manifest_.partSize, part);
+    // One byte more than expected shows an object that grew.
+    Metadata metadata;
+    const uint64_t read =
+        context_.session.Read(problem.object, buffer.data(), 0, expected + 1, {part_property::kPartSha}, metadata);
+    if (read != expected) {
+        problem.what = "holds " + std::to_string(read) + " bytes, expected " + std::to_string(expected);
+        return false;
+    }
+    if (ToHex(Sha256Of(buffer.data(), static_cast<size_t>(read))) != file.partSha256[part]) {
+        problem.what = "does not match its SHA-256";
+        return false;
+    }
+    const auto stored = metadata.find(part_property::kPartSha);
+    if (stored != metadata.end() && stored->second != file.partSha256[part]) {
+        problem.what = "carries a part hash that differs from the manifest";
+        return false;
     }
     return true;
 }
 
-// Reads every part of one file back, checks each against the manifest,
-// hands the bytes to `sink`; answers false with the first problem found.
-bool CheckRun::ReadFileBack(const ManifestFile& file, std::vector<uint8_t>& buffer, Progress& progress,
-                            const Sink& sink, Problem& problem) {
-    Sha256 fileHash;
-    Sha256 partHash;
-    problem.file = file.relativePath;
-    for (uint64_t part = 0; part < file.partSha256.size(); ++part) {
-        if (Interrupted()) throw ToolError(kExitInterrupted, "interrupted");
-        problem.object = context_.options.layout.PartName(manifest_.backupId, file.index, part);
-        const uint64_t expected = PartBytes(file.size, manifest_.partSize, part);
-        // One byte more than expected shows an object that grew.
-        Metadata metadata;
-        const uint64_t read =
-            context_.session.Read(problem.object, buffer.data(), 0, expected + 1, {part_property::kPartSha}, metadata);
-        if (read != expected) {
-            problem.what = "holds " + std::to_string(read) + " bytes, expected " + std::to_string(expected);
-            return false;
-        }
-        partHash.Update(buffer.data(), static_cast<size_t>(read));
-        if (ToHex(partHash.Final()) != file.partSha256[part]) {
-            problem.what = "does not match its SHA-256";
-            return false;
-        }
-        const auto stored = metadata.find(part_property::kPartSha);
-        if (stored != metadata.end() && stored->second != file.partSha256[part]) {
-            problem.what = "carries a part hash that differs from the manifest";
-            return false;
-        }
-        fileHash.Update(buffer.data(), static_cast<size_t>(read));
-        if (sink) sink(part * manifest_.partSize, buffer.data(), static_cast<size_t>(read));
-        progress.AddBytes(read);
+// The file's output, made by the first of its parts to get here. Parts write
+// at their own offsets, so any order works.
+RestoredFile& CheckRun::OutputOf(Destination& destination, size_t file) {
+    FileState& state = files_[file];
+    std::lock_guard<std::mutex> lock(state.mutex);
+    if (!state.output) state.output = destination.MakeFile(manifest_.files[file].relativePath);
+    return *state.output;
+}
+
+// After the file's last part: a file that passed every check is moved into
+// place (mode and time set); a damaged one is never left as restored.
+void CheckRun::FinishFile(Destination* destination, size_t file, Progress& progress) {
+    FileState& state = files_[file];
+    const ManifestFile& entry = manifest_.files[file];
+    if (state.failed) {
+        state.output.reset();
+        progress.FileFailed();
+        std::lock_guard<std::mutex> lock(mutex_);
+        problems_.push_back(state.problem);
+        return;
     }
-    problem.object.clear();
-    if (ToHex(fileHash.Final()) != file.sha256) {
-        problem.what = "does not match the file's SHA-256";
-        return false;
+    if (destination) {
+        OutputOf(*destination, file).Commit(entry.mode, entry.modifiedNs);
+        state.output.reset();
+        if (entry.mode && (*entry.mode & kSetIdBits)) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            setIdDropped_.push_back(entry.relativePath);
+        }
     }
-    return true;
+    progress.FileDone(entry.relativePath, entry.size);
 }
 
 void CheckRun::MakeFoldersAndLinks(Destination& destination) {
