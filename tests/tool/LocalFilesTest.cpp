@@ -5,11 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
 
+#include "AlignedBuffer.h"
 #include "Destination.h"
 #include "LocalFiles.h"
 #include "ToolError.h"
@@ -180,6 +182,25 @@ TEST_F(DestinationTest, PartsMayArriveInAnyOrder) {
     file->WriteAt(0, "abc", 3);
     file->Commit(std::nullopt, 0);
     EXPECT_EQ(ReadText(Root() + "/f"), "abcdef");
+}
+
+TEST_F(DestinationTest, WholeBlocksAndAnUnalignedTailMakeOneFile) {
+    // Two 8 KiB parts from page-aligned buffers (direct I/O where the file
+    // system has it), then a 5-byte tail, which the cache takes.
+    AlignedBuffer buffer;
+    buffer.Reserve(8192);
+    Destination destination(Root(), false);
+    std::unique_ptr<RestoredFile> file = destination.MakeFile("big");
+    std::string expected;
+    for (const char fill : {'b', 'a'}) {
+        std::memset(buffer.data(), fill, 8192);
+        file->WriteAt(fill == 'a' ? 0 : 8192, buffer.data(), 8192);
+    }
+    std::memcpy(buffer.data(), "tail!", 5);
+    file->WriteAt(16384, buffer.data(), 5);
+    file->Commit(0640, 0);
+    EXPECT_EQ(ReadText(Root() + "/big"), std::string(8192, 'a') + std::string(8192, 'b') + "tail!");
+    EXPECT_EQ(ModeOf(Root() + "/big"), 0640u);
 }
 
 TEST_F(DestinationTest, SetIdBitsAreNeverRestored) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include "AlignedBuffer.h"
 #include "Commands.h"
 #include "Interrupt.h"
 #include "LocalFiles.h"
@@ -60,7 +61,7 @@ private:
     };
 
     void StoreFiles(Progress& progress);
-    void StorePart(size_t file, uint64_t part, std::vector<uint8_t>& buffer, Progress& progress);
+    void StorePart(size_t file, uint64_t part, AlignedBuffer& buffer, Progress& progress);
     void FinishFile(size_t file, Progress& progress);
     void Fail(FileState& state, const std::string& why);
     void Noted(FileState& state, const std::string& objectName);
@@ -118,11 +119,11 @@ void BackupRun::StoreFiles(Progress& progress) {
         files_[file].partSha256.resize(partCounts.back());
     }
     PartPlan plan(partCounts);
-    std::vector<std::vector<uint8_t>> buffers(context_.options.jobs);
+    std::vector<AlignedBuffer> buffers(context_.options.jobs);
     RunInParallel(context_.options.jobs, plan.size(), [&](size_t index, unsigned worker) {
         const PartPlan::Item& item = plan[index];
-        std::vector<uint8_t>& buffer = buffers[worker];
-        if (buffer.empty()) buffer.resize(static_cast<size_t>(partSize));
+        AlignedBuffer& buffer = buffers[worker];
+        buffer.Reserve(static_cast<size_t>(partSize));
         if (item.hasPart) StorePart(item.file, item.part, buffer, progress);
         if (plan.Done(item.file)) FinishFile(item.file, progress);
     });
@@ -131,7 +132,7 @@ void BackupRun::StoreFiles(Progress& progress) {
 // Reads the part (the file opened for this part alone), hashes it and
 // writes it with its metadata. A file that cannot be read (or changes
 // while it is read) is given up on, not the backup.
-void BackupRun::StorePart(size_t file, uint64_t part, std::vector<uint8_t>& buffer, Progress& progress) {
+void BackupRun::StorePart(size_t file, uint64_t part, AlignedBuffer& buffer, Progress& progress) {
     FileState& state = files_[file];
     if (state.failed) return;
     const SourceEntry& source = tree_.files[file];

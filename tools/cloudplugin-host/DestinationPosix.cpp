@@ -2,10 +2,19 @@
 // opened relative to the one above it with O_NOFOLLOW, so no symbolic link
 // inside the destination is ever followed, whatever appears there while
 // the restore runs.
+//
+// Files are written with direct I/O where the system has it (O_DIRECT):
+// the parts go from the job's buffer to the disk without a copy into the
+// page cache, which a restore would only fill with data nobody reads soon.
+// Direct I/O needs offsets, lengths and buffers on 4 KiB boundaries; the
+// first write that is not (a file's last part, a part size that is not a
+// multiple of 4 KiB) turns it off for that file, and so does a file system
+// that refuses it.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -62,6 +71,13 @@ std::vector<std::string> Components(const std::string& path) {
 [[noreturn]] void Fail(const std::string& what, const std::string& where) {
     throw ToolError(kExitLocalFile, "cannot " + what + " " + where + ": " + std::strerror(errno));
 }
+
+#ifdef O_DIRECT
+constexpr int kDirect = O_DIRECT;
+#else
+constexpr int kDirect = 0;
+#endif
+constexpr uint64_t kDirectAlignment = 4096;
 
 timespec TimeOf(int64_t modifiedNs) {
     // Floor division keeps times before 1970 right.
@@ -128,10 +144,14 @@ class PosixRestoredFile : public RestoredFile {
 public:
     PosixRestoredFile(Fd folder, std::string leaf, std::string shown, bool overwrite)
         : folder_(std::move(folder)), leaf_(std::move(leaf)), shown_(std::move(shown)), overwrite_(overwrite) {
+        constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
         for (int attempt = 0; file_.get() < 0; ++attempt) {
             temporary_ = TemporaryName(leaf_);
-            file_ = Fd(openat(folder_.get(), temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                              0600));
+            file_ = Fd(openat(folder_.get(), temporary_.c_str(), kFlags | kDirect, 0600));
+            if (file_.get() < 0 && errno == EINVAL && kDirect) {
+                direct_ = false;
+                file_ = Fd(openat(folder_.get(), temporary_.c_str(), kFlags, 0600));
+            }
             if (file_.get() < 0 && (errno != EEXIST || attempt == 10)) Fail("create a file for", shown_);
         }
     }
@@ -144,9 +164,18 @@ public:
 
     void WriteAt(uint64_t offset, const void* data, size_t size) override {
         const auto* bytes = static_cast<const uint8_t*>(data);
+        const bool aligned = offset % kDirectAlignment == 0 && size % kDirectAlignment == 0 &&
+                             reinterpret_cast<uintptr_t>(data) % kDirectAlignment == 0;
+        if (direct_ && !aligned) StopDirect();
+        bool throughTheCache = !direct_;
         while (size > 0) {
             const ssize_t written = pwrite(file_.get(), bytes, size, static_cast<off_t>(offset));
             if (written < 0 && errno == EINTR) continue;
+            if (written < 0 && errno == EINVAL && kDirect && !throughTheCache) {  // refused as direct I/O
+                StopDirect();
+                throughTheCache = true;
+                continue;
+            }
             if (written <= 0) Fail("write", shown_);
             bytes += written, offset += static_cast<uint64_t>(written), size -= static_cast<size_t>(written);
         }
@@ -162,12 +191,21 @@ public:
     }
 
 private:
+    // Turns direct I/O off for the file; writes of other jobs on the way
+    // work either way.
+    void StopDirect() {
+        direct_ = false;
+        const int flags = fcntl(file_.get(), F_GETFL);
+        if (flags >= 0 && (flags & kDirect)) fcntl(file_.get(), F_SETFL, flags & ~kDirect);
+    }
+
     Fd folder_;
     std::string leaf_;
     std::string shown_;
     bool overwrite_;
     std::string temporary_;
     Fd file_;
+    std::atomic<bool> direct_{kDirect != 0};
     bool committed_ = false;
 };
 

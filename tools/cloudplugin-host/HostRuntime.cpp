@@ -87,6 +87,12 @@ std::string JavaHomeFromPath() {
 
 }  // namespace
 
+std::vector<std::string> ToolJvmOptions(unsigned jobs, uint64_t partSize) {
+    const uint64_t partMiB = (partSize + (1u << 20) - 1) >> 20;
+    const uint64_t heapMiB = std::max<uint64_t>(128, 96 + 4 * uint64_t{jobs} * partMiB);
+    return {"-Xmx" + std::to_string(heapMiB) + "m", "-XX:TieredStopAtLevel=1", "-XX:-UsePerfData"};
+}
+
 std::string LogFolderOf(const HostSettings& settings) {
     if (!settings.logFolder.empty()) return settings.logFolder;
     return Utf8Of(PathOf(settings.installFolder) / "Plugin" / "Azure" / "Log");
@@ -211,6 +217,8 @@ void HostRuntime::StartJvm(const HostSettings& settings) {
     std::vector<std::string> texts = {"-Djava.class.path=" + classPath, "-Xrs",
                                       "-D" + std::string(kJavaLogFileProperty) + "=" +
                                           Utf8Of(PathOf(logFolder) / kJavaLogFileName)};
+    const std::vector<std::string> own = ToolJvmOptions(settings.jobs, settings.partSize);
+    texts.insert(texts.end(), own.begin(), own.end());
     texts.insert(texts.end(), settings.jvmOptions.begin(), settings.jvmOptions.end());
     std::vector<JavaVMOption> options(texts.size());
     for (size_t i = 0; i < texts.size(); ++i) options[i].optionString = &texts[i][0];

@@ -18,7 +18,9 @@ struct HostSettings {
     std::string javaHome;               // empty: JAVA_HOME, else the JDK of the java on the PATH
     std::string logFolder;              // empty: the plug-in's default, <installFolder>/Plugin/Azure/Log
     std::string connectionString;       // the Java storage library's init string
-    std::vector<std::string> jvmOptions;  // extra JVM options (-Xmx..., -D...)
+    std::vector<std::string> jvmOptions;  // extra JVM options (-Xmx..., -D...), after the tool's own
+    unsigned jobs = 4;                    // for the tool's own JVM options: threads calling the plug-in
+    uint64_t partSize = 8ull << 20;       // ... and the most one call carries
 };
 
 // The Java library writes its java.util.logging records to the file this
@@ -28,6 +30,14 @@ constexpr const char* kJavaLogFileName = "XNAzurePlugIn.log";
 
 // The plug-in's log folder: the one given, else <install>/Plugin/Azure/Log.
 std::string LogFolderOf(const HostSettings& settings);
+
+// The JVM options the tool sets itself, before any the user gives (which
+// win): a heap sized from the calls in flight (each carries a Java array of
+// up to a part, and as much again may wait for the collector) rather than a
+// quarter of the machine; only the quick compiler, since a backup's JVM
+// lives for seconds or minutes and the heavy lifting (copies, hashing,
+// sockets) runs in native code either way; no performance-data file.
+std::vector<std::string> ToolJvmOptions(unsigned jobs, uint64_t partSize);
 
 // The file name of the plug-in library on this platform.
 const char* PluginLibraryFileName();

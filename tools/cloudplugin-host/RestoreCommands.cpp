@@ -9,6 +9,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "AlignedBuffer.h"
 #include "Commands.h"
 #include "Destination.h"
 #include "Interrupt.h"
@@ -65,9 +66,9 @@ private:
 
     void CheckDestination(const Destination& destination) const;
     void CheckFiles(Destination* destination, Progress& progress);
-    void CheckPart(Destination* destination, size_t file, uint64_t part, std::vector<uint8_t>& buffer,
+    void CheckPart(Destination* destination, size_t file, uint64_t part, AlignedBuffer& buffer,
                    Progress& progress);
-    bool ReadPart(const ManifestFile& file, uint64_t part, std::vector<uint8_t>& buffer, Problem& problem);
+    bool ReadPart(const ManifestFile& file, uint64_t part, AlignedBuffer& buffer, Problem& problem);
     RestoredFile& OutputOf(Destination& destination, size_t file);
     void FinishFile(Destination* destination, size_t file, Progress& progress);
     void MakeFoldersAndLinks(Destination& destination);
@@ -111,17 +112,17 @@ void CheckRun::CheckFiles(Destination* destination, Progress& progress) {
     std::vector<uint64_t> partCounts;
     for (const ManifestFile& file : manifest_.files) partCounts.push_back(file.partSha256.size());
     PartPlan plan(partCounts);
-    std::vector<std::vector<uint8_t>> buffers(context_.options.jobs);
+    std::vector<AlignedBuffer> buffers(context_.options.jobs);
     RunInParallel(context_.options.jobs, plan.size(), [&](size_t index, unsigned worker) {
         const PartPlan::Item& item = plan[index];
-        std::vector<uint8_t>& buffer = buffers[worker];
-        if (buffer.size() < manifest_.partSize + 1) buffer.resize(static_cast<size_t>(manifest_.partSize + 1));
+        AlignedBuffer& buffer = buffers[worker];
+        buffer.Reserve(static_cast<size_t>(manifest_.partSize + 1));
         if (item.hasPart) CheckPart(destination, item.file, item.part, buffer, progress);
         if (plan.Done(item.file)) FinishFile(destination, item.file, progress);
     });
 }
 
-void CheckRun::CheckPart(Destination* destination, size_t file, uint64_t part, std::vector<uint8_t>& buffer,
+void CheckRun::CheckPart(Destination* destination, size_t file, uint64_t part, AlignedBuffer& buffer,
                          Progress& progress) {
     FileState& state = files_[file];
     if (state.failed) return;
@@ -139,7 +140,7 @@ void CheckRun::CheckPart(Destination* destination, size_t file, uint64_t part, s
 
 // Reads one part into `buffer` and checks it against the manifest; answers
 // false with the problem found.
-bool CheckRun::ReadPart(const ManifestFile& file, uint64_t part, std::vector<uint8_t>& buffer, Problem& problem) {
+bool CheckRun::ReadPart(const ManifestFile& file, uint64_t part, AlignedBuffer& buffer, Problem& problem) {
     problem.file = file.relativePath;
     problem.object = context_.options.layout.PartName(manifest_.backupId, file.index, part);
     const uint64_t expected = PartBytes(file.size, manifest_.partSize, part);

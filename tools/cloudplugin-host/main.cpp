@@ -112,9 +112,9 @@ const OptionEntry kOptions[] = {
      [](CommandLine& l, const std::string& v) { l.settings.jvmOptions.push_back(v); }, true},
     {"--prefix", "TEXT", "root of the tool's object names (default: cloudplugin-host)",
      [](CommandLine& l, const std::string& v) { l.options.layout.root = v; }},
-    {"--jobs", "N", "files in flight at once, one host thread each (default: 2)",
+    {"--jobs", "N", "parts in flight at once, one host thread each (default: 4)",
      [](CommandLine& l, const std::string& v) { l.options.jobs = CountOption("--jobs", v); }},
-    {"--part-size", "SIZE", "object size files are split into (default: 64M)",
+    {"--part-size", "SIZE", "object size files are split into (default: 8M); the JVM's heap\nis sized from it and --jobs",
      [](CommandLine& l, const std::string& v) { l.options.partSize = SizeOption("--part-size", v, kMaximumPartSize); }},
     {"--name", "ID", "backup: the backup id to use (letters, digits, '.', '_', '-')",
      [](CommandLine& l, const std::string& v) { l.options.backupName = v; }},
@@ -254,6 +254,8 @@ void AddCommands(CLI::App& app, CommandLine& line, std::vector<Arguments>& value
 }
 
 void ApplyDefaults(CommandLine& line) {
+    line.settings.jobs = line.options.jobs;
+    line.settings.partSize = line.options.partSize;
     if (line.options.layout.root.empty() || line.options.layout.root.back() == '/') {
         Usage("--prefix takes a name without a trailing '/'");
     }
