@@ -43,10 +43,12 @@ void PluginSession::Write(const std::string& name, const uint8_t* data, uint64_t
     Run("WriteObject", name, [&] { return plugin_.WriteObject(Wide(name), data, size, &pluginMetadata, handle); });
 }
 
+// Through ReadObjectByName: the interface's ReadObject answers 0 whatever
+// the Java side reported, so a missing or archived object would only show
+// as a short read.
 uint64_t PluginSession::Read(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length) {
-    uint64_t read = length;
-    Run("ReadObject", name, [&] { return plugin_.ReadObject(Wide(name), buffer, offset, &read); });
-    return read;
+    Metadata ignored;
+    return Read(name, buffer, offset, length, {}, ignored);
 }
 
 uint64_t PluginSession::Read(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length,

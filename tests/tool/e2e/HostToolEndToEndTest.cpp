@@ -255,3 +255,19 @@ TEST_F(HostToolTest, ABackupWithAnOlderManifestWithoutModesStillRestores) {
     EXPECT_EQ(ReadFile(Folder("restored/a/old.txt")), "from an older version");
     EXPECT_EQ(ReadFile(Folder("restored/b.bin")), Bytes(3u << 20, 5));
 }
+
+TEST_F(HostToolTest, ARestoreOfAnArchivedBackupNamesTheArchivedObjectAndItsCode) {
+    WriteFile(Folder("source/file"), "cold data");
+    const std::string archive = Azurite::Shared().ConnectionString(container_) + ";AccessTier=Archive";
+    auto tool = [&](std::vector<std::string> arguments) {
+        std::vector<std::string> all = {"--connection", archive, "--log-folder", logs_, "--json"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return RunTool(all);
+    };
+    ASSERT_EQ(tool({"--name", "cold", "backup", Folder("source")}).status, 0);
+    const ToolRun restore = tool({"restore", "cold", Folder("restored")});
+    EXPECT_EQ(restore.status, 3) << restore.err;
+    EXPECT_EQ(Member(restore.out, "operation"), "\"ReadObjectByName\"");
+    EXPECT_EQ(Member(restore.out, "object"), "\"cloudplugin-host/manifests/cold\"");
+    EXPECT_EQ(Member(restore.out, "code"), "49");  // the plug-in's code for an archived object
+}
