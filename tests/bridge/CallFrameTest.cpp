@@ -18,12 +18,11 @@ namespace {
 constexpr const char* kDeleteContainerSignature = "()Lcom/qv/QVCloudPluginInterface/CErrorValue;";
 constexpr const char* kIsValidContainerSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CIsObjectExistFnValue;";
 
-OperationTraits DeleteContainerTraits(MissingMethodRule rule) {
-    OperationTraits op{"DeleteContainer", kDeleteContainerSignature, rule,
-                       u"DeleteContainerFromQVCloud::Exception is occured..."};
-    op.calledLine = u"DeleteContainerFromQVCloud::Java called ...";
-    op.endedLine = u"DeleteContainerFromQVCloud::Java ended ...";
-    return op;
+constexpr OperationTraits DeleteContainerTraits(MissingMethodRule rule) {
+    return Operation("DeleteContainer", kDeleteContainerSignature, rule,
+                     u"DeleteContainerFromQVCloud::Exception is occured...")
+        .CalledLine(u"DeleteContainerFromQVCloud::Java called ...")
+        .EndedLine(u"DeleteContainerFromQVCloud::Java ended ...");
 }
 
 }  // namespace
@@ -72,8 +71,10 @@ TEST_F(CallFrameTest, JavaExceptionFromTheMethodReadsAsANullResultAndIsCleared) 
 }
 
 TEST_F(CallFrameTest, ArgumentsReachJavaInOrder) {
-    const OperationTraits op{"IsValidContainer", kIsValidContainerSignature, MissingMethodRule::ReturnSuccess,
-                             u"IsValidContainer::Exception is occured...", true};
+    constexpr OperationTraits op =
+        Operation("IsValidContainer", kIsValidContainerSignature, MissingMethodRule::ReturnSuccess,
+                  u"IsValidContainer::Exception is occured...")
+            .FailingWithoutClass(kMissingPluginClassLine);
     const uint32_t code = RunCallFrame(
         Context(), op, [](JavaArguments& args) { args.AddString(u"container-\u00e9"); },
         [](JNIEnv*, jobject result) { return result ? 0u : 99u; });

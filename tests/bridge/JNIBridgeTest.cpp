@@ -291,11 +291,11 @@ TEST_F(JNIBridgeTest, LifeCycleLeavesNoLocalReferenceAndDetachesItsThread) {
 
 TEST_F(JNIBridgeTest, CreatePluginInitDataIsAnAmazonLibraryObjectThatIsAnAzureLibraryOne) {
     JNIEnv* env = Env();
-    LocalRef<jobject> data(env, m_bridge->CreatePluginInitData(env, &m_createInfo));
+    const LocalRef<jobject> data = m_bridge->CreatePluginInitData(env, &m_createInfo);
     ASSERT_TRUE(data);
     LocalRef<jclass> amazon(env, env->FindClass("com/qv/AmazonLibrary/CPluginInitData"));
     LocalRef<jclass> azure(env, env->FindClass("com/qv/AzureLibrary/CPluginInitData"));
     EXPECT_TRUE(env->IsInstanceOf(data.get(), amazon.get()));
     EXPECT_TRUE(env->IsInstanceOf(data.get(), azure.get()));
-    EXPECT_EQ(m_bridge->CreatePluginInitData(env, nullptr), nullptr);
+    EXPECT_FALSE(m_bridge->CreatePluginInitData(env, nullptr));
 }
