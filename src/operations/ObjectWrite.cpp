@@ -57,13 +57,17 @@ constexpr OperationTraits kPlainWrite =
         .EndedLine(u"WriteObject::Java ended ...");
 
 // WriteObject with metadata. The "called" line is written by the argument
-// builder, since the flag form appends the flag text to it alone.
+// builder, since the flag form appends the flag text to it alone. A Java
+// exception thrown by the method stays pending for the null-result path,
+// which describes it after "WriteObject::is return null...".
 constexpr OperationTraits kWriteWithMetaData =
     Operation("WriteObject", kWriteWithMetaDataSignature, MissingMethodRule::TakeNullResult, kWriteObjectException)
-        .EndedLine(u"WriteObject::java ended is occured...");
+        .EndedLine(u"WriteObject::java ended is occured...")
+        .DescribingJavaExceptions();
 constexpr OperationTraits kWriteWithFlag =
     Operation("WriteObject", kWriteWithFlagSignature, MissingMethodRule::TakeNullResult, kWriteObjectException)
-        .EndedLine(u"WriteObject::java ended is occured...");
+        .EndedLine(u"WriteObject::java ended is occured...")
+        .DescribingJavaExceptions();
 
 constexpr OperationTraits kWriteCached =
     Operation("WriteCachedObject", kWriteWithMetaDataSignature, MissingMethodRule::TakeNullResult,
@@ -166,6 +170,7 @@ uint32_t WriteWithHandle(const BridgeContext& bridge, const OperationTraits& op,
         },
         [&](JNIEnv* env, jobject result) {
             if (!result) {
+                // A Java exception thrown by the method is still pending here.
                 LogError(log, u"WriteObject::is return null..." + name);
                 DescribePendingException(env, log);
                 return kResultBridgeFailure;

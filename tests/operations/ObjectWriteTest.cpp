@@ -6,6 +6,7 @@
 // with what the double's store hands back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -238,6 +239,45 @@ TEST_F(ObjectWriteTest, WriteWithMetaDataNullResultLogsItLeavesTheHandleAndGives
     EXPECT_EQ(NewLines(), (std::vector<WideString>{u"WriteObject::java called is occured...obj",
                                                    u"WriteObject::java ended is occured...obj",
                                                    u"WriteObject::is return null...obj"}));
+}
+
+TEST_F(ObjectWriteTest, WriteWithMetaDataWhoseJavaMethodThrowsDescribesTheExceptionAfterTheNullLine) {
+    // Both forms: without and with the flag word.
+    for (const bool withFlag : {false, true}) {
+        MarkLines();
+        WideString handle = u"keep";
+        TestDouble::Throw("WriteObject", "container is full");
+        const uint32_t code =
+            withFlag ? m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle, 0x10)
+                     : m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle);
+        EXPECT_EQ(code, 40u) << withFlag;
+        EXPECT_EQ(handle, u"keep") << withFlag;
+        EXPECT_EQ(NewLines(),
+                  (std::vector<WideString>{
+                      withFlag ? u"WriteObject::java called is occured...obj objFlag:[0x0000000000000010]"
+                               : u"WriteObject::java called is occured...obj",
+                      u"WriteObject::java ended is occured...obj", u"WriteObject::is return null...obj",
+                      u"Descrption is failed", u"java.lang.RuntimeException: container is full"}))
+            << withFlag;
+    }
+    EXPECT_EQ(TestDouble::CallCount("WriteObject"), 2u);
+}
+
+TEST_F(ObjectWriteTest, OtherWritesAndUpdatesClearAJavaExceptionWithoutDescribingIt) {
+    WideString handle = u"keep";
+    TestDouble::Throw("WriteCachedObject", "busy");
+    EXPECT_EQ(m_bridge->WriteCachedObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
+    TestDouble::Throw("UpdateObject", "busy");
+    EXPECT_EQ(m_bridge->UpdateObject(u"a", u"b", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
+    TestDouble::Throw("WriteObject", "busy");
+    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), 40u);
+    const std::vector<WideString> lines = NewLines();
+    ASSERT_FALSE(lines.empty());
+    for (const WideString& line : lines) EXPECT_EQ(line.find(u"busy"), WideString::npos);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), WideString(u"Descrption is failed")), 0);
+    EXPECT_EQ(TestDouble::CallCount("WriteCachedObject") + TestDouble::CallCount("UpdateObject") +
+                  TestDouble::CallCount("WriteObject"),
+              3u);
 }
 
 TEST_F(ObjectWriteTest, WriteWithMetaDataMapsTheOrdinalAndStillHandsBackTheHandle) {
