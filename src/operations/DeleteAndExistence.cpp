@@ -20,10 +20,14 @@ constexpr const char16_t* kDeleteCachedObjectByNameException = u"DeleteCachedObj
 // IsObjectPathSupported has no line of its own and writes this one too.
 constexpr const char16_t* kIsObjectExistException = u"IsObjectExist::Exception is occured...";
 
-// The plug-in object's class is not tested: a null one makes the method
-// lookup fail, which (its exception described there) ends with 0.
-constexpr OperationTraits kDeleteObjectByName = Operation(
-    "DeleteObjectByName", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess, kDeleteObjectByNameException);
+// DeleteObjectByName tests the plug-in object's class: a null class with a
+// Java exception pending describes it and gives 40; with none pending the
+// operation goes on, and the method lookup on the null class fails, which
+// ends with 0.
+constexpr OperationTraits kDeleteObjectByName =
+    Operation("DeleteObjectByName", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
+              kDeleteObjectByNameException)
+        .WithoutClass(MissingClassRule::DescribeThenGoOn);
 
 constexpr OperationTraits kDeleteObjectByHandle = Operation(
     "DeleteObjectByHandle", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess, kDeleteObjectByHandleException);

@@ -202,6 +202,46 @@ TEST_F(JNIBridgeTest, OperationsWithoutAPluginObjectGive40WithoutALine) {
     EXPECT_TRUE(LogLines().empty());
 }
 
+TEST_F(JNIBridgeTest, WithoutThePluginObjectsClassTheTwoStringInitAndDeInitGive40WithoutALine) {
+    Start();
+    TestDouble::Reset();
+    Interposer().Reset();
+    for (const bool withException : {false, true}) {
+        if (withException) {
+            Interposer().FailGetObjectClassWithException(2);
+        } else {
+            Interposer().FailGetObjectClass(2);
+        }
+        EXPECT_EQ(m_bridge->Init(u"a", u"b"), 40u);
+        // DeInit ends at once and keeps the plug-in object.
+        EXPECT_EQ(m_bridge->DeInit(), 40u);
+        EXPECT_NE(m_bridge->PluginObject(), nullptr);
+    }
+    EXPECT_TRUE(LogLines().empty());
+    EXPECT_EQ(Interposer().CountOf("GetMethodID"), 0u);
+    EXPECT_TRUE(TestDouble::Calls().empty());
+    m_bridge->DeInit();
+}
+
+TEST_F(JNIBridgeTest, WithoutThePluginObjectsClassTheOneStringInitDescribesAndWritesItsLine) {
+    Start();
+    TestDouble::Reset();
+    Interposer().Reset();
+    Interposer().FailGetObjectClass();
+    EXPECT_EQ(m_bridge->Init(u"a"), 40u);
+    EXPECT_EQ(LogLines(), std::vector<WideString>{u"jclsQVAzurePlugInLibrary is NULL"});
+    Interposer().FailGetObjectClassWithException();
+    EXPECT_EQ(m_bridge->Init(u"a"), 40u);
+    EXPECT_EQ(LogLines(),
+              (std::vector<WideString>{u"jclsQVAzurePlugInLibrary is NULL", u"Descrption is failed",
+                                       u"java.lang.OutOfMemoryError: no room for the class reference (failure planned "
+                                       u"by the JNI interposer)",
+                                       u"jclsQVAzurePlugInLibrary is NULL"}));
+    EXPECT_EQ(Interposer().CountOf("GetMethodID", "AzureInit"), 0u);
+    EXPECT_EQ(TestDouble::CallCount("AzureInit"), 0u);
+    m_bridge->DeInit();
+}
+
 TEST_F(JNIBridgeTest, InitCatchesNativeExceptions) {
     Start();
     Interposer().ThrowCppExceptionIn("GetObjectClass", 2);

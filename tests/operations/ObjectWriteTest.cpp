@@ -9,14 +9,20 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "OperationPaths.h"
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
 #include "support/TestData.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPaths;
+using jnitest::OperationPathsTest;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
 
@@ -47,7 +53,116 @@ const uint8_t* Bytes(const std::string& bytes) { return reinterpret_cast<const u
     return ::testing::AssertionFailure() << "first difference at byte " << at << " of " << expected.size();
 }
 
+// ---- the paths every operation shares (OperationPaths.h)
+
+std::vector<OperationPaths> ObjectWritePaths() {
+    static const std::string data = "abc";
+    static const ObjectMetaData metaData{{u"k", {u"v", 0}}};
+    const uint8_t* const bytes = Bytes(data);
+    const WideString kept = u"keep";
+    // Runs a write that hands back a handle, on a handle that reads "keep".
+    const auto withHandle = [kept](std::function<uint32_t(JNIBridge&, WideString&)> write) {
+        return [kept, write](JNIBridge& bridge) {
+            WideString handle = kept;
+            const uint32_t code = write(bridge, handle);
+            return PathOutcome{code, Shown(handle)};
+        };
+    };
+    const char16_t* const writeException = u"WriteObject::Exception is occured...";
+    const char16_t* const updateException = u"UpdateObject::Exception is occured...";
+    const char* const flagSignature =
+        "(Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;J)Lcom/qv/AzureLibrary/CWObjectHandleFnValue;";
+    const char* const updateWithFlagSignature =
+        "(Ljava/lang/String;Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;J)"
+        "Lcom/qv/AzureLibrary/CCreateFnValue;";
+    const std::vector<WideString> plainBefore = {u"WriteObject::memory copy started ...obj",
+                                                 u"WriteObject::memory copy ended ...obj",
+                                                 u"WriteObject::Java called ...obj"};
+    std::vector<WideString> plainNull = plainBefore;
+    plainNull.push_back(u"WriteObject::Java ended ...obj");
+    return {
+        // Only the plain write ends with 0 when its method is missing (nothing is copied then).
+        OperationPaths(
+            "WriteObject", "WriteObject", kPlainWriteSignature,
+            [bytes](JNIBridge& bridge) { return PathOutcome{bridge.WriteObject(u"obj", bytes, 3), ""}; }, "",
+            writeException)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .BeforeCall(plainBefore)
+            .OnNullResult(40, plainNull),
+        // A Java exception behind the null result is described after "WriteObject::is return null...".
+        OperationPaths("WriteObjectWithMetaData", "WriteObject", kWriteWithMetaDataSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.WriteObject(u"obj", bytes, 3, &metaData, handle);
+                       }),
+                       Shown(kept), writeException)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"WriteObject::java called is occured...obj"})
+            .OnNullResult(40, {u"WriteObject::java called is occured...obj", u"WriteObject::java ended is occured...obj",
+                               u"WriteObject::is return null...obj"})
+            .DescribingJavaExceptions(),
+        OperationPaths("WriteObjectWithFlag", "WriteObject", flagSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.WriteObject(u"obj", bytes, 3, &metaData, handle, 0x10);
+                       }),
+                       Shown(kept), writeException)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"WriteObject::java called is occured...obj objFlag:[0x0000000000000010]"})
+            .OnNullResult(40, {u"WriteObject::java called is occured...obj objFlag:[0x0000000000000010]",
+                               u"WriteObject::java ended is occured...obj", u"WriteObject::is return null...obj"})
+            .DescribingJavaExceptions(),
+        OperationPaths("WriteCachedObject", "WriteCachedObject", kWriteWithMetaDataSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.WriteCachedObject(u"obj", bytes, 3, &metaData, handle);
+                       }),
+                       Shown(kept), u"WriteCachedObject::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"WriteCachedObject::java is called...obj"})
+            .OnNullResult(40, {u"WriteCachedObject::java is called...obj", u"WriteCachedObject::java is ended...obj",
+                               u"WriteCachedObject::java is returned NULL...obj"}),
+        // A null result empties the handle.
+        OperationPaths("UpdateObject", "UpdateObject", kUpdateObjectSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.UpdateObject(u"a", u"b", bytes, 3, &metaData, handle);
+                       }),
+                       Shown(kept), updateException)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}, Shown(WideString())),
+        OperationPaths("UpdateObjectWithFlag", "UpdateObject", updateWithFlagSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.UpdateObject(u"a", u"b", bytes, 3, &metaData, handle, 0x10);
+                       }),
+                       Shown(kept), updateException)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"UpdateObject::java called is occured...a objFlag:[0x0000000000000010]"})
+            .OnNullResult(40, {u"UpdateObject::java called is occured...a objFlag:[0x0000000000000010]"},
+                          Shown(WideString())),
+        OperationPaths("UpdateCachedObjectByHandle", "UpdateCachedObjectByHandle",
+                       "(Ljava/lang/String;Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;)"
+                       "Lcom/qv/QVCloudPluginInterface/CErrorValue;",
+                       [bytes](JNIBridge& bridge) {
+                           return PathOutcome{bridge.UpdateCachedObjectByHandle(u"a", u"b", bytes, 3, &metaData), ""};
+                       },
+                       "", u"UpdateCachedObjectByHandle::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"UpdateCachedObjectByHandle::java called is occured...a"})
+            .OnNullResult(40, {u"UpdateCachedObjectByHandle::java called is occured...a",
+                               u"UpdateCachedObjectByHandle::java ended is occured...a"}),
+        OperationPaths(
+            "UpdateCachedObjectByName", "UpdateCachedObjectByName",
+            "(Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;)Lcom/qv/QVCloudPluginInterface/CErrorValue;",
+            [bytes](JNIBridge& bridge) {
+                return PathOutcome{bridge.UpdateCachedObjectByName(u"obj", bytes, 3, &metaData), ""};
+            },
+            "", u"UpdateCachedObjectByName::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}),
+    };
+}
+
 }  // namespace
+
+INSTANTIATE_TEST_SUITE_P(ObjectWrite, OperationPathsTest, ::testing::ValuesIn(ObjectWritePaths()),
+                         jnitest::OperationName);
 
 class ObjectWriteTest : public StartedBridgeFixture {
 protected:
@@ -142,13 +257,6 @@ TEST_F(ObjectWriteTest, PlainWriteMapsTheJavaErrorOrdinal) {
     EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), MapErrorOrdinal(3));
 }
 
-TEST_F(ObjectWriteTest, PlainWriteWithANullOrThrowingResultGives40) {
-    TestDouble::ReturnNull("WriteObject");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), 40u);
-    TestDouble::Throw("WriteObject", "store failed");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), 40u);
-    EXPECT_EQ(NewLines().size(), 8u);
-}
 
 TEST_F(ObjectWriteTest, PlainWriteWhoseMethodIsMissingReportsSuccessWithoutCopying) {
     Interposer().FailGetMethodID("WriteObject", kPlainWriteSignature);
@@ -161,28 +269,7 @@ TEST_F(ObjectWriteTest, PlainWriteWhoseMethodIsMissingReportsSuccessWithoutCopyi
               LookupFailureLines("WriteObject", kPlainWriteSignature));
 }
 
-TEST_F(ObjectWriteTest, PlainWriteNativeExceptionWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), 40u);
-    EXPECT_EQ(NewLines().back(), u"WriteObject::Exception is occured...");
-}
 
-TEST_F(ObjectWriteTest, EveryWriteWithoutAPluginObjectGives40WithoutALine) {
-    JNIBridge idle(m_folder.Path(), &m_createInfo);
-    idle.SetLogger(Log());
-    WideString handle = u"keep";
-    EXPECT_EQ(idle.WriteObject(u"obj", Bytes(m_data), 3), 40u);
-    EXPECT_EQ(idle.WriteObject(u"obj", Bytes(m_data), 3, &m_meta, handle), 40u);
-    EXPECT_EQ(idle.WriteObject(u"obj", Bytes(m_data), 3, &m_meta, handle, 1), 40u);
-    EXPECT_EQ(idle.WriteCachedObject(u"obj", Bytes(m_data), 3, &m_meta, handle), 40u);
-    EXPECT_EQ(idle.UpdateObject(u"a", u"b", Bytes(m_data), 3, &m_meta, handle), 40u);
-    EXPECT_EQ(idle.UpdateObject(u"a", u"b", Bytes(m_data), 3, &m_meta, handle, 1), 40u);
-    EXPECT_EQ(idle.UpdateCachedObjectByHandle(u"a", u"b", Bytes(m_data), 3, &m_meta), 40u);
-    EXPECT_EQ(idle.UpdateCachedObjectByName(u"a", Bytes(m_data), 3, &m_meta), 40u);
-    EXPECT_EQ(handle, u"keep");
-    EXPECT_TRUE(NewLines().empty());
-    EXPECT_TRUE(TestDouble::Calls().empty());
-}
 
 // ---- WriteObject with metadata, with and without flag
 
@@ -231,54 +318,8 @@ TEST_F(ObjectWriteTest, WriteWithFlagZeroStillShowsSixteenDigits) {
     EXPECT_EQ(NewLines()[1], u"WriteObject::java called is occured...obj objFlag:[0x0000000000000000]");
 }
 
-TEST_F(ObjectWriteTest, WriteWithMetaDataNullResultLogsItLeavesTheHandleAndGives40) {
-    WideString handle = u"keep";
-    TestDouble::ReturnNull("WriteObject");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(handle, u"keep");
-    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"WriteObject::java called is occured...obj",
-                                                   u"WriteObject::java ended is occured...obj",
-                                                   u"WriteObject::is return null...obj"}));
-}
 
-TEST_F(ObjectWriteTest, WriteWithMetaDataWhoseJavaMethodThrowsDescribesTheExceptionAfterTheNullLine) {
-    // Both forms: without and with the flag word.
-    for (const bool withFlag : {false, true}) {
-        MarkLines();
-        WideString handle = u"keep";
-        TestDouble::Throw("WriteObject", "container is full");
-        const uint32_t code =
-            withFlag ? m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle, 0x10)
-                     : m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle);
-        EXPECT_EQ(code, 40u) << withFlag;
-        EXPECT_EQ(handle, u"keep") << withFlag;
-        EXPECT_EQ(NewLines(),
-                  (std::vector<WideString>{
-                      withFlag ? u"WriteObject::java called is occured...obj objFlag:[0x0000000000000010]"
-                               : u"WriteObject::java called is occured...obj",
-                      u"WriteObject::java ended is occured...obj", u"WriteObject::is return null...obj",
-                      u"Descrption is failed", u"java.lang.RuntimeException: container is full"}))
-            << withFlag;
-    }
-    EXPECT_EQ(TestDouble::CallCount("WriteObject"), 2u);
-}
 
-TEST_F(ObjectWriteTest, OtherWritesAndUpdatesClearAJavaExceptionWithoutDescribingIt) {
-    WideString handle = u"keep";
-    TestDouble::Throw("WriteCachedObject", "busy");
-    EXPECT_EQ(m_bridge->WriteCachedObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    TestDouble::Throw("UpdateObject", "busy");
-    EXPECT_EQ(m_bridge->UpdateObject(u"a", u"b", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    TestDouble::Throw("WriteObject", "busy");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), 40u);
-    const std::vector<WideString> lines = NewLines();
-    ASSERT_FALSE(lines.empty());
-    for (const WideString& line : lines) EXPECT_EQ(line.find(u"busy"), WideString::npos);
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), WideString(u"Descrption is failed")), 0);
-    EXPECT_EQ(TestDouble::CallCount("WriteCachedObject") + TestDouble::CallCount("UpdateObject") +
-                  TestDouble::CallCount("WriteObject"),
-              3u);
-}
 
 TEST_F(ObjectWriteTest, WriteWithMetaDataMapsTheOrdinalAndStillHandsBackTheHandle) {
     WideString handle;
@@ -295,20 +336,6 @@ TEST_F(ObjectWriteTest, WriteWithMetaDataWhoseArrayCannotBeMadeStillCallsJavaWit
     EXPECT_EQ(TestDouble::DescribeCall("WriteObject", 0), "WriteObject(\"obj\", null, 3, {\"k\"=\"v\"})");
 }
 
-TEST_F(ObjectWriteTest, WriteWithMetaDataWhoseMethodIsMissingTakesTheNullResultPathWithoutCalling) {
-    WideString handle = u"keep";
-    Interposer().FailGetMethodID("WriteObject", kWriteWithMetaDataSignature);
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(TestDouble::CallCount("WriteObject"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    EXPECT_EQ(handle, u"keep");
-    const auto lines = NewLines();
-    ASSERT_GE(lines.size(), 3u);
-    EXPECT_EQ(
-        std::vector<WideString>(lines.end() - 3, lines.end()),
-        (std::vector<WideString>{u"WriteObject::java called is occured...obj",
-                                 u"WriteObject::java ended is occured...obj", u"WriteObject::is return null...obj"}));
-}
 
 TEST_F(ObjectWriteTest, WriteWithMetaDataReleasesItsByteArrayOnceOnly) {
     WideString handle;
@@ -318,12 +345,6 @@ TEST_F(ObjectWriteTest, WriteWithMetaDataReleasesItsByteArrayOnceOnly) {
     EXPECT_EQ(Interposer().CountOf("DeleteLocalRef"), static_cast<size_t>(Interposer().LocalRefsDeleted()));
 }
 
-TEST_F(ObjectWriteTest, WriteWithMetaDataNativeExceptionWritesTheWriteObjectLine) {
-    WideString handle;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle, 1), 40u);
-    EXPECT_EQ(NewLines().back(), u"WriteObject::Exception is occured...");
-}
 
 // ---- WriteCachedObject
 
@@ -348,12 +369,6 @@ TEST_F(ObjectWriteTest, WriteCachedObjectWithNullMetaDataAndANullResultWritesIts
                   u"WriteCachedObject::java is ended...obj", u"WriteCachedObject::java is returned NULL...obj"}));
 }
 
-TEST_F(ObjectWriteTest, WriteCachedObjectNativeExceptionWritesItsLine) {
-    WideString handle;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->WriteCachedObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(NewLines().back(), u"WriteCachedObject::Exception is occured...");
-}
 
 // ---- UpdateObject
 
@@ -378,21 +393,7 @@ TEST_F(ObjectWriteTest, UpdateObjectWithFlagLogsTheCallWithTheFlagText) {
               (std::vector<WideString>{u"UpdateObject::java called is occured...obj objFlag:[0x0000000000000010]"}));
 }
 
-TEST_F(ObjectWriteTest, UpdateObjectNullResultEmptiesTheHandleAndGives40) {
-    WideString handle = u"old";
-    TestDouble::ReturnNull("UpdateObject");
-    EXPECT_EQ(m_bridge->UpdateObject(u"obj", u"other", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(handle, u"");
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ObjectWriteTest, UpdateObjectWhoseMethodIsMissingEmptiesTheHandleWithoutCalling) {
-    WideString handle = u"old";
-    Interposer().FailGetMethodID("UpdateObject", kUpdateObjectSignature);
-    EXPECT_EQ(m_bridge->UpdateObject(u"obj", u"other", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(handle, u"");
-    EXPECT_EQ(TestDouble::CallCount("UpdateObject"), 0u);
-}
 
 TEST_F(ObjectWriteTest, UpdateObjectMapsTheOrdinalAndReleasesItsMetaDataArrayOnceOnly) {
     WideString handle;
@@ -404,12 +405,6 @@ TEST_F(ObjectWriteTest, UpdateObjectMapsTheOrdinalAndReleasesItsMetaDataArrayOnc
     EXPECT_EQ(Interposer().CountOf("DeleteLocalRef"), static_cast<size_t>(Interposer().LocalRefsDeleted()));
 }
 
-TEST_F(ObjectWriteTest, UpdateObjectNativeExceptionWritesItsLine) {
-    WideString handle;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->UpdateObject(u"obj", u"other", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"UpdateObject::Exception is occured..."});
-}
 
 // ---- the cached updates
 
@@ -446,15 +441,6 @@ TEST_F(ObjectWriteTest, UpdateCachedObjectByNameWritesNoLinesAndMapsTheOrdinal) 
     EXPECT_TRUE(NewLines().empty());
 }
 
-TEST_F(ObjectWriteTest, CachedUpdatesNativeExceptionsWriteTheirOwnLines) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA", 2);
-    EXPECT_EQ(m_bridge->UpdateCachedObjectByHandle(u"h", u"other", Bytes(m_data), m_data.size(), &m_meta), 40u);
-    EXPECT_EQ(m_bridge->UpdateCachedObjectByName(u"obj", Bytes(m_data), m_data.size(), &m_meta), 40u);
-    const auto lines = NewLines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[1], u"UpdateCachedObjectByHandle::Exception is occured...");
-    EXPECT_EQ(lines[2], u"UpdateCachedObjectByName::Exception is occured...");
-}
 
 // ---- data end to end
 
