@@ -74,6 +74,20 @@ TEST_F(ErrorValueTest, GetErrorIdReadsTheOrdinalOfTheErrorValueItself) {
               1u);
 }
 
+TEST_F(ErrorValueTest, GetErrorIdOfOrdinal0GivesSuccessWhateverErrorIdItCarries) {
+    // getOrdinalValue answers 0 while getErrorID answers another ERRORID (5, then 40): only the ordinal counts,
+    // as long as the ERRORID is not null.
+    for (const int errorId : {5, 40}) {
+        TestDouble::ReturnErrorValue("AzureDeInit", errorId, 0);
+        LocalRef<jobject> value(jnitest::TestEnv(), TestDouble::NextResult(jnitest::TestEnv(), "AzureDeInit"));
+        ASSERT_TRUE(value);
+        Interposer().Reset();
+        EXPECT_EQ(GetErrorId(Env(), Log(), value.get()), 0u) << errorId;
+        EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
+    }
+    EXPECT_TRUE(LogLines().empty());
+}
+
 TEST_F(ErrorValueTest, GetErrorIdWithTheErrorValueClassMissingLogsAndGives40) {
     LocalRef<jobject> value = ErrorValue(5);
     Interposer().Reset();

@@ -212,6 +212,17 @@ TEST_F(JniValuesTest, CreateJByteArrayMakesAZeroFilledArrayOfTheLength) {
     EXPECT_EQ(Interposer().CountOf("SetByteArrayRegion"), 0u);
 }
 
+TEST_F(JniValuesTest, ByteArraysOf2GiBOrMoreAreNotAskedForAndYieldNothing) {
+    // No Java array holds 2^31 bytes or more: the JVM is not asked for a negative size.
+    const uint8_t byte = 7;
+    for (const uint32_t length : {0x80000000u, 0xFFFFFFFFu}) {
+        EXPECT_FALSE(CreateJByteArray(Env(), length)) << length;
+        EXPECT_FALSE(CreateJByteArrayFromBuffer(Env(), &byte, length)) << length;
+    }
+    EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
+    EXPECT_FALSE(Env()->ExceptionCheck());
+}
+
 // ---- boxing
 
 namespace {

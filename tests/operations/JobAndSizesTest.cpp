@@ -196,6 +196,16 @@ TEST_F(JobAndSizesTest, GetPluginCapabilitiesDropsEntriesThatAreNotTexts) {
 
 
 
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithANullMapEmptiesTheHostsMapAndGives0) {
+    CapabilitiesRecord record;
+    record.capabilities[u"old"] = u"entry";
+    TestDouble::SetNullField("GetCloudPluginCapabilities", "pluginCapabilities");
+    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
+    EXPECT_EQ(record.marker, 1u);
+    EXPECT_TRUE(record.capabilities.empty());
+    EXPECT_TRUE(NewLines().empty());
+}
+
 TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithoutARecordStillCallsJava) {
     EXPECT_EQ(m_bridge->GetPluginCapabilities(nullptr), 0u);
     EXPECT_EQ(TestDouble::CallCount("GetCloudPluginCapabilities"), 1u);

@@ -278,6 +278,26 @@ TEST_F(ObjectReadTest, ReadObjectWhoseMethodIsMissingGives0AndTouchesNothing) {
 }
 
 
+TEST_F(ObjectReadTest, ReadsOf2GiBOrMoreAskForNoArrayAndTakeTheirMissingArrayPaths) {
+    // Only the low 32 bits size the array; from 2^31 on they are no Java array size. The host's buffer is
+    // never written: ReadObject passes Java a null array and gives 14, the metadata reads give 40 without
+    // calling Java.
+    HostBuffer buffer(4);
+    ObjectMetaData meta;
+    uint64_t length = uint64_t{1} << 31;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 14u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObject", 0), "ReadObject(\"obj\", null, 2147483648, 0)");
+    EXPECT_EQ(NewLines().back(), kCopyFailureLine);
+    length = uint64_t{1} << 31;
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"obj", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"obj", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(length, uint64_t{1} << 31);
+    EXPECT_EQ(TestDouble::CallCount("ReadObjectByName") + TestDouble::CallCount("ReadObjectByHandle"), 0u);
+    EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
+    EXPECT_TRUE(buffer.GuardIntact());
+}
+
 TEST_F(ObjectReadTest, ReadObjectWithoutLengthOrBufferStillRunsAndWritesNothingThroughThem) {
     TestDouble::SetReadData("ReadObject", "abc");
     EXPECT_EQ(m_bridge->ReadObject(u"obj", nullptr, 0, nullptr), 0u);

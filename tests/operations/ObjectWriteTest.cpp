@@ -246,9 +246,17 @@ TEST_F(ObjectWriteTest, PlainWriteOfANullBufferWithALengthGives41WithoutTouching
 }
 
 TEST_F(ObjectWriteTest, PlainWriteOf2GiBOrMoreCannotBeCarriedAndGives41) {
-    // Only the low 32 bits size the array: 2^31 is no Java array size. The buffer is never read.
+    // Only the low 32 bits size the array: from 2^31 on they are no Java array size. The JVM is not asked
+    // for a negative array (nothing is described) and the buffer is never read.
     const uint8_t one = 1;
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", &one, uint64_t{1} << 31), 41u);
+    for (const uint64_t length : {uint64_t{1} << 31, uint64_t{0xFFFFFFFF}, (uint64_t{1} << 32) + (uint64_t{1} << 31)}) {
+        MarkLines();
+        EXPECT_EQ(m_bridge->WriteObject(u"obj", &one, length), 41u) << length;
+        EXPECT_EQ(NewLines(), (std::vector<WideString>{u"WriteObject::memory copy started ...obj",
+                                                       u"WriteObject::memory copy ended ...obj"}))
+            << length;
+    }
+    EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
     EXPECT_EQ(TestDouble::CallCount("WriteObject"), 0u);
 }
 
