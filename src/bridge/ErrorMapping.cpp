@@ -24,6 +24,8 @@ constexpr uint32_t kCodeByOrdinal[] = {
     18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 30, 29, 30, 31, 32, 33,      // 17..32
     34, 35, 36, 37, 38, 1,  1,  47, 1,  42, 43, 44, 23, 49, 45, 46,      // 33..48
 };
+// Ordinal 40, what a failed conversion reports, reaches the host as 47.
+static_assert(kCodeByOrdinal[40] == kResultFailedConversion, "ordinal 40 maps to 47");
 
 }  // namespace
 
