@@ -3,8 +3,36 @@
 # under AddressSanitizer and UndefinedBehaviorSanitizer, and the Windows
 # build under Wine. Fails when any suite fails. Pass preset names to run only
 # some of them (linux-debug, linux-asan, windows-mingw).
+#
+# On a fresh Debian machine it first installs what is missing: the packages
+# of scripts/setup.sh (through sudo unless run as root) when any of them is
+# not installed, and Azurite. A machine that has everything runs no apt-get.
 set -uo pipefail
 cd "$(dirname "$0")/.."
+
+# ---- set-up: the packages of scripts/setup.sh that are not installed
+missing=()
+mapfile -t wanted < <(bash scripts/setup.sh --list)
+if command -v dpkg-query >/dev/null; then
+  installed=$(dpkg-query -W -f='${db:Status-Status} ${Package}\n' "${wanted[@]}" 2>/dev/null)
+  for package in "${wanted[@]}"; do
+    grep -qx "installed ${package}" <<<"$installed" || missing+=("$package")
+  done
+else
+  # Not a Debian system: look for the main tools instead.
+  for command in cmake make g++ javac clang++ x86_64-w64-mingw32-g++-posix npm; do
+    command -v "$command" >/dev/null || missing+=("$command")
+  done
+fi
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "==== installing what is missing (${missing[*]})"
+  sudo_cmd=()
+  [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+  if ! "${sudo_cmd[@]}" bash scripts/setup.sh; then
+    echo "FAILED: scripts/setup.sh could not install ${missing[*]}"
+    exit 1
+  fi
+fi
 
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(linux-debug linux-asan windows-mingw)

@@ -3,13 +3,16 @@
 // An operation calls one method of the Java plug-in object and turns what
 // comes back into a result code:
 //   attach guard -> environment and plug-in object present -> the object's
-//   class -> method lookup (with the operation's rule for a missing method)
-//   -> argument conversion -> one CallObjectMethod -> conversion of the
-//   result -> local references released -> thread detached.
-// Operations differ only in the data of their OperationTraits (Java name and
-// signature, class test, missing-method rule, extra lines, exception line)
-// and in two small functions: the arguments they pass and the conversion of
-// the result.
+//   class (with the operation's rule for a missing class) -> method lookup
+//   (with its rule for a missing method) -> argument conversion -> one
+//   CallObjectMethod -> conversion of the result -> local references
+//   released -> thread detached.
+// Storage operations differ only in the data of their OperationTraits (Java
+// name and signature, class and missing-method rules, extra lines, exception
+// line) and in two small functions: the arguments they pass and the
+// conversion of the result. The life-cycle operations and
+// GetObjectActualSize, whose steps after the lookup are their own, open the
+// frame with the same FrameOpening.
 #pragma once
 
 #include <jni.h>
@@ -30,7 +33,7 @@
 // The class of the Java plug-in object, looked up by name (FindClass). When
 // it is missing, the exception is described and
 // "GetAzurePlugInClass::Class object is not got..." is written.
-jclass GetAzurePlugInClass(JNIEnv* env, JNIWrapperLog* log);
+LocalRef<jclass> GetAzurePlugInClass(JNIEnv* env, JNIWrapperLog* log);
 
 // GetMethodID on `cls`. When the class is null (nothing is looked up then)
 // or the method is missing, the exception is described and three lines are
@@ -39,6 +42,22 @@ jclass GetAzurePlugInClass(JNIEnv* env, JNIWrapperLog* log);
 // them, see NarrowBytesAsWide).
 jmethodID GetAzurePlugInObjectMethod(JNIEnv* env, JNIWrapperLog* log, jclass cls, const char* name,
                                      const char* signature);
+
+// What an operation does when the plug-in object's class cannot be had.
+enum class MissingClassRule {
+    // The class is not tested: the method lookup runs on the null class and
+    // fails (describing a pending exception and writing its lines), and the
+    // missing-method rule follows.
+    NotTested,
+    // 40, after the operation's missing-class line when it has one; a pending
+    // exception is cleared without a trace.
+    Fail,
+    // A pending exception is described, the missing-class line follows, 40.
+    DescribeAndFail,
+    // A pending exception is described and gives 40; with none pending the
+    // operation goes on as NotTested.
+    DescribeThenGoOn,
+};
 
 // What an operation does when its method is missing and no Java exception
 // is pending (a pending one always gives 40).
@@ -50,16 +69,30 @@ enum class MissingMethodRule {
     TakeNullResult,
 };
 
+// What becomes of a Java exception thrown by the method, which always comes
+// back as a null result.
+enum class JavaExceptionRule {
+    // Cleared without a trace before the conversion: it reads as a null
+    // result.
+    Clear,
+    // Left pending for the conversion, whose null-result path describes it
+    // (DescribePendingException) before any other JNI call.
+    DescribeOnNullResult,
+};
+
+// What one operation declares about itself. Made by a constexpr builder:
+//   constexpr OperationTraits kX =
+//       Operation("JavaName", "(...)L...;", MissingMethodRule::..., u"X::Exception is occured...")
+//           .CalledLine(u"...").EndedLine(u"...");
 struct OperationTraits {
     const char* javaName;
     const char* signature;
     MissingMethodRule missingMethod;
     // "<Operation>::Exception is occured..." (some operations borrow another's name).
     const char16_t* exceptionLine;
-    // When set, a null class of the plug-in object writes
-    // "m_ObjQVAzurePlugInLibrary is failed..." and gives 40; otherwise the
-    // lookup goes on with the null class (and fails).
-    bool testClass = false;
+    MissingClassRule missingClass = MissingClassRule::NotTested;
+    // Written by the Fail and DescribeAndFail rules (null: none).
+    const char16_t* missingClassLine = nullptr;
     // Written when the method is missing, before the exception check.
     const char16_t* missingMethodLine = nullptr;
     // Written when the method is missing with an exception pending.
@@ -67,12 +100,61 @@ struct OperationTraits {
     // Error lines written right before and right after the call.
     const char16_t* calledLine = nullptr;
     const char16_t* endedLine = nullptr;
-    // With testClass: the line written for a null class (null: none).
-    const char16_t* missingClassLine = u"m_ObjQVAzurePlugInLibrary is failed...";
+    JavaExceptionRule javaException = JavaExceptionRule::Clear;
+
+    // A null class of the plug-in object gives 40 (after `line`, when given).
+    constexpr OperationTraits FailingWithoutClass(const char16_t* line = nullptr) const {
+        OperationTraits op = *this;
+        op.missingClass = MissingClassRule::Fail;
+        op.missingClassLine = line;
+        return op;
+    }
+    // A null class of the plug-in object applies `rule` (with `line`, where the rule writes one).
+    constexpr OperationTraits WithoutClass(MissingClassRule rule, const char16_t* line = nullptr) const {
+        OperationTraits op = *this;
+        op.missingClass = rule;
+        op.missingClassLine = line;
+        return op;
+    }
+    constexpr OperationTraits MissingMethodLine(const char16_t* line) const {
+        OperationTraits op = *this;
+        op.missingMethodLine = line;
+        return op;
+    }
+    constexpr OperationTraits PendingExceptionLine(const char16_t* line) const {
+        OperationTraits op = *this;
+        op.pendingExceptionLine = line;
+        return op;
+    }
+    constexpr OperationTraits CalledLine(const char16_t* line) const {
+        OperationTraits op = *this;
+        op.calledLine = line;
+        return op;
+    }
+    constexpr OperationTraits EndedLine(const char16_t* line) const {
+        OperationTraits op = *this;
+        op.endedLine = line;
+        return op;
+    }
+    // A Java exception thrown by the method stays pending for the conversion's null-result path.
+    constexpr OperationTraits DescribingJavaExceptions() const {
+        OperationTraits op = *this;
+        op.javaException = JavaExceptionRule::DescribeOnNullResult;
+        return op;
+    }
 };
 
+// The start of every declaration: what each operation has.
+constexpr OperationTraits Operation(const char* javaName, const char* signature, MissingMethodRule missingMethod,
+                                    const char16_t* exceptionLine) {
+    return OperationTraits{javaName, signature, missingMethod, exceptionLine};
+}
+
+// The line of the operations whose Fail rule names the missing class.
+constexpr const char16_t* kMissingPluginClassLine = u"m_ObjQVAzurePlugInLibrary is failed...";
+
 // The arguments of one call, converted for JNI. The Java objects made for
-// them are released with it.
+// them are owned by it and released with it.
 class JavaArguments {
 public:
     explicit JavaArguments(JNIEnv* env) : m_env(env) {}
@@ -83,6 +165,8 @@ public:
         v.j = static_cast<jlong>(value);
         m_values.push_back(v);
     }
+    // A Java int parameter reads the jvalue's `i` member; the rest of the
+    // jvalue is zeroed.
     void AddInt(int32_t value) {
         jvalue v;
         v.j = 0;
@@ -91,16 +175,23 @@ public:
     }
     void AddBoolean(bool value) {
         jvalue v;
+        v.j = 0;
         v.z = value ? JNI_TRUE : JNI_FALSE;
         m_values.push_back(v);
     }
-    // Takes ownership of a new local reference (which may be null).
-    void AddObject(jobject object) {
-        m_owned.emplace_back(m_env, object);
+    // Takes the object (which may hold nothing: Java then receives null);
+    // answers the reference, which the arguments own.
+    template <typename T>
+    jobject AddObject(LocalRef<T> object) {
+        const jobject reference = object.get();
+        m_owned.emplace_back(m_env, static_cast<jobject>(object.release()));
         jvalue v;
-        v.l = object;
+        v.l = reference;
         m_values.push_back(v);
+        return reference;
     }
+    // A null object argument.
+    void AddNull() { AddObject(LocalRef<jobject>(m_env, nullptr)); }
     // Deletes the reference of an argument added above at once (after the
     // call), rather than with the arguments; it is not deleted again.
     void ReleaseNow(jobject object) {
@@ -130,6 +221,44 @@ struct BridgeContext {
     jobject plugin;  // the global reference of the Java plug-in object; null when there is none
 };
 
+// The opening steps of every call into Java, written once: the attach guard
+// (the calling thread is attached for the call and detached after it, when
+// it was not attached before), the environment, the plug-in object, its
+// class and the method lookup. Declare it before the operation's try block:
+// the guard must outlive the catch-all.
+class FrameOpening {
+public:
+    explicit FrameOpening(const BridgeContext& bridge)
+        : m_bridge(bridge), m_guard(bridge.jvm, bridge.log), m_env(m_guard.GetJNIEnv()), m_class(m_env, nullptr) {}
+    FrameOpening(const FrameOpening&) = delete;
+    FrameOpening& operator=(const FrameOpening&) = delete;
+
+    // The calling thread's environment; null when it could not be attached.
+    JNIEnv* Env() const { return m_env; }
+    // The environment and the plug-in object are there. Otherwise the
+    // operation answers 40 without a line of its own.
+    bool Ready() const { return m_env && m_bridge.plugin; }
+
+    // The plug-in object's class (GetObjectClass). When there is none,
+    // `rule` decides: the answer is the code that ends the operation, or
+    // nothing when it goes on (with a null class).
+    std::optional<uint32_t> TakePluginClass(MissingClassRule rule, const char16_t* missingClassLine);
+    // The plug-in class by name (GetAzurePlugInClass); false when it is missing.
+    bool FindPluginClass();
+    jclass Class() const { return m_class.get(); }
+
+    // GetAzurePlugInObjectMethod on the class taken; null when missing.
+    jmethodID LookUpMethod(const char* name, const char* signature) const {
+        return GetAzurePlugInObjectMethod(m_env, m_bridge.log, m_class.get(), name, signature);
+    }
+
+private:
+    BridgeContext m_bridge;
+    AutoAttachJVM m_guard;
+    JNIEnv* m_env;
+    LocalRef<jclass> m_class;
+};
+
 // Runs one operation through the frame. `buildArguments(JavaArguments&)`
 // adds the call's arguments; it may return std::optional<uint32_t>, and a
 // code returned so ends the operation there, without the call (for an
@@ -141,20 +270,16 @@ struct BridgeContext {
 template <typename BuildArguments, typename Convert>
 uint32_t RunCallFrame(const BridgeContext& bridge, const OperationTraits& op, const WideString& lineSuffix,
                       BuildArguments&& buildArguments, Convert&& convert) {
-    AutoAttachJVM guard(bridge.jvm, bridge.log);
-    JNIEnv* env = guard.GetJNIEnv();
-    if (!env || !bridge.plugin) return kResultBridgeFailure;
+    FrameOpening frame(bridge);
+    if (!frame.Ready()) return kResultBridgeFailure;
+    JNIEnv* const env = frame.Env();
     try {
-        LocalRef<jclass> cls(env, env->GetObjectClass(bridge.plugin));
-        if (!cls && op.testClass) {
-            ClearPendingException(env);
-            if (op.missingClassLine) LogError(bridge.log, op.missingClassLine);
-            return kResultBridgeFailure;
-        }
-        const jmethodID method = GetAzurePlugInObjectMethod(env, bridge.log, cls.get(), op.javaName, op.signature);
+        if (const std::optional<uint32_t> end = frame.TakePluginClass(op.missingClass, op.missingClassLine))
+            return *end;
+        const jmethodID method = frame.LookUpMethod(op.javaName, op.signature);
         if (!method) {
             if (op.missingMethodLine) LogError(bridge.log, op.missingMethodLine);
-            if (DescribeException(env, bridge.log) == 0) {
+            if (DescribePendingException(env, bridge.log)) {
                 if (op.pendingExceptionLine) LogError(bridge.log, op.pendingExceptionLine);
                 return kResultBridgeFailure;
             }
@@ -168,10 +293,11 @@ uint32_t RunCallFrame(const BridgeContext& bridge, const OperationTraits& op, co
             if (early) return *early;
         }
         if (op.calledLine) LogError(bridge.log, op.calledLine + lineSuffix);
-        LocalRef<jobject> result(env, method ? env->CallObjectMethodA(bridge.plugin, method, arguments.Values())
-                                             : nullptr);
-        // A Java exception out of the method reads as a null result.
-        if (!result) ClearPendingException(env);
+        const LocalRef<jobject> result(
+            env, method ? env->CallObjectMethodA(bridge.plugin, method, arguments.Values()) : nullptr);
+        // A Java exception out of the method comes back as a null result;
+        // it is cleared here unless the conversion describes it.
+        if (!result && op.javaException == JavaExceptionRule::Clear) ClearPendingException(env);
         if (op.endedLine) LogError(bridge.log, op.endedLine + lineSuffix);
         return convert(env, result.get());
     } catch (...) {

@@ -24,41 +24,42 @@ constexpr uint32_t kCodeByOrdinal[] = {
     18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 30, 29, 30, 31, 32, 33,      // 17..32
     34, 35, 36, 37, 38, 1,  1,  47, 1,  42, 43, 44, 23, 49, 45, 46,      // 33..48
 };
-constexpr uint32_t kUnmappedCode = 23;
+// Ordinal 40, what a failed conversion reports, reaches the host as 47.
+static_assert(kCodeByOrdinal[40] == kResultFailedConversion, "ordinal 40 maps to 47");
 
 }  // namespace
 
 uint32_t MapErrorOrdinal(int32_t ordinal) {
     constexpr int32_t count = static_cast<int32_t>(sizeof kCodeByOrdinal / sizeof kCodeByOrdinal[0]);
     static_assert(count == 49, "one code for each ERRORID ordinal 0..48");
-    return ordinal >= 0 && ordinal < count ? kCodeByOrdinal[ordinal] : kUnmappedCode;
+    return ordinal >= 0 && ordinal < count ? kCodeByOrdinal[ordinal] : kResultUnmappedOrdinal;
 }
 
-uint32_t DescribeException(JNIEnv* env, JNIWrapperLog* log) {
+bool DescribePendingException(JNIEnv* env, JNIWrapperLog* log) {
     try {
-        if (!env->ExceptionCheck()) return 1;
-        LocalRef<jthrowable> thrown(env, env->ExceptionOccurred());
+        if (!env->ExceptionCheck()) return false;
+        const LocalRef<jthrowable> thrown(env, env->ExceptionOccurred());
         env->ExceptionClear();
         std::optional<WideString> text;
         if (thrown) {
-            LocalRef<jclass> cls(env, env->GetObjectClass(thrown.get()));
+            const LocalRef<jclass> cls(env, env->GetObjectClass(thrown.get()));
             const jmethodID toString =
                 cls ? env->GetMethodID(cls.get(), "toString", "()Ljava/lang/String;") : nullptr;
             if (toString) {
-                LocalRef<jstring> javaText(env,
-                                           static_cast<jstring>(env->CallObjectMethod(thrown.get(), toString)));
+                const LocalRef<jstring> javaText(
+                    env, static_cast<jstring>(env->CallObjectMethod(thrown.get(), toString)));
                 if (!ClearPendingException(env)) text = GetWideStringFromJString(env, javaText.get());
             } else {
                 ClearPendingException(env);
             }
         }
-        if (!log) return 0;
+        if (!log) return true;
         LogDetail(log, u"Descrption is failed");
         LogDetail(log, text ? *text : WideString());
-        return 0;
+        return true;
     } catch (...) {
         LogError(log, u"DescribeException::Exception is occured...");
-        return 0;
+        return true;
     }
 }
 
@@ -67,19 +68,19 @@ uint32_t GetErrorId(JNIEnv* env, JNIWrapperLog* log, jobject errorValue) {
         if (!errorValue) return kResultBridgeFailure;
         LocalRef<jclass> cls(env, env->FindClass(kErrorValueClass));
         if (!cls) {
-            DescribeException(env, log);
+            DescribePendingException(env, log);
             LogError(log, WideString(kCantFindClass) + u"\n");
             return kResultBridgeFailure;
         }
         const jmethodID getErrorId = env->GetMethodID(cls.get(), kGetErrorIdName, kGetErrorIdSignature);
         if (!getErrorId) {
-            DescribeException(env, log);
+            DescribePendingException(env, log);
             LogError(log, WideString(kCantGetMethod) + u"\n");
             return kResultBridgeFailure;
         }
         const jmethodID getOrdinal = env->GetMethodID(cls.get(), kGetOrdinalName, kGetOrdinalSignature);
         if (!getOrdinal) {
-            DescribeException(env, log);
+            DescribePendingException(env, log);
             LogError(log, WideString(kCantGetMethod) + u"\n");
             return kResultBridgeFailure;
         }
@@ -103,7 +104,7 @@ void ReadErrorOrdinal(JNIEnv* env, jobject errorValue, uint32_t* ordinalOut) {
     try {
         LocalRef<jclass> cls(env, env->FindClass(kErrorValueClass));
         if (!cls) {
-            DescribeJavaObject(env);
+            TracePendingException(env);
             TraceToStdout("Can't FindClass(com/qv/AzureLibrary/QVAzurePlugInLibrary)\n");
         }
         // A missing class makes both method lookups fail.

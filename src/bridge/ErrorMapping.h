@@ -5,20 +5,20 @@
 
 #include <cstdint>
 
+#include "bridge/ResultCodes.h"
 #include "log/JNIWrapperLog.h"
-
-// Result codes the bridge produces itself.
-constexpr uint32_t kResultSuccess = 0;
-constexpr uint32_t kResultBridgeFailure = 40;  // no environment, object, class, method or result; an exception
 
 // The host's result code for an ERRORID ordinal of the Java library; 23 for
 // any ordinal outside the table (negative ones and all above 48 included).
 uint32_t MapErrorOrdinal(int32_t ordinal);
 
-// 1 when no Java exception is pending. Otherwise clears it, writes
-// "Descrption is failed" and the exception's text as detail lines (when
-// there is a log writer) and answers 0.
-uint32_t DescribeException(JNIEnv* env, JNIWrapperLog* log);
+// Whether a Java exception was pending: false when none was. Otherwise it is
+// cleared, "Descrption is failed" and the exception's text are written as
+// detail lines (when there is a log writer) and the answer is true. A
+// failure while describing writes "DescribeException::Exception is
+// occured..." and also answers true. (Its log line calls it
+// DescribeException.)
+bool DescribePendingException(JNIEnv* env, JNIWrapperLog* log);
 
 // The result code of a CErrorValue object: MapErrorOrdinal of its
 // getOrdinalValue(), provided getErrorID() is not null. 40 for a null

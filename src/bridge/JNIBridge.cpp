@@ -34,52 +34,51 @@ uint32_t JNIBridge::InitialiseCommunication(const WideString& hostFolder) {
     }
 }
 
-jobject JNIBridge::CreatePluginInitData(JNIEnv* env, const CloudPluginCreateInfo* pInitData) {
-    if (!env || !pInitData) return nullptr;
+LocalRef<jobject> JNIBridge::CreatePluginInitData(JNIEnv* env, const CloudPluginCreateInfo* pInitData) {
+    LocalRef<jobject> none(env, nullptr);
+    if (!env || !pInitData) return none;
     // A missing class or constructor leaves its Java exception pending for
     // the caller to describe.
-    LocalRef<jclass> cls(env, env->FindClass(kInitDataClass));
-    if (!cls) return nullptr;
+    const LocalRef<jclass> cls(env, env->FindClass(kInitDataClass));
+    if (!cls) return none;
     const jmethodID constructor = env->GetMethodID(cls.get(), "<init>", "(Ljava/lang/String;Ljava/lang/String;)V");
-    if (!constructor) return nullptr;
-    LocalRef<jstring> installFolder(env, GetJStringFromWideString(env, pInitData->installFolder));
-    LocalRef<jstring> logFolder(env, GetJStringFromWideString(env, pInitData->logFolder));
-    return env->NewObject(cls.get(), constructor, installFolder.get(), logFolder.get());
+    if (!constructor) return none;
+    const LocalRef<jstring> installFolder = GetJStringFromWideString(env, pInitData->installFolder);
+    const LocalRef<jstring> logFolder = GetJStringFromWideString(env, pInitData->logFolder);
+    return LocalRef<jobject>(env, env->NewObject(cls.get(), constructor, installFolder.get(), logFolder.get()));
 }
 
 uint32_t JNIBridge::StartCommunication() {
-    AutoAttachJVM guard(m_pJVM, m_pLog);
-    JNIEnv* env = guard.GetJNIEnv();
+    // The plug-in object does not exist yet: its class is found by name.
+    FrameOpening frame(Context());
+    JNIEnv* const env = frame.Env();
     if (!env) return kResultBridgeFailure;
     try {
-        LocalRef<jclass> cls(env, GetAzurePlugInClass(env, m_pLog));
-        if (!cls) return kResultBridgeFailure;
-        const jmethodID constructor =
-            GetAzurePlugInObjectMethod(env, m_pLog, cls.get(), "<init>", kPluginConstructorSignature);
-        if (!constructor && DescribeException(env, m_pLog) == 0) {
+        if (!frame.FindPluginClass()) return kResultBridgeFailure;
+        const jmethodID constructor = frame.LookUpMethod("<init>", kPluginConstructorSignature);
+        if (!constructor && DescribePendingException(env, m_pLog)) {
             LogError(m_pLog, u"StartCommunication::Failed to get the constructor method...");
             return kResultBridgeFailure;
         }
-        LocalRef<jobject> initData(env, CreatePluginInitData(env, m_pInitData));
+        const LocalRef<jobject> initData = CreatePluginInitData(env, m_pInitData);
         if (!initData) {
-            DescribeException(env, m_pLog);
+            DescribePendingException(env, m_pLog);
             LogError(m_pLog, u"StartCommunication::Failed to jstring...");
             return kResultBridgeFailure;
         }
         // Without a constructor, or with init data that is not the class the
         // constructor names, no object can be made.
-        LocalRef<jclass> baseClass(env, env->FindClass(kInitDataBaseClass));
+        const LocalRef<jclass> baseClass(env, env->FindClass(kInitDataBaseClass));
         const bool initDataFits = baseClass && env->IsInstanceOf(initData.get(), baseClass.get());
-        LocalRef<jobject> plugin(env, constructor && initDataFits
-                                          ? env->NewObject(cls.get(), constructor, initData.get())
-                                          : nullptr);
+        const LocalRef<jobject> plugin(env, constructor && initDataFits
+                                                ? env->NewObject(frame.Class(), constructor, initData.get())
+                                                : nullptr);
         if (!plugin) {
-            DescribeException(env, m_pLog);
+            DescribePendingException(env, m_pLog);
             LogError(m_pLog, u"StartCommunication::Failed to Create plugin Object...");
             return kResultBridgeFailure;
         }
-        // A second start replaces the reference without releasing the first.
-        m_ObjQVAzurePlugInLibrary = env->NewGlobalRef(plugin.get());
+        m_ObjQVAzurePlugInLibrary.Hold(env, plugin.get());
         return kResultSuccess;
     } catch (...) {
         ClearPendingException(env);
@@ -93,27 +92,23 @@ uint32_t JNIBridge::Init(const WideString& a, const WideString& b) {
         LogError(m_pLog, u"JVM is not created properly..");
         return kResultBridgeFailure;
     }
-    AutoAttachJVM guard(m_pJVM, m_pLog);
-    JNIEnv* env = guard.GetJNIEnv();
-    if (!env || !m_ObjQVAzurePlugInLibrary) return kResultBridgeFailure;
+    FrameOpening frame(Context());
+    if (!frame.Ready()) return kResultBridgeFailure;
+    JNIEnv* const env = frame.Env();
     try {
-        LocalRef<jclass> cls(env, env->GetObjectClass(m_ObjQVAzurePlugInLibrary));
-        if (!cls) {
-            ClearPendingException(env);
-            return kResultBridgeFailure;
-        }
-        const jmethodID method =
-            GetAzurePlugInObjectMethod(env, m_pLog, cls.get(), kAzureInitName, kAzureInitSignature);
-        LocalRef<jstring> ja(env, GetJStringFromWideString(env, a));
-        LocalRef<jstring> jb(env, GetJStringFromWideString(env, b));
+        if (const std::optional<uint32_t> end = frame.TakePluginClass(MissingClassRule::Fail, nullptr)) return *end;
+        const jmethodID method = frame.LookUpMethod(kAzureInitName, kAzureInitSignature);
+        const LocalRef<jstring> ja = GetJStringFromWideString(env, a);
+        const LocalRef<jstring> jb = GetJStringFromWideString(env, b);
         // A missing AzureInit counts as success here.
         if (!method) return kResultSuccess;
-        LocalRef<jobject> result(env, env->CallObjectMethod(m_ObjQVAzurePlugInLibrary, method, ja.get(), jb.get()));
+        const LocalRef<jobject> result(env, env->CallObjectMethod(PluginObject(), method, ja.get(), jb.get()));
+        // A Java exception out of AzureInit reads as a null result here, without a trace.
         if (!result) {
             ClearPendingException(env);
             return kResultBridgeFailure;
         }
-        if (DescribeException(env, m_pLog) == 0) return kResultBridgeFailure;
+        if (DescribePendingException(env, m_pLog)) return kResultBridgeFailure;
         return GetErrorId(env, m_pLog, result.get());
     } catch (...) {
         ClearPendingException(env);
@@ -127,26 +122,23 @@ uint32_t JNIBridge::Init(const WideString& a) {
         LogError(m_pLog, u"JVM is not created properly..");
         return kResultBridgeFailure;
     }
-    AutoAttachJVM guard(m_pJVM, m_pLog);
-    JNIEnv* env = guard.GetJNIEnv();
-    if (!env || !m_ObjQVAzurePlugInLibrary) return kResultBridgeFailure;
+    FrameOpening frame(Context());
+    if (!frame.Ready()) return kResultBridgeFailure;
+    JNIEnv* const env = frame.Env();
     try {
-        LocalRef<jclass> cls(env, env->GetObjectClass(m_ObjQVAzurePlugInLibrary));
-        if (!cls) {
-            DescribeException(env, m_pLog);
-            LogError(m_pLog, u"jclsQVAzurePlugInLibrary is NULL");
-            return kResultBridgeFailure;
-        }
-        const jmethodID method =
-            GetAzurePlugInObjectMethod(env, m_pLog, cls.get(), kAzureInitName, kAzureInitSignature);
-        LocalRef<jstring> ja(env, GetJStringFromWideString(env, a));
-        LocalRef<jstring> jb(env, GetJStringFromWideString(env, m_strHostFolder));
-        LocalRef<jobject> result(env, nullptr);
+        if (const std::optional<uint32_t> end =
+                frame.TakePluginClass(MissingClassRule::DescribeAndFail, u"jclsQVAzurePlugInLibrary is NULL"))
+            return *end;
+        const jmethodID method = frame.LookUpMethod(kAzureInitName, kAzureInitSignature);
+        const LocalRef<jstring> ja = GetJStringFromWideString(env, a);
+        const LocalRef<jstring> jb = GetJStringFromWideString(env, m_strHostFolder);
         if (method && ja && jb) {
-            result.reset(env->CallObjectMethod(m_ObjQVAzurePlugInLibrary, method, ja.get(), jb.get()));
+            const LocalRef<jobject> result(env,
+                                           env->CallObjectMethod(PluginObject(), method, ja.get(), jb.get()));
             if (result) return GetErrorId(env, m_pLog, result.get());
         }
-        DescribeException(env, m_pLog);
+        // A Java exception out of AzureInit is described here.
+        DescribePendingException(env, m_pLog);
         LogError(m_pLog, u"Init:: Could not get the error object");
         return kResultBridgeFailure;
     } catch (...) {
@@ -157,33 +149,30 @@ uint32_t JNIBridge::Init(const WideString& a) {
 }
 
 uint32_t JNIBridge::DeInit() {
-    AutoAttachJVM guard(m_pJVM, m_pLog);
-    JNIEnv* env = guard.GetJNIEnv();
-    if (!env || !m_ObjQVAzurePlugInLibrary) return kResultBridgeFailure;
+    FrameOpening frame(Context());
+    if (!frame.Ready()) return kResultBridgeFailure;
+    JNIEnv* const env = frame.Env();
     try {
-        LocalRef<jclass> cls(env, env->GetObjectClass(m_ObjQVAzurePlugInLibrary));
-        if (!cls) {
-            ClearPendingException(env);
-            return kResultBridgeFailure;
-        }
-        const jmethodID method =
-            GetAzurePlugInObjectMethod(env, m_pLog, cls.get(), kAzureDeInitName, kAzureDeInitSignature);
+        if (const std::optional<uint32_t> end = frame.TakePluginClass(MissingClassRule::Fail, nullptr)) return *end;
+        const jmethodID method = frame.LookUpMethod(kAzureDeInitName, kAzureDeInitSignature);
         // A missing AzureDeInit with an exception pending ends at once,
         // keeping the plug-in object.
-        if (!method && DescribeException(env, m_pLog) == 0) return kResultBridgeFailure;
+        if (!method && DescribePendingException(env, m_pLog)) return kResultBridgeFailure;
         uint32_t code = kResultSuccess;
         LocalRef<jobject> result(env, nullptr);
         if (method) {
-            result.reset(env->CallObjectMethod(m_ObjQVAzurePlugInLibrary, method));
+            result.reset(env->CallObjectMethod(PluginObject(), method));
+            // A Java exception out of AzureDeInit gives a null result (40
+            // here, without a JNI call) and is described just below.
             code = GetErrorId(env, m_pLog, result.get());
         }
-        if (DescribeException(env, m_pLog) == 1) {
+        if (!DescribePendingException(env, m_pLog)) {
             LogDetail(m_pLog, u"DeInit Vm called...");
         } else {
             code = kResultBridgeFailure;
         }
-        env->DeleteGlobalRef(m_ObjQVAzurePlugInLibrary);
-        m_ObjQVAzurePlugInLibrary = nullptr;
+        result.reset();
+        m_ObjQVAzurePlugInLibrary.Delete(env);
         return code;
     } catch (...) {
         ClearPendingException(env);

@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "bridge/CallFrame.h"
+#include "bridge/LocalRef.h"
 #include "cloudplugin/ICloudPluginInterface.h"
 #include "log/JNIWrapperLog.h"
 
@@ -45,8 +46,8 @@ public:
     uint32_t DeInit();
 
     // A new local com/qv/AmazonLibrary/CPluginInitData of the record's
-    // installFolder and logFolder; null when it cannot be made.
-    jobject CreatePluginInitData(JNIEnv* env, const CloudPluginCreateInfo* pInitData);
+    // installFolder and logFolder; nothing when it cannot be made.
+    LocalRef<jobject> CreatePluginInitData(JNIEnv* env, const CloudPluginCreateInfo* pInitData);
 
     // ---- storage operations, one source file per family under src/operations/
 
@@ -187,14 +188,14 @@ public:
     // ---- end of the storage operations
 
     // The Java plug-in object (a global reference), null when there is none.
-    jobject PluginObject() const { return m_ObjQVAzurePlugInLibrary; }
+    jobject PluginObject() const { return m_ObjQVAzurePlugInLibrary.get(); }
     JavaVM* Jvm() const { return m_pJVM; }
     JNIWrapperLog* Logger() const { return m_pLog; }
 
 private:
-    BridgeContext Context() const { return {m_pJVM, m_pLog, m_ObjQVAzurePlugInLibrary}; }
+    BridgeContext Context() const { return {m_pJVM, m_pLog, m_ObjQVAzurePlugInLibrary.get()}; }
 
-    jobject m_ObjQVAzurePlugInLibrary = nullptr;
+    GlobalRef m_ObjQVAzurePlugInLibrary;
     JavaVM* m_pJVM = nullptr;
     JNIWrapperLog* m_pLog = nullptr;
     WideString m_strHostFolder;

@@ -26,7 +26,7 @@ jmethodID MethodOrNone(JNIEnv* env, jclass cls, const char* name, const char* si
 // What an object-returning method answers; a missing object or method, or a
 // Java exception (cleared), answers null.
 LocalRef<jobject> CallOrNull(JNIEnv* env, jobject object, jmethodID method) {
-    if (!object || !method) return LocalRef<jobject>();
+    if (!object || !method) return LocalRef<jobject>(env, nullptr);
     LocalRef<jobject> answer(env, env->CallObjectMethod(object, method));
     ClearPendingException(env);
     return answer;

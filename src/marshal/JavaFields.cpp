@@ -28,7 +28,7 @@ jfieldID JavaClassFields::Id(const char* name, const char* signature) const {
 }
 
 LocalRef<jobject> JavaClassFields::Object(jobject object, jfieldID id) const {
-    if (!m_env || !object || !id) return LocalRef<jobject>();
+    if (!m_env || !object || !id) return LocalRef<jobject>(m_env, nullptr);
     return LocalRef<jobject>(m_env, m_env->GetObjectField(object, id));
 }
 

@@ -23,8 +23,8 @@ std::optional<WideString> GetWideStringFromJString(JNIEnv* env, jstring text) {
     return copy;
 }
 
-jstring GetJStringFromWideString(JNIEnv* env, const char16_t* text) {
-    if (!env) return nullptr;
+LocalRef<jstring> GetJStringFromWideString(JNIEnv* env, const char16_t* text) {
+    if (!env) return LocalRef<jstring>(env, nullptr);
     jstring result = nullptr;
     if (!text) {
         result = env->NewStringUTF("");
@@ -34,85 +34,84 @@ jstring GetJStringFromWideString(JNIEnv* env, const char16_t* text) {
         result = env->NewString(reinterpret_cast<const jchar*>(text), static_cast<jsize>(length));
     }
     if (!result) ClearPendingException(env);
-    return result;
+    return LocalRef<jstring>(env, result);
 }
 
-jstring GetJStringFromWideString(JNIEnv* env, const WideString& text) {
-    if (!env) return nullptr;
+LocalRef<jstring> GetJStringFromWideString(JNIEnv* env, const WideString& text) {
+    if (!env) return LocalRef<jstring>(env, nullptr);
     const size_t nul = text.find(u'\0');
     const size_t length = nul == WideString::npos ? text.size() : nul;
     jstring result = env->NewString(reinterpret_cast<const jchar*>(text.data()), static_cast<jsize>(length));
     if (!result) ClearPendingException(env);
-    return result;
+    return LocalRef<jstring>(env, result);
 }
 
 namespace {
-jbyteArray MakeByteArray(JNIEnv* env, const uint8_t* buffer, uint32_t length, bool copy) {
-    if (!env) return nullptr;
-    if (copy && !buffer && length != 0) return nullptr;
+LocalRef<jbyteArray> MakeByteArray(JNIEnv* env, const uint8_t* buffer, uint32_t length, bool copy) {
+    LocalRef<jbyteArray> none(env, nullptr);
+    if (!env) return none;
+    if (copy && !buffer && length != 0) return none;
     if (env->EnsureLocalCapacity(2) < 0) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
     // The JVM takes a signed 32-bit length: a length of 2 GiB or more
     // cannot be made.
-    if (length > 0x7FFFFFFFu) return nullptr;
-    jbyteArray array = env->NewByteArray(static_cast<jsize>(length));
+    if (length > 0x7FFFFFFFu) return none;
+    LocalRef<jbyteArray> array(env, env->NewByteArray(static_cast<jsize>(length)));
     if (!array) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
     if (copy && length != 0) {
-        env->SetByteArrayRegion(array, 0, static_cast<jsize>(length), reinterpret_cast<const jbyte*>(buffer));
-        if (ClearPendingException(env)) {
-            env->DeleteLocalRef(array);
-            return nullptr;
-        }
+        env->SetByteArrayRegion(array.get(), 0, static_cast<jsize>(length), reinterpret_cast<const jbyte*>(buffer));
+        if (ClearPendingException(env)) return none;
     }
     return array;
 }
 }  // namespace
 
-jbyteArray CreateJByteArrayFromBuffer(JNIEnv* env, const uint8_t* buffer, uint32_t length) {
+LocalRef<jbyteArray> CreateJByteArrayFromBuffer(JNIEnv* env, const uint8_t* buffer, uint32_t length) {
     return MakeByteArray(env, buffer, length, true);
 }
 
-jbyteArray CreateJByteArray(JNIEnv* env, uint32_t length) { return MakeByteArray(env, nullptr, length, false); }
+LocalRef<jbyteArray> CreateJByteArray(JNIEnv* env, uint32_t length) {
+    return MakeByteArray(env, nullptr, length, false);
+}
 
-jobjectArray CreateJStringArray(JNIEnv* env, int32_t count, const WideString* strings) {
-    if (!env || count < 1 || !strings) return nullptr;
-    LocalRef<jclass> stringClass(env, env->FindClass("java/lang/String"));
+LocalRef<jobjectArray> CreateJStringArray(JNIEnv* env, int32_t count, const WideString* strings) {
+    LocalRef<jobjectArray> none(env, nullptr);
+    if (!env || count < 1 || !strings) return none;
+    const LocalRef<jclass> stringClass(env, env->FindClass("java/lang/String"));
     if (!stringClass) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
-    LocalRef<jstring> initial(env, env->NewStringUTF(""));
-    jobjectArray array = env->NewObjectArray(count, stringClass.get(), initial.get());
+    const LocalRef<jstring> initial(env, env->NewStringUTF(""));
+    LocalRef<jobjectArray> array(env, env->NewObjectArray(count, stringClass.get(), initial.get()));
     if (!array) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
     for (int32_t i = 0; i < count; ++i) {
-        LocalRef<jstring> element(env, GetJStringFromWideString(env, strings[i]));
-        env->SetObjectArrayElement(array, i, element.get());
+        const LocalRef<jstring> element = GetJStringFromWideString(env, strings[i]);
+        env->SetObjectArrayElement(array.get(), i, element.get());
     }
     return array;
 }
 
-void ReleaseJObjectArray(JNIEnv* env, jobjectArray array) {
-    if (env && array) env->DeleteLocalRef(array);
-}
+void ReleaseJObjectArray(LocalRef<jobjectArray>& array) { array.reset(); }
 
-uint32_t DescribeJavaObject(JNIEnv* env) {
-    if (!env->ExceptionCheck()) return 1;
-    LocalRef<jthrowable> thrown(env, env->ExceptionOccurred());
+bool TracePendingException(JNIEnv* env) {
+    if (!env->ExceptionCheck()) return false;
+    const LocalRef<jthrowable> thrown(env, env->ExceptionOccurred());
     env->ExceptionClear();
     if (thrown) {
-        LocalRef<jclass> cls(env, env->GetObjectClass(thrown.get()));
+        const LocalRef<jclass> cls(env, env->GetObjectClass(thrown.get()));
         const jmethodID toString =
             cls ? env->GetMethodID(cls.get(), "toString", "()Ljava/lang/String;") : nullptr;
         if (toString) {
-            LocalRef<jstring> text(env, static_cast<jstring>(env->CallObjectMethod(thrown.get(), toString)));
+            const LocalRef<jstring> text(env, static_cast<jstring>(env->CallObjectMethod(thrown.get(), toString)));
             // The text is read (and dropped): only the fixed line is traced.
             if (!ClearPendingException(env)) (void)GetWideStringFromJString(env, text.get());
         } else {
@@ -120,31 +119,32 @@ uint32_t DescribeJavaObject(JNIEnv* env) {
         }
     }
     TraceToStdout("\nException in finding the WebServiceClient class\n");
-    return 0;
+    return true;
 }
 
 jmethodID GetMethodIdWithReport(JNIEnv* env, jclass cls, const char* name, const char* signature) {
     if (!cls) return nullptr;
     const jmethodID id = env->GetMethodID(cls, name, signature);
-    if (!id) DescribeJavaObject(env);
+    if (!id) TracePendingException(env);
     return id;
 }
 
 namespace {
 template <typename T>
-jobject Box(JNIEnv* env, const char* className, const char* signature, T value) {
-    if (!env) return nullptr;
-    LocalRef<jclass> cls(env, env->FindClass(className));
+LocalRef<jobject> Box(JNIEnv* env, const char* className, const char* signature, T value) {
+    LocalRef<jobject> none(env, nullptr);
+    if (!env) return none;
+    const LocalRef<jclass> cls(env, env->FindClass(className));
     if (!cls) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
     const jmethodID constructor = env->GetMethodID(cls.get(), "<init>", signature);
     if (!constructor) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
-    jobject boxed = env->NewObject(cls.get(), constructor, value);
+    LocalRef<jobject> boxed(env, env->NewObject(cls.get(), constructor, value));
     if (!boxed) ClearPendingException(env);
     return boxed;
 }
@@ -152,16 +152,18 @@ jobject Box(JNIEnv* env, const char* className, const char* signature, T value) 
 
 // Values narrower than int travel through the variadic call promoted to int
 // (and float to double), as the JNI calling convention expects.
-jobject BoxBoolean(JNIEnv* env, jboolean value) {
+LocalRef<jobject> BoxBoolean(JNIEnv* env, jboolean value) {
     return Box(env, "java/lang/Boolean", "(Z)V", static_cast<jint>(value));
 }
-jobject BoxByte(JNIEnv* env, jbyte value) { return Box(env, "java/lang/Byte", "(B)V", static_cast<jint>(value)); }
-jobject BoxShort(JNIEnv* env, jshort value) {
+LocalRef<jobject> BoxByte(JNIEnv* env, jbyte value) {
+    return Box(env, "java/lang/Byte", "(B)V", static_cast<jint>(value));
+}
+LocalRef<jobject> BoxShort(JNIEnv* env, jshort value) {
     return Box(env, "java/lang/Short", "(S)V", static_cast<jint>(value));
 }
-jobject BoxInt(JNIEnv* env, jint value) { return Box(env, "java/lang/Integer", "(I)V", value); }
-jobject BoxLong(JNIEnv* env, jlong value) { return Box(env, "java/lang/Long", "(J)V", value); }
-jobject BoxFloat(JNIEnv* env, jfloat value) {
+LocalRef<jobject> BoxInt(JNIEnv* env, jint value) { return Box(env, "java/lang/Integer", "(I)V", value); }
+LocalRef<jobject> BoxLong(JNIEnv* env, jlong value) { return Box(env, "java/lang/Long", "(J)V", value); }
+LocalRef<jobject> BoxFloat(JNIEnv* env, jfloat value) {
     return Box(env, "java/lang/Float", "(F)V", static_cast<jdouble>(value));
 }
-jobject BoxDouble(JNIEnv* env, jdouble value) { return Box(env, "java/lang/Double", "(D)V", value); }
+LocalRef<jobject> BoxDouble(JNIEnv* env, jdouble value) { return Box(env, "java/lang/Double", "(D)V", value); }

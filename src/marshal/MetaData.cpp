@@ -18,34 +18,36 @@ constexpr const char* kPluginMetaDataArraySignature = "[Lcom/qv/AzureLibrary/CPl
 
 // ---- metadata
 
-jobject CreatePluginMetaDataObject(JNIEnv* env) {
-    if (!env) return nullptr;
-    LocalRef<jclass> cls(env, env->FindClass(kPluginMetaDataClass));
+LocalRef<jobject> CreatePluginMetaDataObject(JNIEnv* env) {
+    LocalRef<jobject> none(env, nullptr);
+    if (!env) return none;
+    const LocalRef<jclass> cls(env, env->FindClass(kPluginMetaDataClass));
     if (!cls) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
     const jmethodID constructor = GetMethodIdWithReport(env, cls.get(), "<init>", "()V");
     if (!constructor) {
-        // The lookup has described and cleared the exception already, so this second description finds
-        // none; without a constructor there is nothing to make.
-        DescribeJavaObject(env);
-        return nullptr;
+        // The lookup has traced and cleared the exception already, so this second report finds none;
+        // without a constructor there is nothing to make.
+        TracePendingException(env);
+        return none;
     }
-    jobject element = env->NewObject(cls.get(), constructor);
+    LocalRef<jobject> element(env, env->NewObject(cls.get(), constructor));
     if (!element) ClearPendingException(env);
     return element;
 }
 
-jobjectArray CreatePluginMetaDataArray(JNIEnv* env, int32_t count, jclass elementClass,
-                                       jobject initialElement) {
-    if (!env) return nullptr;
+LocalRef<jobjectArray> CreatePluginMetaDataArray(JNIEnv* env, int32_t count, jclass elementClass,
+                                                 jobject initialElement) {
+    LocalRef<jobjectArray> none(env, nullptr);
+    if (!env) return none;
     if (env->EnsureLocalCapacity(2) < 0) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
-    if (!elementClass || count < 0) return nullptr;
-    jobjectArray array = env->NewObjectArray(count, elementClass, initialElement);
+    if (!elementClass || count < 0) return none;
+    LocalRef<jobjectArray> array(env, env->NewObjectArray(count, elementClass, initialElement));
     if (!array) ClearPendingException(env);
     return array;
 }
@@ -60,16 +62,16 @@ void FillPluginMetaDataArray(JNIEnv* env, jobjectArray array, const ObjectMetaDa
     jsize index = 0;
     for (const auto& entry : *metaData) {
         const jsize slot = index++;
-        LocalRef<jobject> element(env, CreatePluginMetaDataObject(env));
+        const LocalRef<jobject> element = CreatePluginMetaDataObject(env);
         if (!element) continue;
         const JavaClassFields elementClass = JavaClassFields::OfObject(env, element.get());
         if (!elementClass.Found()) continue;
         // The constructor made the val object; only its text is filled in, so its prpType stays the
         // constructor's.
-        LocalRef<jobject> val =
+        const LocalRef<jobject> val =
             elementClass.Object(element.get(), elementClass.Id("val", kPluginValueSignature));
         WritePluginValue(env, val.get(), entry.second);
-        LocalRef<jstring> name(env, GetJStringFromWideString(env, entry.first));
+        const LocalRef<jstring> name = GetJStringFromWideString(env, entry.first);
         metaDataClass.SetObject(element.get(), nameId, name.get());
         metaDataClass.SetObject(element.get(), valId, val.get());
         env->SetObjectArrayElement(array, slot, element.get());
@@ -117,23 +119,24 @@ void WritePluginValue(JNIEnv* env, jobject value, const MetaDataValue& in) {
     (void)valueClass.Id("prpType", kPropertyTypeSignature);
     const jfieldID textId = valueClass.Id("szProperty", kJavaStringSignature);
     if (!textId) return;
-    LocalRef<jstring> text(env, GetJStringFromWideString(env, in.szProperty));
+    const LocalRef<jstring> text = GetJStringFromWideString(env, in.szProperty);
     valueClass.SetObject(value, textId, text.get());
 }
 
-jobjectArray MakePluginMetaDataArray(JNIEnv* env, const ObjectMetaData* metaData) {
-    if (!env || !metaData) return nullptr;
-    if (metaData->size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return nullptr;
-    LocalRef<jobject> initial(env, CreatePluginMetaDataObject(env));
-    LocalRef<jclass> cls(env, env->FindClass(kPluginMetaDataClass));
+LocalRef<jobjectArray> MakePluginMetaDataArray(JNIEnv* env, const ObjectMetaData* metaData) {
+    LocalRef<jobjectArray> none(env, nullptr);
+    if (!env || !metaData) return none;
+    if (metaData->size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return none;
+    const LocalRef<jobject> initial = CreatePluginMetaDataObject(env);
+    const LocalRef<jclass> cls(env, env->FindClass(kPluginMetaDataClass));
     if (!cls) {
         ClearPendingException(env);
-        return nullptr;
+        return none;
     }
-    LocalRef<jobjectArray> array(env, CreatePluginMetaDataArray(env, static_cast<int32_t>(metaData->size()),
-                                                                cls.get(), initial.get()));
+    LocalRef<jobjectArray> array =
+        CreatePluginMetaDataArray(env, static_cast<int32_t>(metaData->size()), cls.get(), initial.get());
     FillPluginMetaDataArray(env, array.get(), metaData);
-    return array.release();
+    return array;
 }
 
 // ---- object sub-lists

@@ -23,14 +23,14 @@
 
 // ---- metadata
 
-// A new CPluginMetaData made with its no-argument constructor (which also makes its val); null when the
-// class or the constructor is missing (a missing constructor is described by DescribeJavaObject).
-jobject CreatePluginMetaDataObject(JNIEnv* env);
+// A new CPluginMetaData made with its no-argument constructor (which also makes its val); nothing when
+// the class or the constructor is missing (a missing constructor is traced by TracePendingException).
+LocalRef<jobject> CreatePluginMetaDataObject(JNIEnv* env);
 
-// A new array of `count` elements of `elementClass`, each slot holding `initialElement`; null when room
-// for two local references cannot be made, or without a class.
-jobjectArray CreatePluginMetaDataArray(JNIEnv* env, int32_t count, jclass elementClass,
-                                       jobject initialElement);
+// A new array of `count` elements of `elementClass`, each slot holding `initialElement`; nothing when
+// room for two local references cannot be made, or without a class.
+LocalRef<jobjectArray> CreatePluginMetaDataArray(JNIEnv* env, int32_t count, jclass elementClass,
+                                                 jobject initialElement);
 
 // Native to Java: walks `metaData` in name order and stores, at index 0 up, a new CPluginMetaData with
 // the entry's name and its val's szProperty set to the entry's text. The val's prpType is left as the
@@ -49,9 +49,9 @@ void ReadPluginValue(JNIEnv* env, jobject value, MetaDataValue* out);
 // not written.
 void WritePluginValue(JNIEnv* env, jobject value, const MetaDataValue& in);
 
-// The CPluginMetaData[] that a storage method receives for `metaData`: null for no map, an empty array for
-// an empty map, else one filled element per entry in name order. The caller owns the array.
-jobjectArray MakePluginMetaDataArray(JNIEnv* env, const ObjectMetaData* metaData);
+// The CPluginMetaData[] that a storage method receives for `metaData`: nothing for no map, an empty array
+// for an empty map, else one filled element per entry in name order.
+LocalRef<jobjectArray> MakePluginMetaDataArray(JNIEnv* env, const ObjectMetaData* metaData);
 
 // ---- object sub-lists
 

@@ -6,6 +6,7 @@
 // this file carries a key (the lines of GetQVCloudStorageKey name only its
 // first text).
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "bridge/CallFrame.h"
@@ -19,62 +20,50 @@ namespace {
 constexpr const char16_t* kSharedExceptionLine = u"CreateObject::Exception is occured...";
 constexpr const char16_t* kUniqueAccountExceptionLine = u"GetUniqueAccountName::Exception is occured...";
 
-OperationTraits GetAccountInfoTraits() {
-    OperationTraits op{"GetAccountInfo", "()Lcom/qv/AzureLibrary/CGetAccountInfoFnValue;",
-                       MissingMethodRule::ReturnSuccess, kSharedExceptionLine};
-    op.testClass = true;
-    op.missingMethodLine = u"GET_ACCOUNT_INFO_NAME::method is not found...";
-    return op;
-}
+constexpr OperationTraits kGetAccountInfo =
+    Operation("GetAccountInfo", "()Lcom/qv/AzureLibrary/CGetAccountInfoFnValue;", MissingMethodRule::ReturnSuccess,
+              kSharedExceptionLine)
+        .FailingWithoutClass(kMissingPluginClassLine)
+        .MissingMethodLine(u"GET_ACCOUNT_INFO_NAME::method is not found...");
 
-OperationTraits GetAllObjectsSizeTraits() {
-    return {"GetAllObjectsSize", "()Lcom/qv/AzureLibrary/CGetAccountSizeValue;", MissingMethodRule::TakeNullResult,
-            u"GetAllObjectsSize::Exception is occured..."};
-}
+constexpr OperationTraits kGetAllObjectsSize =
+    Operation("GetAllObjectsSize", "()Lcom/qv/AzureLibrary/CGetAccountSizeValue;", MissingMethodRule::TakeNullResult,
+              u"GetAllObjectsSize::Exception is occured...");
 
 // GetUniqueAccountName and GetOwnerName: a missing class ends with 40 and no
 // line of its own; both write GetUniqueAccountName's exception line.
-OperationTraits AccountNameTraits(const char* javaName) {
-    OperationTraits op{javaName, "()Lcom/qv/AzureLibrary/CUniqueAccountValue;", MissingMethodRule::TakeNullResult,
-                       kUniqueAccountExceptionLine};
-    op.testClass = true;
-    op.missingClassLine = nullptr;
-    return op;
-}
+constexpr OperationTraits kGetUniqueAccountName =
+    Operation("GetUniqueAccountName", "()Lcom/qv/AzureLibrary/CUniqueAccountValue;",
+              MissingMethodRule::TakeNullResult, kUniqueAccountExceptionLine)
+        .FailingWithoutClass();
+constexpr OperationTraits kGetOwnerName =
+    Operation("GetOwnerName", "()Lcom/qv/AzureLibrary/CUniqueAccountValue;", MissingMethodRule::TakeNullResult,
+              kUniqueAccountExceptionLine)
+        .FailingWithoutClass();
 
-OperationTraits IsSameAccountTraits() {
-    return {"IsSameAccount", "(Ljava/lang/String;Ljava/lang/String;)Lcom/qv/AzureLibrary/CIsObjectExistFnValue;",
-            MissingMethodRule::TakeNullResult, u"IsSameAccount::Exception is occured..."};
-}
+constexpr OperationTraits kIsSameAccount =
+    Operation("IsSameAccount", "(Ljava/lang/String;Ljava/lang/String;)Lcom/qv/AzureLibrary/CIsObjectExistFnValue;",
+              MissingMethodRule::TakeNullResult, u"IsSameAccount::Exception is occured...");
 
-OperationTraits GetStorageKeyTraits() {
-    OperationTraits op{"getStorageKey", "(Ljava/lang/String;Ljava/lang/String;)Lcom/qv/plugin/model/CString;",
-                       MissingMethodRule::TakeNullResult, u"GetQVCloudStorageKey::Exception is occured..."};
-    op.calledLine = u"GetQVCloudStorageKey::Java called ...";
-    op.endedLine = u"GetQVCloudStorageKey::Java ended ...";
-    return op;
-}
+constexpr OperationTraits kGetStorageKey =
+    Operation("getStorageKey", "(Ljava/lang/String;Ljava/lang/String;)Lcom/qv/plugin/model/CString;",
+              MissingMethodRule::TakeNullResult, u"GetQVCloudStorageKey::Exception is occured...")
+        .CalledLine(u"GetQVCloudStorageKey::Java called ...")
+        .EndedLine(u"GetQVCloudStorageKey::Java ended ...");
 
-OperationTraits UpdateStorageKeyTraits() {
-    OperationTraits op{"updateStorageKey", "()Lcom/qv/plugin/model/CString;", MissingMethodRule::ReturnSuccess,
-                       kSharedExceptionLine};
-    op.missingMethodLine = u"UPDATE_STORAGE_KEY_NAME::method is not found...";
-    return op;
-}
+constexpr OperationTraits kUpdateStorageKey =
+    Operation("updateStorageKey", "()Lcom/qv/plugin/model/CString;", MissingMethodRule::ReturnSuccess,
+              kSharedExceptionLine)
+        .MissingMethodLine(u"UPDATE_STORAGE_KEY_NAME::method is not found...");
 
-OperationTraits ServerNameListTraits() {
-    OperationTraits op{"getServerNameList", "()Lcom/qv/plugin/model/CArrayOfString;",
-                       MissingMethodRule::ReturnSuccess, kSharedExceptionLine};
-    op.missingMethodLine = u"GET_MACHINE_NAME_LIST_NAME::method is not found...";
-    return op;
-}
+constexpr OperationTraits kServerNameList =
+    Operation("getServerNameList", "()Lcom/qv/plugin/model/CArrayOfString;", MissingMethodRule::ReturnSuccess,
+              kSharedExceptionLine)
+        .MissingMethodLine(u"GET_MACHINE_NAME_LIST_NAME::method is not found...");
 
-OperationTraits CanBackupTraits() {
-    OperationTraits op{"canBackup", "()Lcom/qv/plugin/model/CInt;", MissingMethodRule::ReturnSuccess,
-                       kSharedExceptionLine};
-    op.missingMethodLine = u"CANBACKUP_NAME::method is not found...";
-    return op;
-}
+constexpr OperationTraits kCanBackup =
+    Operation("canBackup", "()Lcom/qv/plugin/model/CInt;", MissingMethodRule::ReturnSuccess, kSharedExceptionLine)
+        .MissingMethodLine(u"CANBACKUP_NAME::method is not found...");
 
 constexpr const char* kObjectActualSizeName = "GetObjectActualSize";
 constexpr const char* kObjectActualSizeSignature = "(JJ)J";
@@ -86,7 +75,7 @@ void NoArguments(JavaArguments&) {}
 }  // namespace
 
 uint32_t JNIBridge::GetAccountInfo(AccountInfoRecord* info) {
-    return RunCallFrame(Context(), GetAccountInfoTraits(), NoArguments, [&](JNIEnv* env, jobject result) {
+    return RunCallFrame(Context(), kGetAccountInfo, NoArguments, [&](JNIEnv* env, jobject result) {
         uint32_t ordinal = 0;
         ConvertCGetAccountInfoFnValue(env, result, &ordinal, info);
         return MapErrorOrdinal(static_cast<int32_t>(ordinal));
@@ -94,7 +83,7 @@ uint32_t JNIBridge::GetAccountInfo(AccountInfoRecord* info) {
 }
 
 uint32_t JNIBridge::GetAllObjectsSize(int64_t* size) {
-    return RunCallFrame(Context(), GetAllObjectsSizeTraits(), NoArguments, [&](JNIEnv* env, jobject result) {
+    return RunCallFrame(Context(), kGetAllObjectsSize, NoArguments, [&](JNIEnv* env, jobject result) {
         // Without a result the size stays as the host left it.
         if (!result) return kResultBridgeFailure;
         uint32_t ordinal = 0;
@@ -108,8 +97,8 @@ namespace {
 // GetUniqueAccountName and GetOwnerName: a null result gives 40 with the name
 // untouched; otherwise the name Java gave (empty when it gave none) is
 // assigned, also when Java reports an error.
-uint32_t RunAccountName(const BridgeContext& bridge, const char* javaName, WideString& name) {
-    return RunCallFrame(bridge, AccountNameTraits(javaName), NoArguments, [&](JNIEnv* env, jobject result) {
+uint32_t RunAccountName(const BridgeContext& bridge, const OperationTraits& op, WideString& name) {
+    return RunCallFrame(bridge, op, NoArguments, [&](JNIEnv* env, jobject result) {
         if (!result) return kResultBridgeFailure;
         uint32_t ordinal = 0;
         WideString accountName;
@@ -123,14 +112,14 @@ uint32_t RunAccountName(const BridgeContext& bridge, const char* javaName, WideS
 }  // namespace
 
 uint32_t JNIBridge::GetUniqueAccountName(WideString& name) {
-    return RunAccountName(Context(), "GetUniqueAccountName", name);
+    return RunAccountName(Context(), kGetUniqueAccountName, name);
 }
 
-uint32_t JNIBridge::GetOwnerName(WideString& name) { return RunAccountName(Context(), "GetOwnerName", name); }
+uint32_t JNIBridge::GetOwnerName(WideString& name) { return RunAccountName(Context(), kGetOwnerName, name); }
 
 uint32_t JNIBridge::IsSameAccount(const WideString& first, const WideString& second, uint32_t* same) {
     return RunCallFrame(
-        Context(), IsSameAccountTraits(),
+        Context(), kIsSameAccount,
         [&](JavaArguments& arguments) {
             arguments.AddString(first);
             arguments.AddString(second);
@@ -148,7 +137,7 @@ uint32_t JNIBridge::IsSameAccount(const WideString& first, const WideString& sec
 uint32_t JNIBridge::GetQVCloudStorageKey(const WideString& first, const WideString& second, WideString& key) {
     // The called and ended lines name the first text only: the key never reaches the log.
     return RunCallFrame(
-        Context(), GetStorageKeyTraits(), first,
+        Context(), kGetStorageKey, first,
         [&](JavaArguments& arguments) {
             arguments.AddString(first);
             arguments.AddString(second);
@@ -165,7 +154,7 @@ uint32_t JNIBridge::GetQVCloudStorageKey(const WideString& first, const WideStri
 }
 
 uint32_t JNIBridge::updateStorageKey(WideString& key) {
-    return RunCallFrame(Context(), UpdateStorageKeyTraits(), NoArguments, [&](JNIEnv* env, jobject result) {
+    return RunCallFrame(Context(), kUpdateStorageKey, NoArguments, [&](JNIEnv* env, jobject result) {
         uint32_t ordinal = 0;
         ConvertCString(env, result, &ordinal, &key);
         return MapErrorOrdinal(static_cast<int32_t>(ordinal));
@@ -173,7 +162,7 @@ uint32_t JNIBridge::updateStorageKey(WideString& key) {
 }
 
 uint32_t JNIBridge::getServerNameList(StringList* names) {
-    return RunCallFrame(Context(), ServerNameListTraits(), NoArguments, [&](JNIEnv* env, jobject result) {
+    return RunCallFrame(Context(), kServerNameList, NoArguments, [&](JNIEnv* env, jobject result) {
         uint32_t ordinal = 0;
         ConvertCArrayOfString(env, result, &ordinal, names);
         return MapErrorOrdinal(static_cast<int32_t>(ordinal));
@@ -181,7 +170,7 @@ uint32_t JNIBridge::getServerNameList(StringList* names) {
 }
 
 uint32_t JNIBridge::CanBackup(int32_t* value) {
-    return RunCallFrame(Context(), CanBackupTraits(), NoArguments, [&](JNIEnv* env, jobject result) {
+    return RunCallFrame(Context(), kCanBackup, NoArguments, [&](JNIEnv* env, jobject result) {
         // The value starts at 0, so a null result answers 0; any other integer is Java's to give.
         uint32_t ordinal = 0;
         int32_t answer = 0;
@@ -192,32 +181,29 @@ uint32_t JNIBridge::CanBackup(int32_t* value) {
 }
 
 // The Java method answers a long, not a value object, so the call is made
-// here with CallLongMethodA instead of through RunCallFrame; the steps around
-// it are the frame's: the class is tested, a missing method writes its line
-// and ends with 0 (40 while an exception is pending). A Java exception out of
-// the method counts as a failure of the operation: it is cleared, the
-// exception line is written and the result is 40, the output untouched.
+// here with CallLongMethodA instead of through RunCallFrame; the frame opens
+// as for every operation: the class is tested (its line, 40), a missing
+// method writes its line and ends with 0 (40 while an exception is pending).
+// A Java exception out of the method counts as a failure of the operation:
+// it is cleared, the exception line is written and the result is 40, the
+// output untouched.
 uint32_t JNIBridge::GetObjectActualSize(uint64_t first, uint64_t second, int64_t* actualSize) {
-    AutoAttachJVM guard(m_pJVM, m_pLog);
-    JNIEnv* env = guard.GetJNIEnv();
-    if (!env || !m_ObjQVAzurePlugInLibrary) return kResultBridgeFailure;
+    FrameOpening frame(Context());
+    if (!frame.Ready()) return kResultBridgeFailure;
+    JNIEnv* const env = frame.Env();
     try {
-        LocalRef<jclass> cls(env, env->GetObjectClass(m_ObjQVAzurePlugInLibrary));
-        if (!cls) {
-            ClearPendingException(env);
-            LogError(m_pLog, u"m_ObjQVAzurePlugInLibrary is failed...");
-            return kResultBridgeFailure;
-        }
-        const jmethodID method =
-            GetAzurePlugInObjectMethod(env, m_pLog, cls.get(), kObjectActualSizeName, kObjectActualSizeSignature);
+        if (const std::optional<uint32_t> end =
+                frame.TakePluginClass(MissingClassRule::Fail, kMissingPluginClassLine))
+            return *end;
+        const jmethodID method = frame.LookUpMethod(kObjectActualSizeName, kObjectActualSizeSignature);
         if (!method) {
             LogError(m_pLog, kObjectActualSizeMissingLine);
-            return DescribeException(env, m_pLog) == 0 ? kResultBridgeFailure : kResultSuccess;
+            return DescribePendingException(env, m_pLog) ? kResultBridgeFailure : kResultSuccess;
         }
         JavaArguments arguments(env);
         arguments.AddLong(static_cast<int64_t>(first));
         arguments.AddLong(static_cast<int64_t>(second));
-        const jlong answer = env->CallLongMethodA(m_ObjQVAzurePlugInLibrary, method, arguments.Values());
+        const jlong answer = env->CallLongMethodA(PluginObject(), method, arguments.Values());
         if (ClearPendingException(env)) {
             LogError(m_pLog, kSharedExceptionLine);
             return kResultBridgeFailure;

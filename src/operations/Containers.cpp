@@ -14,76 +14,52 @@ namespace {
 
 // GetListContainers and GetArchiveSet share their result class and lines; a
 // missing method counts as success.
-const OperationTraits kGetListContainers{
-    "GetListContainers",
-    "()Lcom/qv/AzureLibrary/QVListContainers;",
-    MissingMethodRule::ReturnSuccess,
-    u"GetContainersList::Exception is occured...",
-};
-
-const OperationTraits kGetArchiveSet{
-    "GetArchiveSet",
-    "()Lcom/qv/AzureLibrary/QVListContainers;",
-    MissingMethodRule::ReturnSuccess,
-    u"GetContainersList::Exception is occured...",
-};
+constexpr OperationTraits kGetListContainers =
+    Operation("GetListContainers", "()Lcom/qv/AzureLibrary/QVListContainers;", MissingMethodRule::ReturnSuccess,
+              u"GetContainersList::Exception is occured...");
+constexpr OperationTraits kGetArchiveSet =
+    Operation("GetArchiveSet", "()Lcom/qv/AzureLibrary/QVListContainers;", MissingMethodRule::ReturnSuccess,
+              u"GetContainersList::Exception is occured...");
 
 // GetRegions: a missing method writes its own line first, then counts as success.
-OperationTraits RegionsTraits() {
-    OperationTraits op{
-        "GetRegions",
-        "()Lcom/qv/AzureLibrary/QVListRegions;",
-        MissingMethodRule::ReturnSuccess,
-        u"CreateObject::Exception is occured...",
-    };
-    op.missingMethodLine = u"GET_LIST_REGIONS_NAME::method is not found...";
-    return op;
-}
-const OperationTraits kGetRegions = RegionsTraits();
+constexpr OperationTraits kGetRegions =
+    Operation("GetRegions", "()Lcom/qv/AzureLibrary/QVListRegions;", MissingMethodRule::ReturnSuccess,
+              u"CreateObject::Exception is occured...")
+        .MissingMethodLine(u"GET_LIST_REGIONS_NAME::method is not found...");
 
 // The existence tests check the plug-in object's class; a missing method
 // with an exception pending writes the operation's line, one without reads
 // as a null result.
-OperationTraits ExistenceTraits(const char* javaName, const char* signature, const char16_t* exceptionLine,
-                                const char16_t* pendingExceptionLine) {
-    OperationTraits op{javaName, signature, MissingMethodRule::TakeNullResult, exceptionLine};
-    op.testClass = true;
-    op.pendingExceptionLine = pendingExceptionLine;
-    return op;
-}
-const OperationTraits kIsValidContainer =
-    ExistenceTraits("IsValidContainer", "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CIsObjectExistFnValue;",
-                    u"IsValidContainer::Exception is occured...", u"IS_VALIDCONTAINER_NAME is failed...");
+constexpr OperationTraits kIsValidContainer =
+    Operation("IsValidContainer", "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CIsObjectExistFnValue;",
+              MissingMethodRule::TakeNullResult, u"IsValidContainer::Exception is occured...")
+        .FailingWithoutClass(kMissingPluginClassLine)
+        .PendingExceptionLine(u"IS_VALIDCONTAINER_NAME is failed...");
 // Java declares this result in the AmazonLibrary package; that class extends
 // the AzureLibrary one, whose converter reads it.
-const OperationTraits kIsContainerExists =
-    ExistenceTraits("IsContainerExists", "(Ljava/lang/String;)Lcom/qv/AmazonLibrary/CIsObjectExistFnValue;",
-                    u"IsContainerExists::Exception is occured...", u"IS_ISCONTAINEREXISTS_NAME is failed...");
+constexpr OperationTraits kIsContainerExists =
+    Operation("IsContainerExists", "(Ljava/lang/String;)Lcom/qv/AmazonLibrary/CIsObjectExistFnValue;",
+              MissingMethodRule::TakeNullResult, u"IsContainerExists::Exception is occured...")
+        .FailingWithoutClass(kMissingPluginClassLine)
+        .PendingExceptionLine(u"IS_ISCONTAINEREXISTS_NAME is failed...");
 
 // DeleteContainer and GetContainerName: a missing method reads as a null
 // result; error lines are written around the call.
-OperationTraits CalledAndEndedTraits(const char* javaName, const char* signature, const char16_t* exceptionLine,
-                                     const char16_t* calledLine, const char16_t* endedLine) {
-    OperationTraits op{javaName, signature, MissingMethodRule::TakeNullResult, exceptionLine};
-    op.calledLine = calledLine;
-    op.endedLine = endedLine;
-    return op;
-}
-const OperationTraits kDeleteContainer = CalledAndEndedTraits(
-    "DeleteContainer", "()Lcom/qv/QVCloudPluginInterface/CErrorValue;",
-    u"DeleteContainerFromQVCloud::Exception is occured...", u"DeleteContainerFromQVCloud::Java called ...",
-    u"DeleteContainerFromQVCloud::Java ended ...");
-const OperationTraits kGetContainerName = CalledAndEndedTraits(
-    "GetContainerName", "()Lcom/qv/AzureLibrary/CUniqueAccountValue;", u"GetContainerName::Exception is occured...",
-    u"GetContainerName::Java called ...", u"GetContainerName::Java ended ...");
+constexpr OperationTraits kDeleteContainer =
+    Operation("DeleteContainer", "()Lcom/qv/QVCloudPluginInterface/CErrorValue;", MissingMethodRule::TakeNullResult,
+              u"DeleteContainerFromQVCloud::Exception is occured...")
+        .CalledLine(u"DeleteContainerFromQVCloud::Java called ...")
+        .EndedLine(u"DeleteContainerFromQVCloud::Java ended ...");
+constexpr OperationTraits kGetContainerName =
+    Operation("GetContainerName", "()Lcom/qv/AzureLibrary/CUniqueAccountValue;", MissingMethodRule::TakeNullResult,
+              u"GetContainerName::Exception is occured...")
+        .CalledLine(u"GetContainerName::Java called ...")
+        .EndedLine(u"GetContainerName::Java ended ...");
 
 // GetBucketRegion: a missing method counts as success.
-const OperationTraits kGetBucketRegion{
-    "GetBucketRegion",
-    "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CCreateFnValue;",
-    MissingMethodRule::ReturnSuccess,
-    u"CreateObject::Exception is occured...",
-};
+constexpr OperationTraits kGetBucketRegion =
+    Operation("GetBucketRegion", "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CCreateFnValue;",
+              MissingMethodRule::ReturnSuccess, u"CreateObject::Exception is occured...");
 
 // The conversion of both container lists.
 uint32_t ContainerNames(JNIEnv* env, jobject result, StringList* containers) {

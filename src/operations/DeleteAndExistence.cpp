@@ -20,10 +20,38 @@ constexpr const char16_t* kDeleteCachedObjectByNameException = u"DeleteCachedObj
 // IsObjectPathSupported has no line of its own and writes this one too.
 constexpr const char16_t* kIsObjectExistException = u"IsObjectExist::Exception is occured...";
 
-// The 64-bit number that JavaArguments passes whose jvalue holds `value` as
-// a Java int: a Java int parameter reads the jvalue's `i` member, so the int
-// is laid into a zeroed jvalue and the jvalue's bytes are passed whole. This
-// holds whatever the byte order.
+// DeleteObjectByName tests the plug-in object's class: a null class with a
+// Java exception pending describes it and gives 40; with none pending the
+// operation goes on, and the method lookup on the null class fails, which
+// ends with 0.
+constexpr OperationTraits kDeleteObjectByName =
+    Operation("DeleteObjectByName", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
+              kDeleteObjectByNameException)
+        .WithoutClass(MissingClassRule::DescribeThenGoOn);
+
+constexpr OperationTraits kDeleteObjectByHandle = Operation(
+    "DeleteObjectByHandle", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess, kDeleteObjectByHandleException);
+
+// A missing method reads as a null result here (47 below).
+constexpr OperationTraits kDeleteObjectByHandleList =
+    Operation("DeleteObjectByHandle", kDeleteByHandleListSignature, MissingMethodRule::TakeNullResult,
+              kDeleteObjectByHandleException);
+
+constexpr OperationTraits kDeleteCachedObjectByName =
+    Operation("DeleteCachedObjectByName", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
+              kDeleteCachedObjectByNameException)
+        .FailingWithoutClass(kMissingPluginClassLine);
+
+// The existence questions: a missing method reads as a null result (the flag
+// becomes 0 and the result 0).
+constexpr OperationTraits kIsObjectExist =
+    Operation("IsObjectExist", kIsObjectExistSignature, MissingMethodRule::TakeNullResult, kIsObjectExistException)
+        .FailingWithoutClass(kMissingPluginClassLine);
+constexpr OperationTraits kIsObjectPathSupported =
+    Operation("IsObjectPathSupported", kIsObjectPathSupportedSignature, MissingMethodRule::TakeNullResult,
+              kIsObjectExistException)
+        .FailingWithoutClass(kMissingPluginClassLine);
+
 // Converts the CIsObjectExistFnValue of an existence question: the flag
 // (isExist as 1 or 0, 0 when Java gave none) goes to `*flagOut` when there is
 // one, and the result is the mapped error ordinal. A Java error still writes
@@ -41,12 +69,8 @@ auto ExistenceConversion(uint32_t* flagOut) {
 }  // namespace
 
 uint32_t JNIBridge::DeleteObjectByName(const WideString& name) {
-    // The plug-in object's class is not tested: a null one makes the method
-    // lookup fail, which (its exception described there) ends with 0.
-    const OperationTraits op{"DeleteObjectByName", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
-                             kDeleteObjectByNameException};
     return RunCallFrame(
-        Context(), op,
+        Context(), kDeleteObjectByName,
         [&](JavaArguments& arguments) {
             // The trace line of every deletion: the exception text followed by
             // the name, written before Java is called whatever happens next.
@@ -57,19 +81,14 @@ uint32_t JNIBridge::DeleteObjectByName(const WideString& name) {
 }
 
 uint32_t JNIBridge::DeleteObjectByHandle(const WideString& handle) {
-    const OperationTraits op{"DeleteObjectByHandle", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
-                             kDeleteObjectByHandleException};
     return RunCallFrame(
-        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(handle); },
+        Context(), kDeleteObjectByHandle, [&](JavaArguments& arguments) { arguments.AddString(handle); },
         [this](JNIEnv* env, jobject result) { return GetErrorId(env, m_pLog, result); });
 }
 
 uint32_t JNIBridge::DeleteObjectByHandle(const WideString* handles, uint32_t count) {
-    // A missing method reads as a null result here (47 below).
-    const OperationTraits op{"DeleteObjectByHandle", kDeleteByHandleListSignature, MissingMethodRule::TakeNullResult,
-                             kDeleteObjectByHandleException};
     return RunCallFrame(
-        Context(), op,
+        Context(), kDeleteObjectByHandleList,
         [&](JavaArguments& arguments) {
             // A count below 1 (or one beyond a Java array's reach) passes a null array.
             arguments.AddObject(CreateJStringArray(arguments.Env(), static_cast<int32_t>(count), handles));
@@ -84,29 +103,19 @@ uint32_t JNIBridge::DeleteObjectByHandle(const WideString* handles, uint32_t cou
 }
 
 uint32_t JNIBridge::DeleteCachedObjectByName(const WideString& name) {
-    OperationTraits op{"DeleteCachedObjectByName", kDeleteByStringSignature, MissingMethodRule::ReturnSuccess,
-                       kDeleteCachedObjectByNameException};
-    op.testClass = true;
     return RunCallFrame(
-        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(name); },
+        Context(), kDeleteCachedObjectByName, [&](JavaArguments& arguments) { arguments.AddString(name); },
         [this](JNIEnv* env, jobject result) { return GetErrorId(env, m_pLog, result); });
 }
 
 uint32_t JNIBridge::IsObjectExist(const WideString& name, uint32_t* exists) {
-    // A missing method reads as a null result: the flag becomes 0 and the result 0.
-    OperationTraits op{"IsObjectExist", kIsObjectExistSignature, MissingMethodRule::TakeNullResult,
-                       kIsObjectExistException};
-    op.testClass = true;
     return RunCallFrame(
-        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(name); }, ExistenceConversion(exists));
+        Context(), kIsObjectExist, [&](JavaArguments& arguments) { arguments.AddString(name); }, ExistenceConversion(exists));
 }
 
 uint32_t JNIBridge::IsObjectPathSupported(const WideString& path, int32_t pathType, uint32_t* supported) {
-    OperationTraits op{"IsObjectPathSupported", kIsObjectPathSupportedSignature, MissingMethodRule::TakeNullResult,
-                       kIsObjectExistException};
-    op.testClass = true;
     return RunCallFrame(
-        Context(), op,
+        Context(), kIsObjectPathSupported,
         [&](JavaArguments& arguments) {
             arguments.AddString(path);
             // The path type's meaning is the Java library's; it is passed on unchanged.

@@ -14,35 +14,26 @@ namespace {
 
 constexpr const char16_t* kAddJobInfoExceptionLine = u"AddJobInfo::Exception is occured...";
 
-OperationTraits AddJobInfoTraits() {
-    OperationTraits op{"addJobInfo", "(JJJJJJ)Lcom/qv/QVCloudPluginInterface/CErrorValue;",
-                       MissingMethodRule::TakeNullResult, kAddJobInfoExceptionLine};
-    op.missingMethodLine = u"AddJobInfo::method is not found...";
-    return op;
-}
+constexpr OperationTraits kAddJobInfo =
+    Operation("addJobInfo", "(JJJJJJ)Lcom/qv/QVCloudPluginInterface/CErrorValue;", MissingMethodRule::TakeNullResult,
+              kAddJobInfoExceptionLine)
+        .MissingMethodLine(u"AddJobInfo::method is not found...");
 
 // A missing class ends with 40 and no line of its own.
-OperationTraits CheckConnectivityTraits() {
-    OperationTraits op{"CheckConnectivity", "()Lcom/qv/QVCloudPluginInterface/CErrorValue;",
-                       MissingMethodRule::ReturnSuccess, u"CheckConnectivity::Exception is occured..."};
-    op.testClass = true;
-    op.missingClassLine = nullptr;
-    return op;
-}
+constexpr OperationTraits kCheckConnectivity =
+    Operation("CheckConnectivity", "()Lcom/qv/QVCloudPluginInterface/CErrorValue;", MissingMethodRule::ReturnSuccess,
+              u"CheckConnectivity::Exception is occured...")
+        .FailingWithoutClass();
 
 // A missing class ends with 40 and no line of its own.
-OperationTraits DefaultObjectSizeRangeTraits() {
-    OperationTraits op{"GetDefaultObjectSizeRange", "()Lcom/qv/AzureLibrary/CGDefaultObjSizeRangeValue;",
-                       MissingMethodRule::TakeNullResult, u"GetDefaultObjectSizeRange::Exception is occured..."};
-    op.testClass = true;
-    op.missingClassLine = nullptr;
-    return op;
-}
+constexpr OperationTraits kDefaultObjectSizeRange =
+    Operation("GetDefaultObjectSizeRange", "()Lcom/qv/AzureLibrary/CGDefaultObjSizeRangeValue;",
+              MissingMethodRule::TakeNullResult, u"GetDefaultObjectSizeRange::Exception is occured...")
+        .FailingWithoutClass();
 
-OperationTraits PluginCapabilitiesTraits() {
-    return {"GetCloudPluginCapabilities", "()Lcom/qv/QVCloudPluginInterface/CloudPluginCapabilities;",
-            MissingMethodRule::ReturnSuccess, u"GetPluginCapabilities::Exception is occured..."};
-}
+constexpr OperationTraits kPluginCapabilities =
+    Operation("GetCloudPluginCapabilities", "()Lcom/qv/QVCloudPluginInterface/CloudPluginCapabilities;",
+              MissingMethodRule::ReturnSuccess, u"GetPluginCapabilities::Exception is occured...");
 
 void NoArguments(JavaArguments&) {}
 
@@ -54,7 +45,7 @@ void SetIfPresent(int64_t* output, int64_t value) {
 
 uint32_t JNIBridge::AddJobInfo(const JobInfoRecord* job) {
     return RunCallFrame(
-        Context(), AddJobInfoTraits(),
+        Context(), kAddJobInfo,
         [&](JavaArguments& arguments) -> std::optional<uint32_t> {
             // Without a record there are no values to give: the operation fails as on any exception.
             if (!job) {
@@ -73,13 +64,13 @@ uint32_t JNIBridge::AddJobInfo(const JobInfoRecord* job) {
 }
 
 uint32_t JNIBridge::CheckConnectivity() {
-    return RunCallFrame(Context(), CheckConnectivityTraits(), NoArguments,
+    return RunCallFrame(Context(), kCheckConnectivity, NoArguments,
                         [&](JNIEnv* env, jobject result) { return GetErrorId(env, m_pLog, result); });
 }
 
 uint32_t JNIBridge::GetDefaultObjectSizeRange(int64_t* minimum, int64_t* defaultSize, int64_t* maximum) {
     return RunCallFrame(
-        Context(), DefaultObjectSizeRangeTraits(),
+        Context(), kDefaultObjectSizeRange,
         [&](JavaArguments&) {
             // The outputs read 0 from here on, also when Java gives nothing.
             SetIfPresent(maximum, 0);
@@ -101,7 +92,7 @@ uint32_t JNIBridge::GetDefaultObjectSizeRange(int64_t* minimum, int64_t* default
 uint32_t JNIBridge::GetPluginCapabilities(CapabilitiesRecord* capabilities) {
     // The marker is set before anything else, so it stands also when the operation fails.
     if (capabilities) capabilities->marker = 1;
-    return RunCallFrame(Context(), PluginCapabilitiesTraits(), NoArguments, [&](JNIEnv* env, jobject result) {
+    return RunCallFrame(Context(), kPluginCapabilities, NoArguments, [&](JNIEnv* env, jobject result) {
         // Java reports no error here: only the bridge's own failures reach the host.
         ConvertCloudPluginCapabilities(env, result, capabilities ? &capabilities->capabilities : nullptr);
         return kResultSuccess;

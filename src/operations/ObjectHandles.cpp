@@ -28,6 +28,21 @@ constexpr const char16_t* kOpenObjectException = u"OpenObject::Exception is occu
 constexpr const char16_t* kCreateCachedObjectException = u"CreateCachedObject::Exception is occured...";
 constexpr const char16_t* kCloseObjectException = u"CloseObject::Exception is occured...";
 
+constexpr OperationTraits kCreateObject = Operation("CreateObject", kCreateObjectSignature,
+                                                    MissingMethodRule::ReturnSuccess, kCreateObjectException);
+constexpr OperationTraits kCreateObjectWithMetaData =
+    Operation("CreateObject", kCreateObjectWithMetaDataSignature, MissingMethodRule::ReturnSuccess,
+              kCreateObjectException);
+constexpr OperationTraits kOpenObject =
+    Operation("OpenObject", kOpenObjectSignature, MissingMethodRule::ReturnSuccess, kOpenObjectException);
+constexpr OperationTraits kOpenObjectWithFlag =
+    Operation("OpenObject", kOpenObjectWithFlagSignature, MissingMethodRule::ReturnSuccess, kOpenObjectException);
+constexpr OperationTraits kCreateCachedObject =
+    Operation("CreateCachedObject", kCreateCachedObjectSignature, MissingMethodRule::ReturnSuccess,
+              kCreateCachedObjectException);
+constexpr OperationTraits kCloseObject =
+    Operation("CloseObject", kCloseObjectSignature, MissingMethodRule::ReturnSuccess, kCloseObjectException);
+
 constexpr const char16_t* kCreateObjectEnded = u"CreateObject::is ended...";
 constexpr const char16_t* kNullMetaDataLine = u"CreateObject::is called wih null metadata...";
 
@@ -61,10 +76,8 @@ void NoLinesAfterHandle(JNIWrapperLog*, const WideString&) {}
 }  // namespace
 
 uint32_t JNIBridge::CreateObject(const WideString& name, WideString& handle) {
-    const OperationTraits op{"CreateObject", kCreateObjectSignature, MissingMethodRule::ReturnSuccess,
-                             kCreateObjectException};
     return RunCallFrame(
-        Context(), op,
+        Context(), kCreateObject,
         [&](JavaArguments& arguments) {
             arguments.AddString(name);
             LogDetail(m_pLog, name);
@@ -73,10 +86,8 @@ uint32_t JNIBridge::CreateObject(const WideString& name, WideString& handle) {
 }
 
 uint32_t JNIBridge::CreateObject(const WideString& name, ObjectMetaData* metaData, WideString& handle) {
-    const OperationTraits op{"CreateObject", kCreateObjectWithMetaDataSignature, MissingMethodRule::ReturnSuccess,
-                             kCreateObjectException};
     return RunCallFrame(
-        Context(), op,
+        Context(), kCreateObjectWithMetaData,
         [&](JavaArguments& arguments) {
             arguments.AddString(name);
             LogDetail(m_pLog, name);
@@ -86,25 +97,21 @@ uint32_t JNIBridge::CreateObject(const WideString& name, ObjectMetaData* metaDat
             } else {
                 // No metadata still calls Java, with a null array.
                 LogError(m_pLog, kNullMetaDataLine + name);
-                arguments.AddObject(nullptr);
+                arguments.AddNull();
             }
         },
         HandleConversion(m_pLog, handle, LogCreateObjectEnded));
 }
 
 uint32_t JNIBridge::OpenObject(const WideString& name, WideString& handle) {
-    const OperationTraits op{"OpenObject", kOpenObjectSignature, MissingMethodRule::ReturnSuccess,
-                             kOpenObjectException};
     return RunCallFrame(
-        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(name); },
+        Context(), kOpenObject, [&](JavaArguments& arguments) { arguments.AddString(name); },
         HandleConversion(m_pLog, handle, NoLinesAfterHandle));
 }
 
 uint32_t JNIBridge::OpenObject(const WideString& name, WideString& handle, bool flag) {
-    const OperationTraits op{"OpenObject", kOpenObjectWithFlagSignature, MissingMethodRule::ReturnSuccess,
-                             kOpenObjectException};
     return RunCallFrame(
-        Context(), op,
+        Context(), kOpenObjectWithFlag,
         [&](JavaArguments& arguments) {
             arguments.AddString(name);
             // The flag's meaning is the Java library's; it is passed on as it is.
@@ -114,17 +121,13 @@ uint32_t JNIBridge::OpenObject(const WideString& name, WideString& handle, bool 
 }
 
 uint32_t JNIBridge::CreateCachedObject(const WideString& name, WideString& handle) {
-    const OperationTraits op{"CreateCachedObject", kCreateCachedObjectSignature, MissingMethodRule::ReturnSuccess,
-                             kCreateCachedObjectException};
     return RunCallFrame(
-        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(name); },
+        Context(), kCreateCachedObject, [&](JavaArguments& arguments) { arguments.AddString(name); },
         HandleConversion(m_pLog, handle, NoLinesAfterHandle));
 }
 
 uint32_t JNIBridge::CloseObject(const WideString& handle) {
-    const OperationTraits op{"CloseObject", kCloseObjectSignature, MissingMethodRule::ReturnSuccess,
-                             kCloseObjectException};
     return RunCallFrame(
-        Context(), op, [&](JavaArguments& arguments) { arguments.AddString(handle); },
+        Context(), kCloseObject, [&](JavaArguments& arguments) { arguments.AddString(handle); },
         [this](JNIEnv* env, jobject result) { return GetErrorId(env, m_pLog, result); });
 }

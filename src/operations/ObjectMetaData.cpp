@@ -12,43 +12,28 @@ namespace {
 
 // SetObjectMetaData: a missing method counts as success; the CErrorValue
 // that Java returns is the result (40 for null).
-const OperationTraits kSetObjectMetaData{
-    "SetObjectMetaData",
-    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)Lcom/qv/QVCloudPluginInterface/CErrorValue;",
-    MissingMethodRule::ReturnSuccess,
-    u"SetObjectMetaData::Exception is occured...",
-};
+constexpr OperationTraits kSetObjectMetaData =
+    Operation("SetObjectMetaData",
+              "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)Lcom/qv/QVCloudPluginInterface/CErrorValue;",
+              MissingMethodRule::ReturnSuccess, u"SetObjectMetaData::Exception is occured...");
 
 // GetObjectMetaData of one property: a missing method reads as a null
 // result; the object's name follows the lines written around the call.
-OperationTraits PropertyTraits() {
-    OperationTraits op{
-        "GetObjectMetaData",
-        "(Ljava/lang/String;Ljava/lang/String;)Lcom/qv/AzureLibrary/CGetObjectMetaData;",
-        MissingMethodRule::TakeNullResult,
-        u"GetObjectMetaData::Exception is occured...",
-    };
-    op.calledLine = u"GetObjectMetaData::Java called ...";
-    op.endedLine = u"GetObjectMetaData::Java ended ...";
-    return op;
-}
-const OperationTraits kGetObjectProperty = PropertyTraits();
+constexpr OperationTraits kGetObjectProperty =
+    Operation("GetObjectMetaData", "(Ljava/lang/String;Ljava/lang/String;)Lcom/qv/AzureLibrary/CGetObjectMetaData;",
+              MissingMethodRule::TakeNullResult, u"GetObjectMetaData::Exception is occured...")
+        .CalledLine(u"GetObjectMetaData::Java called ...")
+        .EndedLine(u"GetObjectMetaData::Java ended ...");
 
 // GetObjectMetaData of all properties: a missing method reads as a null result.
-const OperationTraits kGetObjectMetaData{
-    "GetObjectMetaData",
-    "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CGObjectMetaDataFnValue;",
-    MissingMethodRule::TakeNullResult,
-    u"GetObjectMetaData::Exception is occured...",
-};
+constexpr OperationTraits kGetObjectMetaData =
+    Operation("GetObjectMetaData", "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CGObjectMetaDataFnValue;",
+              MissingMethodRule::TakeNullResult, u"GetObjectMetaData::Exception is occured...");
 
 // GetObjectSubList: a missing method reads as a null result, which gives 40.
-const OperationTraits kGetObjectSubList{
-    "GetObjectSubList",
-    "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CRetGetSubMetaDataList;",
-    MissingMethodRule::TakeNullResult,
-    u"GetObjectSubList::Exception is occured...",
-};
+constexpr OperationTraits kGetObjectSubList =
+    Operation("GetObjectSubList", "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CRetGetSubMetaDataList;",
+              MissingMethodRule::TakeNullResult, u"GetObjectSubList::Exception is occured...");
 
 }  // namespace
 

@@ -6,11 +6,11 @@
 //
 // Each makes one Java byte[] of the low 32 bits of the requested length,
 // hands it to Java to fill and copies it back into the host's buffer with one
-// GetByteArrayRegion. The copy is bounded (design.md section 5, rule 4): it
-// takes min(reported count, array length) bytes, never a negative count, so a
-// Java library that reports more than the array holds cannot make the bridge
-// write past the host's buffer; the length output still receives the
-// reported count. A missing array or a failed copy gives 14.
+// GetByteArrayRegion. The copy is bounded: it takes min(reported count,
+// array length) bytes, never a negative count, so a Java library that reports
+// more than the array holds cannot make the bridge write past the host's
+// buffer; the length output still receives the reported count (see
+// docs/deviations.md). A missing array or a failed copy gives 14.
 //
 // The two Java long arguments come in opposite orders: ReadObject passes the
 // length before the offset, the two metadata-reading forms the offset before
@@ -24,36 +24,27 @@
 
 namespace {
 
-// What a read answers when the data cannot be copied into the host's buffer.
-constexpr uint32_t kResultCopyFailure = 14;
-
 constexpr const char16_t* kCopyFailureLine = u"ReadObject::Unable to create memory for copying the data...";
 
 // ReadObject: a missing method counts as success (buffer and length untouched).
-OperationTraits ReadObjectTraits() {
-    OperationTraits op{"ReadObject", "(Ljava/lang/String;[BJJ)Lcom/qv/AzureLibrary/CReadObjectFnValue;",
-                       MissingMethodRule::ReturnSuccess, u"ReadObject::Exception is occured..."};
-    op.calledLine = u"ReadObject::is called...";
-    op.endedLine = u"ReadObject::is ended...";
-    return op;
-}
+constexpr OperationTraits kReadObject =
+    Operation("ReadObject", "(Ljava/lang/String;[BJJ)Lcom/qv/AzureLibrary/CReadObjectFnValue;",
+              MissingMethodRule::ReturnSuccess, u"ReadObject::Exception is occured...")
+        .CalledLine(u"ReadObject::is called...")
+        .EndedLine(u"ReadObject::is ended...");
 
 // ReadObjectByName: a null class of the plug-in object gives 40 without a
 // line; a missing method goes on as if Java had returned null (40).
-OperationTraits ReadObjectByNameTraits() {
-    OperationTraits op{"ReadObjectByName",
-                       "(Ljava/lang/String;[BJJ[Ljava/lang/String;)Lcom/qv/AzureLibrary/CRObjectByNameFnValue;",
-                       MissingMethodRule::TakeNullResult, u"ReadObjectByName::Exception is occured..."};
-    op.testClass = true;
-    op.missingClassLine = nullptr;
-    return op;
-}
+constexpr OperationTraits kReadObjectByName =
+    Operation("ReadObjectByName",
+              "(Ljava/lang/String;[BJJ[Ljava/lang/String;)Lcom/qv/AzureLibrary/CRObjectByNameFnValue;",
+              MissingMethodRule::TakeNullResult, u"ReadObjectByName::Exception is occured...")
+        .FailingWithoutClass();
 
-const OperationTraits kReadObject = ReadObjectTraits();
-const OperationTraits kReadObjectByName = ReadObjectByNameTraits();
-const OperationTraits kReadObjectByHandle{
-    "ReadObjectByHandle", "(Ljava/lang/String;[BJJ[Ljava/lang/String;)Lcom/qv/AzureLibrary/CRObjectByNameFnValue;",
-    MissingMethodRule::TakeNullResult, u"ReadObjectByHandle::Exception is occured..."};
+constexpr OperationTraits kReadObjectByHandle =
+    Operation("ReadObjectByHandle",
+              "(Ljava/lang/String;[BJJ[Ljava/lang/String;)Lcom/qv/AzureLibrary/CRObjectByNameFnValue;",
+              MissingMethodRule::TakeNullResult, u"ReadObjectByHandle::Exception is occured...");
 
 // The requested length (0 without a length), and the size of the Java array:
 // its low 32 bits.
@@ -92,13 +83,16 @@ uint32_t ReadWithMetaData(const BridgeContext& bridge, const OperationTraits& op
         bridge, op,
         [&](JavaArguments& arguments) -> std::optional<uint32_t> {
             arguments.AddString(object);
-            array = CreateJByteArray(arguments.Env(), ArraySize(requested));
-            arguments.AddObject(array);
+            array = static_cast<jbyteArray>(
+                arguments.AddObject(CreateJByteArray(arguments.Env(), ArraySize(requested))));
             arguments.AddLong(static_cast<int64_t>(offset));
             arguments.AddLong(static_cast<int64_t>(requested));
             // No names, or a count below 1 (as a Java int), give a null array.
-            arguments.AddObject(names ? CreateJStringArray(arguments.Env(), static_cast<int32_t>(nameCount), names)
-                                      : nullptr);
+            if (names) {
+                arguments.AddObject(CreateJStringArray(arguments.Env(), static_cast<int32_t>(nameCount), names));
+            } else {
+                arguments.AddNull();
+            }
             if (!array) return kResultBridgeFailure;
             return std::nullopt;
         },
@@ -126,8 +120,8 @@ uint32_t JNIBridge::ReadObject(const WideString& name, uint8_t* buffer, uint64_t
         [&](JavaArguments& arguments) {
             arguments.AddString(name);
             // A null array (no room for references, no array) is passed to Java as it is.
-            array = CreateJByteArray(arguments.Env(), ArraySize(requested));
-            arguments.AddObject(array);
+            array = static_cast<jbyteArray>(
+                arguments.AddObject(CreateJByteArray(arguments.Env(), ArraySize(requested))));
             arguments.AddLong(static_cast<int64_t>(requested));
             arguments.AddLong(static_cast<int64_t>(offset));
         },

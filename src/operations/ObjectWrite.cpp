@@ -12,8 +12,11 @@
 // call frame (CallFrame.h). Every log line is its message followed directly
 // by the first text argument; the flag text follows the name.
 //
-// Only the plain WriteObject ends with 0 when its method is missing; the
-// others go on as if Java had returned null (design.md section 5, rule 1).
+// Only the plain WriteObject ends with 0 when its method is missing. The
+// others would once have called Java with the missing method regardless;
+// they go on as if Java had returned null instead, with the same lines and
+// codes (docs/deviations.md, "Operations whose missing method reads as a
+// null result").
 #include <cstdint>
 #include <optional>
 #include <utility>
@@ -48,51 +51,44 @@ constexpr const char16_t* kUpdateCachedByHandleException = u"UpdateCachedObjectB
 constexpr const char16_t* kUpdateCachedByNameException = u"UpdateCachedObjectByName::Exception is occured...";
 
 // The plain WriteObject: a missing method counts as success.
-OperationTraits PlainWriteTraits() {
-    OperationTraits op{"WriteObject", kPlainWriteSignature, MissingMethodRule::ReturnSuccess, kWriteObjectException};
-    op.calledLine = u"WriteObject::Java called ...";
-    op.endedLine = u"WriteObject::Java ended ...";
-    return op;
-}
+constexpr OperationTraits kPlainWrite =
+    Operation("WriteObject", kPlainWriteSignature, MissingMethodRule::ReturnSuccess, kWriteObjectException)
+        .CalledLine(u"WriteObject::Java called ...")
+        .EndedLine(u"WriteObject::Java ended ...");
 
 // WriteObject with metadata. The "called" line is written by the argument
-// builder, since the flag form appends the flag text to it alone.
-OperationTraits WriteWithMetaDataTraits(const char* signature) {
-    OperationTraits op{"WriteObject", signature, MissingMethodRule::TakeNullResult, kWriteObjectException};
-    op.endedLine = u"WriteObject::java ended is occured...";
-    return op;
-}
+// builder, since the flag form appends the flag text to it alone. A Java
+// exception thrown by the method stays pending for the null-result path,
+// which describes it after "WriteObject::is return null...".
+constexpr OperationTraits kWriteWithMetaData =
+    Operation("WriteObject", kWriteWithMetaDataSignature, MissingMethodRule::TakeNullResult, kWriteObjectException)
+        .EndedLine(u"WriteObject::java ended is occured...")
+        .DescribingJavaExceptions();
+constexpr OperationTraits kWriteWithFlag =
+    Operation("WriteObject", kWriteWithFlagSignature, MissingMethodRule::TakeNullResult, kWriteObjectException)
+        .EndedLine(u"WriteObject::java ended is occured...")
+        .DescribingJavaExceptions();
 
-OperationTraits WriteCachedTraits() {
-    OperationTraits op{"WriteCachedObject", kWriteWithMetaDataSignature, MissingMethodRule::TakeNullResult,
-                       kWriteCachedObjectException};
-    op.calledLine = u"WriteCachedObject::java is called...";
-    op.endedLine = u"WriteCachedObject::java is ended...";
-    return op;
-}
+constexpr OperationTraits kWriteCached =
+    Operation("WriteCachedObject", kWriteWithMetaDataSignature, MissingMethodRule::TakeNullResult,
+              kWriteCachedObjectException)
+        .CalledLine(u"WriteCachedObject::java is called...")
+        .EndedLine(u"WriteCachedObject::java is ended...");
 
-OperationTraits UpdateCachedByHandleTraits() {
-    OperationTraits op{"UpdateCachedObjectByHandle", kUpdateCachedByHandleSignature, MissingMethodRule::TakeNullResult,
-                       kUpdateCachedByHandleException};
-    op.calledLine = u"UpdateCachedObjectByHandle::java called is occured...";
-    op.endedLine = u"UpdateCachedObjectByHandle::java ended is occured...";
-    return op;
-}
+constexpr OperationTraits kUpdateObject =
+    Operation("UpdateObject", kUpdateObjectSignature, MissingMethodRule::TakeNullResult, kUpdateObjectException);
+constexpr OperationTraits kUpdateObjectWithFlag = Operation("UpdateObject", kUpdateObjectWithFlagSignature,
+                                                            MissingMethodRule::TakeNullResult, kUpdateObjectException);
 
-const OperationTraits kPlainWrite = PlainWriteTraits();
-const OperationTraits kWriteWithMetaData = WriteWithMetaDataTraits(kWriteWithMetaDataSignature);
-const OperationTraits kWriteWithFlag = WriteWithMetaDataTraits(kWriteWithFlagSignature);
-const OperationTraits kWriteCached = WriteCachedTraits();
-const OperationTraits kUpdateObject{"UpdateObject", kUpdateObjectSignature, MissingMethodRule::TakeNullResult,
-                                    kUpdateObjectException};
-const OperationTraits kUpdateObjectWithFlag{"UpdateObject", kUpdateObjectWithFlagSignature,
-                                            MissingMethodRule::TakeNullResult, kUpdateObjectException};
-const OperationTraits kUpdateCachedByHandle = UpdateCachedByHandleTraits();
-const OperationTraits kUpdateCachedByName{"UpdateCachedObjectByName", kUpdateCachedByNameSignature,
-                                          MissingMethodRule::TakeNullResult, kUpdateCachedByNameException};
+constexpr OperationTraits kUpdateCachedByHandle =
+    Operation("UpdateCachedObjectByHandle", kUpdateCachedByHandleSignature, MissingMethodRule::TakeNullResult,
+              kUpdateCachedByHandleException)
+        .CalledLine(u"UpdateCachedObjectByHandle::java called is occured...")
+        .EndedLine(u"UpdateCachedObjectByHandle::java ended is occured...");
 
-// What the plain write answers when its byte[] cannot be made.
-constexpr uint32_t kResultByteArrayFailure = 41;
+constexpr OperationTraits kUpdateCachedByName =
+    Operation("UpdateCachedObjectByName", kUpdateCachedByNameSignature, MissingMethodRule::TakeNullResult,
+              kUpdateCachedByNameException);
 
 // The size of the Java byte[]: the low 32 bits of the host's length.
 uint32_t ArraySize(uint64_t length) { return static_cast<uint32_t>(length); }
@@ -114,17 +110,15 @@ WideString FlagText(uint64_t flags) {
 // exception pending, so that the write's DescribeException reports it as the
 // old component did. Null also for a null buffer with a non-zero length and
 // for a size the JVM cannot take (2 GiB or more); nothing is pending then.
-jbyteArray MakePlainWriteArray(JNIEnv* env, const uint8_t* buffer, uint32_t size) {
-    if (!buffer && size != 0) return nullptr;
-    if (size > 0x7FFFFFFFu) return nullptr;
-    if (env->EnsureLocalCapacity(2) < 0) return nullptr;
-    jbyteArray array = env->NewByteArray(static_cast<jsize>(size));
+LocalRef<jbyteArray> MakePlainWriteArray(JNIEnv* env, const uint8_t* buffer, uint32_t size) {
+    LocalRef<jbyteArray> none(env, nullptr);
+    if (!buffer && size != 0) return none;
+    if (size > 0x7FFFFFFFu) return none;
+    if (env->EnsureLocalCapacity(2) < 0) return none;
+    LocalRef<jbyteArray> array(env, env->NewByteArray(static_cast<jsize>(size)));
     if (!array || size == 0) return array;
-    env->SetByteArrayRegion(array, 0, static_cast<jsize>(size), reinterpret_cast<const jbyte*>(buffer));
-    if (env->ExceptionCheck()) {
-        env->DeleteLocalRef(array);
-        return nullptr;
-    }
+    env->SetByteArrayRegion(array.get(), 0, static_cast<jsize>(size), reinterpret_cast<const jbyte*>(buffer));
+    if (env->ExceptionCheck()) return none;
     return array;
 }
 
@@ -132,8 +126,7 @@ jbyteArray MakePlainWriteArray(JNIEnv* env, const uint8_t* buffer, uint32_t size
 // null; its exception is cleared) and the full 64-bit length; answers the
 // array, which the arguments own.
 jobject AddData(JavaArguments& arguments, const uint8_t* buffer, uint64_t length) {
-    const jbyteArray array = CreateJByteArrayFromBuffer(arguments.Env(), buffer, ArraySize(length));
-    arguments.AddObject(array);
+    const jobject array = arguments.AddObject(CreateJByteArrayFromBuffer(arguments.Env(), buffer, ArraySize(length)));
     arguments.AddLong(static_cast<int64_t>(length));
     return array;
 }
@@ -145,12 +138,10 @@ jobject AddMetaData(JavaArguments& arguments, const ObjectMetaData* metaData, JN
                     const char16_t* nullLine, const WideString& name) {
     if (!metaData) {
         if (nullLine) LogError(log, nullLine + name);
-        arguments.AddObject(nullptr);
+        arguments.AddNull();
         return nullptr;
     }
-    const jobjectArray array = MakePluginMetaDataArray(arguments.Env(), metaData);
-    arguments.AddObject(array);
-    return array;
+    return arguments.AddObject(MakePluginMetaDataArray(arguments.Env(), metaData));
 }
 
 // What the handle-returning writes need of their call after it is made: the
@@ -179,8 +170,9 @@ uint32_t WriteWithHandle(const BridgeContext& bridge, const OperationTraits& op,
         },
         [&](JNIEnv* env, jobject result) {
             if (!result) {
+                // A Java exception thrown by the method is still pending here.
                 LogError(log, u"WriteObject::is return null..." + name);
-                DescribeException(env, log);
+                DescribePendingException(env, log);
                 return kResultBridgeFailure;
             }
             uint32_t ordinal = 0;
@@ -234,11 +226,10 @@ uint32_t JNIBridge::WriteObject(const WideString& name, const uint8_t* buffer, u
         [&](JavaArguments& arguments) -> std::optional<uint32_t> {
             LogError(log, u"WriteObject::memory copy started ..." + name);
             arguments.AddString(name);
-            const jbyteArray array = MakePlainWriteArray(arguments.Env(), buffer, ArraySize(length));
-            arguments.AddObject(array);
+            const jobject array = arguments.AddObject(MakePlainWriteArray(arguments.Env(), buffer, ArraySize(length)));
             LogError(log, u"WriteObject::memory copy ended ..." + name);
             if (!array) {
-                DescribeException(arguments.Env(), log);
+                DescribePendingException(arguments.Env(), log);
                 return kResultByteArrayFailure;
             }
             arguments.AddLong(static_cast<int64_t>(length));

@@ -5,26 +5,25 @@
 #include <utility>
 
 #include "bridge/BridgeLog.h"
+#include "bridge/ResultCodes.h"
 #include "marshal/MetaData.h"
 #include "platform/Platform.h"
 
 namespace {
 
-constexpr uint32_t kManagerFailure = 2;
-
 // What each operation does without a bridge. Most log the common text and
 // answer 2; a few have a text of their own, and two answer 0 so that the
 // host finds an empty list.
-constexpr QVAzureCommunicationMgr::Guard kGuard{u"jniObj is not instaialized", kManagerFailure};
+constexpr QVAzureCommunicationMgr::Guard kGuard{u"jniObj is not instaialized", kResultNoBridge};
 constexpr QVAzureCommunicationMgr::Guard kEmptyListGuard{u"jniObj is not instaialized", 0};
 constexpr QVAzureCommunicationMgr::Guard kCapabilitiesGuard{u"GetPluginCapabilities: jniObj is not instaialized",
-                                                            kManagerFailure};
+                                                            kResultNoBridge};
 constexpr QVAzureCommunicationMgr::Guard kMachineNameListGuard{u"GetMachineNameList -- jniObj is not instaialized",
-                                                               kManagerFailure};
+                                                               kResultNoBridge};
 constexpr QVAzureCommunicationMgr::Guard kCanBackupGuard{u"CanBackup -- jniObj is not instaialized",
-                                                         kManagerFailure};
+                                                         kResultNoBridge};
 constexpr QVAzureCommunicationMgr::Guard kUpdateStorageKeyGuard{u"UpdateStorageKey -- jniObj is not instaialized",
-                                                                kManagerFailure};
+                                                                kResultNoBridge};
 
 constexpr const char16_t* kInitCalled = u"QVAzureCommunicationMgr::Init is Called";
 
@@ -88,11 +87,11 @@ uint32_t QVAzureCommunicationMgr::SetUpLog(const CloudPluginCreateInfo& createIn
             pruneOldFiles = true;
         }
         logWriter = GetJNIWrapperLog(folder, pruneOldFiles);
-        if (!logWriter) return kManagerFailure;
+        if (!logWriter) return kResultNoBridge;
         Log(kInitCalled);
         return 0;
     } catch (...) {
-        return kManagerFailure;
+        return kResultNoBridge;
     }
 }
 
@@ -113,7 +112,7 @@ uint32_t QVAzureCommunicationMgr::Init(WideString initString) {
 
 uint32_t QVAzureCommunicationMgr::Init(WideString initString, WideString hostFolder) {
     logWriter = GetJNIWrapperLog(DefaultLogFolder(hostFolder), false);
-    if (!logWriter) return kManagerFailure;
+    if (!logWriter) return kResultNoBridge;
     Log(kInitCalled);
     // A manager made without a JVM has no bridge to hand the writer to.
     return Guarded(kGuard, [&](JNIBridge& bridge) -> uint32_t {

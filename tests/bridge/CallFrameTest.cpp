@@ -18,12 +18,11 @@ namespace {
 constexpr const char* kDeleteContainerSignature = "()Lcom/qv/QVCloudPluginInterface/CErrorValue;";
 constexpr const char* kIsValidContainerSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CIsObjectExistFnValue;";
 
-OperationTraits DeleteContainerTraits(MissingMethodRule rule) {
-    OperationTraits op{"DeleteContainer", kDeleteContainerSignature, rule,
-                       u"DeleteContainerFromQVCloud::Exception is occured..."};
-    op.calledLine = u"DeleteContainerFromQVCloud::Java called ...";
-    op.endedLine = u"DeleteContainerFromQVCloud::Java ended ...";
-    return op;
+constexpr OperationTraits DeleteContainerTraits(MissingMethodRule rule) {
+    return Operation("DeleteContainer", kDeleteContainerSignature, rule,
+                     u"DeleteContainerFromQVCloud::Exception is occured...")
+        .CalledLine(u"DeleteContainerFromQVCloud::Java called ...")
+        .EndedLine(u"DeleteContainerFromQVCloud::Java ended ...");
 }
 
 }  // namespace
@@ -66,14 +65,46 @@ TEST_F(CallFrameTest, NullResultReachesTheConversion) {
 TEST_F(CallFrameTest, JavaExceptionFromTheMethodReadsAsANullResultAndIsCleared) {
     TestDouble::Throw("DeleteContainer", "container locked");
     bool sawNull = false;
+    bool pendingInConversion = true;
+    const uint32_t cleared = RunCallFrame(
+        Context(), DeleteContainerTraits(MissingMethodRule::TakeNullResult), [](JavaArguments&) {},
+        [&](JNIEnv* env, jobject) {
+            pendingInConversion = env->ExceptionCheck();
+            return 40u;
+        });
+    EXPECT_EQ(cleared, 40u);
+    EXPECT_FALSE(pendingInConversion);
+    TestDouble::Throw("DeleteContainer", "container locked");
+    MarkLines();
     EXPECT_EQ(RunDeleteContainer(DeleteContainerTraits(MissingMethodRule::TakeNullResult), nullptr, &sawNull), 40u);
     EXPECT_TRUE(sawNull);
     EXPECT_EQ(NewLines().size(), 2u);  // the called and ended lines only
 }
 
+TEST_F(CallFrameTest, ADescribingOperationGetsTheJavaExceptionStillPendingInItsConversion) {
+    TestDouble::Throw("DeleteContainer", "container locked");
+    bool pendingInConversion = false;
+    const uint32_t code = RunCallFrame(
+        Context(), DeleteContainerTraits(MissingMethodRule::TakeNullResult).DescribingJavaExceptions(),
+        [](JavaArguments&) {},
+        [&](JNIEnv* env, jobject result) {
+            // The ended line is written before the conversion, and no JNI call comes between.
+            pendingInConversion = result == nullptr && env->ExceptionCheck();
+            return DescribePendingException(env, Log()) ? 40u : 0u;
+        });
+    EXPECT_EQ(code, 40u);
+    EXPECT_TRUE(pendingInConversion);
+    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"DeleteContainerFromQVCloud::Java called ...",
+                                                   u"DeleteContainerFromQVCloud::Java ended ...",
+                                                   u"Descrption is failed",
+                                                   u"java.lang.RuntimeException: container locked"}));
+}
+
 TEST_F(CallFrameTest, ArgumentsReachJavaInOrder) {
-    const OperationTraits op{"IsValidContainer", kIsValidContainerSignature, MissingMethodRule::ReturnSuccess,
-                             u"IsValidContainer::Exception is occured...", true};
+    constexpr OperationTraits op =
+        Operation("IsValidContainer", kIsValidContainerSignature, MissingMethodRule::ReturnSuccess,
+                  u"IsValidContainer::Exception is occured...")
+            .FailingWithoutClass(kMissingPluginClassLine);
     const uint32_t code = RunCallFrame(
         Context(), op, [](JavaArguments& args) { args.AddString(u"container-\u00e9"); },
         [](JNIEnv*, jobject result) { return result ? 0u : 99u; });

@@ -74,6 +74,20 @@ TEST_F(ErrorValueTest, GetErrorIdReadsTheOrdinalOfTheErrorValueItself) {
               1u);
 }
 
+TEST_F(ErrorValueTest, GetErrorIdOfOrdinal0GivesSuccessWhateverErrorIdItCarries) {
+    // getOrdinalValue answers 0 while getErrorID answers another ERRORID (5, then 40): only the ordinal counts,
+    // as long as the ERRORID is not null.
+    for (const int errorId : {5, 40}) {
+        TestDouble::ReturnErrorValue("AzureDeInit", errorId, 0);
+        LocalRef<jobject> value(jnitest::TestEnv(), TestDouble::NextResult(jnitest::TestEnv(), "AzureDeInit"));
+        ASSERT_TRUE(value);
+        Interposer().Reset();
+        EXPECT_EQ(GetErrorId(Env(), Log(), value.get()), 0u) << errorId;
+        EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
+    }
+    EXPECT_TRUE(LogLines().empty());
+}
+
 TEST_F(ErrorValueTest, GetErrorIdWithTheErrorValueClassMissingLogsAndGives40) {
     LocalRef<jobject> value = ErrorValue(5);
     Interposer().Reset();
@@ -180,38 +194,38 @@ TEST_F(ErrorValueTest, ReadErrorOrdinalWithAMissingMethodTracesAndLeavesTheOrdin
 
 class FrameLookupTest : public BridgeFixture {};
 
-TEST_F(FrameLookupTest, DescribeExceptionAnswers1WhenNothingIsPending) {
-    EXPECT_EQ(DescribeException(Env(), Log()), 1u);
+TEST_F(FrameLookupTest, DescribePendingExceptionAnswersFalseWhenNothingIsPending) {
+    EXPECT_FALSE(DescribePendingException(Env(), Log()));
     EXPECT_TRUE(LogLines().empty());
 }
 
-TEST_F(FrameLookupTest, DescribeExceptionClearsAndLogsThePendingExceptionAtDetailLevel) {
+TEST_F(FrameLookupTest, DescribePendingExceptionClearsAndLogsThePendingExceptionAtDetailLevel) {
     JNIEnv* env = Env();
     LocalRef<jclass> error(env, env->FindClass("java/lang/IllegalStateException"));
     env->ThrowNew(error.get(), "broken pipe");
-    EXPECT_EQ(DescribeException(env, Log()), 0u);
+    EXPECT_TRUE(DescribePendingException(env, Log()));
     EXPECT_FALSE(env->ExceptionCheck());
     EXPECT_EQ(LogLines(), (std::vector<WideString>{u"Descrption is failed",
                                                    u"java.lang.IllegalStateException: broken pipe"}));
 }
 
-TEST_F(FrameLookupTest, DescribeExceptionWithoutALogWriterClearsAndAnswers0) {
+TEST_F(FrameLookupTest, DescribePendingExceptionWithoutALogWriterClearsAndAnswersTrue) {
     JNIEnv* env = Env();
     LocalRef<jclass> error(env, env->FindClass("java/lang/IllegalStateException"));
     env->ThrowNew(error.get(), "quiet");
-    EXPECT_EQ(DescribeException(env, nullptr), 0u);
+    EXPECT_TRUE(DescribePendingException(env, nullptr));
     EXPECT_FALSE(env->ExceptionCheck());
 }
 
 TEST_F(FrameLookupTest, GetAzurePlugInClassFindsThePluginClass) {
-    LocalRef<jclass> cls(Env(), GetAzurePlugInClass(Env(), Log()));
+    const LocalRef<jclass> cls = GetAzurePlugInClass(Env(), Log());
     EXPECT_TRUE(cls);
     EXPECT_TRUE(LogLines().empty());
 }
 
 TEST_F(FrameLookupTest, GetAzurePlugInClassWhenMissingDescribesAndLogs) {
     Interposer().FailFindClass("com/qv/AzureLibrary/QVAzurePlugInLibrary");
-    EXPECT_EQ(GetAzurePlugInClass(Env(), Log()), nullptr);
+    EXPECT_FALSE(GetAzurePlugInClass(Env(), Log()));
     const auto lines = LogLines();
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0], u"Descrption is failed");
@@ -226,7 +240,7 @@ TEST_F(FrameLookupTest, GetAzurePlugInObjectMethodWithANullClassLogsThreeLinesWi
 }
 
 TEST_F(FrameLookupTest, GetAzurePlugInObjectMethodWithAMissingMethodDescribesAndLogs) {
-    LocalRef<jclass> cls(Env(), GetAzurePlugInClass(Env(), Log()));
+    const LocalRef<jclass> cls = GetAzurePlugInClass(Env(), Log());
     EXPECT_EQ(GetAzurePlugInObjectMethod(Env(), Log(), cls.get(), "NoSuchMethod", "()V"), nullptr);
     const auto lines = LogLines();
     ASSERT_EQ(lines.size(), 5u);

@@ -101,10 +101,9 @@ TEST_F(JNIBridgeTest, StartCommunicationWhoseJavaConstructorThrowsLogsFailedToCr
     TestDouble::Throw("<init>", "no storage account");
     EXPECT_EQ(m_bridge->StartCommunication(), 40u);
     EXPECT_EQ(m_bridge->PluginObject(), nullptr);
-    const auto lines = LogLines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_NE(lines[1].find(u"no storage account"), WideString::npos);
-    EXPECT_EQ(lines[2], u"StartCommunication::Failed to Create plugin Object...");
+    EXPECT_EQ(LogLines(), (std::vector<WideString>{u"Descrption is failed",
+                                                   u"java.lang.RuntimeException: no storage account",
+                                                   u"StartCommunication::Failed to Create plugin Object..."}));
 }
 
 TEST_F(JNIBridgeTest, StartCommunicationCatchesNativeExceptions) {
@@ -179,11 +178,9 @@ TEST_F(JNIBridgeTest, AzureInitThatThrowsGives40AndTheOneStringFormDescribesIt) 
     EXPECT_TRUE(LogLines().empty());
     TestDouble::Throw("AzureInit", "bad connection string");
     EXPECT_EQ(m_bridge->Init(u"a"), 40u);
-    const auto lines = LogLines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], u"Descrption is failed");
-    EXPECT_NE(lines[1].find(u"bad connection string"), WideString::npos);
-    EXPECT_EQ(lines[2], u"Init:: Could not get the error object");
+    EXPECT_EQ(LogLines(), (std::vector<WideString>{u"Descrption is failed",
+                                                   u"java.lang.RuntimeException: bad connection string",
+                                                   u"Init:: Could not get the error object"}));
     m_bridge->DeInit();
 }
 
@@ -203,6 +200,46 @@ TEST_F(JNIBridgeTest, OperationsWithoutAPluginObjectGive40WithoutALine) {
     EXPECT_EQ(m_bridge->Init(u"a"), 40u);
     EXPECT_EQ(m_bridge->DeInit(), 40u);
     EXPECT_TRUE(LogLines().empty());
+}
+
+TEST_F(JNIBridgeTest, WithoutThePluginObjectsClassTheTwoStringInitAndDeInitGive40WithoutALine) {
+    Start();
+    TestDouble::Reset();
+    Interposer().Reset();
+    for (const bool withException : {false, true}) {
+        if (withException) {
+            Interposer().FailGetObjectClassWithException(2);
+        } else {
+            Interposer().FailGetObjectClass(2);
+        }
+        EXPECT_EQ(m_bridge->Init(u"a", u"b"), 40u);
+        // DeInit ends at once and keeps the plug-in object.
+        EXPECT_EQ(m_bridge->DeInit(), 40u);
+        EXPECT_NE(m_bridge->PluginObject(), nullptr);
+    }
+    EXPECT_TRUE(LogLines().empty());
+    EXPECT_EQ(Interposer().CountOf("GetMethodID"), 0u);
+    EXPECT_TRUE(TestDouble::Calls().empty());
+    m_bridge->DeInit();
+}
+
+TEST_F(JNIBridgeTest, WithoutThePluginObjectsClassTheOneStringInitDescribesAndWritesItsLine) {
+    Start();
+    TestDouble::Reset();
+    Interposer().Reset();
+    Interposer().FailGetObjectClass();
+    EXPECT_EQ(m_bridge->Init(u"a"), 40u);
+    EXPECT_EQ(LogLines(), std::vector<WideString>{u"jclsQVAzurePlugInLibrary is NULL"});
+    Interposer().FailGetObjectClassWithException();
+    EXPECT_EQ(m_bridge->Init(u"a"), 40u);
+    EXPECT_EQ(LogLines(),
+              (std::vector<WideString>{u"jclsQVAzurePlugInLibrary is NULL", u"Descrption is failed",
+                                       u"java.lang.OutOfMemoryError: no room for the class reference (failure planned "
+                                       u"by the JNI interposer)",
+                                       u"jclsQVAzurePlugInLibrary is NULL"}));
+    EXPECT_EQ(Interposer().CountOf("GetMethodID", "AzureInit"), 0u);
+    EXPECT_EQ(TestDouble::CallCount("AzureInit"), 0u);
+    m_bridge->DeInit();
 }
 
 TEST_F(JNIBridgeTest, InitCatchesNativeExceptions) {
@@ -251,9 +288,8 @@ TEST_F(JNIBridgeTest, DeInitWhoseJavaMethodThrowsDescribesItAndGives40) {
     Start();
     TestDouble::Throw("AzureDeInit", "still busy");
     EXPECT_EQ(m_bridge->DeInit(), 40u);
-    const auto lines = LogLines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_NE(lines[1].find(u"still busy"), WideString::npos);
+    // Described once, so "DeInit Vm called..." is not written.
+    EXPECT_EQ(LogLines(), (std::vector<WideString>{u"Descrption is failed", u"java.lang.RuntimeException: still busy"}));
     EXPECT_EQ(m_bridge->PluginObject(), nullptr);
 }
 
@@ -291,11 +327,11 @@ TEST_F(JNIBridgeTest, LifeCycleLeavesNoLocalReferenceAndDetachesItsThread) {
 
 TEST_F(JNIBridgeTest, CreatePluginInitDataIsAnAmazonLibraryObjectThatIsAnAzureLibraryOne) {
     JNIEnv* env = Env();
-    LocalRef<jobject> data(env, m_bridge->CreatePluginInitData(env, &m_createInfo));
+    const LocalRef<jobject> data = m_bridge->CreatePluginInitData(env, &m_createInfo);
     ASSERT_TRUE(data);
     LocalRef<jclass> amazon(env, env->FindClass("com/qv/AmazonLibrary/CPluginInitData"));
     LocalRef<jclass> azure(env, env->FindClass("com/qv/AzureLibrary/CPluginInitData"));
     EXPECT_TRUE(env->IsInstanceOf(data.get(), amazon.get()));
     EXPECT_TRUE(env->IsInstanceOf(data.get(), azure.get()));
-    EXPECT_EQ(m_bridge->CreatePluginInitData(env, nullptr), nullptr);
+    EXPECT_FALSE(m_bridge->CreatePluginInitData(env, nullptr));
 }

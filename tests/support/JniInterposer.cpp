@@ -45,6 +45,7 @@ enum class FaultKind {
     FindClass,
     GetMethodID,
     GetFieldID,
+    GetObjectClass,
     NewByteArray,
     EnsureLocalCapacity,
     ElementAccess,
@@ -625,6 +626,23 @@ template <>
 struct Override<tag::GetFieldID> : FieldLookupFault {};
 template <>
 struct Override<tag::GetStaticFieldID> : FieldLookupFault {};
+// The fault's first argument says whether an exception is raised with the null class.
+constexpr const char* kRaiseOutOfMemory = "OutOfMemoryError";
+template <>
+struct Override<tag::GetObjectClass> {
+    static bool Apply(JNIEnv* real, jclass& out, jobject) {
+        if (TakeFault(FaultKind::GetObjectClass, "")) {
+            out = nullptr;
+            return true;
+        }
+        if (TakeFault(FaultKind::GetObjectClass, kRaiseOutOfMemory)) {
+            RaiseOn(real, St().outOfMemoryError, "no room for the class reference (failure planned by the JNI interposer)");
+            out = nullptr;
+            return true;
+        }
+        return false;
+    }
+};
 template <>
 struct Override<tag::NewByteArray> {
     static bool Apply(JNIEnv* real, jbyteArray& out, jsize) {
@@ -1038,6 +1056,14 @@ void JniInterposer::FailGetMethodID(const std::string& name, const std::string& 
 
 void JniInterposer::FailGetFieldID(const std::string& name, const std::string& signature, int times) {
     Plan(FaultKind::GetFieldID, name, signature, times);
+}
+
+void JniInterposer::FailGetObjectClass(int times) {
+    Plan(FaultKind::GetObjectClass, std::string(), std::string(), times);
+}
+
+void JniInterposer::FailGetObjectClassWithException(int times) {
+    Plan(FaultKind::GetObjectClass, kRaiseOutOfMemory, std::string(), times);
 }
 
 void JniInterposer::FailNewByteArray(int times) {

@@ -103,6 +103,11 @@ public:
     // GetFieldID (and GetStaticFieldID) of `name`/`signature` ("" = any) answers null with a pending
     // NoSuchFieldError.
     void FailGetFieldID(const std::string& name, const std::string& signature = std::string(), int times = 1);
+    // GetObjectClass answers null with nothing pending (a real JVM never fails it; this reaches the
+    // plug-in's paths for an object whose class cannot be had).
+    void FailGetObjectClass(int times = 1);
+    // GetObjectClass answers null with a pending OutOfMemoryError.
+    void FailGetObjectClassWithException(int times = 1);
     // NewByteArray answers null with a pending OutOfMemoryError.
     void FailNewByteArray(int times = 1);
     // EnsureLocalCapacity answers JNI_ERR (-1) with a pending OutOfMemoryError.

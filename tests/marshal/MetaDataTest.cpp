@@ -63,7 +63,7 @@ protected:
         if (!id) {
             real->ExceptionClear();
             ADD_FAILURE() << "no field " << name;
-            return LocalRef<jobject>();
+            return LocalRef<jobject>(real, nullptr);
         }
         return LocalRef<jobject>(real, real->GetObjectField(object, id));
     }
@@ -105,8 +105,8 @@ protected:
         LocalRef<jclass> cls(real, real->FindClass("com/qv/AzureLibrary/CPluginValue"));
         const jmethodID constructor = real->GetMethodID(
             cls.get(), "<init>", "(Ljava/lang/String;Lcom/qv/AzureLibrary/CPropertyTYPE;)V");
-        LocalRef<jobject> javaText = text ? JavaText(*text) : LocalRef<jobject>();
-        LocalRef<jobject> type = typeConstant ? PropertyType(typeConstant) : LocalRef<jobject>();
+        LocalRef<jobject> javaText = text ? JavaText(*text) : LocalRef<jobject>(real, nullptr);
+        LocalRef<jobject> type = typeConstant ? PropertyType(typeConstant) : LocalRef<jobject>(real, nullptr);
         return LocalRef<jobject>(real, real->NewObject(cls.get(), constructor, javaText.get(), type.get()));
     }
 
@@ -145,6 +145,7 @@ protected:
     }
 
     static jobjectArray AsArray(const LocalRef<jobject>& ref) { return static_cast<jobjectArray>(ref.get()); }
+    static jobjectArray AsArray(const LocalRef<jobjectArray>& ref) { return ref.get(); }
 
     std::vector<std::string> m_traces;
 };
@@ -165,7 +166,7 @@ TEST_F(MetaDataTest, MetadataReachesJavaInAscendingNameOrder) {
     metaData.emplace(u"C", MetaDataValue{u"vC", 2});
     metaData.emplace(u"a", MetaDataValue{u"va", 3});
     metaData.emplace(u"B", MetaDataValue{u"vB", 4});
-    LocalRef<jobject> array(Env(), MakePluginMetaDataArray(Env(), &metaData));
+    const LocalRef<jobjectArray> array = MakePluginMetaDataArray(Env(), &metaData);
     ASSERT_TRUE(array);
     // Code unit order: capitals come before small letters.
     const std::vector<JavaEntry> expected = {
@@ -178,7 +179,7 @@ TEST_F(MetaDataTest, PrpTypeSentToJavaKeepsTheConstructorsValue) {
     ObjectMetaData metaData{{u"count", MetaDataValue{u"12", 1}},
                             {u"flag", MetaDataValue{u"true", 3}},
                             {u"other", MetaDataValue{u"x", 0x12345678u}}};
-    LocalRef<jobject> array(Env(), MakePluginMetaDataArray(Env(), &metaData));
+    const LocalRef<jobjectArray> array = MakePluginMetaDataArray(Env(), &metaData);
     ASSERT_TRUE(array);
     const std::vector<JavaEntry> entries = ReadBack(array.get());
     ASSERT_EQ(entries.size(), 3u);
@@ -187,20 +188,20 @@ TEST_F(MetaDataTest, PrpTypeSentToJavaKeepsTheConstructorsValue) {
 
 TEST_F(MetaDataTest, EmptyNativeTextReachesJavaAsEmptyString) {
     ObjectMetaData metaData{{u"empty", MetaDataValue{u"", 0}}};
-    LocalRef<jobject> array(Env(), MakePluginMetaDataArray(Env(), &metaData));
+    const LocalRef<jobjectArray> array = MakePluginMetaDataArray(Env(), &metaData);
     ASSERT_TRUE(array);
     EXPECT_EQ(ReadBack(array.get()), (std::vector<JavaEntry>{{u"empty", u"", "STRING"}}));
 }
 
 TEST_F(MetaDataTest, EmptyMetadataMapReachesJavaAsAnEmptyArray) {
     ObjectMetaData metaData;
-    LocalRef<jobject> array(Env(), MakePluginMetaDataArray(Env(), &metaData));
+    const LocalRef<jobjectArray> array = MakePluginMetaDataArray(Env(), &metaData);
     ASSERT_TRUE(array);
     EXPECT_EQ(Real()->GetArrayLength(AsArray(array)), 0);
 }
 
 TEST_F(MetaDataTest, NoMetadataMapReachesJavaAsANullArray) {
-    EXPECT_EQ(MakePluginMetaDataArray(Env(), nullptr), nullptr);
+    EXPECT_FALSE(MakePluginMetaDataArray(Env(), nullptr));
     EXPECT_EQ(Interposer().CountOf("FindClass"), 0u);
 }
 
@@ -208,7 +209,7 @@ TEST_F(MetaDataTest, MetadataRoundTripsThroughJava) {
     ObjectMetaData sent{{u"\u00e9t\u00e9", MetaDataValue{u"\u4e2d\U0001F600", 0}},
                         {u"plain", MetaDataValue{u"text", 0}},
                         {u"empty", MetaDataValue{u"", 0}}};
-    LocalRef<jobject> array(Env(), MakePluginMetaDataArray(Env(), &sent));
+    const LocalRef<jobjectArray> array = MakePluginMetaDataArray(Env(), &sent);
     ASSERT_TRUE(array);
     ObjectMetaData received;
     ReadPluginMetaDataArray(Env(), AsArray(array), &received);
@@ -225,7 +226,7 @@ TEST_F(MetaDataTest, ThousandsOfEntriesLeaveOnlyTheArraysReference) {
         const std::string name = "property-" + std::to_string(100000 + i);
         metaData.emplace(WideString(name.begin(), name.end()), MetaDataValue{u"value", 0});
     }
-    LocalRef<jobject> array(Env(), MakePluginMetaDataArray(Env(), &metaData));
+    const LocalRef<jobjectArray> array = MakePluginMetaDataArray(Env(), &metaData);
     ASSERT_TRUE(array);
     EXPECT_EQ(Interposer().LocalRefsLeft(), 1);
     const std::vector<JavaEntry> entries = ReadBack(array.get());
@@ -235,7 +236,7 @@ TEST_F(MetaDataTest, ThousandsOfEntriesLeaveOnlyTheArraysReference) {
 }
 
 TEST_F(MetaDataTest, CreatePluginMetaDataObjectMakesAnElementWithItsVal) {
-    LocalRef<jobject> element(Env(), CreatePluginMetaDataObject(Env()));
+    const LocalRef<jobject> element = CreatePluginMetaDataObject(Env());
     ASSERT_TRUE(element);
     LocalRef<jobject> val = ObjectField(element.get(), "val", kPluginValueSignature);
     EXPECT_TRUE(val);
@@ -244,7 +245,7 @@ TEST_F(MetaDataTest, CreatePluginMetaDataObjectMakesAnElementWithItsVal) {
 
 TEST_F(MetaDataTest, CreatePluginMetaDataObjectWithoutTheConstructorYieldsNone) {
     Interposer().FailGetMethodID("<init>", "()V");
-    EXPECT_EQ(CreatePluginMetaDataObject(Env()), nullptr);
+    EXPECT_FALSE(CreatePluginMetaDataObject(Env()));
     EXPECT_FALSE(Env()->ExceptionCheck());
     EXPECT_EQ(Interposer().CountOf("NewObject") + Interposer().CountOf("NewObjectV") +
                   Interposer().CountOf("NewObjectA"),
@@ -255,16 +256,16 @@ TEST_F(MetaDataTest, CreatePluginMetaDataObjectWithoutTheConstructorYieldsNone) 
 
 TEST_F(MetaDataTest, CreatePluginMetaDataObjectWithoutTheClassYieldsNone) {
     Interposer().FailFindClass("com/qv/AzureLibrary/CPluginMetaData");
-    EXPECT_EQ(CreatePluginMetaDataObject(Env()), nullptr);
+    EXPECT_FALSE(CreatePluginMetaDataObject(Env()));
     EXPECT_FALSE(Env()->ExceptionCheck());
     EXPECT_EQ(Interposer().CountOf("GetMethodID"), 0u);
 }
 
 TEST_F(MetaDataTest, CreatePluginMetaDataArraySlotsHoldTheInitialElement) {
-    LocalRef<jobject> initial(Env(), CreatePluginMetaDataObject(Env()));
+    const LocalRef<jobject> initial = CreatePluginMetaDataObject(Env());
     LocalRef<jclass> cls(Env(), Env()->FindClass("com/qv/AzureLibrary/CPluginMetaData"));
     ASSERT_TRUE(initial && cls);
-    LocalRef<jobject> array(Env(), CreatePluginMetaDataArray(Env(), 3, cls.get(), initial.get()));
+    const LocalRef<jobjectArray> array = CreatePluginMetaDataArray(Env(), 3, cls.get(), initial.get());
     ASSERT_TRUE(array);
     ASSERT_EQ(Real()->GetArrayLength(AsArray(array)), 3);
     for (jsize i = 0; i < 3; ++i) {
@@ -277,15 +278,15 @@ TEST_F(MetaDataTest, CreatePluginMetaDataArrayWhenLocalCapacityFailsIsNull) {
     LocalRef<jclass> cls(Env(), Env()->FindClass("com/qv/AzureLibrary/CPluginMetaData"));
     ASSERT_TRUE(cls);
     Interposer().FailEnsureLocalCapacity();
-    EXPECT_EQ(CreatePluginMetaDataArray(Env(), 2, cls.get(), nullptr), nullptr);
+    EXPECT_FALSE(CreatePluginMetaDataArray(Env(), 2, cls.get(), nullptr));
     EXPECT_FALSE(Env()->ExceptionCheck());
     EXPECT_EQ(Interposer().CountOf("NewObjectArray"), 0u);
 }
 
 TEST_F(MetaDataTest, FillLeavesTheSlotOfAnEntryWhoseElementCannotBeMade) {
-    LocalRef<jobject> initial(Env(), CreatePluginMetaDataObject(Env()));
+    const LocalRef<jobject> initial = CreatePluginMetaDataObject(Env());
     LocalRef<jclass> cls(Env(), Env()->FindClass("com/qv/AzureLibrary/CPluginMetaData"));
-    LocalRef<jobject> array(Env(), CreatePluginMetaDataArray(Env(), 2, cls.get(), initial.get()));
+    const LocalRef<jobjectArray> array = CreatePluginMetaDataArray(Env(), 2, cls.get(), initial.get());
     ASSERT_TRUE(array);
     const ObjectMetaData metaData{{u"first", MetaDataValue{u"1", 0}}, {u"second", MetaDataValue{u"2", 0}}};
     Interposer().FailGetMethodID("<init>", "()V", 1);
@@ -299,7 +300,7 @@ TEST_F(MetaDataTest, FillLeavesTheSlotOfAnEntryWhoseElementCannotBeMade) {
 
 TEST_F(MetaDataTest, FillIntoAShorterArrayDropsTheExtraEntries) {
     LocalRef<jclass> cls(Env(), Env()->FindClass("com/qv/AzureLibrary/CPluginMetaData"));
-    LocalRef<jobject> array(Env(), CreatePluginMetaDataArray(Env(), 1, cls.get(), nullptr));
+    const LocalRef<jobjectArray> array = CreatePluginMetaDataArray(Env(), 1, cls.get(), nullptr);
     ASSERT_TRUE(array);
     const ObjectMetaData metaData{{u"a", MetaDataValue{u"1", 0}}, {u"b", MetaDataValue{u"2", 0}}};
     FillPluginMetaDataArray(Env(), AsArray(array), &metaData);

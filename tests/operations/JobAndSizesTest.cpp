@@ -9,10 +9,15 @@
 #include <vector>
 
 #include "bridge/BridgeLog.h"
+#include "OperationPaths.h"
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPaths;
+using jnitest::OperationPathsTest;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
 
@@ -66,35 +71,9 @@ TEST_F(JobAndSizesTest, AddJobInfoWithAnOrdinalOutsideTheTableGives23) {
     EXPECT_EQ(m_bridge->AddJobInfo(&job), 23u);
 }
 
-TEST_F(JobAndSizesTest, AddJobInfoWithANullResultGives40AndStillWritesTheEndedLine) {
-    const JobInfoRecord job;
-    TestDouble::ReturnNull("addJobInfo");
-    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{kJavaEndedLine});
-}
 
-TEST_F(JobAndSizesTest, AddJobInfoWithTheMethodMissingTakesTheNullResultPath) {
-    const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
-    Interposer().FailGetMethodID("addJobInfo");
-    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
-    EXPECT_EQ(TestDouble::CallCount("addJobInfo"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    ExpectLookupFailureLines("addJobInfo", kAddJobInfoSignature, {kAddJobInfoMissingLine, kJavaEndedLine});
-}
 
-TEST_F(JobAndSizesTest, AddJobInfoWithTheMethodMissingAndAnExceptionPendingGives40) {
-    const JobInfoRecord job;
-    FailLookupLeavingTheExceptionPending("addJobInfo");
-    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
-    ExpectPendingExceptionLines("addJobInfo", kAddJobInfoSignature, {kAddJobInfoMissingLine});
-}
 
-TEST_F(JobAndSizesTest, AddJobInfoExceptionWritesItsLineAndGives40) {
-    const JobInfoRecord job;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"AddJobInfo::Exception is occured..."});
-}
 
 TEST_F(JobAndSizesTest, AddJobInfoWithoutARecordFailsLikeAnExceptionWithoutCallingJava) {
     EXPECT_EQ(m_bridge->AddJobInfo(nullptr), 40u);
@@ -120,36 +99,10 @@ TEST_F(JobAndSizesTest, CheckConnectivityMapsTheJavaError) {
     EXPECT_EQ(m_bridge->CheckConnectivity(), 47u);
 }
 
-TEST_F(JobAndSizesTest, CheckConnectivityWithANullResultGives40) {
-    TestDouble::ReturnNull("CheckConnectivity");
-    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(JobAndSizesTest, CheckConnectivityWithJavaThrowingGives40) {
-    TestDouble::Throw("CheckConnectivity", "network unreachable");
-    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(JobAndSizesTest, CheckConnectivityWithTheMethodMissingAndNoExceptionPendingReturns0) {
-    Interposer().FailGetMethodID("CheckConnectivity");
-    EXPECT_EQ(m_bridge->CheckConnectivity(), 0u);
-    EXPECT_EQ(TestDouble::CallCount("CheckConnectivity"), 0u);
-    ExpectLookupFailureLines("CheckConnectivity", kCheckConnectivitySignature, {});
-}
 
-TEST_F(JobAndSizesTest, CheckConnectivityWithTheMethodMissingAndAnExceptionPendingGives40) {
-    FailLookupLeavingTheExceptionPending("CheckConnectivity");
-    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
-    ExpectPendingExceptionLines("CheckConnectivity", kCheckConnectivitySignature, {});
-}
 
-TEST_F(JobAndSizesTest, CheckConnectivityExceptionWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("GetObjectClass");
-    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"CheckConnectivity::Exception is occured..."});
-}
 
 TEST_F(JobAndSizesTest, CheckConnectivityOnAFreshThreadAttachesAndDetachesIt) {
     uint32_t code = 99;
@@ -195,46 +148,9 @@ TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeWithANullErrorValueGives47) {
     EXPECT_EQ(maximum, int64_t{256} << 20);
 }
 
-TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeLeavesAllThreeOutputsAt0WhenJavaReturnsNull) {
-    int64_t minimum = -1, defaultSize = -1, maximum = -1;
-    TestDouble::ReturnNull("GetDefaultObjectSizeRange");
-    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
-    EXPECT_EQ(minimum, 0);
-    EXPECT_EQ(defaultSize, 0);
-    EXPECT_EQ(maximum, 0);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeWithTheMethodMissingTakesTheNullResultPath) {
-    int64_t minimum = -1, defaultSize = -1, maximum = -1;
-    Interposer().FailGetMethodID("GetDefaultObjectSizeRange");
-    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
-    EXPECT_EQ(minimum, 0);
-    EXPECT_EQ(defaultSize, 0);
-    EXPECT_EQ(maximum, 0);
-    EXPECT_EQ(TestDouble::CallCount("GetDefaultObjectSizeRange"), 0u);
-    ExpectLookupFailureLines("GetDefaultObjectSizeRange", kSizeRangeSignature, {});
-}
 
-TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeWithTheMethodMissingAndAnExceptionPendingGives40) {
-    int64_t minimum = -1, defaultSize = -1, maximum = -1;
-    FailLookupLeavingTheExceptionPending("GetDefaultObjectSizeRange");
-    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
-    // The operation ended before it set the outputs.
-    EXPECT_EQ(minimum, -1);
-    EXPECT_EQ(defaultSize, -1);
-    EXPECT_EQ(maximum, -1);
-    ExpectPendingExceptionLines("GetDefaultObjectSizeRange", kSizeRangeSignature, {});
-}
 
-TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeExceptionWritesItsLineAndGives40) {
-    int64_t minimum = -1, defaultSize = -1, maximum = -1;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
-    EXPECT_EQ(minimum, 0);
-    EXPECT_EQ(maximum, 0);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetDefaultObjectSizeRange::Exception is occured..."});
-}
 
 TEST_F(JobAndSizesTest, GetDefaultObjectSizeRangeWritesOnlyTheOutputsItIsGiven) {
     int64_t maximum = -1;
@@ -275,47 +191,19 @@ TEST_F(JobAndSizesTest, GetPluginCapabilitiesDropsEntriesThatAreNotTexts) {
     EXPECT_EQ(record.capabilities, (CapabilityMap{{u"Name", u"azure"}}));
 }
 
-TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithANullResultGives0AndKeepsTheMap) {
-    CapabilitiesRecord record;
-    TestDouble::ReturnNull("GetCloudPluginCapabilities");
-    record.capabilities[u"kept"] = u"yes";
-    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
-    EXPECT_EQ(record.marker, 1u);
-    EXPECT_EQ(record.capabilities, (CapabilityMap{{u"kept", u"yes"}}));
-}
 
-TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithJavaThrowingGives0) {
+
+
+
+
+TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithANullMapEmptiesTheHostsMapAndGives0) {
     CapabilitiesRecord record;
-    TestDouble::Throw("GetCloudPluginCapabilities", "no map");
+    record.capabilities[u"old"] = u"entry";
+    TestDouble::SetNullField("GetCloudPluginCapabilities", "pluginCapabilities");
     EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
     EXPECT_EQ(record.marker, 1u);
     EXPECT_TRUE(record.capabilities.empty());
-}
-
-TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithTheMethodMissingReturns0WithTheMarkerSet) {
-    CapabilitiesRecord record;
-    Interposer().FailGetMethodID("GetCloudPluginCapabilities");
-    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 0u);
-    EXPECT_EQ(record.marker, 1u);
-    EXPECT_TRUE(record.capabilities.empty());
-    EXPECT_EQ(TestDouble::CallCount("GetCloudPluginCapabilities"), 0u);
-    ExpectLookupFailureLines("GetCloudPluginCapabilities", kCapabilitiesSignature, {});
-}
-
-TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithTheMethodMissingAndAnExceptionPendingGives40WithTheMarkerSet) {
-    CapabilitiesRecord record;
-    FailLookupLeavingTheExceptionPending("GetCloudPluginCapabilities");
-    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 40u);
-    EXPECT_EQ(record.marker, 1u);
-    ExpectPendingExceptionLines("GetCloudPluginCapabilities", kCapabilitiesSignature, {});
-}
-
-TEST_F(JobAndSizesTest, GetPluginCapabilitiesExceptionWritesItsLineAndKeepsTheMarker) {
-    CapabilitiesRecord record;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 40u);
-    EXPECT_EQ(record.marker, 1u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetPluginCapabilities::Exception is occured..."});
+    EXPECT_TRUE(NewLines().empty());
 }
 
 TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithoutARecordStillCallsJava) {
@@ -325,25 +213,6 @@ TEST_F(JobAndSizesTest, GetPluginCapabilitiesWithoutARecordStillCallsJava) {
 
 // ---------------------------------------------------------------- the whole family
 
-TEST_F(JobAndSizesTest, EveryOperationGives40WithoutALineOnceThePluginObjectIsGone) {
-    ASSERT_EQ(m_bridge->DeInit(), 0u);
-    TestDouble::Reset();
-    MarkLines();
-    const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
-    int64_t minimum = -1, defaultSize = -1, maximum = -1;
-    CapabilitiesRecord record;
-    EXPECT_EQ(m_bridge->AddJobInfo(&job), 40u);
-    EXPECT_EQ(m_bridge->CheckConnectivity(), 40u);
-    EXPECT_EQ(m_bridge->GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum), 40u);
-    EXPECT_EQ(m_bridge->GetPluginCapabilities(&record), 40u);
-    EXPECT_EQ(minimum, -1);
-    EXPECT_EQ(defaultSize, -1);
-    EXPECT_EQ(maximum, -1);
-    // The marker is set before anything else.
-    EXPECT_EQ(record.marker, 1u);
-    EXPECT_TRUE(TestDouble::Calls().empty());
-    EXPECT_TRUE(NewLines().empty());
-}
 
 TEST_F(JobAndSizesTest, RepeatedCallsLeaveNoLocalReferenceBehind) {
     const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
@@ -358,3 +227,72 @@ TEST_F(JobAndSizesTest, RepeatedCallsLeaveNoLocalReferenceBehind) {
     }
     EXPECT_GT(Interposer().LocalRefsMade(), 0);
 }
+
+// ---------------------------------------------------------------- the paths every operation shares
+
+namespace {
+
+std::vector<OperationPaths> JobAndSizesPaths() {
+    const auto sizes = [](int64_t minimum, int64_t defaultSize, int64_t maximum) {
+        return Shown("minimum", minimum) + " " + Shown("default", defaultSize) + " " + Shown("maximum", maximum);
+    };
+    // The marker is set before anything else, whatever follows.
+    const auto capabilities = [](const CapabilitiesRecord& record) {
+        std::string text = Shown("marker", record.marker) + " {";
+        for (const auto& [key, value] : record.capabilities) text += Shown(key) + "=" + Shown(value) + " ";
+        return text + "}";
+    };
+    CapabilitiesRecord keptCapabilities;
+    keptCapabilities.marker = 1;
+    keptCapabilities.capabilities[u"kept"] = u"yes";
+    return {
+        // A missing method writes its line first; the ended line follows every result.
+        OperationPaths(
+            "AddJobInfo", "addJobInfo", kAddJobInfoSignature,
+            [](JNIBridge& bridge) {
+                const JobInfoRecord job = Job(1, 2, 3, 4, 5, 6);
+                return PathOutcome{bridge.AddJobInfo(&job), ""};
+            },
+            "", u"AddJobInfo::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult, kAddJobInfoMissingLine)
+            .OnNullResult(40, {kJavaEndedLine}),
+        // A missing class gives 40 without a line.
+        OperationPaths(
+            "CheckConnectivity", "CheckConnectivity", kCheckConnectivitySignature,
+            [](JNIBridge& bridge) { return PathOutcome{bridge.CheckConnectivity(), ""}; }, "",
+            u"CheckConnectivity::Exception is occured...")
+            .WithoutClass(MissingClassRule::Fail)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .OnNullResult(40, {}),
+        // The three sizes read 0 from just before the call on.
+        OperationPaths(
+            "GetDefaultObjectSizeRange", "GetDefaultObjectSizeRange", kSizeRangeSignature,
+            [sizes](JNIBridge& bridge) {
+                int64_t minimum = -1, defaultSize = -1, maximum = -1;
+                const uint32_t code = bridge.GetDefaultObjectSizeRange(&minimum, &defaultSize, &maximum);
+                return PathOutcome{code, sizes(minimum, defaultSize, maximum)};
+            },
+            sizes(-1, -1, -1), u"GetDefaultObjectSizeRange::Exception is occured...")
+            .WithoutClass(MissingClassRule::Fail)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({}, sizes(0, 0, 0))
+            .OnNullResult(40, {}, sizes(0, 0, 0)),
+        // Java reports no error here: a null result gives 0 and leaves the map.
+        OperationPaths(
+            "GetPluginCapabilities", "GetCloudPluginCapabilities", kCapabilitiesSignature,
+            [capabilities](JNIBridge& bridge) {
+                CapabilitiesRecord record;
+                record.capabilities[u"kept"] = u"yes";
+                const uint32_t code = bridge.GetPluginCapabilities(&record);
+                return PathOutcome{code, capabilities(record)};
+            },
+            capabilities(keptCapabilities), u"GetPluginCapabilities::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .OnNullResult(0, {}),
+    };
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(JobAndSizes, OperationPathsTest, ::testing::ValuesIn(JobAndSizesPaths()),
+                         jnitest::OperationName);

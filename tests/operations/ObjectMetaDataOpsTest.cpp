@@ -10,10 +10,15 @@
 
 #include "bridge/BridgeLog.h"
 #include "bridge/JNIBridge.h"
+#include "OperationPaths.h"
 #include "marshal/MetaData.h"
 #include "support/BridgeFixture.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPaths;
+using jnitest::OperationPathsTest;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::MetaEntry;
 using jnitest::SubListEntry;
@@ -37,6 +42,64 @@ struct SubListOwner {
 
 // A sub-list pointer value that the bridge never produces, to see whether it was written.
 ObjectSubList* const kUntouchedSubList = reinterpret_cast<ObjectSubList*>(static_cast<uintptr_t>(0x1));
+
+// ---- the paths every operation shares (OperationPaths.h)
+
+std::vector<OperationPaths> ObjectMetaDataPaths() {
+    const ObjectMetaData kept{{u"kept", {u"1", 0}}};
+    return {
+        OperationPaths(
+            "SetObjectMetaData", "SetObjectMetaData", kSetSignature,
+            [](JNIBridge& bridge) {
+                return PathOutcome{
+                    bridge.SetObjectMetaData(u"obj", ObjectMetaData::value_type{u"colour", MetaDataValue{u"blue", 5}}),
+                    ""};
+            },
+            "", u"SetObjectMetaData::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .OnNullResult(40, {}),
+        // A null result reads as ordinal 0, so the value is emptied.
+        OperationPaths(
+            "GetObjectMetaDataOfOneProperty", "GetObjectMetaData", kPropertySignature,
+            [](JNIBridge& bridge) {
+                WideString value = u"kept";
+                const uint32_t code = bridge.GetObjectMetaData(u"obj", u"size", value);
+                return PathOutcome{code, Shown(value)};
+            },
+            Shown(WideString(u"kept")), u"GetObjectMetaData::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"GetObjectMetaData::Java called ...obj"})
+            .OnNullResult(0, {u"GetObjectMetaData::Java called ...obj", u"GetObjectMetaData::Java ended ...obj"},
+                          Shown(WideString())),
+        OperationPaths(
+            "GetObjectMetaDataOfAllProperties", "GetObjectMetaData", kAllSignature,
+            [kept](JNIBridge& bridge) {
+                ObjectMetaData metaData = kept;
+                const uint32_t code = bridge.GetObjectMetaData(u"obj", &metaData);
+                return PathOutcome{code, Shown(metaData)};
+            },
+            Shown(kept), u"GetObjectMetaData::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(0, {}),
+        // A null result gives 40 and makes no sub-list.
+        OperationPaths(
+            "GetObjectSubList", "GetObjectSubList", kSubListSignature,
+            [](JNIBridge& bridge) {
+                SubListOwner owner;
+                owner.list = kUntouchedSubList;
+                const uint32_t code = bridge.GetObjectSubList(u"p", &owner.list);
+                std::string outputs = owner.list == kUntouchedSubList ? "untouched" : "a new sub-list";
+                if (owner.list == kUntouchedSubList) owner.list = nullptr;
+                return PathOutcome{code, outputs};
+            },
+            "untouched", u"GetObjectSubList::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}),
+    };
+}
+
+INSTANTIATE_TEST_SUITE_P(ObjectMetaData, OperationPathsTest, ::testing::ValuesIn(ObjectMetaDataPaths()),
+                         jnitest::OperationName);
 
 class ObjectMetaDataOpsTest : public StartedBridgeFixture {
 };
@@ -76,41 +139,10 @@ TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataMapsTheJavaErrorOrdinal) {
     EXPECT_TRUE(NewLines().empty());
 }
 
-TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataNullResultGives40WithoutALine) {
-    TestDouble::ReturnNull("SetObjectMetaData");
-    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
-    EXPECT_EQ(TestDouble::CallCount("SetObjectMetaData"), 1u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataJavaExceptionReadsAsNullResult) {
-    TestDouble::Throw("SetObjectMetaData", "store closed");
-    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataMissingMethodGives0WithoutCalling) {
-    Interposer().FailGetMethodID("SetObjectMetaData", kSetSignature);
-    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 0u);
-    EXPECT_EQ(TestDouble::CallCount("SetObjectMetaData"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectMissingMethodLines(lines, "SetObjectMetaData", kSetSignature);
-}
 
-TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataMissingMethodWithExceptionPendingGives40) {
-    FailLookupWithExceptionPending("SetObjectMetaData", kSetSignature);
-    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
-    EXPECT_EQ(TestDouble::CallCount("SetObjectMetaData"), 0u);
-    EXPECT_EQ(NewLines(), PendingLookupLines("SetObjectMetaData", kSetSignature));
-}
 
-TEST_F(ObjectMetaDataOpsTest, SetObjectMetaDataExceptionInTheFrameWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"SetObjectMetaData::Exception is occured..."});
-}
 
 // ---------------------------------------------------------------- GetObjectMetaData, one property
 
@@ -150,46 +182,9 @@ TEST_F(ObjectMetaDataOpsTest, GetPropertyNullErrorValueGivesTheCodeOfOrdinal40An
     EXPECT_EQ(value, u"kept");
 }
 
-TEST_F(ObjectMetaDataOpsTest, GetPropertyNullResultEmptiesTheValueAndGives0) {
-    TestDouble::ReturnNull("GetObjectMetaData");
-    WideString value = u"old";
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 0u);
-    EXPECT_EQ(value, u"");
-    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"GetObjectMetaData::Java called ...obj",
-                                                   u"GetObjectMetaData::Java ended ...obj"}));
-}
 
-TEST_F(ObjectMetaDataOpsTest, GetPropertyMissingMethodTakesTheNullResultPathWithoutCalling) {
-    Interposer().FailGetMethodID("GetObjectMetaData", kPropertySignature);
-    WideString value = u"old";
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 0u);
-    EXPECT_EQ(value, u"");
-    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    const auto lines = NewLines();
-    ASSERT_EQ(lines.size(), 7u);
-    ExpectMissingMethodLines(lines, "GetObjectMetaData", kPropertySignature);
-    EXPECT_EQ(lines[5], u"GetObjectMetaData::Java called ...obj");
-    EXPECT_EQ(lines[6], u"GetObjectMetaData::Java ended ...obj");
-}
 
-TEST_F(ObjectMetaDataOpsTest, GetPropertyMissingMethodWithExceptionPendingGives40) {
-    FailLookupWithExceptionPending("GetObjectMetaData", kPropertySignature);
-    WideString value = u"kept";
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 40u);
-    EXPECT_EQ(value, u"kept");
-    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
-    EXPECT_EQ(NewLines(), PendingLookupLines("GetObjectMetaData", kPropertySignature));
-}
 
-TEST_F(ObjectMetaDataOpsTest, GetPropertyExceptionInTheFrameWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    WideString value = u"kept";
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 40u);
-    EXPECT_EQ(value, u"kept");
-    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"GetObjectMetaData::Java called ...obj",
-                                                   u"GetObjectMetaData::Exception is occured..."}));
-}
 
 // ---------------------------------------------------------------- GetObjectMetaData, all properties
 
@@ -224,39 +219,9 @@ TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesMapsTheJavaErrorOrdinal) {
     EXPECT_TRUE(metaData.empty());
 }
 
-TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesNullResultGives0) {
-    TestDouble::ReturnNull("GetObjectMetaData");
-    ObjectMetaData metaData{{u"mine", MetaDataValue{u"1", 0}}};
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 0u);
-    EXPECT_EQ(metaData.size(), 1u);
-    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 1u);
-}
 
-TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesMissingMethodTakesTheNullResultPathWithoutCalling) {
-    Interposer().FailGetMethodID("GetObjectMetaData", kAllSignature);
-    ObjectMetaData metaData;
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 0u);
-    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectMissingMethodLines(lines, "GetObjectMetaData", kAllSignature);
-}
 
-TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesMissingMethodWithExceptionPendingGives40) {
-    FailLookupWithExceptionPending("GetObjectMetaData", kAllSignature);
-    ObjectMetaData metaData;
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 40u);
-    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
-    EXPECT_EQ(NewLines(), PendingLookupLines("GetObjectMetaData", kAllSignature));
-}
 
-TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesExceptionInTheFrameWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    ObjectMetaData metaData;
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetObjectMetaData::Exception is occured..."});
-}
 
 TEST_F(ObjectMetaDataOpsTest, GetAllPropertiesWithoutAHostMapStillCallsAndGivesTheCode) {
     TestDouble::ReturnErrorOrdinal("GetObjectMetaData", 4);
@@ -324,14 +289,6 @@ TEST_F(ObjectMetaDataOpsTest, GetObjectSubListWithANullArrayGivesAnEmptySubListA
     EXPECT_TRUE(owner.list->empty());
 }
 
-TEST_F(ObjectMetaDataOpsTest, GetObjectSubListWithJavaReturningNullGives40AndNoSubList) {
-    TestDouble::ReturnNull("GetObjectSubList");
-    ObjectSubList* list = kUntouchedSubList;
-    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
-    EXPECT_EQ(list, kUntouchedSubList);
-    EXPECT_EQ(TestDouble::CallCount("GetObjectSubList"), 1u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
 TEST_F(ObjectMetaDataOpsTest, GetObjectSubListEachCallMakesANewSubList) {
     ObjectSubList* list = nullptr;
@@ -344,33 +301,8 @@ TEST_F(ObjectMetaDataOpsTest, GetObjectSubListEachCallMakesANewSubList) {
     EXPECT_NE(second.list, first.list);
 }
 
-TEST_F(ObjectMetaDataOpsTest, GetObjectSubListMissingMethodTakesTheNullResultPathAndGives40) {
-    Interposer().FailGetMethodID("GetObjectSubList", kSubListSignature);
-    ObjectSubList* list = kUntouchedSubList;
-    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
-    EXPECT_EQ(list, kUntouchedSubList);
-    EXPECT_EQ(TestDouble::CallCount("GetObjectSubList"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectMissingMethodLines(lines, "GetObjectSubList", kSubListSignature);
-}
 
-TEST_F(ObjectMetaDataOpsTest, GetObjectSubListMissingMethodWithExceptionPendingGives40) {
-    FailLookupWithExceptionPending("GetObjectSubList", kSubListSignature);
-    ObjectSubList* list = kUntouchedSubList;
-    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
-    EXPECT_EQ(list, kUntouchedSubList);
-    EXPECT_EQ(NewLines(), PendingLookupLines("GetObjectSubList", kSubListSignature));
-}
 
-TEST_F(ObjectMetaDataOpsTest, GetObjectSubListExceptionInTheFrameWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    ObjectSubList* list = kUntouchedSubList;
-    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
-    EXPECT_EQ(list, kUntouchedSubList);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetObjectSubList::Exception is occured..."});
-}
 
 TEST_F(ObjectMetaDataOpsTest, GetObjectSubListWithoutAHostPointerStillCallsAndGivesTheCode) {
     TestDouble::ReturnErrorOrdinal("GetObjectSubList", 1);
@@ -380,24 +312,6 @@ TEST_F(ObjectMetaDataOpsTest, GetObjectSubListWithoutAHostPointerStillCallsAndGi
 
 // ---------------------------------------------------------------- common to the four
 
-TEST_F(ObjectMetaDataOpsTest, WithoutAPluginObjectEveryOperationGives40WithoutALine) {
-    ASSERT_EQ(m_bridge->DeInit(), 0u);
-    Interposer().Reset();
-    MarkLines();
-    WideString value = u"kept";
-    ObjectMetaData metaData;
-    ObjectSubList* list = kUntouchedSubList;
-    EXPECT_EQ(m_bridge->SetObjectMetaData(u"obj", kColour), 40u);
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", u"size", value), 40u);
-    EXPECT_EQ(m_bridge->GetObjectMetaData(u"obj", &metaData), 40u);
-    EXPECT_EQ(m_bridge->GetObjectSubList(u"p", &list), 40u);
-    EXPECT_EQ(value, u"kept");
-    EXPECT_EQ(list, kUntouchedSubList);
-    EXPECT_TRUE(NewLines().empty());
-    EXPECT_EQ(TestDouble::CallCount("SetObjectMetaData"), 0u);
-    EXPECT_EQ(TestDouble::CallCount("GetObjectMetaData"), 0u);
-    EXPECT_EQ(TestDouble::CallCount("GetObjectSubList"), 0u);
-}
 
 TEST_F(ObjectMetaDataOpsTest, AThreadThatWasNotAttachedIsAttachedAndDetachedPerOperation) {
     WideString value;

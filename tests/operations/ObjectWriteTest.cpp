@@ -6,16 +6,23 @@
 // with what the double's store hands back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "OperationPaths.h"
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
 #include "support/TestData.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPaths;
+using jnitest::OperationPathsTest;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
 
@@ -46,7 +53,116 @@ const uint8_t* Bytes(const std::string& bytes) { return reinterpret_cast<const u
     return ::testing::AssertionFailure() << "first difference at byte " << at << " of " << expected.size();
 }
 
+// ---- the paths every operation shares (OperationPaths.h)
+
+std::vector<OperationPaths> ObjectWritePaths() {
+    static const std::string data = "abc";
+    static const ObjectMetaData metaData{{u"k", {u"v", 0}}};
+    const uint8_t* const bytes = Bytes(data);
+    const WideString kept = u"keep";
+    // Runs a write that hands back a handle, on a handle that reads "keep".
+    const auto withHandle = [kept](std::function<uint32_t(JNIBridge&, WideString&)> write) {
+        return [kept, write](JNIBridge& bridge) {
+            WideString handle = kept;
+            const uint32_t code = write(bridge, handle);
+            return PathOutcome{code, Shown(handle)};
+        };
+    };
+    const char16_t* const writeException = u"WriteObject::Exception is occured...";
+    const char16_t* const updateException = u"UpdateObject::Exception is occured...";
+    const char* const flagSignature =
+        "(Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;J)Lcom/qv/AzureLibrary/CWObjectHandleFnValue;";
+    const char* const updateWithFlagSignature =
+        "(Ljava/lang/String;Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;J)"
+        "Lcom/qv/AzureLibrary/CCreateFnValue;";
+    const std::vector<WideString> plainBefore = {u"WriteObject::memory copy started ...obj",
+                                                 u"WriteObject::memory copy ended ...obj",
+                                                 u"WriteObject::Java called ...obj"};
+    std::vector<WideString> plainNull = plainBefore;
+    plainNull.push_back(u"WriteObject::Java ended ...obj");
+    return {
+        // Only the plain write ends with 0 when its method is missing (nothing is copied then).
+        OperationPaths(
+            "WriteObject", "WriteObject", kPlainWriteSignature,
+            [bytes](JNIBridge& bridge) { return PathOutcome{bridge.WriteObject(u"obj", bytes, 3), ""}; }, "",
+            writeException)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .BeforeCall(plainBefore)
+            .OnNullResult(40, plainNull),
+        // A Java exception behind the null result is described after "WriteObject::is return null...".
+        OperationPaths("WriteObjectWithMetaData", "WriteObject", kWriteWithMetaDataSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.WriteObject(u"obj", bytes, 3, &metaData, handle);
+                       }),
+                       Shown(kept), writeException)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"WriteObject::java called is occured...obj"})
+            .OnNullResult(40, {u"WriteObject::java called is occured...obj", u"WriteObject::java ended is occured...obj",
+                               u"WriteObject::is return null...obj"})
+            .DescribingJavaExceptions(),
+        OperationPaths("WriteObjectWithFlag", "WriteObject", flagSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.WriteObject(u"obj", bytes, 3, &metaData, handle, 0x10);
+                       }),
+                       Shown(kept), writeException)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"WriteObject::java called is occured...obj objFlag:[0x0000000000000010]"})
+            .OnNullResult(40, {u"WriteObject::java called is occured...obj objFlag:[0x0000000000000010]",
+                               u"WriteObject::java ended is occured...obj", u"WriteObject::is return null...obj"})
+            .DescribingJavaExceptions(),
+        OperationPaths("WriteCachedObject", "WriteCachedObject", kWriteWithMetaDataSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.WriteCachedObject(u"obj", bytes, 3, &metaData, handle);
+                       }),
+                       Shown(kept), u"WriteCachedObject::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"WriteCachedObject::java is called...obj"})
+            .OnNullResult(40, {u"WriteCachedObject::java is called...obj", u"WriteCachedObject::java is ended...obj",
+                               u"WriteCachedObject::java is returned NULL...obj"}),
+        // A null result empties the handle.
+        OperationPaths("UpdateObject", "UpdateObject", kUpdateObjectSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.UpdateObject(u"a", u"b", bytes, 3, &metaData, handle);
+                       }),
+                       Shown(kept), updateException)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}, Shown(WideString())),
+        OperationPaths("UpdateObjectWithFlag", "UpdateObject", updateWithFlagSignature,
+                       withHandle([bytes](JNIBridge& bridge, WideString& handle) {
+                           return bridge.UpdateObject(u"a", u"b", bytes, 3, &metaData, handle, 0x10);
+                       }),
+                       Shown(kept), updateException)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"UpdateObject::java called is occured...a objFlag:[0x0000000000000010]"})
+            .OnNullResult(40, {u"UpdateObject::java called is occured...a objFlag:[0x0000000000000010]"},
+                          Shown(WideString())),
+        OperationPaths("UpdateCachedObjectByHandle", "UpdateCachedObjectByHandle",
+                       "(Ljava/lang/String;Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;)"
+                       "Lcom/qv/QVCloudPluginInterface/CErrorValue;",
+                       [bytes](JNIBridge& bridge) {
+                           return PathOutcome{bridge.UpdateCachedObjectByHandle(u"a", u"b", bytes, 3, &metaData), ""};
+                       },
+                       "", u"UpdateCachedObjectByHandle::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"UpdateCachedObjectByHandle::java called is occured...a"})
+            .OnNullResult(40, {u"UpdateCachedObjectByHandle::java called is occured...a",
+                               u"UpdateCachedObjectByHandle::java ended is occured...a"}),
+        OperationPaths(
+            "UpdateCachedObjectByName", "UpdateCachedObjectByName",
+            "(Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;)Lcom/qv/QVCloudPluginInterface/CErrorValue;",
+            [bytes](JNIBridge& bridge) {
+                return PathOutcome{bridge.UpdateCachedObjectByName(u"obj", bytes, 3, &metaData), ""};
+            },
+            "", u"UpdateCachedObjectByName::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}),
+    };
+}
+
 }  // namespace
+
+INSTANTIATE_TEST_SUITE_P(ObjectWrite, OperationPathsTest, ::testing::ValuesIn(ObjectWritePaths()),
+                         jnitest::OperationName);
 
 class ObjectWriteTest : public StartedBridgeFixture {
 protected:
@@ -130,9 +246,17 @@ TEST_F(ObjectWriteTest, PlainWriteOfANullBufferWithALengthGives41WithoutTouching
 }
 
 TEST_F(ObjectWriteTest, PlainWriteOf2GiBOrMoreCannotBeCarriedAndGives41) {
-    // Only the low 32 bits size the array: 2^31 is no Java array size. The buffer is never read.
+    // Only the low 32 bits size the array: from 2^31 on they are no Java array size. The JVM is not asked
+    // for a negative array (nothing is described) and the buffer is never read.
     const uint8_t one = 1;
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", &one, uint64_t{1} << 31), 41u);
+    for (const uint64_t length : {uint64_t{1} << 31, uint64_t{0xFFFFFFFF}, (uint64_t{1} << 32) + (uint64_t{1} << 31)}) {
+        MarkLines();
+        EXPECT_EQ(m_bridge->WriteObject(u"obj", &one, length), 41u) << length;
+        EXPECT_EQ(NewLines(), (std::vector<WideString>{u"WriteObject::memory copy started ...obj",
+                                                       u"WriteObject::memory copy ended ...obj"}))
+            << length;
+    }
+    EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
     EXPECT_EQ(TestDouble::CallCount("WriteObject"), 0u);
 }
 
@@ -141,13 +265,6 @@ TEST_F(ObjectWriteTest, PlainWriteMapsTheJavaErrorOrdinal) {
     EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), MapErrorOrdinal(3));
 }
 
-TEST_F(ObjectWriteTest, PlainWriteWithANullOrThrowingResultGives40) {
-    TestDouble::ReturnNull("WriteObject");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), 40u);
-    TestDouble::Throw("WriteObject", "store failed");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), 40u);
-    EXPECT_EQ(NewLines().size(), 8u);
-}
 
 TEST_F(ObjectWriteTest, PlainWriteWhoseMethodIsMissingReportsSuccessWithoutCopying) {
     Interposer().FailGetMethodID("WriteObject", kPlainWriteSignature);
@@ -160,28 +277,7 @@ TEST_F(ObjectWriteTest, PlainWriteWhoseMethodIsMissingReportsSuccessWithoutCopyi
               LookupFailureLines("WriteObject", kPlainWriteSignature));
 }
 
-TEST_F(ObjectWriteTest, PlainWriteNativeExceptionWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size()), 40u);
-    EXPECT_EQ(NewLines().back(), u"WriteObject::Exception is occured...");
-}
 
-TEST_F(ObjectWriteTest, EveryWriteWithoutAPluginObjectGives40WithoutALine) {
-    JNIBridge idle(m_folder.Path(), &m_createInfo);
-    idle.SetLogger(Log());
-    WideString handle = u"keep";
-    EXPECT_EQ(idle.WriteObject(u"obj", Bytes(m_data), 3), 40u);
-    EXPECT_EQ(idle.WriteObject(u"obj", Bytes(m_data), 3, &m_meta, handle), 40u);
-    EXPECT_EQ(idle.WriteObject(u"obj", Bytes(m_data), 3, &m_meta, handle, 1), 40u);
-    EXPECT_EQ(idle.WriteCachedObject(u"obj", Bytes(m_data), 3, &m_meta, handle), 40u);
-    EXPECT_EQ(idle.UpdateObject(u"a", u"b", Bytes(m_data), 3, &m_meta, handle), 40u);
-    EXPECT_EQ(idle.UpdateObject(u"a", u"b", Bytes(m_data), 3, &m_meta, handle, 1), 40u);
-    EXPECT_EQ(idle.UpdateCachedObjectByHandle(u"a", u"b", Bytes(m_data), 3, &m_meta), 40u);
-    EXPECT_EQ(idle.UpdateCachedObjectByName(u"a", Bytes(m_data), 3, &m_meta), 40u);
-    EXPECT_EQ(handle, u"keep");
-    EXPECT_TRUE(NewLines().empty());
-    EXPECT_TRUE(TestDouble::Calls().empty());
-}
 
 // ---- WriteObject with metadata, with and without flag
 
@@ -230,15 +326,8 @@ TEST_F(ObjectWriteTest, WriteWithFlagZeroStillShowsSixteenDigits) {
     EXPECT_EQ(NewLines()[1], u"WriteObject::java called is occured...obj objFlag:[0x0000000000000000]");
 }
 
-TEST_F(ObjectWriteTest, WriteWithMetaDataNullResultLogsItLeavesTheHandleAndGives40) {
-    WideString handle = u"keep";
-    TestDouble::ReturnNull("WriteObject");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(handle, u"keep");
-    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"WriteObject::java called is occured...obj",
-                                                   u"WriteObject::java ended is occured...obj",
-                                                   u"WriteObject::is return null...obj"}));
-}
+
+
 
 TEST_F(ObjectWriteTest, WriteWithMetaDataMapsTheOrdinalAndStillHandsBackTheHandle) {
     WideString handle;
@@ -255,20 +344,6 @@ TEST_F(ObjectWriteTest, WriteWithMetaDataWhoseArrayCannotBeMadeStillCallsJavaWit
     EXPECT_EQ(TestDouble::DescribeCall("WriteObject", 0), "WriteObject(\"obj\", null, 3, {\"k\"=\"v\"})");
 }
 
-TEST_F(ObjectWriteTest, WriteWithMetaDataWhoseMethodIsMissingTakesTheNullResultPathWithoutCalling) {
-    WideString handle = u"keep";
-    Interposer().FailGetMethodID("WriteObject", kWriteWithMetaDataSignature);
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(TestDouble::CallCount("WriteObject"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    EXPECT_EQ(handle, u"keep");
-    const auto lines = NewLines();
-    ASSERT_GE(lines.size(), 3u);
-    EXPECT_EQ(
-        std::vector<WideString>(lines.end() - 3, lines.end()),
-        (std::vector<WideString>{u"WriteObject::java called is occured...obj",
-                                 u"WriteObject::java ended is occured...obj", u"WriteObject::is return null...obj"}));
-}
 
 TEST_F(ObjectWriteTest, WriteWithMetaDataReleasesItsByteArrayOnceOnly) {
     WideString handle;
@@ -278,12 +353,6 @@ TEST_F(ObjectWriteTest, WriteWithMetaDataReleasesItsByteArrayOnceOnly) {
     EXPECT_EQ(Interposer().CountOf("DeleteLocalRef"), static_cast<size_t>(Interposer().LocalRefsDeleted()));
 }
 
-TEST_F(ObjectWriteTest, WriteWithMetaDataNativeExceptionWritesTheWriteObjectLine) {
-    WideString handle;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->WriteObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle, 1), 40u);
-    EXPECT_EQ(NewLines().back(), u"WriteObject::Exception is occured...");
-}
 
 // ---- WriteCachedObject
 
@@ -308,12 +377,6 @@ TEST_F(ObjectWriteTest, WriteCachedObjectWithNullMetaDataAndANullResultWritesIts
                   u"WriteCachedObject::java is ended...obj", u"WriteCachedObject::java is returned NULL...obj"}));
 }
 
-TEST_F(ObjectWriteTest, WriteCachedObjectNativeExceptionWritesItsLine) {
-    WideString handle;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->WriteCachedObject(u"obj", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(NewLines().back(), u"WriteCachedObject::Exception is occured...");
-}
 
 // ---- UpdateObject
 
@@ -338,21 +401,7 @@ TEST_F(ObjectWriteTest, UpdateObjectWithFlagLogsTheCallWithTheFlagText) {
               (std::vector<WideString>{u"UpdateObject::java called is occured...obj objFlag:[0x0000000000000010]"}));
 }
 
-TEST_F(ObjectWriteTest, UpdateObjectNullResultEmptiesTheHandleAndGives40) {
-    WideString handle = u"old";
-    TestDouble::ReturnNull("UpdateObject");
-    EXPECT_EQ(m_bridge->UpdateObject(u"obj", u"other", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(handle, u"");
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ObjectWriteTest, UpdateObjectWhoseMethodIsMissingEmptiesTheHandleWithoutCalling) {
-    WideString handle = u"old";
-    Interposer().FailGetMethodID("UpdateObject", kUpdateObjectSignature);
-    EXPECT_EQ(m_bridge->UpdateObject(u"obj", u"other", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(handle, u"");
-    EXPECT_EQ(TestDouble::CallCount("UpdateObject"), 0u);
-}
 
 TEST_F(ObjectWriteTest, UpdateObjectMapsTheOrdinalAndReleasesItsMetaDataArrayOnceOnly) {
     WideString handle;
@@ -364,12 +413,6 @@ TEST_F(ObjectWriteTest, UpdateObjectMapsTheOrdinalAndReleasesItsMetaDataArrayOnc
     EXPECT_EQ(Interposer().CountOf("DeleteLocalRef"), static_cast<size_t>(Interposer().LocalRefsDeleted()));
 }
 
-TEST_F(ObjectWriteTest, UpdateObjectNativeExceptionWritesItsLine) {
-    WideString handle;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->UpdateObject(u"obj", u"other", Bytes(m_data), m_data.size(), &m_meta, handle), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"UpdateObject::Exception is occured..."});
-}
 
 // ---- the cached updates
 
@@ -406,15 +449,6 @@ TEST_F(ObjectWriteTest, UpdateCachedObjectByNameWritesNoLinesAndMapsTheOrdinal) 
     EXPECT_TRUE(NewLines().empty());
 }
 
-TEST_F(ObjectWriteTest, CachedUpdatesNativeExceptionsWriteTheirOwnLines) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA", 2);
-    EXPECT_EQ(m_bridge->UpdateCachedObjectByHandle(u"h", u"other", Bytes(m_data), m_data.size(), &m_meta), 40u);
-    EXPECT_EQ(m_bridge->UpdateCachedObjectByName(u"obj", Bytes(m_data), m_data.size(), &m_meta), 40u);
-    const auto lines = NewLines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[1], u"UpdateCachedObjectByHandle::Exception is occured...");
-    EXPECT_EQ(lines[2], u"UpdateCachedObjectByName::Exception is occured...");
-}
 
 // ---- data end to end
 

@@ -414,6 +414,31 @@ TEST_F(JniInterposerTest, FailGetFieldIDAnswersNullWithAPendingNoSuchFieldError)
     EXPECT_EQ(TakePendingException().className, "java.lang.NoSuchFieldError");
 }
 
+TEST_F(JniInterposerTest, FailGetObjectClassAnswersNullWithNothingPendingForItsTimes) {
+    jstring text = env->NewStringUTF("text");
+    interposer.FailGetObjectClass(2);
+    EXPECT_EQ(env->GetObjectClass(text), nullptr);
+    EXPECT_FALSE(env->ExceptionCheck());
+    EXPECT_EQ(env->GetObjectClass(text), nullptr);
+    jclass cls = env->GetObjectClass(text);
+    ASSERT_NE(cls, nullptr);
+    EXPECT_TRUE(env->IsSameObject(cls, jnitest::TestEnv()->FindClass("java/lang/String")));
+    EXPECT_EQ(interposer.CountOf("GetObjectClass"), 3u);
+    // The failed calls made no reference.
+    EXPECT_EQ(interposer.LocalRefsMade(), 2);
+}
+
+TEST_F(JniInterposerTest, FailGetObjectClassWithExceptionAnswersNullWithAPendingOutOfMemoryError) {
+    jstring text = env->NewStringUTF("text");
+    interposer.FailGetObjectClassWithException();
+    EXPECT_EQ(env->GetObjectClass(text), nullptr);
+    const PendingException pending = TakePendingException();
+    EXPECT_EQ(pending.className, "java.lang.OutOfMemoryError");
+    EXPECT_NE(pending.message.find("planned by the JNI interposer"), std::string::npos) << pending.message;
+    EXPECT_NE(env->GetObjectClass(text), nullptr);
+    EXPECT_FALSE(env->ExceptionCheck());
+}
+
 TEST_F(JniInterposerTest, FailNewByteArrayAnswersNullWithAPendingOutOfMemoryError) {
     interposer.FailNewByteArray();
     EXPECT_EQ(env->NewByteArray(16), nullptr);

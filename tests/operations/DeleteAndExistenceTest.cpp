@@ -12,11 +12,16 @@
 #include <utility>
 #include <vector>
 
+#include "OperationPaths.h"
 #include "bridge/BridgeLog.h"
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPathsTest;
+using jnitest::OperationPaths;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
 
@@ -77,11 +82,73 @@ std::vector<ExistenceOperation> ExistenceOperations() {
     };
 }
 
+// ---- the paths every operation shares (OperationPaths.h)
+
+std::vector<OperationPaths> DeleteAndExistencePaths() {
+    const auto deletion = [](uint32_t (JNIBridge::*operation)(const WideString&)) {
+        return [operation](JNIBridge& bridge) { return PathOutcome{(bridge.*operation)(u"obj"), ""}; };
+    };
+    const auto question = [](bool path) {
+        return [path](JNIBridge& bridge) {
+            uint32_t flag = kUntouchedFlag;
+            const uint32_t code = path ? bridge.IsObjectPathSupported(u"obj", 3, &flag) : bridge.IsObjectExist(u"obj", &flag);
+            return PathOutcome{code, Shown("flag", flag)};
+        };
+    };
+    const std::string untouchedFlag = Shown("flag", kUntouchedFlag);
+    const WideString trace = WideString(kDeleteByNameLine) + u"obj";
+    const char16_t* const missingClassLine = u"m_ObjQVAzurePlugInLibrary is failed...";
+    return {
+        // A null class describes a pending exception (40); with none pending the lookup fails (0).
+        OperationPaths("DeleteObjectByName", "DeleteObjectByName", kErrorValueByStringSignature,
+                       deletion(&JNIBridge::DeleteObjectByName), "", kDeleteByNameLine)
+            .WithoutClass(MissingClassRule::DescribeThenGoOn)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .BeforeCall({trace})
+            .OnNullResult(40, {trace}),
+        OperationPaths("DeleteObjectByHandle", "DeleteObjectByHandle", kErrorValueByStringSignature,
+                       deletion(&JNIBridge::DeleteObjectByHandle), "",
+                       u"DeleteObjectByHandle::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .OnNullResult(40, {}),
+        // The ordinal of a null CErrorValue reads as 40, which maps to 47.
+        OperationPaths(
+            "DeleteObjectByHandleList", "DeleteObjectByHandle", kHandleListSignature,
+            [](JNIBridge& bridge) {
+                const WideString handles[] = {u"handle:a", u"handle:b"};
+                return PathOutcome{bridge.DeleteObjectByHandle(handles, 2), ""};
+            },
+            "", u"DeleteObjectByHandle::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(47, {}),
+        OperationPaths("DeleteCachedObjectByName", "DeleteCachedObjectByName", kErrorValueByStringSignature,
+                       deletion(&JNIBridge::DeleteCachedObjectByName), "",
+                       u"DeleteCachedObjectByName::Exception is occured...")
+            .WithoutClass(MissingClassRule::Fail, missingClassLine)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .OnNullResult(40, {}),
+        // IsObjectPathSupported writes IsObjectExist's exception line.
+        OperationPaths("IsObjectExist", "IsObjectExist", kIsObjectExistSignature, question(false), untouchedFlag,
+                       u"IsObjectExist::Exception is occured...")
+            .WithoutClass(MissingClassRule::Fail, missingClassLine)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(0, {}, Shown("flag", 0)),
+        OperationPaths("IsObjectPathSupported", "IsObjectPathSupported", kIsObjectPathSupportedSignature,
+                       question(true), untouchedFlag, u"IsObjectExist::Exception is occured...")
+            .WithoutClass(MissingClassRule::Fail, missingClassLine)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(0, {}, Shown("flag", 0)),
+    };
+}
+
 // Test names show the operation's label rather than the record's bytes.
 void PrintTo(const DeleteOperation& operation, std::ostream* out) { *out << operation.label; }
 void PrintTo(const ExistenceOperation& operation, std::ostream* out) { *out << operation.label; }
 
 }  // namespace
+
+INSTANTIATE_TEST_SUITE_P(DeleteAndExistence, OperationPathsTest, ::testing::ValuesIn(DeleteAndExistencePaths()),
+                         jnitest::OperationName);
 
 // A started bridge whose log lines are counted from the start on.
 class DeleteAndExistenceTest : public StartedBridgeFixture {
@@ -154,55 +221,11 @@ TEST_P(DeleteAndExistenceDeleteTest, OrdinalOutsideTheTableGives23) {
     EXPECT_EQ(Run(u"obj"), 23u);
 }
 
-TEST_P(DeleteAndExistenceDeleteTest, NullResultGives40) {
-    TestDouble::ReturnNull(GetParam().javaName);
-    EXPECT_EQ(Run(u"obj"), 40u);
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 1u);
-    EXPECT_EQ(NewLines(), CallLines(u"obj"));
-}
 
-TEST_P(DeleteAndExistenceDeleteTest, JavaExceptionReadsAsANullResultAndGives40) {
-    TestDouble::Throw(GetParam().javaName, "locked");
-    EXPECT_EQ(Run(u"obj"), 40u);
-    EXPECT_EQ(NewLines(), CallLines(u"obj"));
-}
 
-TEST_P(DeleteAndExistenceDeleteTest, MissingMethodGives0WithoutCalling) {
-    Interposer().FailGetMethodID(GetParam().javaName, kErrorValueByStringSignature);
-    EXPECT_EQ(Run(u"obj"), 0u);
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    // Only the lookup's lines: the name trace comes after the lookup.
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectFailedLookupLines(lines, 0, GetParam().javaName.c_str(), kErrorValueByStringSignature);
-}
 
-TEST_P(DeleteAndExistenceDeleteTest, MissingMethodWithAnExceptionStillPendingGives40) {
-    Interposer().FailGetMethodID(GetParam().javaName, kErrorValueByStringSignature);
-    Interposer().ThrowCppExceptionIn("ExceptionOccurred");
-    EXPECT_EQ(Run(u"obj"), 40u);
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 0u);
-    const auto lines = NewLines();
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(lines[0], u"DescribeException::Exception is occured...");
-    EXPECT_EQ(lines[4], u"Descrption is failed");
-}
 
-TEST_P(DeleteAndExistenceDeleteTest, ExceptionInsideTheFrameWritesTheOperationsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(Run(u"obj"), 40u);
-    std::vector<WideString> expected = CallLines(u"obj");
-    expected.push_back(GetParam().exceptionLine);
-    EXPECT_EQ(NewLines(), expected);
-}
 
-TEST_P(DeleteAndExistenceDeleteTest, NoPluginObjectGives40WithoutALine) {
-    DropPluginObject();
-    EXPECT_EQ(Run(u"obj"), 40u);
-    EXPECT_TRUE(NewLines().empty());
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 0u);
-}
 
 TEST_P(DeleteAndExistenceDeleteTest, EmptyTextReachesJavaAsAnEmptyString) {
     EXPECT_EQ(Run(u""), 0u);
@@ -227,14 +250,6 @@ TEST_F(DeleteAndExistenceTest, DeletingByNameWritesTheTraceLineWithTheNameEvenWh
               std::vector<WideString>{u"DeleteObjectByName::Exception is occured...archive/2024-01.bak"});
 }
 
-TEST_F(DeleteAndExistenceTest, DeletingByNameWritesTheTraceLineBeforeJavaIsCalled) {
-    // When the call itself fails the trace line is already there, followed by
-    // the same text as the exception line.
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->DeleteObjectByName(u"n"), 40u);
-    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"DeleteObjectByName::Exception is occured...n",
-                                                   u"DeleteObjectByName::Exception is occured..."}));
-}
 
 TEST_F(DeleteAndExistenceTest, DeleteCachedObjectByNameLooksUpItsOwnMethod) {
     EXPECT_EQ(m_bridge->DeleteCachedObjectByName(u"cached"), 0u);
@@ -304,55 +319,11 @@ TEST_F(DeleteAndExistenceTest, DeleteByHandleListReadsTheOrdinalEvenWithoutAnErr
     EXPECT_EQ(m_bridge->DeleteObjectByHandle(u"handle:a"), 40u);
 }
 
-TEST_F(DeleteAndExistenceTest, DeleteByHandleListWithANullResultGives47WhileTheSingleFormGives40) {
-    const WideString handles[] = {u"handle:a"};
-    TestDouble::ReturnNull("DeleteObjectByHandle");
-    EXPECT_EQ(m_bridge->DeleteObjectByHandle(handles, 1), 47u);
-    TestDouble::ReturnNull("DeleteObjectByHandle");
-    EXPECT_EQ(m_bridge->DeleteObjectByHandle(u"handle:a"), 40u);
-    EXPECT_EQ(TestDouble::CallCount("DeleteObjectByHandle"), 2u);
-}
 
-TEST_F(DeleteAndExistenceTest, DeleteByHandleListWithAJavaExceptionGives47) {
-    const WideString handles[] = {u"handle:a"};
-    TestDouble::Throw("DeleteObjectByHandle", "bad handle");
-    EXPECT_EQ(m_bridge->DeleteObjectByHandle(handles, 1), 47u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(DeleteAndExistenceTest, DeleteByHandleListWithAMissingMethodTakesTheNullResultPathAndGives47) {
-    Interposer().FailGetMethodID("DeleteObjectByHandle", kHandleListSignature);
-    const WideString handles[] = {u"handle:a"};
-    EXPECT_EQ(m_bridge->DeleteObjectByHandle(handles, 1), 47u);
-    // The call with the missing method is not made.
-    EXPECT_EQ(TestDouble::CallCount("DeleteObjectByHandle"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectFailedLookupLines(lines, 0, "DeleteObjectByHandle", kHandleListSignature);
-}
 
-TEST_F(DeleteAndExistenceTest, DeleteByHandleListWithAMissingMethodAndAnExceptionStillPendingGives40) {
-    Interposer().FailGetMethodID("DeleteObjectByHandle", kHandleListSignature);
-    Interposer().ThrowCppExceptionIn("ExceptionOccurred");
-    const WideString handles[] = {u"handle:a"};
-    EXPECT_EQ(m_bridge->DeleteObjectByHandle(handles, 1), 40u);
-    EXPECT_EQ(TestDouble::CallCount("DeleteObjectByHandle"), 0u);
-}
 
-TEST_F(DeleteAndExistenceTest, DeleteByHandleListExceptionInsideTheFrameWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    const WideString handles[] = {u"handle:a", u"handle:b"};
-    EXPECT_EQ(m_bridge->DeleteObjectByHandle(handles, 2), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"DeleteObjectByHandle::Exception is occured..."});
-}
 
-TEST_F(DeleteAndExistenceTest, DeleteByHandleListWithoutAPluginObjectGives40WithoutALine) {
-    DropPluginObject();
-    const WideString handles[] = {u"handle:a"};
-    EXPECT_EQ(m_bridge->DeleteObjectByHandle(handles, 1), 40u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
 TEST_F(DeleteAndExistenceTest, DeleteByHandleListLeavesNoLocalReference) {
     const WideString handles[] = {u"handle:a", u"handle:b", u"handle:c"};
@@ -407,58 +378,11 @@ TEST_P(DeleteAndExistenceQuestionTest, NullErrorValueReadsAsOrdinal40AndGives47)
     EXPECT_EQ(flag, 1u);
 }
 
-TEST_P(DeleteAndExistenceQuestionTest, NullResultWritesFlag0AndReturns0) {
-    TestDouble::ReturnNull(GetParam().javaName);
-    uint32_t flag = kUntouchedFlag;
-    EXPECT_EQ(Run(u"obj", &flag), 0u);
-    EXPECT_EQ(flag, 0u);
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 1u);
-}
 
-TEST_P(DeleteAndExistenceQuestionTest, JavaExceptionReadsAsANullResult) {
-    TestDouble::Throw(GetParam().javaName, "unreachable store");
-    uint32_t flag = kUntouchedFlag;
-    EXPECT_EQ(Run(u"obj", &flag), 0u);
-    EXPECT_EQ(flag, 0u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_P(DeleteAndExistenceQuestionTest, MissingMethodTakesTheNullResultPathWithoutCalling) {
-    Interposer().FailGetMethodID(GetParam().javaName, GetParam().signature);
-    uint32_t flag = kUntouchedFlag;
-    EXPECT_EQ(Run(u"obj", &flag), 0u);
-    EXPECT_EQ(flag, 0u);
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectFailedLookupLines(lines, 0, GetParam().javaName.c_str(), GetParam().signature.c_str());
-}
 
-TEST_P(DeleteAndExistenceQuestionTest, MissingMethodWithAnExceptionStillPendingGives40AndKeepsTheFlag) {
-    Interposer().FailGetMethodID(GetParam().javaName, GetParam().signature);
-    Interposer().ThrowCppExceptionIn("ExceptionOccurred");
-    uint32_t flag = kUntouchedFlag;
-    EXPECT_EQ(Run(u"obj", &flag), 40u);
-    EXPECT_EQ(flag, kUntouchedFlag);
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 0u);
-}
 
-TEST_P(DeleteAndExistenceQuestionTest, ExceptionInsideTheFrameWritesTheIsObjectExistLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    uint32_t flag = kUntouchedFlag;
-    EXPECT_EQ(Run(u"obj", &flag), 40u);
-    EXPECT_EQ(flag, kUntouchedFlag);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"IsObjectExist::Exception is occured..."});
-}
 
-TEST_P(DeleteAndExistenceQuestionTest, NoPluginObjectGives40WithoutALineAndKeepsTheFlag) {
-    DropPluginObject();
-    uint32_t flag = kUntouchedFlag;
-    EXPECT_EQ(Run(u"obj", &flag), 40u);
-    EXPECT_EQ(flag, kUntouchedFlag);
-    EXPECT_TRUE(NewLines().empty());
-}
 
 TEST_P(DeleteAndExistenceQuestionTest, NullFlagPointerIsNotWrittenThroughAndTheCallStillRuns) {
     TestDouble::ReturnErrorOrdinal(GetParam().javaName, 3);

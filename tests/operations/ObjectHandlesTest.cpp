@@ -10,11 +10,16 @@
 #include <utility>
 #include <vector>
 
+#include "OperationPaths.h"
 #include "bridge/BridgeLog.h"
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPaths;
+using jnitest::OperationPathsTest;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
 
@@ -80,7 +85,45 @@ std::vector<HandleOperation> HandleOperations() {
 // Test names show the operation's label rather than the record's bytes.
 void PrintTo(const HandleOperation& operation, std::ostream* out) { *out << operation.label; }
 
+// ---- the paths every operation shares (OperationPaths.h)
+
+std::vector<OperationPaths> ObjectHandlePaths() {
+    std::vector<OperationPaths> rows;
+    // Once Java has been called the handle is always overwritten (empty for a null result); a missing
+    // method ends with 0 and leaves it.
+    for (const HandleOperation& operation : HandleOperations()) {
+        const auto run = operation.run;
+        std::vector<WideString> before;
+        std::vector<WideString> afterNull;
+        if (operation.logsAroundTheCall) {
+            before = {u"obj"};
+            afterNull = {u"obj", u"", u"CreateObject::is ended..."};
+        }
+        rows.push_back(OperationPaths(
+                           operation.label, operation.javaName, operation.signature,
+                           [run](JNIBridge& bridge) {
+                               WideString handle = kKeptHandle;
+                               const uint32_t code = run(bridge, u"obj", handle);
+                               return PathOutcome{code, Shown(handle)};
+                           },
+                           Shown(WideString(kKeptHandle)), operation.exceptionLine)
+                           .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+                           .BeforeCall(before)
+                           .OnNullResult(0, afterNull, Shown(WideString())));
+    }
+    rows.push_back(OperationPaths(
+                       "CloseObject", "CloseObject", "(Ljava/lang/String;)Lcom/qv/QVCloudPluginInterface/CErrorValue;",
+                       [](JNIBridge& bridge) { return PathOutcome{bridge.CloseObject(u"handle:obj"), ""}; }, "",
+                       u"CloseObject::Exception is occured...")
+                       .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+                       .OnNullResult(40, {}));
+    return rows;
+}
+
 }  // namespace
+
+INSTANTIATE_TEST_SUITE_P(ObjectHandles, OperationPathsTest, ::testing::ValuesIn(ObjectHandlePaths()),
+                         jnitest::OperationName);
 
 // A started bridge whose log lines are counted from the start on.
 class ObjectHandlesTest : public StartedBridgeFixture {
@@ -149,63 +192,10 @@ TEST_P(ObjectHandlesOperationTest, NullErrorValueReadsAsOrdinal40AndGives47) {
     EXPECT_EQ(handle, u"handle:obj");
 }
 
-TEST_P(ObjectHandlesOperationTest, NullResultEmptiesTheHandleAndGives0) {
-    TestDouble::ReturnNull(GetParam().javaName);
-    WideString handle = kKeptHandle;
-    EXPECT_EQ(Run(u"obj", handle), 0u);
-    EXPECT_EQ(handle, u"");
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 1u);
-    EXPECT_EQ(NewLines(), LinesAroundCall(u"obj", u""));
-}
 
-TEST_P(ObjectHandlesOperationTest, JavaExceptionReadsAsANullResult) {
-    TestDouble::Throw(GetParam().javaName, "store unavailable");
-    WideString handle = kKeptHandle;
-    EXPECT_EQ(Run(u"obj", handle), 0u);
-    EXPECT_EQ(handle, u"");
-    EXPECT_EQ(NewLines(), LinesAroundCall(u"obj", u""));
-}
 
-TEST_P(ObjectHandlesOperationTest, MissingMethodGives0AndKeepsTheHandle) {
-    Interposer().FailGetMethodID(GetParam().javaName, GetParam().signature);
-    WideString handle = kKeptHandle;
-    EXPECT_EQ(Run(u"obj", handle), 0u);
-    EXPECT_EQ(handle, kKeptHandle);
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    // Only the lookup's lines: the name is not logged, no array is made.
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectFailedLookupLines(lines, 0, GetParam().javaName.c_str(), GetParam().signature.c_str());
-}
 
-TEST_P(ObjectHandlesOperationTest, MissingMethodWithAnExceptionStillPendingGives40) {
-    // Describing the lookup's exception fails inside (the exception stays
-    // pending), so the operation's own check still finds it.
-    Interposer().FailGetMethodID(GetParam().javaName, GetParam().signature);
-    Interposer().ThrowCppExceptionIn("ExceptionOccurred");
-    WideString handle = kKeptHandle;
-    EXPECT_EQ(Run(u"obj", handle), 40u);
-    EXPECT_EQ(handle, kKeptHandle);
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 0u);
-    const auto lines = NewLines();
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(lines[0], u"DescribeException::Exception is occured...");
-    EXPECT_EQ(lines[1], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
-    EXPECT_EQ(lines[4], u"Descrption is failed");
-    EXPECT_EQ(lines[5].rfind(u"java.lang.NoSuchMethodError", 0), 0u);
-}
 
-TEST_P(ObjectHandlesOperationTest, ExceptionInsideTheFrameWritesTheOperationsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    WideString handle = kKeptHandle;
-    EXPECT_EQ(Run(u"obj", handle), 40u);
-    EXPECT_EQ(handle, kKeptHandle);
-    std::vector<WideString> expected;
-    if (GetParam().logsAroundTheCall) expected.push_back(u"obj");
-    expected.push_back(GetParam().exceptionLine);
-    EXPECT_EQ(NewLines(), expected);
-}
 
 TEST_P(ObjectHandlesOperationTest, ExceptionBeforeTheLookupWritesTheOperationsLineAndGives40) {
     Interposer().ThrowCppExceptionIn("GetObjectClass");
@@ -215,16 +205,6 @@ TEST_P(ObjectHandlesOperationTest, ExceptionBeforeTheLookupWritesTheOperationsLi
     EXPECT_EQ(NewLines(), std::vector<WideString>{GetParam().exceptionLine});
 }
 
-TEST_P(ObjectHandlesOperationTest, NoPluginObjectGives40WithoutALineAndKeepsTheHandle) {
-    m_bridge->DeInit();
-    Interposer().Reset();
-    MarkLines();
-    WideString handle = kKeptHandle;
-    EXPECT_EQ(Run(u"obj", handle), 40u);
-    EXPECT_EQ(handle, kKeptHandle);
-    EXPECT_TRUE(NewLines().empty());
-    EXPECT_EQ(TestDouble::CallCount(GetParam().javaName), 0u);
-}
 
 TEST_P(ObjectHandlesOperationTest, EmptyNameReachesJavaAsAnEmptyString) {
     WideString handle = kKeptHandle;
@@ -355,49 +335,11 @@ TEST_F(ObjectHandlesTest, CloseObjectOfAnUnknownHandleReturnsJavasErrorMapped) {
     }
 }
 
-TEST_F(ObjectHandlesTest, CloseObjectWithANullResultGives40) {
-    TestDouble::ReturnNull("CloseObject");
-    EXPECT_EQ(m_bridge->CloseObject(u"handle:obj"), 40u);
-    EXPECT_EQ(TestDouble::CallCount("CloseObject"), 1u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ObjectHandlesTest, CloseObjectWithAJavaExceptionGives40) {
-    TestDouble::Throw("CloseObject", "no such handle");
-    EXPECT_EQ(m_bridge->CloseObject(u"handle:obj"), 40u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ObjectHandlesTest, CloseObjectWithAMissingMethodGives0WithoutCalling) {
-    const char* signature = "(Ljava/lang/String;)Lcom/qv/QVCloudPluginInterface/CErrorValue;";
-    Interposer().FailGetMethodID("CloseObject", signature);
-    EXPECT_EQ(m_bridge->CloseObject(u"handle:obj"), 0u);
-    EXPECT_EQ(TestDouble::CallCount("CloseObject"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectFailedLookupLines(lines, 0, "CloseObject", signature);
-}
 
-TEST_F(ObjectHandlesTest, CloseObjectWithAMissingMethodAndAnExceptionStillPendingGives40) {
-    Interposer().FailGetMethodID("CloseObject");
-    Interposer().ThrowCppExceptionIn("ExceptionOccurred");
-    EXPECT_EQ(m_bridge->CloseObject(u"handle:obj"), 40u);
-    EXPECT_EQ(TestDouble::CallCount("CloseObject"), 0u);
-}
 
-TEST_F(ObjectHandlesTest, CloseObjectExceptionInsideTheFrameWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->CloseObject(u"handle:obj"), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"CloseObject::Exception is occured..."});
-}
 
-TEST_F(ObjectHandlesTest, CloseObjectWithoutAPluginObjectGives40WithoutALine) {
-    m_bridge->DeInit();
-    MarkLines();
-    Interposer().Reset();
-    EXPECT_EQ(m_bridge->CloseObject(u"handle:obj"), 40u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
 TEST_F(ObjectHandlesTest, CloseObjectOnAFreshThreadAttachesAndDetachesIt) {
     uint32_t code = 99;

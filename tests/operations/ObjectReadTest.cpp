@@ -11,11 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "OperationPaths.h"
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
 #include "support/TestData.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPaths;
+using jnitest::OperationPathsTest;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::MetaEntry;
 using jnitest::TestDouble;
@@ -62,7 +67,66 @@ private:
     std::string m_bytes;
 };
 
+// ---- the paths every operation shares (OperationPaths.h)
+
+// The outputs of a read: the host's 4-byte buffer (in hex), whether the guard bytes after it are intact,
+// the length and the metadata.
+std::string ReadOutputs(const HostBuffer& buffer, uint64_t length, const ObjectMetaData& metaData) {
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (const char byte : buffer.Bytes()) {
+        hex.push_back(digits[(static_cast<unsigned char>(byte) >> 4) & 0xF]);
+        hex.push_back(digits[static_cast<unsigned char>(byte) & 0xF]);
+    }
+    return "buffer=" + hex + (buffer.GuardIntact() ? "" : " (guard overwritten)") + " " + Shown("length", length) +
+           " metadata=" + Shown(metaData);
+}
+
+std::vector<OperationPaths> ObjectReadPaths() {
+    const ObjectMetaData kept{{u"kept", {u"1", 0}}};
+    // Runs a read of 4 bytes into a buffer filled with kFill, with metadata holding one entry.
+    const auto read = [kept](int form) {
+        return [kept, form](JNIBridge& bridge) {
+            HostBuffer buffer(4);
+            uint64_t length = 4;
+            ObjectMetaData metaData = kept;
+            const uint32_t code =
+                form == 0   ? bridge.ReadObject(u"obj", buffer.Data(), 0, &length)
+                : form == 1 ? bridge.ReadObjectByName(u"obj", buffer.Data(), 0, &length, nullptr, 0, &metaData)
+                            : bridge.ReadObjectByHandle(u"obj", buffer.Data(), 0, &length, nullptr, 0, &metaData);
+            return PathOutcome{code, ReadOutputs(buffer, length, metaData)};
+        };
+    };
+    const std::string untouched = ReadOutputs(HostBuffer(4), 4, kept);
+    std::string freshArray = "buffer=00000000 " + Shown("length", 4) + " metadata=" + Shown(kept);
+    return {
+        // A null result copies the fresh (zeroed) array with the length requested, and gives 0; a missing
+        // method gives 0 and touches nothing.
+        OperationPaths("ReadObject", "ReadObject", kReadObjectSignature, read(0), untouched,
+                       u"ReadObject::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .BeforeCall({u"ReadObject::is called...obj"})
+            .OnNullResult(0,
+                          {u"ReadObject::is called...obj", u"ReadObject::is ended...obj",
+                           u"ReadObject::buffer copy started...obj", u"ReadObject::buffer copy ended...obj"},
+                          freshArray),
+        // ReadObjectByName alone tests the plug-in object's class (40 without a line).
+        OperationPaths("ReadObjectByName", "ReadObjectByName", kReadByNameSignature, read(1), untouched,
+                       u"ReadObjectByName::Exception is occured...")
+            .WithoutClass(MissingClassRule::Fail)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}),
+        OperationPaths("ReadObjectByHandle", "ReadObjectByHandle", kReadByNameSignature, read(2), untouched,
+                       u"ReadObjectByHandle::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}),
+    };
+}
+
 }  // namespace
+
+INSTANTIATE_TEST_SUITE_P(ObjectRead, OperationPathsTest, ::testing::ValuesIn(ObjectReadPaths()),
+                         jnitest::OperationName);
 
 class ObjectReadTest : public StartedBridgeFixture {
 protected:
@@ -159,25 +223,7 @@ TEST_F(ObjectReadTest, ReadObjectOfZeroBytesMakesAnEmptyArrayAndPassesTheReporte
     EXPECT_TRUE(buffer.GuardIntact());
 }
 
-TEST_F(ObjectReadTest, ReadObjectWithANullResultGives0KeepsTheLengthAndCopiesTheFreshArray) {
-    TestDouble::ReturnNull("ReadObject");
-    HostBuffer buffer(4);
-    uint64_t length = 4;
-    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
-    EXPECT_EQ(length, 4u);
-    EXPECT_EQ(buffer.Bytes(), std::string(4, '\0'));
-    EXPECT_TRUE(buffer.GuardIntact());
-    EXPECT_EQ(NewLines(), ReadObjectLines(u"obj"));
-}
 
-TEST_F(ObjectReadTest, ReadObjectThatThrowsReadsAsANullResult) {
-    TestDouble::Throw("ReadObject", "no such blob");
-    HostBuffer buffer(4);
-    uint64_t length = 4;
-    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 0u);
-    EXPECT_EQ(length, 4u);
-    EXPECT_EQ(NewLines(), ReadObjectLines(u"obj"));
-}
 
 TEST_F(ObjectReadTest, ReadObjectWithAJavaErrorStillCopiesTheDataAndReportsTheCount) {
     TestDouble::ReturnErrorOrdinal("ReadObject", 4);
@@ -231,13 +277,25 @@ TEST_F(ObjectReadTest, ReadObjectWhoseMethodIsMissingGives0AndTouchesNothing) {
     EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
 }
 
-TEST_F(ObjectReadTest, ReadObjectNativeExceptionWritesItsLineAndGives40) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
+
+TEST_F(ObjectReadTest, ReadsOf2GiBOrMoreAskForNoArrayAndTakeTheirMissingArrayPaths) {
+    // Only the low 32 bits size the array; from 2^31 on they are no Java array size. The host's buffer is
+    // never written: ReadObject passes Java a null array and gives 14, the metadata reads give 40 without
+    // calling Java.
     HostBuffer buffer(4);
-    uint64_t length = 4;
-    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 40u);
-    EXPECT_EQ(NewLines().back(), u"ReadObject::Exception is occured...");
-    EXPECT_EQ(length, 4u);
+    ObjectMetaData meta;
+    uint64_t length = uint64_t{1} << 31;
+    EXPECT_EQ(m_bridge->ReadObject(u"obj", buffer.Data(), 0, &length), 14u);
+    EXPECT_EQ(TestDouble::DescribeCall("ReadObject", 0), "ReadObject(\"obj\", null, 2147483648, 0)");
+    EXPECT_EQ(NewLines().back(), kCopyFailureLine);
+    length = uint64_t{1} << 31;
+    EXPECT_EQ(m_bridge->ReadObjectByName(u"obj", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"obj", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
+    EXPECT_EQ(length, uint64_t{1} << 31);
+    EXPECT_EQ(TestDouble::CallCount("ReadObjectByName") + TestDouble::CallCount("ReadObjectByHandle"), 0u);
+    EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
+    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
+    EXPECT_TRUE(buffer.GuardIntact());
 }
 
 TEST_F(ObjectReadTest, ReadObjectWithoutLengthOrBufferStillRunsAndWritesNothingThroughThem) {
@@ -250,20 +308,6 @@ TEST_F(ObjectReadTest, ReadObjectWithoutLengthOrBufferStillRunsAndWritesNothingT
     EXPECT_EQ(length, 3u);
 }
 
-TEST_F(ObjectReadTest, EveryReadWithoutAPluginObjectGives40WithoutALine) {
-    JNIBridge idle(m_folder.Path(), &m_createInfo);
-    idle.SetLogger(Log());
-    HostBuffer buffer(4);
-    uint64_t length = 4;
-    ObjectMetaData meta;
-    EXPECT_EQ(idle.ReadObject(u"obj", buffer.Data(), 0, &length), 40u);
-    EXPECT_EQ(idle.ReadObjectByName(u"obj", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
-    EXPECT_EQ(idle.ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
-    EXPECT_EQ(length, 4u);
-    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
-    EXPECT_TRUE(NewLines().empty());
-    EXPECT_TRUE(TestDouble::Calls().empty());
-}
 
 // ---- ReadObjectByName and ReadObjectByHandle
 
@@ -348,19 +392,6 @@ TEST_F(ObjectReadTest, ReadsWithMetaDataAndAJavaErrorStillCopyTheDataAndTheMetaD
     EXPECT_EQ(meta[u"k"].szProperty, u"v");
 }
 
-TEST_F(ObjectReadTest, ReadsWithMetaDataAndANullResultGive40AndTouchNothing) {
-    TestDouble::ReturnNull("ReadObjectByName");
-    TestDouble::ReturnNull("ReadObjectByHandle");
-    HostBuffer buffer(4);
-    uint64_t length = 4;
-    ObjectMetaData meta;
-    EXPECT_EQ(m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
-    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
-    EXPECT_EQ(length, 4u);
-    EXPECT_EQ(buffer.Bytes(), std::string(4, kFill));
-    EXPECT_TRUE(meta.empty());
-    EXPECT_TRUE(NewLines().empty());
-}
 
 TEST_F(ObjectReadTest, ReadsWithMetaDataWhoseArrayCannotBeMadeGive40WithoutCallingJava) {
     Interposer().FailNewByteArray(2);
@@ -388,27 +419,7 @@ TEST_F(ObjectReadTest, ReadsWithMetaDataWhoseCopyFailsGive14AndTheReadObjectLine
     EXPECT_EQ(NewLines(), (std::vector<WideString>{kCopyFailureLine, kCopyFailureLine}));
 }
 
-TEST_F(ObjectReadTest, ReadObjectByNameWhoseMethodIsMissingTakesTheNullResultPath) {
-    Interposer().FailGetMethodID("ReadObjectByName", kReadByNameSignature);
-    HostBuffer buffer(4);
-    uint64_t length = 4;
-    ObjectMetaData meta;
-    EXPECT_EQ(m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
-    EXPECT_EQ(TestDouble::CallCount("ReadObjectByName"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    EXPECT_EQ(length, 4u);
-}
 
-TEST_F(ObjectReadTest, ReadsWithMetaDataNativeExceptionsWriteTheirOwnLines) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA", 2);
-    HostBuffer buffer(4);
-    uint64_t length = 4;
-    ObjectMetaData meta;
-    EXPECT_EQ(m_bridge->ReadObjectByName(u"o", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
-    EXPECT_EQ(m_bridge->ReadObjectByHandle(u"h", buffer.Data(), 0, &length, nullptr, 0, &meta), 40u);
-    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"ReadObjectByName::Exception is occured...",
-                                                   u"ReadObjectByHandle::Exception is occured..."}));
-}
 
 // ---- data end to end
 

@@ -83,15 +83,15 @@ TEST_F(JniValuesTest, NullJavaStringGivesNoCopy) {
 // ---- GetJStringFromWideString
 
 TEST_F(JniValuesTest, NullNativeStringReachesJavaAsEmptyString) {
-    LocalRef<jstring> text(Env(), GetJStringFromWideString(Env(), static_cast<const char16_t*>(nullptr)));
+    const LocalRef<jstring> text = GetJStringFromWideString(Env(), static_cast<const char16_t*>(nullptr));
     ASSERT_TRUE(text);
     EXPECT_EQ(Units(text.get()), u"");
 }
 
 TEST_F(JniValuesTest, NativeStringReachesJavaUnitForUnit) {
     const WideString units = u"name \u00e9\U0001F600";
-    LocalRef<jstring> fromPointer(Env(), GetJStringFromWideString(Env(), units.c_str()));
-    LocalRef<jstring> fromString(Env(), GetJStringFromWideString(Env(), units));
+    const LocalRef<jstring> fromPointer = GetJStringFromWideString(Env(), units.c_str());
+    const LocalRef<jstring> fromString = GetJStringFromWideString(Env(), units);
     ASSERT_TRUE(fromPointer);
     ASSERT_TRUE(fromString);
     EXPECT_EQ(Units(fromPointer.get()), units);
@@ -100,8 +100,8 @@ TEST_F(JniValuesTest, NativeStringReachesJavaUnitForUnit) {
 
 TEST_F(JniValuesTest, NativeStringWithEmbeddedNulReachesJavaCutAtTheNul) {
     const WideString units(u"ab\0cd", 5);
-    LocalRef<jstring> fromPointer(Env(), GetJStringFromWideString(Env(), units.c_str()));
-    LocalRef<jstring> fromString(Env(), GetJStringFromWideString(Env(), units));
+    const LocalRef<jstring> fromPointer = GetJStringFromWideString(Env(), units.c_str());
+    const LocalRef<jstring> fromString = GetJStringFromWideString(Env(), units);
     ASSERT_TRUE(fromPointer);
     ASSERT_TRUE(fromString);
     EXPECT_EQ(Units(fromPointer.get()), u"ab");
@@ -109,28 +109,28 @@ TEST_F(JniValuesTest, NativeStringWithEmbeddedNulReachesJavaCutAtTheNul) {
 }
 
 TEST_F(JniValuesTest, EmptyNativeStringReachesJavaAsEmptyString) {
-    LocalRef<jstring> text(Env(), GetJStringFromWideString(Env(), WideString()));
+    const LocalRef<jstring> text = GetJStringFromWideString(Env(), WideString());
     ASSERT_TRUE(text);
     EXPECT_EQ(Units(text.get()), u"");
 }
 
 TEST_F(JniValuesTest, NativeStringWithoutEnvironmentGivesNoJavaString) {
-    EXPECT_EQ(GetJStringFromWideString(nullptr, u"text"), nullptr);
-    EXPECT_EQ(GetJStringFromWideString(nullptr, WideString(u"text")), nullptr);
+    EXPECT_FALSE(GetJStringFromWideString(nullptr, u"text"));
+    EXPECT_FALSE(GetJStringFromWideString(nullptr, WideString(u"text")));
 }
 
 // ---- CreateJStringArray and ReleaseJObjectArray
 
 TEST_F(JniValuesTest, CreateJStringArrayWithCountZeroYieldsNull) {
     const WideString strings[] = {u"a"};
-    EXPECT_EQ(CreateJStringArray(Env(), 0, strings), nullptr);
-    EXPECT_EQ(CreateJStringArray(Env(), -3, strings), nullptr);
+    EXPECT_FALSE(CreateJStringArray(Env(), 0, strings));
+    EXPECT_FALSE(CreateJStringArray(Env(), -3, strings));
     EXPECT_EQ(Interposer().CountOf("NewObjectArray"), 0u);
 }
 
 TEST_F(JniValuesTest, CreateJStringArrayHoldsEachStringInOrder) {
     const WideString strings[] = {u"first", u"", WideString(u"th\0ird", 6)};
-    LocalRef<jobjectArray> array(Env(), CreateJStringArray(Env(), 3, strings));
+    const LocalRef<jobjectArray> array = CreateJStringArray(Env(), 3, strings);
     ASSERT_TRUE(array);
     JNIEnv* real = jnitest::TestEnv();
     ASSERT_EQ(real->GetArrayLength(array.get()), 3);
@@ -144,10 +144,10 @@ TEST_F(JniValuesTest, CreateJStringArrayHoldsEachStringInOrder) {
 
 TEST_F(JniValuesTest, ReleaseJObjectArrayDeletesTheArraysReference) {
     const WideString strings[] = {u"a", u"b"};
-    jobjectArray array = CreateJStringArray(Env(), 2, strings);
-    ASSERT_NE(array, nullptr);
+    LocalRef<jobjectArray> array = CreateJStringArray(Env(), 2, strings);
+    ASSERT_TRUE(array);
     EXPECT_GT(Interposer().LocalRefsLeft(), 0);
-    ReleaseJObjectArray(Env(), array);
+    ReleaseJObjectArray(array);
     EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
 }
 
@@ -156,8 +156,8 @@ TEST_F(JniValuesTest, ReleaseJObjectArrayDeletesTheArraysReference) {
 TEST_F(JniValuesTest, CreateJByteArrayFromBufferCopiesTheWholeBuffer) {
     std::vector<uint8_t> buffer(1000);
     for (size_t i = 0; i < buffer.size(); ++i) buffer[i] = static_cast<uint8_t>(i * 7);
-    LocalRef<jbyteArray> array(
-        Env(), CreateJByteArrayFromBuffer(Env(), buffer.data(), static_cast<uint32_t>(buffer.size())));
+    const LocalRef<jbyteArray> array =
+        CreateJByteArrayFromBuffer(Env(), buffer.data(), static_cast<uint32_t>(buffer.size()));
     ASSERT_TRUE(array);
     JNIEnv* real = jnitest::TestEnv();
     ASSERT_EQ(real->GetArrayLength(array.get()), 1000);
@@ -168,12 +168,12 @@ TEST_F(JniValuesTest, CreateJByteArrayFromBufferCopiesTheWholeBuffer) {
 }
 
 TEST_F(JniValuesTest, CreateJByteArrayFromNullBufferWithNonZeroLengthIsNull) {
-    EXPECT_EQ(CreateJByteArrayFromBuffer(Env(), nullptr, 16), nullptr);
+    EXPECT_FALSE(CreateJByteArrayFromBuffer(Env(), nullptr, 16));
     EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
 }
 
 TEST_F(JniValuesTest, CreateJByteArrayFromNullBufferWithZeroLengthIsAnEmptyArray) {
-    LocalRef<jbyteArray> array(Env(), CreateJByteArrayFromBuffer(Env(), nullptr, 0));
+    const LocalRef<jbyteArray> array = CreateJByteArrayFromBuffer(Env(), nullptr, 0);
     ASSERT_TRUE(array);
     EXPECT_EQ(jnitest::TestEnv()->GetArrayLength(array.get()), 0);
 }
@@ -181,14 +181,14 @@ TEST_F(JniValuesTest, CreateJByteArrayFromNullBufferWithZeroLengthIsAnEmptyArray
 TEST_F(JniValuesTest, CreateJByteArrayFromBufferWhenNewByteArrayFailsIsNullWithNoExceptionLeft) {
     const uint8_t buffer[4] = {1, 2, 3, 4};
     Interposer().FailNewByteArray();
-    EXPECT_EQ(CreateJByteArrayFromBuffer(Env(), buffer, 4), nullptr);
+    EXPECT_FALSE(CreateJByteArrayFromBuffer(Env(), buffer, 4));
     EXPECT_FALSE(Env()->ExceptionCheck());
 }
 
 TEST_F(JniValuesTest, CreateJByteArrayFromBufferWhenLocalCapacityFailsIsNullWithNoExceptionLeft) {
     const uint8_t buffer[4] = {1, 2, 3, 4};
     Interposer().FailEnsureLocalCapacity();
-    EXPECT_EQ(CreateJByteArrayFromBuffer(Env(), buffer, 4), nullptr);
+    EXPECT_FALSE(CreateJByteArrayFromBuffer(Env(), buffer, 4));
     EXPECT_FALSE(Env()->ExceptionCheck());
     EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
 }
@@ -196,13 +196,13 @@ TEST_F(JniValuesTest, CreateJByteArrayFromBufferWhenLocalCapacityFailsIsNullWith
 TEST_F(JniValuesTest, CreateJByteArrayFromBufferWhenTheCopyFailsIsNullWithNoReferenceLeft) {
     const uint8_t buffer[4] = {1, 2, 3, 4};
     Interposer().FailElementAccess();
-    EXPECT_EQ(CreateJByteArrayFromBuffer(Env(), buffer, 4), nullptr);
+    EXPECT_FALSE(CreateJByteArrayFromBuffer(Env(), buffer, 4));
     EXPECT_FALSE(Env()->ExceptionCheck());
     EXPECT_EQ(Interposer().LocalRefsLeft(), 0);
 }
 
 TEST_F(JniValuesTest, CreateJByteArrayMakesAZeroFilledArrayOfTheLength) {
-    LocalRef<jbyteArray> array(Env(), CreateJByteArray(Env(), 64));
+    const LocalRef<jbyteArray> array = CreateJByteArray(Env(), 64);
     ASSERT_TRUE(array);
     JNIEnv* real = jnitest::TestEnv();
     ASSERT_EQ(real->GetArrayLength(array.get()), 64);
@@ -210,6 +210,17 @@ TEST_F(JniValuesTest, CreateJByteArrayMakesAZeroFilledArrayOfTheLength) {
     real->GetByteArrayRegion(array.get(), 0, 64, back.data());
     EXPECT_EQ(back, std::vector<jbyte>(64, 0));
     EXPECT_EQ(Interposer().CountOf("SetByteArrayRegion"), 0u);
+}
+
+TEST_F(JniValuesTest, ByteArraysOf2GiBOrMoreAreNotAskedForAndYieldNothing) {
+    // No Java array holds 2^31 bytes or more: the JVM is not asked for a negative size.
+    const uint8_t byte = 7;
+    for (const uint32_t length : {0x80000000u, 0xFFFFFFFFu}) {
+        EXPECT_FALSE(CreateJByteArray(Env(), length)) << length;
+        EXPECT_FALSE(CreateJByteArrayFromBuffer(Env(), &byte, length)) << length;
+    }
+    EXPECT_EQ(Interposer().CountOf("NewByteArray"), 0u);
+    EXPECT_FALSE(Env()->ExceptionCheck());
 }
 
 // ---- boxing
@@ -254,13 +265,13 @@ bool IsInstance(jobject object, const char* className) {
 }  // namespace
 
 TEST_F(JniValuesTest, BoxingHelpersMakeTheJavaBoxOfEachPrimitive) {
-    LocalRef<jobject> boolean(Env(), BoxBoolean(Env(), JNI_TRUE));
-    LocalRef<jobject> byte(Env(), BoxByte(Env(), -5));
-    LocalRef<jobject> shortBox(Env(), BoxShort(Env(), -30000));
-    LocalRef<jobject> intBox(Env(), BoxInt(Env(), -2000000000));
-    LocalRef<jobject> longBox(Env(), BoxLong(Env(), INT64_MIN + 1));
-    LocalRef<jobject> floatBox(Env(), BoxFloat(Env(), 1.5f));
-    LocalRef<jobject> doubleBox(Env(), BoxDouble(Env(), -2.25));
+    const LocalRef<jobject> boolean = BoxBoolean(Env(), JNI_TRUE);
+    const LocalRef<jobject> byte = BoxByte(Env(), -5);
+    const LocalRef<jobject> shortBox = BoxShort(Env(), -30000);
+    const LocalRef<jobject> intBox = BoxInt(Env(), -2000000000);
+    const LocalRef<jobject> longBox = BoxLong(Env(), INT64_MIN + 1);
+    const LocalRef<jobject> floatBox = BoxFloat(Env(), 1.5f);
+    const LocalRef<jobject> doubleBox = BoxDouble(Env(), -2.25);
     ASSERT_TRUE(boolean && byte && shortBox && intBox && longBox && floatBox && doubleBox);
     EXPECT_TRUE(IsInstance(boolean.get(), "java/lang/Boolean"));
     EXPECT_TRUE(IsInstance(byte.get(), "java/lang/Byte"));
@@ -280,25 +291,25 @@ TEST_F(JniValuesTest, BoxingHelpersMakeTheJavaBoxOfEachPrimitive) {
 
 TEST_F(JniValuesTest, BoxingWithoutTheClassGivesNoBoxAndNoPendingException) {
     Interposer().FailFindClass("java/lang/Integer");
-    EXPECT_EQ(BoxInt(Env(), 1), nullptr);
+    EXPECT_FALSE(BoxInt(Env(), 1));
     EXPECT_FALSE(Env()->ExceptionCheck());
 }
 
-// ---- DescribeJavaObject and GetMethodIdWithReport
+// ---- TracePendingException and GetMethodIdWithReport
 
-TEST_F(JniValuesTest, DescribeJavaObjectWithoutAPendingExceptionAnswers1AndTracesNothing) {
+TEST_F(JniValuesTest, TracePendingExceptionWithoutAPendingExceptionAnswersFalseAndTracesNothing) {
     CaptureTraces();
-    EXPECT_EQ(DescribeJavaObject(Env()), 1u);
+    EXPECT_FALSE(TracePendingException(Env()));
     EXPECT_TRUE(m_traces.empty());
 }
 
-TEST_F(JniValuesTest, DescribeJavaObjectClearsAPendingExceptionAndTracesTheFixedLine) {
+TEST_F(JniValuesTest, TracePendingExceptionClearsAPendingExceptionAndTracesTheFixedLine) {
     CaptureTraces();
     JNIEnv* real = jnitest::TestEnv();
     LocalRef<jclass> cls(real, real->FindClass("java/lang/IllegalStateException"));
     ASSERT_TRUE(cls);
     real->ThrowNew(cls.get(), "boom");
-    EXPECT_EQ(DescribeJavaObject(Env()), 0u);
+    EXPECT_TRUE(TracePendingException(Env()));
     EXPECT_FALSE(Env()->ExceptionCheck());
     EXPECT_EQ(m_traces, std::vector<std::string>{"\nException in finding the WebServiceClient class\n"});
 }

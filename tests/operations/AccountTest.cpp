@@ -6,16 +6,22 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "bridge/BridgeLog.h"
+#include "OperationPaths.h"
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPaths;
+using jnitest::OperationPathsTest;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
 
@@ -81,45 +87,9 @@ TEST_F(AccountTest, GetAccountInfoWithANullErrorValueGives47) {
     EXPECT_EQ(info.accountType, u"StorageV2");
 }
 
-TEST_F(AccountTest, GetAccountInfoWithANullResultGives0AndLeavesTheRecord) {
-    AccountInfoRecord info;
-    info.displayName = u"before";
-    info.usedSizeInByteTotal = 5;
-    TestDouble::ReturnNull("GetAccountInfo");
-    EXPECT_EQ(m_bridge->GetAccountInfo(&info), 0u);
-    EXPECT_EQ(info.displayName, u"before");
-    EXPECT_EQ(info.usedSizeInByteTotal, 5);
-    EXPECT_EQ(TestDouble::CallCount("GetAccountInfo"), 1u);
-}
 
-TEST_F(AccountTest, GetAccountInfoWithTheMethodMissingWritesItsLineAndGives0) {
-    AccountInfoRecord info;
-    info.displayName = u"before";
-    Interposer().FailGetMethodID("GetAccountInfo");
-    EXPECT_EQ(m_bridge->GetAccountInfo(&info), 0u);
-    EXPECT_EQ(info.displayName, u"before");
-    EXPECT_EQ(TestDouble::CallCount("GetAccountInfo"), 0u);
-    ExpectLookupFailureLines("GetAccountInfo", kAccountInfoSignature,
-                             {u"GET_ACCOUNT_INFO_NAME::method is not found..."});
-}
 
-TEST_F(AccountTest, GetAccountInfoWithTheMethodMissingAndAnExceptionPendingGives40) {
-    AccountInfoRecord info;
-    info.displayName = u"before";
-    FailLookupLeavingTheExceptionPending("GetAccountInfo");
-    EXPECT_EQ(m_bridge->GetAccountInfo(&info), 40u);
-    EXPECT_EQ(info.displayName, u"before");
-    ExpectPendingExceptionLines("GetAccountInfo", kAccountInfoSignature,
-                                {u"GET_ACCOUNT_INFO_NAME::method is not found..."});
-}
 
-TEST_F(AccountTest, GetAccountInfoExceptionWritesTheCreateObjectLineAndGives40) {
-    AccountInfoRecord info;
-    Interposer().ThrowCppExceptionIn("GetObjectClass");
-    EXPECT_EQ(m_bridge->GetAccountInfo(&info), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{kCreateObjectException});
-    EXPECT_EQ(TestDouble::CallCount("GetAccountInfo"), 0u);
-}
 
 // ---------------------------------------------------------------- GetAllObjectsSize
 
@@ -156,39 +126,9 @@ TEST_F(AccountTest, GetAllObjectsSizeWithANullErrorValueGives47) {
     EXPECT_EQ(m_bridge->GetAllObjectsSize(&size), 47u);
 }
 
-TEST_F(AccountTest, GetAllObjectsSizeWithANullResultGives40AndLeavesTheSize) {
-    int64_t size = 123;
-    TestDouble::ReturnNull("GetAllObjectsSize");
-    EXPECT_EQ(m_bridge->GetAllObjectsSize(&size), 40u);
-    EXPECT_EQ(size, 123);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(AccountTest, GetAllObjectsSizeWithTheMethodMissingTakesTheNullResultPath) {
-    int64_t size = 123;
-    Interposer().FailGetMethodID("GetAllObjectsSize");
-    EXPECT_EQ(m_bridge->GetAllObjectsSize(&size), 40u);
-    EXPECT_EQ(size, 123);
-    EXPECT_EQ(TestDouble::CallCount("GetAllObjectsSize"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    ExpectLookupFailureLines("GetAllObjectsSize", kAllObjectsSizeSignature, {});
-}
 
-TEST_F(AccountTest, GetAllObjectsSizeWithTheMethodMissingAndAnExceptionPendingGives40) {
-    int64_t size = 123;
-    FailLookupLeavingTheExceptionPending("GetAllObjectsSize");
-    EXPECT_EQ(m_bridge->GetAllObjectsSize(&size), 40u);
-    EXPECT_EQ(size, 123);
-    ExpectPendingExceptionLines("GetAllObjectsSize", kAllObjectsSizeSignature, {});
-}
 
-TEST_F(AccountTest, GetAllObjectsSizeExceptionWritesItsLineAndGives40) {
-    int64_t size = 123;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->GetAllObjectsSize(&size), 40u);
-    EXPECT_EQ(size, 123);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"GetAllObjectsSize::Exception is occured..."});
-}
 
 // ---------------------------------------------------------------- GetUniqueAccountName and GetOwnerName
 
@@ -242,68 +182,13 @@ TEST_F(AccountTest, GetUniqueAccountNameWithANullErrorValueGives47) {
     EXPECT_EQ(name, u"qvstorageaccount");
 }
 
-TEST_F(AccountTest, GetUniqueAccountNameWithANullResultGives40AndLeavesTheName) {
-    WideString name = u"before";
-    TestDouble::ReturnNull("GetUniqueAccountName");
-    EXPECT_EQ(m_bridge->GetUniqueAccountName(name), 40u);
-    EXPECT_EQ(name, u"before");
-}
 
-TEST_F(AccountTest, GetOwnerNameWithANullResultGives40AndLeavesTheName) {
-    WideString name = u"before";
-    TestDouble::ReturnNull("GetOwnerName");
-    EXPECT_EQ(m_bridge->GetOwnerName(name), 40u);
-    EXPECT_EQ(name, u"before");
-}
 
-TEST_F(AccountTest, GetUniqueAccountNameWithTheMethodMissingTakesTheNullResultPath) {
-    WideString name = u"before";
-    Interposer().FailGetMethodID("GetUniqueAccountName");
-    EXPECT_EQ(m_bridge->GetUniqueAccountName(name), 40u);
-    EXPECT_EQ(name, u"before");
-    EXPECT_EQ(TestDouble::CallCount("GetUniqueAccountName"), 0u);
-    ExpectLookupFailureLines("GetUniqueAccountName", kUniqueAccountSignature, {});
-}
 
-TEST_F(AccountTest, GetOwnerNameWithTheMethodMissingTakesTheNullResultPath) {
-    WideString name = u"before";
-    Interposer().FailGetMethodID("GetOwnerName");
-    EXPECT_EQ(m_bridge->GetOwnerName(name), 40u);
-    EXPECT_EQ(name, u"before");
-    EXPECT_EQ(TestDouble::CallCount("GetOwnerName"), 0u);
-    ExpectLookupFailureLines("GetOwnerName", kUniqueAccountSignature, {});
-}
 
-TEST_F(AccountTest, GetUniqueAccountNameWithTheMethodMissingAndAnExceptionPendingGives40) {
-    WideString name = u"before";
-    FailLookupLeavingTheExceptionPending("GetUniqueAccountName");
-    EXPECT_EQ(m_bridge->GetUniqueAccountName(name), 40u);
-    EXPECT_EQ(name, u"before");
-    ExpectPendingExceptionLines("GetUniqueAccountName", kUniqueAccountSignature, {});
-}
 
-TEST_F(AccountTest, GetOwnerNameWithTheMethodMissingAndAnExceptionPendingGives40) {
-    WideString name = u"before";
-    FailLookupLeavingTheExceptionPending("GetOwnerName");
-    EXPECT_EQ(m_bridge->GetOwnerName(name), 40u);
-    ExpectPendingExceptionLines("GetOwnerName", kUniqueAccountSignature, {});
-}
 
-TEST_F(AccountTest, GetUniqueAccountNameExceptionWritesItsLineAndGives40) {
-    WideString name = u"before";
-    Interposer().ThrowCppExceptionIn("GetObjectClass");
-    EXPECT_EQ(m_bridge->GetUniqueAccountName(name), 40u);
-    EXPECT_EQ(name, u"before");
-    EXPECT_EQ(NewLines(), std::vector<WideString>{kUniqueAccountException});
-}
 
-TEST_F(AccountTest, GetOwnerNameFailingWithAnExceptionWritesTheUniqueAccountNameLine) {
-    WideString name = u"before";
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->GetOwnerName(name), 40u);
-    EXPECT_EQ(name, u"before");
-    EXPECT_EQ(NewLines(), std::vector<WideString>{kUniqueAccountException});
-}
 
 // ---------------------------------------------------------------- IsSameAccount
 
@@ -343,37 +228,9 @@ TEST_F(AccountTest, IsSameAccountWithANullErrorValueGives47) {
     EXPECT_EQ(same, 1u);
 }
 
-TEST_F(AccountTest, IsSameAccountWithANullResultGives0AndAFlagOf0) {
-    uint32_t same = 7;
-    TestDouble::ReturnNull("IsSameAccount");
-    EXPECT_EQ(m_bridge->IsSameAccount(u"a", u"a", &same), 0u);
-    EXPECT_EQ(same, 0u);
-}
 
-TEST_F(AccountTest, IsSameAccountWithTheMethodMissingTakesTheNullResultPath) {
-    uint32_t same = 7;
-    Interposer().FailGetMethodID("IsSameAccount");
-    EXPECT_EQ(m_bridge->IsSameAccount(u"a", u"a", &same), 0u);
-    EXPECT_EQ(same, 0u);
-    EXPECT_EQ(TestDouble::CallCount("IsSameAccount"), 0u);
-    ExpectLookupFailureLines("IsSameAccount", kIsSameAccountSignature, {});
-}
 
-TEST_F(AccountTest, IsSameAccountWithTheMethodMissingAndAnExceptionPendingGives40) {
-    uint32_t same = 7;
-    FailLookupLeavingTheExceptionPending("IsSameAccount");
-    EXPECT_EQ(m_bridge->IsSameAccount(u"a", u"a", &same), 40u);
-    EXPECT_EQ(same, 7u);
-    ExpectPendingExceptionLines("IsSameAccount", kIsSameAccountSignature, {});
-}
 
-TEST_F(AccountTest, IsSameAccountExceptionWritesItsLineAndGives40) {
-    uint32_t same = 7;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->IsSameAccount(u"a", u"a", &same), 40u);
-    EXPECT_EQ(same, 7u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{u"IsSameAccount::Exception is occured..."});
-}
 
 // ---------------------------------------------------------------- GetQVCloudStorageKey
 
@@ -411,42 +268,9 @@ TEST_F(AccountTest, GetQVCloudStorageKeyWithANullKeyTextKeepsTheKey) {
     EXPECT_EQ(key, u"before");
 }
 
-TEST_F(AccountTest, GetQVCloudStorageKeyWithJavaReturningNullEmptiesTheKeyAndGives40) {
-    WideString key = u"before";
-    TestDouble::ReturnNull("getStorageKey");
-    EXPECT_EQ(m_bridge->GetQVCloudStorageKey(u"first-text", u"second-text", key), 40u);
-    EXPECT_EQ(key, u"");
-    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"GetQVCloudStorageKey::Java called ...first-text",
-                                                   u"GetQVCloudStorageKey::Java ended ...first-text"}));
-}
 
-TEST_F(AccountTest, GetQVCloudStorageKeyWithTheMethodMissingTakesTheNullResultPath) {
-    WideString key = u"before";
-    Interposer().FailGetMethodID("getStorageKey");
-    EXPECT_EQ(m_bridge->GetQVCloudStorageKey(u"first-text", u"second-text", key), 40u);
-    EXPECT_EQ(key, u"");
-    EXPECT_EQ(TestDouble::CallCount("getStorageKey"), 0u);
-    ExpectLookupFailureLines("getStorageKey", kStorageKeySignature,
-                             {u"GetQVCloudStorageKey::Java called ...first-text",
-                              u"GetQVCloudStorageKey::Java ended ...first-text"});
-}
 
-TEST_F(AccountTest, GetQVCloudStorageKeyWithTheMethodMissingAndAnExceptionPendingGives40) {
-    WideString key = u"before";
-    FailLookupLeavingTheExceptionPending("getStorageKey");
-    EXPECT_EQ(m_bridge->GetQVCloudStorageKey(u"first-text", u"second-text", key), 40u);
-    EXPECT_EQ(key, u"before");
-    ExpectPendingExceptionLines("getStorageKey", kStorageKeySignature, {});
-}
 
-TEST_F(AccountTest, GetQVCloudStorageKeyExceptionWritesItsLineAndGives40) {
-    WideString key = u"before";
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->GetQVCloudStorageKey(u"first-text", u"second-text", key), 40u);
-    EXPECT_EQ(key, u"before");
-    EXPECT_EQ(NewLines(), (std::vector<WideString>{u"GetQVCloudStorageKey::Java called ...first-text",
-                                                   u"GetQVCloudStorageKey::Exception is occured..."}));
-}
 
 TEST_F(AccountTest, StorageKeysNeverReachAnyLogFile) {
     const WideString secret = u"SECRET-STORAGE-KEY-4f9a";
@@ -508,39 +332,9 @@ TEST_F(AccountTest, UpdateStorageKeyWithANullErrorValueGives47) {
     EXPECT_EQ(m_bridge->updateStorageKey(key), 47u);
 }
 
-TEST_F(AccountTest, UpdateStorageKeyWithANullResultGives0AndLeavesTheKey) {
-    WideString key = u"before";
-    TestDouble::ReturnNull("updateStorageKey");
-    EXPECT_EQ(m_bridge->updateStorageKey(key), 0u);
-    EXPECT_EQ(key, u"before");
-}
 
-TEST_F(AccountTest, UpdateStorageKeyWithTheMethodMissingWritesItsLineAndGives0) {
-    WideString key = u"before";
-    Interposer().FailGetMethodID("updateStorageKey");
-    EXPECT_EQ(m_bridge->updateStorageKey(key), 0u);
-    EXPECT_EQ(key, u"before");
-    EXPECT_EQ(TestDouble::CallCount("updateStorageKey"), 0u);
-    ExpectLookupFailureLines("updateStorageKey", kUpdateStorageKeySignature,
-                             {u"UPDATE_STORAGE_KEY_NAME::method is not found..."});
-}
 
-TEST_F(AccountTest, UpdateStorageKeyWithTheMethodMissingAndAnExceptionPendingGives40) {
-    WideString key = u"before";
-    FailLookupLeavingTheExceptionPending("updateStorageKey");
-    EXPECT_EQ(m_bridge->updateStorageKey(key), 40u);
-    EXPECT_EQ(key, u"before");
-    ExpectPendingExceptionLines("updateStorageKey", kUpdateStorageKeySignature,
-                                {u"UPDATE_STORAGE_KEY_NAME::method is not found..."});
-}
 
-TEST_F(AccountTest, UpdateStorageKeyExceptionWritesTheCreateObjectLineAndGives40) {
-    WideString key = u"before";
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->updateStorageKey(key), 40u);
-    EXPECT_EQ(key, u"before");
-    EXPECT_EQ(NewLines(), std::vector<WideString>{kCreateObjectException});
-}
 
 // ---------------------------------------------------------------- getServerNameList
 
@@ -575,38 +369,9 @@ TEST_F(AccountTest, GetServerNameListWithANullErrorValueGives47) {
     EXPECT_EQ(m_bridge->getServerNameList(&names), 47u);
 }
 
-TEST_F(AccountTest, GetServerNameListWithANullResultGives0AndLeavesTheList) {
-    StringList names{u"already-there"};
-    TestDouble::ReturnNull("getServerNameList");
-    EXPECT_EQ(m_bridge->getServerNameList(&names), 0u);
-    EXPECT_EQ(names, StringList{u"already-there"});
-}
 
-TEST_F(AccountTest, GetServerNameListWithTheMethodMissingWritesItsLineAndGives0) {
-    StringList names{u"already-there"};
-    Interposer().FailGetMethodID("getServerNameList");
-    EXPECT_EQ(m_bridge->getServerNameList(&names), 0u);
-    EXPECT_EQ(names, StringList{u"already-there"});
-    EXPECT_EQ(TestDouble::CallCount("getServerNameList"), 0u);
-    ExpectLookupFailureLines("getServerNameList", kServerNameListSignature,
-                             {u"GET_MACHINE_NAME_LIST_NAME::method is not found..."});
-}
 
-TEST_F(AccountTest, GetServerNameListWithTheMethodMissingAndAnExceptionPendingGives40) {
-    StringList names;
-    FailLookupLeavingTheExceptionPending("getServerNameList");
-    EXPECT_EQ(m_bridge->getServerNameList(&names), 40u);
-    EXPECT_TRUE(names.empty());
-    ExpectPendingExceptionLines("getServerNameList", kServerNameListSignature,
-                                {u"GET_MACHINE_NAME_LIST_NAME::method is not found..."});
-}
 
-TEST_F(AccountTest, GetServerNameListExceptionWritesTheCreateObjectLineAndGives40) {
-    StringList names;
-    Interposer().ThrowCppExceptionIn("GetObjectClass");
-    EXPECT_EQ(m_bridge->getServerNameList(&names), 40u);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{kCreateObjectException});
-}
 
 // ---------------------------------------------------------------- GetObjectActualSize
 
@@ -676,6 +441,35 @@ TEST_F(AccountTest, GetObjectActualSizeExceptionWritesTheCreateObjectLineAndGive
     EXPECT_EQ(NewLines(), std::vector<WideString>{kCreateObjectException});
 }
 
+TEST_F(AccountTest, GetObjectActualSizeWithoutThePluginObjectsClassWritesItsLineAndGives40) {
+    // With or without an exception pending (which is cleared without a trace).
+    for (const bool withException : {false, true}) {
+        MarkLines();
+        int64_t actual = 55;
+        if (withException) {
+            Interposer().FailGetObjectClassWithException();
+        } else {
+            Interposer().FailGetObjectClass();
+        }
+        EXPECT_EQ(m_bridge->GetObjectActualSize(100, 64, &actual), 40u);
+        EXPECT_EQ(actual, 55);
+        EXPECT_EQ(NewLines(), std::vector<WideString>{u"m_ObjQVAzurePlugInLibrary is failed..."});
+        EXPECT_EQ(Interposer().CountOf("GetMethodID", "GetObjectActualSize"), 0u);
+    }
+    EXPECT_EQ(TestDouble::CallCount("GetObjectActualSize"), 0u);
+}
+
+TEST_F(AccountTest, GetObjectActualSizeWithoutAPluginObjectGives40WithoutALine) {
+    ASSERT_EQ(m_bridge->DeInit(), 0u);
+    TestDouble::Reset();
+    MarkLines();
+    int64_t actual = 55;
+    EXPECT_EQ(m_bridge->GetObjectActualSize(1, 2, &actual), 40u);
+    EXPECT_EQ(actual, 55);
+    EXPECT_TRUE(TestDouble::Calls().empty());
+    EXPECT_TRUE(NewLines().empty());
+}
+
 TEST_F(AccountTest, GetObjectActualSizeOnAFreshThreadAttachesAndDetachesIt) {
     int64_t actual = 0;
     uint32_t code = 99;
@@ -724,37 +518,9 @@ TEST_F(AccountTest, CanBackupWithANullErrorValueStillGivesTheValueAnd0) {
     EXPECT_EQ(value, 4);
 }
 
-TEST_F(AccountTest, CanBackupWithANullResultGives0AndAValueOf0) {
-    int32_t value = 99;
-    TestDouble::ReturnNull("canBackup");
-    EXPECT_EQ(m_bridge->CanBackup(&value), 0u);
-    EXPECT_EQ(value, 0);
-}
 
-TEST_F(AccountTest, CanBackupWithTheMethodMissingWritesItsLineAndGives0) {
-    int32_t value = 99;
-    Interposer().FailGetMethodID("canBackup");
-    EXPECT_EQ(m_bridge->CanBackup(&value), 0u);
-    EXPECT_EQ(value, 99);
-    EXPECT_EQ(TestDouble::CallCount("canBackup"), 0u);
-    ExpectLookupFailureLines("canBackup", kCanBackupSignature, {u"CANBACKUP_NAME::method is not found..."});
-}
 
-TEST_F(AccountTest, CanBackupWithTheMethodMissingAndAnExceptionPendingGives40) {
-    int32_t value = 99;
-    FailLookupLeavingTheExceptionPending("canBackup");
-    EXPECT_EQ(m_bridge->CanBackup(&value), 40u);
-    EXPECT_EQ(value, 99);
-    ExpectPendingExceptionLines("canBackup", kCanBackupSignature, {u"CANBACKUP_NAME::method is not found..."});
-}
 
-TEST_F(AccountTest, CanBackupExceptionWritesTheCreateObjectLineAndGives40) {
-    int32_t value = 99;
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->CanBackup(&value), 40u);
-    EXPECT_EQ(value, 99);
-    EXPECT_EQ(NewLines(), std::vector<WideString>{kCreateObjectException});
-}
 
 // ---------------------------------------------------------------- the whole family
 
@@ -771,34 +537,6 @@ TEST_F(AccountTest, NullOutputPointersAreNotWrittenThroughAndJavaIsStillCalled) 
     }
 }
 
-TEST_F(AccountTest, EveryOperationGives40WithoutALineOnceThePluginObjectIsGone) {
-    ASSERT_EQ(m_bridge->DeInit(), 0u);
-    TestDouble::Reset();
-    MarkLines();
-    AccountInfoRecord info;
-    int64_t size = 5;
-    WideString text = u"before";
-    uint32_t flag = 7;
-    StringList names;
-    int32_t value = 9;
-    EXPECT_EQ(m_bridge->GetAccountInfo(&info), 40u);
-    EXPECT_EQ(m_bridge->GetAllObjectsSize(&size), 40u);
-    EXPECT_EQ(m_bridge->GetUniqueAccountName(text), 40u);
-    EXPECT_EQ(m_bridge->GetOwnerName(text), 40u);
-    EXPECT_EQ(m_bridge->IsSameAccount(u"a", u"b", &flag), 40u);
-    EXPECT_EQ(m_bridge->GetQVCloudStorageKey(u"a", u"b", text), 40u);
-    EXPECT_EQ(m_bridge->updateStorageKey(text), 40u);
-    EXPECT_EQ(m_bridge->getServerNameList(&names), 40u);
-    EXPECT_EQ(m_bridge->GetObjectActualSize(1, 2, &size), 40u);
-    EXPECT_EQ(m_bridge->CanBackup(&value), 40u);
-    EXPECT_EQ(size, 5);
-    EXPECT_EQ(text, u"before");
-    EXPECT_EQ(flag, 7u);
-    EXPECT_EQ(value, 9);
-    EXPECT_TRUE(names.empty());
-    EXPECT_TRUE(TestDouble::Calls().empty());
-    EXPECT_TRUE(NewLines().empty());
-}
 
 TEST_F(AccountTest, RepeatedCallsLeaveNoLocalReferenceBehind) {
     AccountInfoRecord info;
@@ -822,3 +560,111 @@ TEST_F(AccountTest, RepeatedCallsLeaveNoLocalReferenceBehind) {
     }
     EXPECT_GT(Interposer().LocalRefsMade(), 0);
 }
+
+// ---------------------------------------------------------------- the paths every operation shares
+
+namespace {
+
+// GetObjectActualSize answers a Java long, not a value object: it has no null result and its own tests above.
+std::vector<OperationPaths> AccountPaths() {
+    const auto text = [](std::function<uint32_t(JNIBridge&, WideString&)> operation) {
+        return [operation](JNIBridge& bridge) {
+            WideString value = u"kept";
+            const uint32_t code = operation(bridge, value);
+            return PathOutcome{code, Shown(value)};
+        };
+    };
+    const WideString kept = u"kept";
+    const char16_t* const missingClassLine = u"m_ObjQVAzurePlugInLibrary is failed...";
+    return {
+        OperationPaths(
+            "GetAccountInfo", "GetAccountInfo", kAccountInfoSignature,
+            [](JNIBridge& bridge) {
+                AccountInfoRecord info;
+                info.displayName = u"kept";
+                info.usedSizeInByteTotal = 5;
+                const uint32_t code = bridge.GetAccountInfo(&info);
+                return PathOutcome{code, Shown(info.displayName) + " " + Shown("used", info.usedSizeInByteTotal)};
+            },
+            Shown(kept) + " " + Shown("used", 5), kCreateObjectException)
+            .WithoutClass(MissingClassRule::Fail, missingClassLine)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess, u"GET_ACCOUNT_INFO_NAME::method is not found...")
+            .OnNullResult(0, {}),
+        OperationPaths(
+            "GetAllObjectsSize", "GetAllObjectsSize", kAllObjectsSizeSignature,
+            [](JNIBridge& bridge) {
+                int64_t size = 5;
+                const uint32_t code = bridge.GetAllObjectsSize(&size);
+                return PathOutcome{code, Shown("size", size)};
+            },
+            Shown("size", 5), u"GetAllObjectsSize::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}),
+        // Both account names give 40 without a line when the class is missing, and write
+        // GetUniqueAccountName's exception line.
+        OperationPaths("GetUniqueAccountName", "GetUniqueAccountName", kUniqueAccountSignature,
+                       text([](JNIBridge& bridge, WideString& name) { return bridge.GetUniqueAccountName(name); }),
+                       Shown(kept), kUniqueAccountException)
+            .WithoutClass(MissingClassRule::Fail)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}),
+        OperationPaths("GetOwnerName", "GetOwnerName", kUniqueAccountSignature,
+                       text([](JNIBridge& bridge, WideString& name) { return bridge.GetOwnerName(name); }),
+                       Shown(kept), kUniqueAccountException)
+            .WithoutClass(MissingClassRule::Fail)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(40, {}),
+        // The flag starts at 0: a null result answers "not the same".
+        OperationPaths(
+            "IsSameAccount", "IsSameAccount", kIsSameAccountSignature,
+            [](JNIBridge& bridge) {
+                uint32_t flag = 7;
+                const uint32_t code = bridge.IsSameAccount(u"a", u"b", &flag);
+                return PathOutcome{code, Shown("flag", flag)};
+            },
+            Shown("flag", 7), u"IsSameAccount::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnNullResult(0, {}, Shown("flag", 0)),
+        // The lines around the call name the first text only; a null result empties the key.
+        OperationPaths("GetQVCloudStorageKey", "getStorageKey", kStorageKeySignature,
+                       text([](JNIBridge& bridge, WideString& key) {
+                           return bridge.GetQVCloudStorageKey(u"first", u"second", key);
+                       }),
+                       Shown(kept), u"GetQVCloudStorageKey::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({u"GetQVCloudStorageKey::Java called ...first"})
+            .OnNullResult(40,
+                          {u"GetQVCloudStorageKey::Java called ...first", u"GetQVCloudStorageKey::Java ended ...first"},
+                          Shown(WideString())),
+        OperationPaths("updateStorageKey", "updateStorageKey", kUpdateStorageKeySignature,
+                       text([](JNIBridge& bridge, WideString& key) { return bridge.updateStorageKey(key); }),
+                       Shown(kept), kCreateObjectException)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess, u"UPDATE_STORAGE_KEY_NAME::method is not found...")
+            .OnNullResult(0, {}),
+        OperationPaths(
+            "getServerNameList", "getServerNameList", kServerNameListSignature,
+            [](JNIBridge& bridge) {
+                StringList names{u"kept"};
+                const uint32_t code = bridge.getServerNameList(&names);
+                return PathOutcome{code, Shown(names)};
+            },
+            Shown(StringList{u"kept"}), kCreateObjectException)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess, u"GET_MACHINE_NAME_LIST_NAME::method is not found...")
+            .OnNullResult(0, {}),
+        // The value starts at 0: a null result answers 0.
+        OperationPaths(
+            "CanBackup", "canBackup", kCanBackupSignature,
+            [](JNIBridge& bridge) {
+                int32_t value = 9;
+                const uint32_t code = bridge.CanBackup(&value);
+                return PathOutcome{code, Shown("value", value)};
+            },
+            Shown("value", 9), kCreateObjectException)
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess, u"CANBACKUP_NAME::method is not found...")
+            .OnNullResult(0, {}, Shown("value", 0)),
+    };
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Account, OperationPathsTest, ::testing::ValuesIn(AccountPaths()), jnitest::OperationName);

@@ -4,16 +4,22 @@
 // double.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "bridge/BridgeLog.h"
+#include "OperationPaths.h"
 #include "bridge/JNIBridge.h"
 #include "support/BridgeFixture.h"
 
 using jnitest::BridgeFixture;
+using jnitest::OperationPaths;
+using jnitest::OperationPathsTest;
+using jnitest::PathOutcome;
+using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::TestDouble;
 
@@ -34,6 +40,89 @@ constexpr const char16_t* kNameEnded = u"GetContainerName::Java ended ...";
 constexpr const char16_t* kRegionEnded = u"CreateObject::is ended...";
 
 using Lines = std::vector<WideString>;
+
+// ---- the paths every operation shares (OperationPaths.h)
+
+std::vector<OperationPaths> ContainerPaths() {
+    const StringList kept{u"kept"};
+    const auto list = [kept](uint32_t (JNIBridge::*operation)(StringList*)) {
+        return [kept, operation](JNIBridge& bridge) {
+            StringList names = kept;
+            const uint32_t code = (bridge.*operation)(&names);
+            return PathOutcome{code, Shown(names)};
+        };
+    };
+    const auto existence = [](uint32_t (JNIBridge::*operation)(const WideString&, uint32_t*)) {
+        return [operation](JNIBridge& bridge) {
+            uint32_t flag = 7;
+            const uint32_t code = (bridge.*operation)(u"c", &flag);
+            return PathOutcome{code, Shown("flag", flag)};
+        };
+    };
+    const auto text = [](std::function<uint32_t(JNIBridge&, WideString&)> operation) {
+        return [operation](JNIBridge& bridge) {
+            WideString value = u"kept";
+            const uint32_t code = operation(bridge, value);
+            return PathOutcome{code, Shown(value)};
+        };
+    };
+    const char16_t* const missingClassLine = u"m_ObjQVAzurePlugInLibrary is failed...";
+    const WideString keptText = u"kept";
+    return {
+        // Both lists write GetContainersList's exception line; a missing method counts as success.
+        OperationPaths("GetListContainers", "GetListContainers", kListContainersSignature,
+                       list(&JNIBridge::GetListContainers), Shown(kept), u"GetContainersList::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .OnNullResult(0, {}),
+        OperationPaths("GetArchiveSet", "GetArchiveSet", kListContainersSignature, list(&JNIBridge::GetArchiveSet),
+                       Shown(kept), u"GetContainersList::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .OnNullResult(0, {}),
+        OperationPaths("GetRegions", "GetRegions", kRegionsSignature, list(&JNIBridge::GetRegions), Shown(kept),
+                       u"CreateObject::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess, u"GET_LIST_REGIONS_NAME::method is not found...")
+            .OnNullResult(0, {}),
+        // The existence tests name the missing class; a null result gives the flag 0.
+        OperationPaths("IsValidContainer", "IsValidContainer", kIsValidSignature,
+                       existence(&JNIBridge::IsValidContainer), Shown("flag", 7),
+                       u"IsValidContainer::Exception is occured...")
+            .WithoutClass(MissingClassRule::Fail, missingClassLine)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnPendingException(u"IS_VALIDCONTAINER_NAME is failed...")
+            .OnNullResult(0, {}, Shown("flag", 0)),
+        OperationPaths("IsContainerExists", "IsContainerExists", kIsExistsSignature,
+                       existence(&JNIBridge::IsContainerExists), Shown("flag", 7),
+                       u"IsContainerExists::Exception is occured...")
+            .WithoutClass(MissingClassRule::Fail, missingClassLine)
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .OnPendingException(u"IS_ISCONTAINEREXISTS_NAME is failed...")
+            .OnNullResult(0, {}, Shown("flag", 0)),
+        OperationPaths(
+            "DeleteContainer", "DeleteContainer", kDeleteSignature,
+            [](JNIBridge& bridge) { return PathOutcome{bridge.DeleteContainer(), ""}; }, "",
+            u"DeleteContainerFromQVCloud::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({kDeleteCalled})
+            .OnNullResult(40, {kDeleteCalled, kDeleteEnded}),
+        // A null result gives 40 and leaves the name.
+        OperationPaths("GetContainerName", "GetContainerName", kContainerNameSignature,
+                       text([](JNIBridge& bridge, WideString& name) { return bridge.GetContainerName(name); }),
+                       Shown(keptText), u"GetContainerName::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::TakeNullResult)
+            .BeforeCall({kNameCalled})
+            .OnNullResult(40, {kNameCalled, kNameEnded}),
+        // The container name is a detail line before the call; a null result empties the region.
+        OperationPaths("GetBucketRegion", "GetBucketRegion", kBucketRegionSignature,
+                       text([](JNIBridge& bridge, WideString& region) { return bridge.GetBucketRegion(u"c", region); }),
+                       Shown(keptText), u"CreateObject::Exception is occured...")
+            .OnMissingMethod(MissingMethodRule::ReturnSuccess)
+            .BeforeCall({u"c"})
+            .OnNullResult(0, {u"c", u"", kRegionEnded}, Shown(WideString())),
+    };
+}
+
+INSTANTIATE_TEST_SUITE_P(Containers, OperationPathsTest, ::testing::ValuesIn(ContainerPaths()),
+                         jnitest::OperationName);
 
 class ContainersTest : public StartedBridgeFixture {
 protected:
@@ -77,39 +166,9 @@ TEST_F(ContainersTest, GetListContainersNullErrorValueGives0AndNoNames) {
     EXPECT_TRUE(containers.empty());
 }
 
-TEST_F(ContainersTest, GetListContainersNullResultGives0AndLeavesTheList) {
-    TestDouble::ReturnNull("GetListContainers");
-    StringList containers{u"x"};
-    EXPECT_EQ(m_bridge->GetListContainers(&containers), 0u);
-    EXPECT_EQ(containers, StringList{u"x"});
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ContainersTest, GetListContainersWithTheMethodMissingAndNoExceptionPendingGives0AndLeavesTheList) {
-    Interposer().FailGetMethodID("GetListContainers", kListContainersSignature);
-    StringList containers{u"x"};
-    EXPECT_EQ(m_bridge->GetListContainers(&containers), 0u);
-    EXPECT_EQ(containers, StringList{u"x"});
-    EXPECT_EQ(TestDouble::CallCount("GetListContainers"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectMissingMethodLines(lines, "GetListContainers", kListContainersSignature);
-}
 
-TEST_F(ContainersTest, GetListContainersMissingMethodWithExceptionPendingGives40) {
-    FailLookupWithExceptionPending("GetListContainers", kListContainersSignature);
-    StringList containers{u"x"};
-    EXPECT_EQ(m_bridge->GetListContainers(&containers), 40u);
-    EXPECT_EQ(containers, StringList{u"x"});
-    EXPECT_EQ(NewLines(), PendingLookupLines("GetListContainers", kListContainersSignature));
-}
 
-TEST_F(ContainersTest, GetListContainersExceptionInTheFrameWritesTheContainersListLine) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    StringList containers;
-    EXPECT_EQ(m_bridge->GetListContainers(&containers), 40u);
-    EXPECT_EQ(NewLines(), Lines{u"GetContainersList::Exception is occured..."});
-}
 
 TEST_F(ContainersTest, GetListContainersWithoutAHostListStillCallsAndGivesTheCode) {
     TestDouble::ReturnErrorOrdinal("GetListContainers", 9);
@@ -136,37 +195,9 @@ TEST_F(ContainersTest, GetArchiveSetMapsTheJavaErrorOrdinal) {
     EXPECT_EQ(m_bridge->GetArchiveSet(&containers), 30u);
 }
 
-TEST_F(ContainersTest, GetArchiveSetNullResultGives0) {
-    TestDouble::ReturnNull("GetArchiveSet");
-    StringList containers{u"x"};
-    EXPECT_EQ(m_bridge->GetArchiveSet(&containers), 0u);
-    EXPECT_EQ(containers, StringList{u"x"});
-}
 
-TEST_F(ContainersTest, GetArchiveSetMissingMethodGives0WithoutCalling) {
-    Interposer().FailGetMethodID("GetArchiveSet", kListContainersSignature);
-    StringList containers{u"x"};
-    EXPECT_EQ(m_bridge->GetArchiveSet(&containers), 0u);
-    EXPECT_EQ(containers, StringList{u"x"});
-    EXPECT_EQ(TestDouble::CallCount("GetArchiveSet"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectMissingMethodLines(lines, "GetArchiveSet", kListContainersSignature);
-}
 
-TEST_F(ContainersTest, GetArchiveSetMissingMethodWithExceptionPendingGives40) {
-    FailLookupWithExceptionPending("GetArchiveSet", kListContainersSignature);
-    StringList containers;
-    EXPECT_EQ(m_bridge->GetArchiveSet(&containers), 40u);
-    EXPECT_EQ(NewLines(), PendingLookupLines("GetArchiveSet", kListContainersSignature));
-}
 
-TEST_F(ContainersTest, GetArchiveSetExceptionInTheFrameWritesTheContainersListLine) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    StringList containers;
-    EXPECT_EQ(m_bridge->GetArchiveSet(&containers), 40u);
-    EXPECT_EQ(NewLines(), Lines{u"GetContainersList::Exception is occured..."});
-}
 
 // ---------------------------------------------------------------- GetRegions
 
@@ -196,42 +227,9 @@ TEST_F(ContainersTest, GetRegionsMapsTheJavaErrorOrdinal) {
     EXPECT_EQ(m_bridge->GetRegions(nullptr), 47u);
 }
 
-TEST_F(ContainersTest, GetRegionsNullResultGives0) {
-    TestDouble::ReturnNull("GetRegions");
-    StringList regions{u"x"};
-    EXPECT_EQ(m_bridge->GetRegions(&regions), 0u);
-    EXPECT_EQ(regions, StringList{u"x"});
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ContainersTest, GetRegionsWithTheMethodMissingWritesItsLineAndGives0) {
-    Interposer().FailGetMethodID("GetRegions", kRegionsSignature);
-    StringList regions{u"x"};
-    EXPECT_EQ(m_bridge->GetRegions(&regions), 0u);
-    EXPECT_EQ(regions, StringList{u"x"});
-    EXPECT_EQ(TestDouble::CallCount("GetRegions"), 0u);
-    const auto lines = NewLines();
-    ASSERT_EQ(lines.size(), 6u);
-    ExpectMissingMethodLines(lines, "GetRegions", kRegionsSignature);
-    EXPECT_EQ(lines[5], u"GET_LIST_REGIONS_NAME::method is not found...");
-}
 
-TEST_F(ContainersTest, GetRegionsWritesTheMethodNotFoundLineBeforeAnyExceptionCheck) {
-    FailLookupWithExceptionPending("GetRegions", kRegionsSignature);
-    StringList regions;
-    EXPECT_EQ(m_bridge->GetRegions(&regions), 40u);
-    // The line comes before the frame's own (failing) exception check.
-    Lines expected = PendingLookupLines("GetRegions", kRegionsSignature);
-    expected.insert(expected.end() - 1, u"GET_LIST_REGIONS_NAME::method is not found...");
-    EXPECT_EQ(NewLines(), expected);
-}
 
-TEST_F(ContainersTest, GetRegionsExceptionInTheFrameWritesTheCreateObjectLine) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    StringList regions;
-    EXPECT_EQ(m_bridge->GetRegions(&regions), 40u);
-    EXPECT_EQ(NewLines(), Lines{u"CreateObject::Exception is occured..."});
-}
 
 // ---------------------------------------------------------------- IsValidContainer
 
@@ -256,42 +254,9 @@ TEST_F(ContainersTest, IsValidContainerMapsTheJavaErrorOrdinalAndStillHandsBackT
     EXPECT_EQ(valid, 1u);
 }
 
-TEST_F(ContainersTest, IsValidContainerNullResultGives0AndAFlagOf0) {
-    TestDouble::ReturnNull("IsValidContainer");
-    uint32_t valid = 7;
-    EXPECT_EQ(m_bridge->IsValidContainer(u"qv-backup", &valid), 0u);
-    EXPECT_EQ(valid, 0u);
-    EXPECT_TRUE(NewLines().empty());
-}
 
-TEST_F(ContainersTest, IsValidContainerMissingMethodTakesTheNullResultPathWithoutCalling) {
-    Interposer().FailGetMethodID("IsValidContainer", kIsValidSignature);
-    uint32_t valid = 7;
-    EXPECT_EQ(m_bridge->IsValidContainer(u"qv-backup", &valid), 0u);
-    EXPECT_EQ(valid, 0u);
-    EXPECT_EQ(TestDouble::CallCount("IsValidContainer"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectMissingMethodLines(lines, "IsValidContainer", kIsValidSignature);
-}
 
-TEST_F(ContainersTest, IsValidContainerMissingMethodWithExceptionPendingWritesItsLineAndGives40) {
-    FailLookupWithExceptionPending("IsValidContainer", kIsValidSignature);
-    uint32_t valid = 7;
-    EXPECT_EQ(m_bridge->IsValidContainer(u"qv-backup", &valid), 40u);
-    EXPECT_EQ(valid, 7u);
-    EXPECT_EQ(NewLines(),
-              Plus(PendingLookupLines("IsValidContainer", kIsValidSignature), u"IS_VALIDCONTAINER_NAME is failed..."));
-}
 
-TEST_F(ContainersTest, IsValidContainerExceptionInTheFrameWritesItsLineAndLeavesTheFlag) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    uint32_t valid = 7;
-    EXPECT_EQ(m_bridge->IsValidContainer(u"qv-backup", &valid), 40u);
-    EXPECT_EQ(valid, 7u);
-    EXPECT_EQ(NewLines(), Lines{u"IsValidContainer::Exception is occured..."});
-}
 
 TEST_F(ContainersTest, IsValidContainerExceptionWhileTakingThePluginClassWritesItsLine) {
     Interposer().ThrowCppExceptionIn("GetObjectClass");
@@ -332,40 +297,9 @@ TEST_F(ContainersTest, IsContainerExistsMapsTheJavaErrorOrdinal) {
     EXPECT_EQ(exists, 0u);
 }
 
-TEST_F(ContainersTest, IsContainerExistsNullResultGives0AndAFlagOf0) {
-    TestDouble::ReturnNull("IsContainerExists");
-    uint32_t exists = 7;
-    EXPECT_EQ(m_bridge->IsContainerExists(u"qv-archive", &exists), 0u);
-    EXPECT_EQ(exists, 0u);
-}
 
-TEST_F(ContainersTest, IsContainerExistsMissingMethodTakesTheNullResultPathWithoutCalling) {
-    Interposer().FailGetMethodID("IsContainerExists", kIsExistsSignature);
-    uint32_t exists = 7;
-    EXPECT_EQ(m_bridge->IsContainerExists(u"qv-archive", &exists), 0u);
-    EXPECT_EQ(exists, 0u);
-    EXPECT_EQ(TestDouble::CallCount("IsContainerExists"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectMissingMethodLines(lines, "IsContainerExists", kIsExistsSignature);
-}
 
-TEST_F(ContainersTest, IsContainerExistsMissingMethodWithExceptionPendingWritesItsLineAndGives40) {
-    FailLookupWithExceptionPending("IsContainerExists", kIsExistsSignature);
-    uint32_t exists = 7;
-    EXPECT_EQ(m_bridge->IsContainerExists(u"qv-archive", &exists), 40u);
-    EXPECT_EQ(exists, 7u);
-    EXPECT_EQ(NewLines(), Plus(PendingLookupLines("IsContainerExists", kIsExistsSignature),
-                               u"IS_ISCONTAINEREXISTS_NAME is failed..."));
-}
 
-TEST_F(ContainersTest, IsContainerExistsExceptionInTheFrameWritesItsLine) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    uint32_t exists = 7;
-    EXPECT_EQ(m_bridge->IsContainerExists(u"qv-archive", &exists), 40u);
-    EXPECT_EQ(exists, 7u);
-    EXPECT_EQ(NewLines(), Lines{u"IsContainerExists::Exception is occured..."});
-}
 
 // ---------------------------------------------------------------- DeleteContainer
 
@@ -387,35 +321,9 @@ TEST_F(ContainersTest, DeleteContainerWritesItsTwoLinesAtErrorLevelAroundEveryCa
     EXPECT_EQ(NewLines(), (Lines{kDeleteCalled, kDeleteEnded, kDeleteCalled, kDeleteEnded}));
 }
 
-TEST_F(ContainersTest, DeleteContainerNullResultGives40) {
-    TestDouble::ReturnNull("DeleteContainer");
-    EXPECT_EQ(m_bridge->DeleteContainer(), 40u);
-    EXPECT_EQ(NewLines(), (Lines{kDeleteCalled, kDeleteEnded}));
-}
 
-TEST_F(ContainersTest, DeleteContainerMissingMethodTakesTheNullResultPathWithBothLines) {
-    Interposer().FailGetMethodID("DeleteContainer", kDeleteSignature);
-    EXPECT_EQ(m_bridge->DeleteContainer(), 40u);
-    EXPECT_EQ(TestDouble::CallCount("DeleteContainer"), 0u);
-    EXPECT_EQ(Interposer().CountOf("CallObjectMethodA"), 0u);
-    const auto lines = NewLines();
-    ASSERT_EQ(lines.size(), 7u);
-    ExpectMissingMethodLines(lines, "DeleteContainer", kDeleteSignature);
-    EXPECT_EQ(lines[5], kDeleteCalled);
-    EXPECT_EQ(lines[6], kDeleteEnded);
-}
 
-TEST_F(ContainersTest, DeleteContainerMissingMethodWithExceptionPendingGives40WithoutItsLines) {
-    FailLookupWithExceptionPending("DeleteContainer", kDeleteSignature);
-    EXPECT_EQ(m_bridge->DeleteContainer(), 40u);
-    EXPECT_EQ(NewLines(), PendingLookupLines("DeleteContainer", kDeleteSignature));
-}
 
-TEST_F(ContainersTest, DeleteContainerExceptionInTheFrameWritesItsLine) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    EXPECT_EQ(m_bridge->DeleteContainer(), 40u);
-    EXPECT_EQ(NewLines(), (Lines{kDeleteCalled, u"DeleteContainerFromQVCloud::Exception is occured..."}));
-}
 
 // ---------------------------------------------------------------- GetContainerName
 
@@ -444,42 +352,9 @@ TEST_F(ContainersTest, GetContainerNameNullNameEmptiesTheName) {
     EXPECT_EQ(name, u"");
 }
 
-TEST_F(ContainersTest, GetContainerNameNullResultGives40AndLeavesTheName) {
-    TestDouble::ReturnNull("GetContainerName");
-    WideString name = u"old";
-    EXPECT_EQ(m_bridge->GetContainerName(name), 40u);
-    EXPECT_EQ(name, u"old");
-    EXPECT_EQ(NewLines(), (Lines{kNameCalled, kNameEnded}));
-}
 
-TEST_F(ContainersTest, GetContainerNameMissingMethodTakesTheNullResultPathWithBothLines) {
-    Interposer().FailGetMethodID("GetContainerName", kContainerNameSignature);
-    WideString name = u"old";
-    EXPECT_EQ(m_bridge->GetContainerName(name), 40u);
-    EXPECT_EQ(name, u"old");
-    EXPECT_EQ(TestDouble::CallCount("GetContainerName"), 0u);
-    const auto lines = NewLines();
-    ASSERT_EQ(lines.size(), 7u);
-    ExpectMissingMethodLines(lines, "GetContainerName", kContainerNameSignature);
-    EXPECT_EQ(lines[5], kNameCalled);
-    EXPECT_EQ(lines[6], kNameEnded);
-}
 
-TEST_F(ContainersTest, GetContainerNameMissingMethodWithExceptionPendingGives40) {
-    FailLookupWithExceptionPending("GetContainerName", kContainerNameSignature);
-    WideString name = u"old";
-    EXPECT_EQ(m_bridge->GetContainerName(name), 40u);
-    EXPECT_EQ(name, u"old");
-    EXPECT_EQ(NewLines(), PendingLookupLines("GetContainerName", kContainerNameSignature));
-}
 
-TEST_F(ContainersTest, GetContainerNameExceptionInTheFrameWritesItsLine) {
-    Interposer().ThrowCppExceptionIn("CallObjectMethodA");
-    WideString name = u"old";
-    EXPECT_EQ(m_bridge->GetContainerName(name), 40u);
-    EXPECT_EQ(name, u"old");
-    EXPECT_EQ(NewLines(), (Lines{kNameCalled, u"GetContainerName::Exception is occured..."}));
-}
 
 // ---------------------------------------------------------------- GetBucketRegion
 
@@ -519,58 +394,11 @@ TEST_F(ContainersTest, GetBucketRegionOverwritesTheCallersRegionWhenTheResultCar
     EXPECT_EQ(NewLines(), (Lines{u"c", u"", kRegionEnded}));
 }
 
-TEST_F(ContainersTest, GetBucketRegionNullResultEmptiesTheRegionAndGives0) {
-    TestDouble::ReturnNull("GetBucketRegion");
-    WideString region = u"old";
-    EXPECT_EQ(m_bridge->GetBucketRegion(u"c", region), 0u);
-    EXPECT_EQ(region, u"");
-    EXPECT_EQ(NewLines(), (Lines{u"c", u"", kRegionEnded}));
-}
 
-TEST_F(ContainersTest, GetBucketRegionMissingMethodGives0AndLeavesTheRegion) {
-    Interposer().FailGetMethodID("GetBucketRegion", kBucketRegionSignature);
-    WideString region = u"old";
-    EXPECT_EQ(m_bridge->GetBucketRegion(u"c", region), 0u);
-    EXPECT_EQ(region, u"old");
-    EXPECT_EQ(TestDouble::CallCount("GetBucketRegion"), 0u);
-    const auto lines = NewLines();
-    EXPECT_EQ(lines.size(), 5u);
-    ExpectMissingMethodLines(lines, "GetBucketRegion", kBucketRegionSignature);
-}
 
-TEST_F(ContainersTest, GetBucketRegionMissingMethodWithExceptionPendingGives40) {
-    FailLookupWithExceptionPending("GetBucketRegion", kBucketRegionSignature);
-    WideString region = u"old";
-    EXPECT_EQ(m_bridge->GetBucketRegion(u"c", region), 40u);
-    EXPECT_EQ(region, u"old");
-    EXPECT_EQ(NewLines(), PendingLookupLines("GetBucketRegion", kBucketRegionSignature));
-}
 
 // ---------------------------------------------------------------- common to the eight
 
-TEST_F(ContainersTest, WithoutAPluginObjectEveryOperationGives40WithoutALine) {
-    ASSERT_EQ(m_bridge->DeInit(), 0u);
-    Interposer().Reset();
-    MarkLines();
-    StringList list{u"x"};
-    uint32_t flag = 7;
-    WideString text = u"old";
-    EXPECT_EQ(m_bridge->GetListContainers(&list), 40u);
-    EXPECT_EQ(m_bridge->GetArchiveSet(&list), 40u);
-    EXPECT_EQ(m_bridge->GetRegions(&list), 40u);
-    EXPECT_EQ(m_bridge->IsValidContainer(u"c", &flag), 40u);
-    EXPECT_EQ(m_bridge->IsContainerExists(u"c", &flag), 40u);
-    EXPECT_EQ(m_bridge->DeleteContainer(), 40u);
-    EXPECT_EQ(m_bridge->GetContainerName(text), 40u);
-    EXPECT_EQ(m_bridge->GetBucketRegion(u"c", text), 40u);
-    EXPECT_EQ(list, StringList{u"x"});
-    EXPECT_EQ(flag, 7u);
-    EXPECT_EQ(text, u"old");
-    EXPECT_TRUE(NewLines().empty());
-    for (const char* method : {"GetListContainers", "GetArchiveSet", "GetRegions", "IsValidContainer",
-                               "IsContainerExists", "DeleteContainer", "GetContainerName", "GetBucketRegion"})
-        EXPECT_EQ(TestDouble::CallCount(method), 0u) << method;
-}
 
 TEST_F(ContainersTest, AThreadThatWasNotAttachedIsAttachedAndDetachedPerOperation) {
     uint32_t valid = 0;
