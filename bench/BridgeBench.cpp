@@ -9,6 +9,7 @@
 // The host thread is not attached between calls, as in a real host.
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -29,10 +30,21 @@ struct BenchWorld {
     std::unique_ptr<JNIBridge> bridge;
 };
 
+// The heap of the benchmark's JVM: fixed and touched at start, as a host
+// sizes its own. With the JVM's default (a quarter of the machine, grown on
+// demand) the figures depended on what ran before: after the small
+// operations G1 had grown the heap to over 5 GB with a 3 GB young
+// generation, so each large array of the data benchmarks landed in memory
+// never touched before and paid a page fault for every page of it (WriteObject
+// of 16 MiB: 0.35 GB/s in the whole run, 7 GB/s run alone). QV_TEST_JVM_OPTIONS
+// set by the caller wins.
+constexpr const char* kBenchJvmOptions = "-Xms1g -Xmx1g -XX:+AlwaysPreTouch";
+
 // The bridge on the real JVM (no interposer), its Java object made, and the
 // calling thread detached again.
 BenchWorld& World() {
     static BenchWorld* world = [] {
+        setenv("QV_TEST_JVM_OPTIONS", kBenchJvmOptions, 0);
         auto* w = new BenchWorld;
         w->folder = std::make_unique<testsupport::TempFolder>();
         w->log = std::make_unique<JNIWrapperLog>(w->folder->Path(), false);
