@@ -143,6 +143,25 @@ TEST(RunInParallel, TheFirstFailureStopsTheRestAndIsRethrown) {
     EXPECT_LT(done.load(), 100000u - 1);
 }
 
+TEST(PartPlan, GivesEveryPartOnceFilesOfMostPartsFirstAndEachFilesPartsTogether) {
+    PartPlan plan({1, 0, 3, 2});
+    std::vector<std::pair<size_t, uint64_t>> items;
+    for (size_t i = 0; i < plan.size(); ++i) {
+        items.push_back({plan[i].file, plan[i].hasPart ? plan[i].part : UINT64_MAX});
+    }
+    const std::vector<std::pair<size_t, uint64_t>> expected = {{2, 0}, {2, 1}, {2, 2}, {3, 0}, {3, 1}, {0, 0},
+                                                               {1, UINT64_MAX}};  // the empty file: no part
+    EXPECT_EQ(items, expected);
+}
+
+TEST(PartPlan, OnlyTheLastItemOfAFileFinishesIt) {
+    PartPlan plan({3, 0});
+    EXPECT_FALSE(plan.Done(0));
+    EXPECT_FALSE(plan.Done(0));
+    EXPECT_TRUE(plan.Done(0));
+    EXPECT_TRUE(plan.Done(1));  // an empty file's one item
+}
+
 TEST(PluginError, NamesTheOperationTheObjectAndTheCode) {
     const PluginError error("ReadObjectByName", "cloudplugin-host/backups/b/000001.0000", 7);
     EXPECT_STREQ(error.what(),

@@ -19,9 +19,10 @@ namespace qvhost {
 // after the item in hand and is rethrown (an interrupt as ToolError 130).
 void RunInParallel(unsigned jobs, size_t count, const std::function<void(size_t index, unsigned worker)>& work);
 
-// The parts of a list of files as items in file order: a file of n parts
-// gives n items, an empty file one item with no part. Done() counts the
-// items of a file, so that whoever does its last item finishes the file.
+// The parts of a list of files as items, the parts of a file one after
+// another and the files with most parts first: a file of n parts gives n
+// items, an empty file one item with no part. Done() counts the items of a
+// file, so that whoever does its last item finishes the file.
 class PartPlan {
 public:
     struct Item {

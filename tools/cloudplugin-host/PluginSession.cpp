@@ -65,7 +65,8 @@ uint64_t PluginSession::Read(const std::string& name, uint8_t* buffer, uint64_t 
     return read;
 }
 
-std::string PluginSession::ReadAll(const std::string& name, uint64_t limit) {
+std::string PluginSession::ReadAll(const std::string& name, uint64_t limit, const std::vector<std::string>& properties,
+                                   Metadata* metadata) {
     constexpr uint64_t kSlice = 4u << 20;
     std::string content;
     for (;;) {
@@ -74,16 +75,13 @@ std::string PluginSession::ReadAll(const std::string& name, uint64_t limit) {
             throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
         }
         content.resize(at + kSlice);
-        const uint64_t read = Read(name, reinterpret_cast<uint8_t*>(&content[at]), at, kSlice);
+        Metadata sliceMetadata;
+        const uint64_t read = Read(name, reinterpret_cast<uint8_t*>(&content[at]), at, kSlice,
+                                   at == 0 ? properties : std::vector<std::string>{}, sliceMetadata);
+        if (at == 0 && metadata) *metadata = std::move(sliceMetadata);
         content.resize(at + std::min(read, kSlice));
         if (read < kSlice) return content;
     }
-}
-
-std::string PluginSession::Property(const std::string& name, const std::string& property) {
-    WideString value;
-    Run("GetObjectMetaData", name, [&] { return plugin_.GetObjectMetaData(Wide(name), Wide(property), value); });
-    return Narrow(value);
 }
 
 bool PluginSession::Exists(const std::string& name) {

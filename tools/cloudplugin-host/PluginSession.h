@@ -54,14 +54,15 @@ public:
                   const std::vector<std::string>& properties, Metadata& metadata);
 
 
-    std::string Property(const std::string& name, const std::string& property);
     bool Exists(const std::string& name);
     void Delete(const std::string& name);
     // Delete, where an object that does not exist counts as deleted.
     void DeleteIfPresent(const std::string& name);
     // The whole object, read in slices; refuses (ToolError damaged) an object
-    // larger than `limit` bytes instead of reading it all.
-    std::string ReadAll(const std::string& name, uint64_t limit);
+    // larger than `limit` bytes instead of reading it all. With `properties`,
+    // also reads those metadata properties (with the first slice).
+    std::string ReadAll(const std::string& name, uint64_t limit, const std::vector<std::string>& properties = {},
+                        Metadata* metadata = nullptr);
     std::vector<ListedObject> List(const std::string& prefix);
 
     void CheckConnectivity();

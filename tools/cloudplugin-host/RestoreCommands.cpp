@@ -33,12 +33,18 @@ struct Problem {
 
 Manifest ReadManifest(CommandContext& context, const std::string& backupId) {
     if (!IsValidBackupId(backupId)) throw ToolError(kExitUsage, "not a backup name: " + backupId);
-    PluginSession& session = context.session;
+    // One request gives the manifest and the hash it is checked by.
     const std::string name = context.options.layout.ManifestName(backupId);
-    if (!session.Exists(name)) throw ToolError(kExitNoSuchBackup, "no complete backup named " + backupId);
-    const std::string text = session.ReadAll(name, kManifestLimit);
-    const std::string expected = session.Property(name, manifest_property::kSha);
-    if (ToHex(Sha256Of(text.data(), text.size())) != expected) {
+    Metadata metadata;
+    std::string text;
+    try {
+        text = context.session.ReadAll(name, kManifestLimit, {manifest_property::kSha}, &metadata);
+    } catch (const PluginError& failure) {
+        if (failure.code() != kResultObjectNotFound) throw;
+        throw ToolError(kExitNoSuchBackup, "no complete backup named " + backupId);
+    }
+    const auto expected = metadata.find(manifest_property::kSha);
+    if (expected == metadata.end() || ToHex(Sha256Of(text.data(), text.size())) != expected->second) {
         throw ToolError(kExitDamaged, "the manifest of " + backupId + " does not match its hash");
     }
     Manifest manifest = DecodeManifest(text);

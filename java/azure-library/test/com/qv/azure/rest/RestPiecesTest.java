@@ -31,6 +31,19 @@ class RestPiecesTest {
     private static final String KEY = Base64.getEncoder().encodeToString("0123456789abcdef".getBytes(StandardCharsets.US_ASCII));
 
     @Test
+    void httpDatesAreRfc1123InGmtWithTwoDigitDays() {
+        java.time.format.DateTimeFormatter reference =
+            java.time.format.DateTimeFormatter.ofPattern("EEE, dd MMM yyyy HH:mm:ss 'GMT'", java.util.Locale.US);
+        long[] instants = {0L, 951782400L, 1795428930L, 4102444799L, 1700000000L, 1709251199L};
+        for (long second : instants) {
+            String expected = reference.format(java.time.ZonedDateTime.ofInstant(
+                java.time.Instant.ofEpochSecond(second), java.time.ZoneOffset.UTC));
+            assertEquals(expected, BlobRestClient.httpDate(second), "at " + second);
+        }
+        assertEquals("Mon, 23 Nov 2026 10:15:30 GMT", BlobRestClient.httpDate(1795428930L));
+    }
+
+    @Test
     void connectionStringWithDefaultEndpoint() throws Exception {
         StorageConnection c = StorageConnection.parse(
             "DefaultEndpointsProtocol=https;AccountName=acct;AccountKey=" + KEY
