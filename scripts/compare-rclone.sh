@@ -46,6 +46,8 @@ usage: scripts/compare-rclone.sh [options]
   --tool-arg ARG      an extra option for cloudplugin-host, before the command
                       (repeatable; e.g. --tool-arg --part-size=16M)
   --rclone-arg ARG    an extra option for rclone copy (repeatable)
+  --credential sas|key  cloudplugin-host's credential: the same account SAS as rclone's (default),
+                      or the account key (Shared Key signing of every request)
   --work DIR          data set, restores, logs, per-round results (default: build/compare-rclone)
   --keep              keep the data set and the last restores (a later run with the same
                       set reuses the data set); without it they are removed on success
@@ -72,6 +74,7 @@ rclone_args=()
 work=build/compare-rclone
 keep=no
 markdown=''
+credential=sas
 
 absolute() { (cd "$caller_dir" && realpath -m -- "$1"); }
 
@@ -86,7 +89,8 @@ while [ $# -gt 0 ]; do
   case $option in
     --help | -h) usage; exit 0 ;;
     --keep) keep=yes; shift; continue ;;
-    --rounds | --jobs | --set | --large | --medium | --small | --tool | --tool-arg | --rclone-arg | --work | --markdown) ;;
+    --rounds | --jobs | --set | --large | --medium | --small | --tool | --tool-arg | --rclone-arg | --credential | \
+      --work | --markdown) ;;
     *) echo "compare-rclone: unknown option '$1' (see --help)" >&2; exit 2 ;;
   esac
   if [ $value_given = no ]; then
@@ -105,6 +109,7 @@ while [ $# -gt 0 ]; do
     --tool) tool=$(absolute "$value") ;;
     --tool-arg) tool_args+=("$value") ;;
     --rclone-arg) rclone_args+=("$value") ;;
+    --credential) credential=$value ;;
     --work) work=$(absolute "$value") ;;
     --markdown) markdown=$(absolute "$value") ;;
   esac
@@ -112,6 +117,7 @@ done
 
 [[ $rounds =~ ^[1-9][0-9]*$ ]] || { echo "compare-rclone: --rounds takes a positive number" >&2; exit 2; }
 [[ $jobs =~ ^[1-9][0-9]*$ ]] || { echo "compare-rclone: --jobs takes a positive number" >&2; exit 2; }
+[[ $credential =~ ^(sas|key)$ ]] || { echo "compare-rclone: --credential takes sas or key" >&2; exit 2; }
 set_label="$set_name set"
 [ -z "$large$medium$small" ] || set_label="$set_name set's layout, own mix"
 case $set_name in
@@ -305,8 +311,6 @@ set_text="$set_text)"
 echo "     $set_text"
 
 # ---- the two tools' command lines
-export CLOUDPLUGIN_CONNECTION
-CLOUDPLUGIN_CONNECTION=$(azurite_connection cloudplugin-bench)
 tool_cmd=("$tool" --jobs "$jobs" "${tool_args[@]}")
 
 # An account SAS signed with Azurite's development key (string-to-sign of
@@ -323,6 +327,15 @@ account_sas() {
   signature=${signature//+/%2B} signature=${signature//\//%2F} signature=${signature//=/%3D}
   echo "sv=$sv&ss=$ss&srt=$srt&sp=$sp&se=${se//:/%3A}&sig=$signature"
 }
+# Both tools use the same kind of credential: by default the same account
+# SAS (rclone can use nothing else here); --credential key gives
+# cloudplugin-host the account key instead, which signs every request.
+export CLOUDPLUGIN_CONNECTION
+if [ "$credential" = sas ]; then
+  CLOUDPLUGIN_CONNECTION="BlobEndpoint=$azurite_url;SharedAccessSignature=$(account_sas);Container=cloudplugin-bench"
+else
+  CLOUDPLUGIN_CONNECTION=$(azurite_connection cloudplugin-bench)
+fi
 export RCLONE_CONFIG RCLONE_CONFIG_BENCHAZ_TYPE RCLONE_CONFIG_BENCHAZ_SAS_URL
 RCLONE_CONFIG=$work/rclone.conf  # empty: the remote comes from the two variables below
 : >"$RCLONE_CONFIG"
@@ -477,6 +490,8 @@ commit=$(git rev-parse --short HEAD 2>/dev/null || echo unknown)
 [ -n "$(git status --porcelain --untracked-files=no 2>/dev/null)" ] && commit="$commit with local changes"
 run_date=$(date -u '+%Y-%m-%d %H:%M UTC')
 tool_text="cloudplugin-host --jobs $jobs${tool_args[*]:+ ${tool_args[*]}}"
+credential_text="account SAS"
+[ "$credential" = key ] && credential_text="account key"
 rclone_text="rclone copy --transfers $jobs${rclone_args[*]:+ ${rclone_args[*]}}"
 
 echo
@@ -484,7 +499,7 @@ echo "==== medians of $rounds rounds (min-max); ratios are cloudplugin-host / rc
 echo "machine:   $cpu_model, $(nproc) cores, $memory_gib GiB, $os_name, kernel $(uname -r)"
 echo "date:      $run_date"
 echo "data set:  $set_text"
-echo "tools:     $tool_text (commit $commit), $java_version"
+echo "tools:     $tool_text (commit $commit, $credential_text), $java_version"
 echo "           $rclone_text ($rclone_version, azureblob backend, account SAS)"
 echo "storage:   Azurite $azurite_version, in memory, loopback"
 printf '\n%-26s %-27s %-27s %s\n' "" cloudplugin-host rclone "host / rclone"
@@ -497,7 +512,7 @@ echo "per-round figures: $results"
 table_markdown() {
   echo "Machine: $cpu_model, $(nproc) cores, $memory_gib GiB, $os_name. Date: $run_date."
   echo "Data: $set_text. Azurite $azurite_version in memory on loopback."
-  echo "\`$tool_text\` (commit $commit, $java_version) against \`$rclone_text\`"
+  echo "\`$tool_text\` (commit $commit, $credential_text, $java_version) against \`$rclone_text\`"
   echo "($rclone_version, azureblob backend, account SAS); whole commands, JVM start included;"
   echo "median of $rounds rounds (min–max), run alternately; every restore compared with the source."
   echo
