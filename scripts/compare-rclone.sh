@@ -486,8 +486,13 @@ java_bin=java
 java_version=$("$java_bin" -version 2>&1 | head -n 1)
 rclone_version=$(rclone --version | head -n 1)
 azurite_version=$("$(azurite_executable)" --version)
-commit=$(git rev-parse --short HEAD 2>/dev/null || echo unknown)
-[ -n "$(git status --porcelain --untracked-files=no 2>/dev/null)" ] && commit="$commit with local changes"
+# What the figures are of: this checkout's build, or the --tool given.
+if [ "$tool" = "$repo/build/demo/stage/bin/cloudplugin-host" ]; then
+  commit="commit $(git rev-parse --short HEAD 2>/dev/null || echo unknown)"
+  [ -n "$(git status --porcelain --untracked-files=no 2>/dev/null)" ] && commit="$commit with local changes"
+else
+  commit="$tool"
+fi
 run_date=$(date -u '+%Y-%m-%d %H:%M UTC')
 tool_text="cloudplugin-host --jobs $jobs${tool_args[*]:+ ${tool_args[*]}}"
 credential_text="account SAS"
@@ -499,7 +504,7 @@ echo "==== medians of $rounds rounds (min-max); ratios are cloudplugin-host / rc
 echo "machine:   $cpu_model, $(nproc) cores, $memory_gib GiB, $os_name, kernel $(uname -r)"
 echo "date:      $run_date"
 echo "data set:  $set_text"
-echo "tools:     $tool_text (commit $commit, $credential_text), $java_version"
+echo "tools:     $tool_text ($commit, $credential_text), $java_version"
 echo "           $rclone_text ($rclone_version, azureblob backend, account SAS)"
 echo "storage:   Azurite $azurite_version, in memory, loopback"
 printf '\n%-26s %-27s %-27s %s\n' "" cloudplugin-host rclone "host / rclone"
@@ -512,7 +517,7 @@ echo "per-round figures: $results"
 table_markdown() {
   echo "Machine: $cpu_model, $(nproc) cores, $memory_gib GiB, $os_name. Date: $run_date."
   echo "Data: $set_text. Azurite $azurite_version in memory on loopback."
-  echo "\`$tool_text\` (commit $commit, $credential_text, $java_version) against \`$rclone_text\`"
+  echo "\`$tool_text\` ($commit, $credential_text, $java_version) against \`$rclone_text\`"
   echo "($rclone_version, azureblob backend, account SAS); whole commands, JVM start included;"
   echo "median of $rounds rounds (min–max), run alternately; every restore compared with the source."
   echo

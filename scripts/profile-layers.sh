@@ -7,7 +7,9 @@
 #
 #   scripts/profile-layers.sh SOURCE_DIR [cloudplugin-host options...]
 #
-# TOOL names the cloudplugin-host to run (default: the demo build's).
+# TOOL names the cloudplugin-host to run (default: the demo build's);
+# PROFILE_CONNECTION a connection string to use instead of the account key's
+# (for a SAS, say, whose Container must be "profile").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ $# -ge 1 ] || { echo "usage: scripts/profile-layers.sh SOURCE_DIR [cloudplugin-host options...]" >&2; exit 2; }
@@ -28,7 +30,7 @@ mkdir -p "$work"
 azurite_start "$work/azurite"
 trap azurite_stop EXIT
 export CLOUDPLUGIN_CONNECTION
-CLOUDPLUGIN_CONNECTION="$(azurite_connection profile)"
+CLOUDPLUGIN_CONNECTION="${PROFILE_CONNECTION:-$(azurite_connection profile)}"
 azurite_cpu() { awk -v hz="$(getconf CLK_TCK)" '{ printf "%.2f", ($14 + $15) / hz }' "/proc/$AZURITE_PID/stat"; }
 
 hz=499

@@ -271,3 +271,33 @@ TEST_F(HostToolTest, ARestoreOfAnArchivedBackupNamesTheArchivedObjectAndItsCode)
     EXPECT_EQ(Member(restore.out, "object"), "\"cloudplugin-host/manifests/cold\"");
     EXPECT_EQ(Member(restore.out, "code"), "49");  // the plug-in's code for an archived object
 }
+
+TEST_F(HostToolTest, ABackupOverTlsWithASasTokenRestoresTheTreeAndAnUntrustedCertificateIsRefused) {
+    Azurite tls(QV_TOOL_TLS_DIR "/server.p12", QV_TOOL_TLS_PASSWORD);
+    const std::string source = MakeTree();
+    const std::string connection = tls.SasConnectionString(container_);
+    // The JVM trusts the test certificate as an operator's would: a trust
+    // store given by the standard JVM options.
+    const std::vector<std::string> trusting = {
+        "--jvm-option", std::string("-Djavax.net.ssl.trustStore=") + QV_TOOL_TLS_DIR + "/truststore.p12",
+        "--jvm-option", std::string("-Djavax.net.ssl.trustStorePassword=") + QV_TOOL_TLS_PASSWORD,
+        "--jvm-option", "-Djavax.net.ssl.trustStoreType=PKCS12"};
+    auto tool = [&](std::vector<std::string> arguments, bool trust) {
+        std::vector<std::string> all = {"--connection", connection, "--log-folder", logs_, "--part-size", kPartSize,
+                                        "--json"};
+        if (trust) all.insert(all.end(), trusting.begin(), trusting.end());
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return RunTool(all);
+    };
+
+    const ToolRun backup = tool({"--name", "over-tls", "backup", source}, true);
+    ASSERT_EQ(backup.status, 0) << backup.err;
+    const ToolRun restore = tool({"restore", "over-tls", Folder("restored")}, true);
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+
+    const ToolRun untrusted = tool({"list"}, false);
+    EXPECT_EQ(untrusted.status, 3) << untrusted.err;
+    EXPECT_EQ(Member(untrusted.out, "operation"), "\"Init\"");
+    EXPECT_EQ(Member(untrusted.out, "code"), "35");  // the plug-in's code for a refused TLS handshake
+}

@@ -1,6 +1,8 @@
 #include "ToolRunner.h"
 
 #include <arpa/inet.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -10,7 +12,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
+#include <cstring>
+#include <ctime>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -114,16 +119,23 @@ Azurite& Azurite::Shared() {
     return azurite;
 }
 
-Azurite::Azurite() {
+Azurite::Azurite() { Start({}); }
+
+Azurite::Azurite(const std::string& pfx, const std::string& password) : tls_(true) {
+    Start({"--cert", pfx, "--pwd", password});
+}
+
+void Azurite::Start(const std::vector<std::string>& tlsArguments) {
     static int instances = 0;
     folder_ = RunFolder() + "/azurite" + std::to_string(++instances);
     std::filesystem::create_directories(folder_);
     for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) {
         port_ = FreeLoopbackPort();
-        const pid_t pid = Spawn({AzuriteExecutable(), "--blobHost", "127.0.0.1", "--blobPort", std::to_string(port_),
-                                 "--inMemoryPersistence", "--disableTelemetry",
-                                 "--skipApiVersionCheck", "--silent"},
-                                folder_ + "/azurite.out", folder_ + "/azurite.err");
+        std::vector<std::string> command = {AzuriteExecutable(), "--blobHost", "127.0.0.1", "--blobPort",
+                                            std::to_string(port_), "--inMemoryPersistence", "--disableTelemetry",
+                                            "--skipApiVersionCheck", "--silent"};
+        command.insert(command.end(), tlsArguments.begin(), tlsArguments.end());
+        const pid_t pid = Spawn(command, folder_ + "/azurite.out", folder_ + "/azurite.err");
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (std::chrono::steady_clock::now() < deadline) {
             if (Accepts(port_)) {
@@ -161,6 +173,62 @@ std::string Azurite::ConnectionString(const std::string& container) const {
            "AccountKey=Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw==;"
            "BlobEndpoint=http://127.0.0.1:" +
            std::to_string(port_) + "/devstoreaccount1;Container=" + container;
+}
+
+namespace {
+
+constexpr const char* kDevelopmentKey =
+    "Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw==";
+
+std::string Base64(const unsigned char* bytes, size_t size) {
+    std::string text(4 * ((size + 2) / 3) + 1, '\0');
+    text.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]), bytes,
+                                                    static_cast<int>(size))));
+    return text;
+}
+
+std::string PercentEncoded(const std::string& text) {
+    std::string out;
+    for (const unsigned char c : text) {
+        if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+            out.push_back(static_cast<char>(c));
+        } else {
+            char escaped[4];
+            std::snprintf(escaped, sizeof escaped, "%%%02X", c);
+            out += escaped;
+        }
+    }
+    return out;
+}
+
+// An account SAS for the Blob service (version 2020-12-06): every
+// permission on services, containers and objects, valid for a day.
+std::string AccountSas() {
+    const size_t length = std::strlen(kDevelopmentKey);
+    unsigned char key[66];
+    EVP_DecodeBlock(key, reinterpret_cast<const unsigned char*>(kDevelopmentKey), static_cast<int>(length));
+    const size_t padding = (kDevelopmentKey[length - 1] == '=') + (kDevelopmentKey[length - 2] == '=');
+    const size_t keySize = length / 4 * 3 - padding;
+    const std::time_t expiry = std::time(nullptr) + 86400;
+    std::tm parts{};
+    gmtime_r(&expiry, &parts);
+    char se[32];
+    std::strftime(se, sizeof se, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    const std::string toSign = std::string("devstoreaccount1\nrwdlacup\nb\nsco\n\n") + se + "\n\n\n2020-12-06\n\n";
+    unsigned char mac[32];
+    unsigned int macSize = 0;
+    HMAC(EVP_sha256(), key, static_cast<int>(keySize), reinterpret_cast<const unsigned char*>(toSign.data()), toSign.size(), mac,
+         &macSize);
+    return "sv=2020-12-06&ss=b&srt=sco&sp=rwdlacup&se=" + PercentEncoded(se) +
+           "&sig=" + PercentEncoded(Base64(mac, macSize));
+}
+
+}  // namespace
+
+std::string Azurite::SasConnectionString(const std::string& container) const {
+    return std::string("BlobEndpoint=") + (tls_ ? "https://localhost:" : "http://127.0.0.1:") +
+           std::to_string(port_) + "/devstoreaccount1;SharedAccessSignature=" + AccountSas() +
+           ";Container=" + container;
 }
 
 ToolRun RunToolUnder(const std::vector<std::string>& wrapper, const std::vector<std::string>& arguments) {

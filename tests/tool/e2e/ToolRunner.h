@@ -14,7 +14,9 @@ namespace e2e {
 // program; a test that stops the service makes its own.
 class Azurite {
 public:
+    // Plain http, or HTTPS with the key and certificate of a PKCS#12 file.
     Azurite();
+    Azurite(const std::string& pfx, const std::string& password);
     ~Azurite();
     Azurite(const Azurite&) = delete;
     Azurite& operator=(const Azurite&) = delete;
@@ -23,12 +25,18 @@ public:
     int port() const { return port_; }
     // The connection string of Azurite's development account for a container.
     std::string ConnectionString(const std::string& container) const;
+    // The same with an account SAS signed in the test (no account key), over
+    // https://localhost when the service speaks TLS.
+    std::string SasConnectionString(const std::string& container) const;
     // Ends the service at once (SIGKILL), as a crash or a lost network would.
     void Kill();
 
 private:
+    void Start(const std::vector<std::string>& tlsArguments);
+
     pid_t pid_ = -1;
     int port_ = 0;
+    bool tls_ = false;
     std::string folder_;
 };
 
