@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Destination.h"
+#include "TextSplit.h"
 #include "ToolError.h"
 
 namespace qvhost {
@@ -52,17 +53,6 @@ public:
 private:
     int fd_;
 };
-
-std::vector<std::string> Components(const std::string& path) {
-    std::vector<std::string> components;
-    size_t start = 0;
-    for (;;) {
-        const size_t slash = path.find('/', start);
-        components.push_back(path.substr(start, slash - start));
-        if (slash == std::string::npos) return components;
-        start = slash + 1;
-    }
-}
 
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
     throw ToolError(kExitLocalFile, "refusing to restore " + where + ": " + why);
@@ -219,7 +209,7 @@ struct Destination::Handle {
     // own name and `shown` to its path for messages.
     Fd OpenParent(const std::string& rootText, const std::string& relativePath, bool create, std::string& leaf,
                   std::string& shown) const {
-        const std::vector<std::string> components = Components(relativePath);
+        const std::vector<std::string> components = Split(relativePath, '/');
         Fd folder(fcntl(root.get(), F_DUPFD_CLOEXEC, 0));
         if (folder.get() < 0) Fail("open the folder", rootText);
         shown = rootText;
@@ -243,7 +233,7 @@ Destination::Destination(const std::string& root, bool overwrite)
 Destination::~Destination() = default;
 
 void Destination::Check(const std::string& relativePath, EntryKind kind) const {
-    const std::vector<std::string> components = Components(relativePath);
+    const std::vector<std::string> components = Split(relativePath, '/');
     Fd folder(fcntl(handle_->root.get(), F_DUPFD_CLOEXEC, 0));
     std::string shown = root_;
     struct stat info;

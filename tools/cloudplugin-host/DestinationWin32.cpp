@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Destination.h"
+#include "TextSplit.h"
 #include "ToolError.h"
 
 namespace qvhost {
@@ -18,17 +19,6 @@ namespace qvhost {
 namespace {
 
 constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
-
-std::vector<std::string> Components(const std::string& path) {
-    std::vector<std::string> components;
-    size_t start = 0;
-    for (;;) {
-        const size_t slash = path.find('/', start);
-        components.push_back(path.substr(start, slash - start));
-        if (slash == std::string::npos) return components;
-        start = slash + 1;
-    }
-}
 
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
     throw ToolError(kExitLocalFile, "refusing to restore " + where + ": " + why);
@@ -59,7 +49,7 @@ FILETIME FileTimeOf(int64_t modifiedNs) {
 // when `create`); sets `leaf` and the entry's full path `shown`.
 std::string ParentOf(const std::string& root, const std::string& relativePath, bool create, std::string& leaf,
                      std::string& shown) {
-    const std::vector<std::string> components = Components(relativePath);
+    const std::vector<std::string> components = Split(relativePath, '/');
     std::string folder = root;
     for (size_t i = 0; i + 1 < components.size(); ++i) {
         folder = JoinPath(folder, components[i]);
@@ -153,7 +143,7 @@ Destination::~Destination() = default;
 
 void Destination::Check(const std::string& relativePath, EntryKind kind) const {
     std::string path = root_;
-    const std::vector<std::string> components = Components(relativePath);
+    const std::vector<std::string> components = Split(relativePath, '/');
     for (size_t i = 0; i < components.size(); ++i) {
         path = JoinPath(path, components[i]);
         const DWORD attributes = AttributesOf(path);

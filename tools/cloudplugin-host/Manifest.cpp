@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "Sha256.h"
+#include "TextSplit.h"
 #include "ToolError.h"
 
 namespace qvhost {
@@ -59,17 +60,6 @@ std::string Unescape(const std::string& text) {
         i += 2;
     }
     return out;
-}
-
-std::vector<std::string> Split(const std::string& text, char separator) {
-    std::vector<std::string> fields;
-    size_t start = 0;
-    for (;;) {
-        const size_t end = text.find(separator, start);
-        fields.push_back(text.substr(start, end - start));
-        if (end == std::string::npos) return fields;
-        start = end + 1;
-    }
 }
 
 template <class Number>

@@ -5,21 +5,11 @@
 #include <vector>
 
 #include "platform/TextCodec.h"
+#include "TextSplit.h"
 
 namespace qvhost {
 
 namespace {
-
-std::vector<std::string> Components(const std::string& path) {
-    std::vector<std::string> components;
-    size_t start = 0;
-    for (;;) {
-        const size_t slash = path.find('/', start);
-        components.push_back(path.substr(start, slash - start));
-        if (slash == std::string::npos) return components;
-        start = slash + 1;
-    }
-}
 
 // What the rules of every platform refuse in the path as a whole.
 std::string WhyTextIsRefused(const std::string& path) {
@@ -71,7 +61,7 @@ std::string WhyPathIsRefused(const std::string& path, PathRules rules) {
     if (rules == PathRules::Windows && qvplatform::ToUtf8(qvplatform::FromUtf8(path)) != path) {
         return "is not valid UTF-8";
     }
-    for (const std::string& component : Components(path)) {
+    for (const std::string& component : Split(path, '/')) {
         if (component.empty()) return "has an empty component";
         if (component == "." || component == "..") return "has a '" + component + "' component";
         if (ComponentLength(component, rules) > kMaximumComponentLength) {

@@ -17,6 +17,7 @@
 #include "Commands.h"
 #include "HostRuntime.h"
 #include "Interrupt.h"
+#include "TextSplit.h"
 #include "ToolError.h"
 
 #ifdef _WIN32
@@ -75,12 +76,8 @@ unsigned CountOption(const std::string& option, const std::string& text) {
 template <class Item, class Parse>
 std::vector<Item> ListOption(const std::string& text, Parse parse) {
     std::vector<Item> items;
-    for (size_t start = 0;;) {
-        const size_t comma = text.find(',', start);
-        items.push_back(parse(text.substr(start, comma - start)));
-        if (comma == std::string::npos) return items;
-        start = comma + 1;
-    }
+    for (const std::string& piece : Split(text, ',')) items.push_back(parse(piece));
+    return items;
 }
 
 struct OptionEntry {

@@ -31,45 +31,7 @@ import org.junit.jupiter.params.provider.ValueSource;
  * between shows both. Reading an archived object fails with
  * ARCHIVED_OBJECT_NOT_READABLE (Azurite answers 409 BlobArchived).
  */
-class AccessTierTest {
-    private static AzuriteServer azurite;
-    private static FaultProxy proxy;
-    private static String container;
-    private static QVAzurePlugInLibrary direct;
-    private QVAzurePlugInLibrary lib;
-
-    @BeforeAll
-    static void start() throws Exception {
-        azurite = AzuriteServer.get();
-        proxy = new FaultProxy(azurite.port);
-        container = TestSupport.uniqueContainer("tier");
-        direct = TestSupport.connected(azurite.connectionString(container));
-    }
-
-    @AfterAll
-    static void stop() throws Exception {
-        if (direct != null) {
-            direct.DeleteContainer();
-            direct.AzureDeInit();
-        }
-        proxy.close();
-    }
-
-    @AfterEach
-    void disconnect() {
-        if (lib != null) {
-            lib.AzureDeInit();
-            lib = null;
-        }
-        proxy.reset();
-    }
-
-    private QVAzurePlugInLibrary viaProxy(String options) {
-        lib = TestSupport.connected(AzuriteServer.connectionString(container, proxy.port(), options));
-        proxy.reset();
-        return lib;
-    }
-
+class AccessTierTest extends ProxiedAzuriteTest {
     private static Predicate<FaultProxy.Request> putBlob(String name) {
         return r -> r.method.equals("PUT") && r.query.isEmpty() && r.path.endsWith("/" + name);
     }

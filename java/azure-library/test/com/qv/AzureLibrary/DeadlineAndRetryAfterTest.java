@@ -33,45 +33,7 @@ import org.junit.jupiter.params.provider.ValueSource;
  * faults and the waits injected by the proxy: Azurite itself never sends
  * Retry-After and never stalls.
  */
-class DeadlineAndRetryAfterTest {
-    private static AzuriteServer azurite;
-    private static FaultProxy proxy;
-    private static String container;
-    private static QVAzurePlugInLibrary direct;
-    private QVAzurePlugInLibrary lib;
-
-    @BeforeAll
-    static void start() throws Exception {
-        azurite = AzuriteServer.get();
-        proxy = new FaultProxy(azurite.port);
-        container = TestSupport.uniqueContainer("deadline");
-        direct = TestSupport.connected(azurite.connectionString(container));
-    }
-
-    @AfterAll
-    static void stop() throws Exception {
-        if (direct != null) {
-            direct.DeleteContainer();
-            direct.AzureDeInit();
-        }
-        proxy.close();
-    }
-
-    @AfterEach
-    void disconnect() {
-        if (lib != null) {
-            lib.AzureDeInit();
-            lib = null;
-        }
-        proxy.reset();
-    }
-
-    private QVAzurePlugInLibrary viaProxy(String options) {
-        lib = TestSupport.connected(AzuriteServer.connectionString(container, proxy.port(), options));
-        proxy.reset();
-        return lib;
-    }
-
+class DeadlineAndRetryAfterTest extends ProxiedAzuriteTest {
     private static Predicate<FaultProxy.Request> method(String m) {
         return r -> r.method.equals(m);
     }

@@ -30,48 +30,14 @@ import org.junit.jupiter.params.provider.ValueSource;
  * Retries, their bounds, and failed block uploads, with faults injected by a
  * proxy between the library and Azurite.
  */
-class FaultInjectionTest {
+class FaultInjectionTest extends ProxiedAzuriteTest {
     /** Short pauses so that the tests do not wait long; every library here uses them. */
     private static final String FAST = "RetryBaseDelayMillis=20;RetryMaxDelayMillis=200";
 
-    private static AzuriteServer azurite;
-    private static FaultProxy proxy;
-    private static String container;
-    /** Straight to Azurite: sets up and checks what the proxied libraries did. */
-    private static QVAzurePlugInLibrary direct;
-    private QVAzurePlugInLibrary lib;
-
-    @BeforeAll
-    static void start() throws Exception {
-        azurite = AzuriteServer.get();
-        proxy = new FaultProxy(azurite.port);
-        container = TestSupport.uniqueContainer("fault");
-        direct = TestSupport.connected(azurite.connectionString(container));
-    }
-
-    @AfterAll
-    static void stop() throws Exception {
-        if (direct != null) {
-            direct.DeleteContainer();
-            direct.AzureDeInit();
-        }
-        proxy.close();
-    }
-
-    @AfterEach
-    void disconnect() {
-        if (lib != null) {
-            lib.AzureDeInit();
-            lib = null;
-        }
-        proxy.reset();
-    }
-
-    /** A library whose requests go through the proxy, with the given retry and timeout keys; no rules yet. */
-    private QVAzurePlugInLibrary viaProxy(String options) {
-        lib = TestSupport.connected(AzuriteServer.connectionString(container, proxy.port(), FAST + ";" + options));
-        proxy.reset();
-        return lib;
+    /** Through the proxy with the short pauses, and the given retry and timeout keys. */
+    @Override
+    QVAzurePlugInLibrary viaProxy(String options) {
+        return super.viaProxy(FAST + ";" + options);
     }
 
     private static Predicate<FaultProxy.Request> any() {

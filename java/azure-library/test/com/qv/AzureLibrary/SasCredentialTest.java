@@ -32,42 +32,9 @@ import org.junit.jupiter.api.Test;
  * tokens signed here with the run's account key. A proxy in front of
  * Azurite counts what the library sends.
  */
-class SasCredentialTest {
+class SasCredentialTest extends ProxiedAzuriteTest {
     private static final String KEY = AzuriteServer.KEY;
     private static final String OTHER_KEY = Base64.getEncoder().encodeToString(randomBytes(64, 7));
-
-    private static AzuriteServer azurite;
-    private static FaultProxy proxy;
-    /** A container made with the key, for the container SAS tests. */
-    private static String container;
-    private static QVAzurePlugInLibrary direct;
-    private QVAzurePlugInLibrary lib;
-
-    @BeforeAll
-    static void start() throws Exception {
-        azurite = AzuriteServer.get();
-        proxy = new FaultProxy(azurite.port);
-        container = TestSupport.uniqueContainer("sas");
-        direct = TestSupport.connected(azurite.connectionString(container));
-    }
-
-    @AfterAll
-    static void stop() throws Exception {
-        if (direct != null) {
-            direct.DeleteContainer();
-            direct.AzureDeInit();
-        }
-        proxy.close();
-    }
-
-    @AfterEach
-    void disconnect() {
-        if (lib != null) {
-            lib.AzureDeInit();
-            lib = null;
-        }
-        proxy.reset();
-    }
 
     private static String viaProxy(String container, String token) {
         return AzuriteServer.sasConnectionString(AzuriteServer.endpoint("http", "127.0.0.1", proxy.port()),
