@@ -301,3 +301,26 @@ TEST_F(HostToolTest, ABackupOverTlsWithASasTokenRestoresTheTreeAndAnUntrustedCer
     EXPECT_EQ(Member(untrusted.out, "operation"), "\"Init\"");
     EXPECT_EQ(Member(untrusted.out, "code"), "35");  // the plug-in's code for a refused TLS handshake
 }
+
+TEST_F(HostToolTest, ProgressLinesAdvancePerPartOfALargeFile) {
+    const std::string source = MakeTree();
+    const std::vector<std::string> common = {"--connection", Azurite::Shared().ConnectionString(container_),
+                                             "--log-folder", logs_, "--part-size", kPartSize};
+    auto run = [&](std::vector<std::string> command) {
+        std::vector<std::string> all = common;
+        all.insert(all.end(), command.begin(), command.end());
+        return RunTool(all);  // standard error is no terminal: a line per file and per part
+    };
+    const ToolRun backup = run({"--name", "lines", "backup", source});
+    ASSERT_EQ(backup.status, 0) << backup.err;
+    const ToolRun restore = run({"restore", "lines", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    for (const auto& [verb, err] : {std::pair<std::string, std::string>{"backup", backup.err}, {"restore", restore.err}}) {
+        for (int part = 1; part <= 3; ++part) {
+            EXPECT_NE(err.find(verb + " big/several-parts.bin part " + std::to_string(part) + "/3 ("), std::string::npos)
+                << err;
+        }
+        EXPECT_NE(err.find(verb + " big/several-parts.bin (2.5 MiB)"), std::string::npos) << err;
+        EXPECT_EQ(err.find("exactly-one-part.bin part"), std::string::npos) << err;  // one part: no part lines
+    }
+}
