@@ -211,12 +211,15 @@ void HostRuntime::StartJvm(const HostSettings& settings) {
 
     // -Xrs leaves SIGINT and SIGTERM to the tool, which stops its work
     // cleanly instead of the JVM ending the process. The Java library logs
-    // into a file of the plug-in's log folder, never onto the terminal.
+    // into a file of the plug-in's log folder, never onto the terminal (and
+    // nowhere when that folder cannot be made: a read-only installation).
+    std::vector<std::string> texts = {"-Djava.class.path=" + classPath, "-Xrs"};
     const std::string logFolder = LogFolderOf(settings);
-    MakeFolders(logFolder);
-    std::vector<std::string> texts = {"-Djava.class.path=" + classPath, "-Xrs",
-                                      "-D" + std::string(kJavaLogFileProperty) + "=" +
-                                          Utf8Of(PathOf(logFolder) / kJavaLogFileName)};
+    std::error_code folderError;
+    fs::create_directories(PathOf(logFolder), folderError);
+    if (fs::is_directory(PathOf(logFolder), folderError)) {
+        texts.push_back("-D" + std::string(kJavaLogFileProperty) + "=" + Utf8Of(PathOf(logFolder) / kJavaLogFileName));
+    }
     const std::vector<std::string> own = ToolJvmOptions(settings.jobs, settings.partSize);
     texts.insert(texts.end(), own.begin(), own.end());
     texts.insert(texts.end(), settings.jvmOptions.begin(), settings.jvmOptions.end());
