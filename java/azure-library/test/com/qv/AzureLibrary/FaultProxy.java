@@ -473,11 +473,39 @@ final class FaultProxy implements AutoCloseable {
                 }
             }
             head.append("Connection: close\r\n\r\n");
+            // The answer is read while the request is written, as a proxy does: the service may answer
+            // before it has read the body (a refusal, say) and then close the connection under the rest
+            // of it, and that answer is what the client must get.
+            InputStream upIn = up.getInputStream();
+            java.util.concurrent.CompletableFuture<byte[]> answer = java.util.concurrent.CompletableFuture
+                .supplyAsync(() -> {
+                    try {
+                        return readReply(upIn);
+                    } catch (IOException e) {
+                        throw new java.io.UncheckedIOException(e);
+                    }
+                }, workers);
             OutputStream o = up.getOutputStream();
-            o.write(head.toString().getBytes(StandardCharsets.ISO_8859_1));
-            o.write(req.body);
-            o.flush();
-            byte[] reply = readReply(up.getInputStream());
+            IOException writeFailure = null;
+            try {
+                o.write(head.toString().getBytes(StandardCharsets.ISO_8859_1));
+                o.write(req.body);
+                o.flush();
+            } catch (IOException e) {
+                writeFailure = e;
+            }
+            byte[] reply;
+            try {
+                reply = answer.get();
+            } catch (java.util.concurrent.ExecutionException e) {
+                throw writeFailure != null ? writeFailure : new IOException(e.getCause());
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+                throw new IOException(e);
+            }
+            if (reply.length == 0 && writeFailure != null) {
+                throw writeFailure;
+            }
             req.reply = head(reply);
             return withConnectionClose(reply);
         } catch (java.security.NoSuchAlgorithmException e) {
@@ -487,8 +515,9 @@ final class FaultProxy implements AutoCloseable {
 
     /**
      * The whole reply: read to the end of the connection (the request asked
-     * for "Connection: close"); a TLS peer that closes without a TLS close
-     * is taken as done once what arrived is a whole answer.
+     * for "Connection: close"); a peer that ends the connection otherwise
+     * (without a TLS close, or with a reset) is taken as done with what
+     * arrived.
      */
     private static byte[] readReply(InputStream in) throws IOException {
         ByteArrayOutputStream b = new ByteArrayOutputStream();
@@ -498,7 +527,9 @@ final class FaultProxy implements AutoCloseable {
             while ((n = in.read(buf)) > 0) {
                 b.write(buf, 0, n);
             }
-        } catch (javax.net.ssl.SSLException e) {
+        } catch (IOException e) {
+            // A TLS peer that closes without a TLS close, or a service that resets the connection
+            // after its answer (it had not read the whole request): what arrived is the answer.
             if (b.size() == 0) {
                 throw e;
             }
