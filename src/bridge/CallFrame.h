@@ -104,43 +104,32 @@ struct OperationTraits {
 
     // A null class of the plug-in object gives 40 (after `line`, when given).
     constexpr OperationTraits FailingWithoutClass(const char16_t* line = nullptr) const {
-        OperationTraits op = *this;
-        op.missingClass = MissingClassRule::Fail;
-        op.missingClassLine = line;
-        return op;
+        return WithoutClass(MissingClassRule::Fail, line);
     }
     // A null class of the plug-in object applies `rule` (with `line`, where the rule writes one).
     constexpr OperationTraits WithoutClass(MissingClassRule rule, const char16_t* line = nullptr) const {
-        OperationTraits op = *this;
-        op.missingClass = rule;
-        op.missingClassLine = line;
-        return op;
+        return With(&OperationTraits::missingClass, rule).With(&OperationTraits::missingClassLine, line);
     }
     constexpr OperationTraits MissingMethodLine(const char16_t* line) const {
-        OperationTraits op = *this;
-        op.missingMethodLine = line;
-        return op;
+        return With(&OperationTraits::missingMethodLine, line);
     }
     constexpr OperationTraits PendingExceptionLine(const char16_t* line) const {
-        OperationTraits op = *this;
-        op.pendingExceptionLine = line;
-        return op;
+        return With(&OperationTraits::pendingExceptionLine, line);
     }
-    constexpr OperationTraits CalledLine(const char16_t* line) const {
-        OperationTraits op = *this;
-        op.calledLine = line;
-        return op;
-    }
-    constexpr OperationTraits EndedLine(const char16_t* line) const {
-        OperationTraits op = *this;
-        op.endedLine = line;
-        return op;
-    }
+    constexpr OperationTraits CalledLine(const char16_t* line) const { return With(&OperationTraits::calledLine, line); }
+    constexpr OperationTraits EndedLine(const char16_t* line) const { return With(&OperationTraits::endedLine, line); }
     // A Java exception thrown by the method stays pending for the conversion's null-result path.
     constexpr OperationTraits DescribingJavaExceptions() const {
-        OperationTraits op = *this;
-        op.javaException = JavaExceptionRule::DescribeOnNullResult;
-        return op;
+        return With(&OperationTraits::javaException, JavaExceptionRule::DescribeOnNullResult);
+    }
+
+private:
+    // A copy of these traits with one member set: the frame every builder step shares.
+    template <typename T>
+    constexpr OperationTraits With(T OperationTraits::*member, T value) const {
+        OperationTraits copy = *this;
+        copy.*member = value;
+        return copy;
     }
 };
 
