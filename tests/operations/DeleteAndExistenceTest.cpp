@@ -166,17 +166,6 @@ protected:
         Interposer().Reset();
         MarkLines();
     }
-    // The five lines of a method lookup that failed with a NoSuchMethodError.
-    static void ExpectFailedLookupLines(const std::vector<WideString>& lines, size_t at, const char* javaName,
-                                        const char* signature) {
-        ASSERT_GE(lines.size(), at + 5);
-        EXPECT_EQ(lines[at], u"Descrption is failed");
-        EXPECT_EQ(lines[at + 1].rfind(u"java.lang.NoSuchMethodError", 0), 0u);
-        EXPECT_EQ(lines[at + 2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
-        EXPECT_EQ(lines[at + 3], NarrowBytesAsWide(javaName));
-        EXPECT_EQ(lines[at + 4], NarrowBytesAsWide(signature));
-    }
-
 };
 
 // ---- the single-text deletions

@@ -126,21 +126,7 @@ INSTANTIATE_TEST_SUITE_P(ObjectHandles, OperationPathsTest, ::testing::ValuesIn(
                          jnitest::OperationName);
 
 // A started bridge whose log lines are counted from the start on.
-class ObjectHandlesTest : public StartedBridgeFixture {
-protected:
-    // The five lines of a method lookup that failed with a NoSuchMethodError:
-    // the exception described (two detail lines), then the three lookup lines.
-    static void ExpectFailedLookupLines(const std::vector<WideString>& lines, size_t at, const char* javaName,
-                                        const char* signature) {
-        ASSERT_GE(lines.size(), at + 5);
-        EXPECT_EQ(lines[at], u"Descrption is failed");
-        EXPECT_EQ(lines[at + 1].rfind(u"java.lang.NoSuchMethodError", 0), 0u);
-        EXPECT_EQ(lines[at + 2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
-        EXPECT_EQ(lines[at + 3], NarrowBytesAsWide(javaName));
-        EXPECT_EQ(lines[at + 4], NarrowBytesAsWide(signature));
-    }
-
-};
+class ObjectHandlesTest : public StartedBridgeFixture {};
 
 // ---- what every handle-returning operation shares
 

@@ -60,32 +60,6 @@ protected:
     // Lines written from here on are the new ones.
     void MarkLines() { m_linesBefore = LogLines().size(); }
 
-    // The five lines of a method lookup that failed with its exception
-    // described: "Descrption is failed", the exception's text and the three
-    // lines naming the method.
-    static void ExpectMissingMethodLines(const std::vector<WideString>& lines, const char* name,
-                                         const char* signature) {
-        ASSERT_GE(lines.size(), 5u);
-        EXPECT_EQ(lines[0], u"Descrption is failed");
-        EXPECT_EQ(lines[1].rfind(u"java.lang.NoSuchMethodError", 0), 0u);
-        EXPECT_EQ(lines[2], u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ");
-        EXPECT_EQ(lines[3], NarrowBytesAsWide(name));
-        EXPECT_EQ(lines[4], NarrowBytesAsWide(signature));
-    }
-    // A missing method whose exception stays pending: describing it fails both in the lookup and in the
-    // frame's own check, so the exception is still there when the frame asks.
-    void FailLookupWithExceptionPending(const std::string& name, const std::string& signature) {
-        Interposer().FailGetMethodID(name, signature);
-        Interposer().ThrowCppExceptionIn("ExceptionCheck", 2);
-    }
-    // The lookup lines of that path, up to the frame's failed description.
-    static std::vector<WideString> PendingLookupLines(const char* name, const char* signature) {
-        // Describing the exception fails twice: in the lookup and in the frame's own check.
-        const WideString describeFailed = u"DescribeException::Exception is occured...";
-        return {describeFailed, u"GetAzurePlugInObjectMethod::Method is not got... Method Name:- ",
-                NarrowBytesAsWide(name), NarrowBytesAsWide(signature), describeFailed};
-    }
-
     // The method's lookup fails; describing that failure breaks down before the Java exception is
     // cleared, so the exception is still pending when the operation checks for it.
     void FailLookupLeavingTheExceptionPending(const std::string& javaName) {

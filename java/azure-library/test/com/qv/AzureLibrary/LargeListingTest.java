@@ -72,10 +72,7 @@ class LargeListingTest {
 
     @AfterAll
     static void empty() {
-        if (lib != null) {
-            lib.DeleteContainer();
-            lib.AzureDeInit();
-        }
+        TestSupport.dropContainer(lib);
     }
 
     /** Checks that the list holds every object under the prefix exactly once, each with its metadata. */

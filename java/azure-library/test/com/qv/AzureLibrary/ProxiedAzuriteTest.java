@@ -28,10 +28,7 @@ abstract class ProxiedAzuriteTest {
 
     @AfterAll
     static void stopProxy() throws Exception {
-        if (direct != null) {
-            direct.DeleteContainer();
-            direct.AzureDeInit();
-        }
+        TestSupport.dropContainer(direct);
         proxy.close();
     }
 

@@ -32,10 +32,7 @@ class RoundTripTest {
 
     @AfterAll
     static void disconnect() {
-        if (lib != null) {
-            lib.DeleteContainer();
-            lib.AzureDeInit();
-        }
+        TestSupport.dropContainer(lib);
     }
 
     /** A written object's name and how long the WriteObject call took. */

@@ -83,6 +83,14 @@ final class TestSupport {
         return lib;
     }
 
+    /** Deletes the container of a library made by connected() and de-initialises it; nothing when there is none. */
+    static void dropContainer(QVAzurePlugInLibrary lib) {
+        if (lib != null) {
+            lib.DeleteContainer();
+            lib.AzureDeInit();
+        }
+    }
+
     // ------------------------------------------------------------------ results
 
     /**

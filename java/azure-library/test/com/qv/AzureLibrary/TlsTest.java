@@ -45,10 +45,7 @@ class TlsTest {
 
     @AfterAll
     static void disconnect() {
-        if (lib != null) {
-            lib.DeleteContainer();
-            lib.AzureDeInit();
-        }
+        TestSupport.dropContainer(lib);
     }
 
     @Test
