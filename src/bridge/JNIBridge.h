@@ -190,7 +190,6 @@ public:
     // The Java plug-in object (a global reference), null when there is none.
     jobject PluginObject() const { return m_ObjQVAzurePlugInLibrary.get(); }
     JavaVM* Jvm() const { return m_pJVM; }
-    JNIWrapperLog* Logger() const { return m_pLog; }
 
 private:
     BridgeContext Context() const { return {m_pJVM, m_pLog, m_ObjQVAzurePlugInLibrary.get()}; }

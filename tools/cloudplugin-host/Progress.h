@@ -31,7 +31,6 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    void AddBytes(uint64_t bytes) { doneBytes_ += bytes; }
     // A part of a file done: the bar moves on, and a file of several parts
     // gets a line per part (index counted from 0) besides its own line.
     void PartDone(const std::string& relativePath, uint64_t part, uint64_t parts, uint64_t bytes);
