@@ -2,6 +2,8 @@
 // results of the real Java test double through the JNI interposer.
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -123,59 +125,6 @@ TEST_F(ResultConversionsTest, CGDefaultObjSizeRangeValueNativeExceptionGives40) 
     ConvertCGDefaultObjSizeRangeValue(Env(), result.get(), &errorId, &range);
     EXPECT_EQ(errorId, 40u);
     EXPECT_EQ(range.minimum, 1);
-}
-
-// ---- CUniqueAccountValue
-
-TEST_F(ResultConversionsTest, CUniqueAccountValueCopiesTheAccountNameAndTheErrorId) {
-    TestDouble::ReturnErrorOrdinal("GetUniqueAccountName", 3);
-    TestDouble::SetString("GetUniqueAccountName", "accountName", u"account \u00e9\u4e2d");
-    LocalRef<jobject> result = Result("GetUniqueAccountName");
-    uint32_t errorId = kUntouched;
-    WideString name = u"old";
-    ConvertCUniqueAccountValue(Env(), result.get(), &errorId, &name);
-    EXPECT_EQ(errorId, 3u);
-    EXPECT_EQ(name, u"account \u00e9\u4e2d");
-}
-
-TEST_F(ResultConversionsTest, CUniqueAccountValueNullResultGivesErrorIdZeroAndAnEmptyName) {
-    TestDouble::ReturnNull("GetOwnerName");
-    LocalRef<jobject> result = Result("GetOwnerName");
-    uint32_t errorId = kUntouched;
-    WideString name = u"old";
-    ConvertCUniqueAccountValue(Env(), result.get(), &errorId, &name);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(name, u"");
-}
-
-TEST_F(ResultConversionsTest, CUniqueAccountValueWithNullNameLeavesTheNameEmpty) {
-    TestDouble::SetString("GetContainerName", "accountName", std::nullopt);
-    LocalRef<jobject> result = Result("GetContainerName");
-    uint32_t errorId = kUntouched;
-    WideString name = u"old";
-    ConvertCUniqueAccountValue(Env(), result.get(), &errorId, &name);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(name, u"");
-}
-
-TEST_F(ResultConversionsTest, JavaStringWithEmbeddedNulIsCutAtTheNul) {
-    TestDouble::SetString("GetUniqueAccountName", "accountName", std::u16string(u"ab\0cd", 5));
-    LocalRef<jobject> result = Result("GetUniqueAccountName");
-    uint32_t errorId = kUntouched;
-    WideString name;
-    ConvertCUniqueAccountValue(Env(), result.get(), &errorId, &name);
-    EXPECT_EQ(name, u"ab");
-}
-
-TEST_F(ResultConversionsTest, CUniqueAccountValueNativeExceptionAfterTheErrorIdGives40) {
-    TestDouble::ReturnErrorOrdinal("GetUniqueAccountName", 9);
-    LocalRef<jobject> result = Result("GetUniqueAccountName");
-    Interposer().ThrowCppExceptionIn("GetStringChars");
-    uint32_t errorId = kUntouched;
-    WideString name = u"old";
-    ConvertCUniqueAccountValue(Env(), result.get(), &errorId, &name);
-    EXPECT_EQ(errorId, 40u);
-    EXPECT_EQ(name, u"");
 }
 
 // ---- CInt
@@ -448,81 +397,96 @@ TEST_F(ResultConversionsTest, QVListContainersWithoutTheContainerNameFieldAppend
     EXPECT_TRUE(containers.empty());
 }
 
-// ---- CCreateFnValue, CGetObjectMetaData, CWObjectHandleFnValue
+// ---- the conversions of one text: CUniqueAccountValue, CCreateFnValue, CGetObjectMetaData,
+// CWObjectHandleFnValue, CString
 
-TEST_F(ResultConversionsTest, CCreateFnValueCopiesTheHandle) {
-    TestDouble::SetString("CreateObject", "objHandle", u"handle:folder/object");
-    LocalRef<jobject> result = Result("CreateObject");
+namespace {
+
+using TextConversion = void (*)(JNIEnv*, jobject, uint32_t*, WideString*);
+
+// What happens to the result on its way to the conversion.
+enum class Fault {
+    None,
+    NullResult,         // the method returns null
+    FieldMissing,       // GetFieldID fails for `faultAt`
+    NativeExceptionIn,  // the JNI function `faultAt` throws a C++ exception
+};
+
+struct TextConversionCase {
+    const char* name;
+    TextConversion convert;
+    const char* method;  // the double's method whose result is converted
+    std::optional<int> errorOrdinal;
+    const char* field;  // the text field set on the result (null: none)
+    OptText value;      // what it is set to (nullopt: a Java null)
+    Fault fault;
+    const char* faultAt;
+    WideString before;  // the output's text before the conversion
+    uint32_t errorId;   // the error id after it
+    WideString after;   // the output's text after it
+};
+
+// Names the case in test output (instead of its bytes).
+void PrintTo(const TextConversionCase& c, std::ostream* out) { *out << c.name; }
+
+const TextConversionCase kTextConversionCases[] = {
+    {"CUniqueAccountValueCopiesTheAccountNameAndTheErrorId", ConvertCUniqueAccountValue, "GetUniqueAccountName", 3,
+     "accountName", u"account \u00e9\u4e2d", Fault::None, nullptr, u"old", 3, u"account \u00e9\u4e2d"},
+    {"CUniqueAccountValueNullResultGivesErrorIdZeroAndAnEmptyName", ConvertCUniqueAccountValue, "GetOwnerName",
+     std::nullopt, nullptr, std::nullopt, Fault::NullResult, nullptr, u"old", 0, u""},
+    {"CUniqueAccountValueWithNullNameLeavesTheNameEmpty", ConvertCUniqueAccountValue, "GetContainerName",
+     std::nullopt, "accountName", std::nullopt, Fault::None, nullptr, u"old", 0, u""},
+    {"JavaStringWithEmbeddedNulIsCutAtTheNul", ConvertCUniqueAccountValue, "GetUniqueAccountName", std::nullopt,
+     "accountName", std::u16string(u"ab\0cd", 5), Fault::None, nullptr, u"", 0, u"ab"},
+    {"CUniqueAccountValueNativeExceptionAfterTheErrorIdGives40", ConvertCUniqueAccountValue, "GetUniqueAccountName",
+     9, nullptr, std::nullopt, Fault::NativeExceptionIn, "GetStringChars", u"old", 40, u""},
+    {"CCreateFnValueCopiesTheHandle", ConvertCCreateFnValue, "CreateObject", std::nullopt, "objHandle",
+     u"handle:folder/object", Fault::None, nullptr, u"", 0, u"handle:folder/object"},
+    {"CCreateFnValueWithNullHandleLeavesHandleEmpty", ConvertCCreateFnValue, "OpenObject", 12, "objHandle",
+     std::nullopt, Fault::None, nullptr, u"previous handle", 12, u""},
+    {"CCreateFnValueNullResultGivesErrorIdZeroAndAnEmptyHandle", ConvertCCreateFnValue, "GetBucketRegion",
+     std::nullopt, nullptr, std::nullopt, Fault::NullResult, nullptr, u"previous handle", 0, u""},
+    {"CGetObjectMetaDataCopiesThePropertyValue", ConvertCGetObjectMetaData, "GetObjectMetaData", 17, "value",
+     u"property value", Fault::None, nullptr, u"old", 17, u"property value"},
+    {"CGetObjectMetaDataNullResultGivesErrorIdZeroAndAnEmptyValue", ConvertCGetObjectMetaData, "GetObjectMetaData",
+     std::nullopt, nullptr, std::nullopt, Fault::NullResult, nullptr, u"old", 0, u""},
+    {"CWObjectHandleFnValueCopiesTheHandle", ConvertCWObjectHandleFnValue, "WriteCachedObject", 15, "objHandle",
+     u"handle:cached", Fault::None, nullptr, u"", 15, u"handle:cached"},
+    {"CWObjectHandleFnValueWithTheHandleFieldMissingLeavesTheHandleEmpty", ConvertCWObjectHandleFnValue,
+     "WriteObject", std::nullopt, "objHandle", u"handle:x", Fault::FieldMissing, "objHandle", u"old", 0, u""},
+    {"CStringCopiesTheValue", ConvertCString, "getStorageKey", 39, "value", u"key-7", Fault::None, nullptr, u"", 39,
+     u"key-7"},
+    {"CStringWithNullValueKeepsTheCallersText", ConvertCString, "updateStorageKey", std::nullopt, "value",
+     std::nullopt, Fault::None, nullptr, u"caller's", 0, u"caller's"},
+    {"CStringNullResultGivesErrorIdZeroAndKeepsTheText", ConvertCString, "updateStorageKey", std::nullopt, nullptr,
+     std::nullopt, Fault::NullResult, nullptr, u"caller's", 0, u"caller's"},
+    {"CStringWithTheErrorValueFieldMissingReadsNothing", ConvertCString, "getStorageKey", std::nullopt, "value",
+     u"key-7", Fault::FieldMissing, "errorValue", u"caller's", 0, u"caller's"},
+};
+
+class TextConversionTest : public ResultConversionsTest, public ::testing::WithParamInterface<TextConversionCase> {};
+
+}  // namespace
+
+TEST_P(TextConversionTest, ConvertsAsTheCaseSays) {
+    const TextConversionCase& c = GetParam();
+    if (c.errorOrdinal) TestDouble::ReturnErrorOrdinal(c.method, *c.errorOrdinal);
+    if (c.field != nullptr) TestDouble::SetString(c.method, c.field, c.value);
+    if (c.fault == Fault::NullResult) TestDouble::ReturnNull(c.method);
+    LocalRef<jobject> result = Result(c.method);
+    if (c.fault == Fault::FieldMissing) Interposer().FailGetFieldID(c.faultAt);
+    if (c.fault == Fault::NativeExceptionIn) Interposer().ThrowCppExceptionIn(c.faultAt);
     uint32_t errorId = kUntouched;
-    WideString handle;
-    ConvertCCreateFnValue(Env(), result.get(), &errorId, &handle);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(handle, u"handle:folder/object");
+    WideString text = c.before;
+    c.convert(Env(), result.get(), &errorId, &text);
+    EXPECT_EQ(errorId, c.errorId);
+    EXPECT_EQ(text, c.after);
 }
 
-TEST_F(ResultConversionsTest, CCreateFnValueWithNullHandleLeavesHandleEmpty) {
-    TestDouble::ReturnErrorOrdinal("OpenObject", 12);
-    TestDouble::SetString("OpenObject", "objHandle", std::nullopt);
-    LocalRef<jobject> result = Result("OpenObject");
-    uint32_t errorId = kUntouched;
-    WideString handle = u"previous handle";
-    ConvertCCreateFnValue(Env(), result.get(), &errorId, &handle);
-    EXPECT_EQ(errorId, 12u);
-    EXPECT_EQ(handle, u"");
-}
+INSTANTIATE_TEST_SUITE_P(OneText, TextConversionTest, ::testing::ValuesIn(kTextConversionCases),
+                         [](const ::testing::TestParamInfo<TextConversionCase>& info) { return info.param.name; });
 
-TEST_F(ResultConversionsTest, CCreateFnValueNullResultGivesErrorIdZeroAndAnEmptyHandle) {
-    TestDouble::ReturnNull("GetBucketRegion");
-    LocalRef<jobject> result = Result("GetBucketRegion");
-    uint32_t errorId = kUntouched;
-    WideString handle = u"previous handle";
-    ConvertCCreateFnValue(Env(), result.get(), &errorId, &handle);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(handle, u"");
-}
-
-TEST_F(ResultConversionsTest, CGetObjectMetaDataCopiesThePropertyValue) {
-    TestDouble::ReturnErrorOrdinal("GetObjectMetaData", 17);
-    TestDouble::SetString("GetObjectMetaData", "value", u"property value");
-    LocalRef<jobject> result = Result("GetObjectMetaData");
-    uint32_t errorId = kUntouched;
-    WideString value = u"old";
-    ConvertCGetObjectMetaData(Env(), result.get(), &errorId, &value);
-    EXPECT_EQ(errorId, 17u);
-    EXPECT_EQ(value, u"property value");
-}
-
-TEST_F(ResultConversionsTest, CGetObjectMetaDataNullResultGivesErrorIdZeroAndAnEmptyValue) {
-    TestDouble::ReturnNull("GetObjectMetaData");
-    LocalRef<jobject> result = Result("GetObjectMetaData");
-    uint32_t errorId = kUntouched;
-    WideString value = u"old";
-    ConvertCGetObjectMetaData(Env(), result.get(), &errorId, &value);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(value, u"");
-}
-
-TEST_F(ResultConversionsTest, CWObjectHandleFnValueCopiesTheHandle) {
-    TestDouble::ReturnErrorOrdinal("WriteCachedObject", 15);
-    TestDouble::SetString("WriteCachedObject", "objHandle", u"handle:cached");
-    LocalRef<jobject> result = Result("WriteCachedObject");
-    uint32_t errorId = kUntouched;
-    WideString handle;
-    ConvertCWObjectHandleFnValue(Env(), result.get(), &errorId, &handle);
-    EXPECT_EQ(errorId, 15u);
-    EXPECT_EQ(handle, u"handle:cached");
-}
-
-TEST_F(ResultConversionsTest, CWObjectHandleFnValueWithTheHandleFieldMissingLeavesTheHandleEmpty) {
-    TestDouble::SetString("WriteObject", "objHandle", u"handle:x");
-    LocalRef<jobject> result = Result("WriteObject");
-    Interposer().FailGetFieldID("objHandle");
-    uint32_t errorId = kUntouched;
-    WideString handle = u"old";
-    ConvertCWObjectHandleFnValue(Env(), result.get(), &errorId, &handle);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(handle, u"");
-}
+// ---- a result of the wrong class
 
 TEST_F(ResultConversionsTest, ResultOfAnotherClassReadsAsAbsent) {
     // A CString where a CCreateFnValue is expected: its fields are not read from it.
@@ -809,50 +773,6 @@ TEST_F(ResultConversionsTest, CGetAccountInfoFnValueNullResultWritesNothing) {
     ConvertCGetAccountInfoFnValue(Env(), result.get(), &errorId, &info);
     EXPECT_EQ(errorId, kUntouched);
     EXPECT_EQ(info.accountType, u"caller's");
-}
-
-// ---- CString
-
-TEST_F(ResultConversionsTest, CStringCopiesTheValue) {
-    TestDouble::ReturnErrorOrdinal("getStorageKey", 39);
-    TestDouble::SetString("getStorageKey", "value", u"key-7");
-    LocalRef<jobject> result = Result("getStorageKey");
-    uint32_t errorId = kUntouched;
-    WideString key;
-    ConvertCString(Env(), result.get(), &errorId, &key);
-    EXPECT_EQ(errorId, 39u);
-    EXPECT_EQ(key, u"key-7");
-}
-
-TEST_F(ResultConversionsTest, CStringWithNullValueKeepsTheCallersText) {
-    TestDouble::SetString("updateStorageKey", "value", std::nullopt);
-    LocalRef<jobject> result = Result("updateStorageKey");
-    uint32_t errorId = kUntouched;
-    WideString key = u"caller's";
-    ConvertCString(Env(), result.get(), &errorId, &key);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(key, u"caller's");
-}
-
-TEST_F(ResultConversionsTest, CStringNullResultGivesErrorIdZeroAndKeepsTheText) {
-    TestDouble::ReturnNull("updateStorageKey");
-    LocalRef<jobject> result = Result("updateStorageKey");
-    uint32_t errorId = kUntouched;
-    WideString key = u"caller's";
-    ConvertCString(Env(), result.get(), &errorId, &key);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(key, u"caller's");
-}
-
-TEST_F(ResultConversionsTest, CStringWithTheErrorValueFieldMissingReadsNothing) {
-    TestDouble::SetString("getStorageKey", "value", u"key-7");
-    LocalRef<jobject> result = Result("getStorageKey");
-    Interposer().FailGetFieldID("errorValue");
-    uint32_t errorId = kUntouched;
-    WideString key = u"caller's";
-    ConvertCString(Env(), result.get(), &errorId, &key);
-    EXPECT_EQ(errorId, 0u);
-    EXPECT_EQ(key, u"caller's");
 }
 
 // ---- every conversion
