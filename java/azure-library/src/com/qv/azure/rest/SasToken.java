@@ -1,7 +1,5 @@
 package com.qv.azure.rest;
 
-import java.net.URLDecoder;
-import java.nio.charset.StandardCharsets;
 import java.time.Instant;
 import java.time.LocalDate;
 import java.time.LocalDateTime;
@@ -9,7 +7,6 @@ import java.time.OffsetDateTime;
 import java.time.ZoneOffset;
 import java.time.format.DateTimeParseException;
 import java.util.HashMap;
-import java.util.Locale;
 import java.util.Map;
 
 /**
@@ -85,14 +82,8 @@ public final class SasToken {
             }
         }
         Map<String, String> params = new HashMap<>();
-        for (String pair : t.split("&")) {
-            if (pair.isEmpty()) {
-                continue;
-            }
-            int eq = pair.indexOf('=');
-            String name = decode(eq < 0 ? pair : pair.substring(0, eq)).toLowerCase(Locale.ROOT);
-            String value = eq < 0 ? "" : decode(pair.substring(eq + 1));
-            if (params.put(name, value) != null) {
+        for (Map.Entry<String, String> pair : QueryParameters.parse(t)) {
+            if (params.put(pair.getKey(), pair.getValue()) != null) {
                 throw invalid("SharedAccessSignature has a parameter twice");
             }
         }
@@ -133,10 +124,6 @@ public final class SasToken {
     private static boolean isQueryChar(char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')
             || "-._~!$&'()*+,=:@/?".indexOf(c) >= 0;
-    }
-
-    private static String decode(String s) {
-        return URLDecoder.decode(s.replace("+", "%2B"), StandardCharsets.UTF_8);
     }
 
     /** A SAS time: ISO 8601 in UTC, with or without seconds, or a date alone (its midnight, UTC). */

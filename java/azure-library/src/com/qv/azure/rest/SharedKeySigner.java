@@ -1,6 +1,5 @@
 package com.qv.azure.rest;
 
-import java.net.URLDecoder;
 import java.nio.charset.StandardCharsets;
 import java.security.GeneralSecurityException;
 import java.util.ArrayList;
@@ -83,14 +82,8 @@ public final class SharedKeySigner {
         sb.append('/').append(accountName).append(rawPath == null || rawPath.isEmpty() ? "/" : rawPath);
         if (rawQuery != null && !rawQuery.isEmpty()) {
             TreeMap<String, List<String>> params = new TreeMap<>();
-            for (String pair : rawQuery.split("&")) {
-                if (pair.isEmpty()) {
-                    continue;
-                }
-                int eq = pair.indexOf('=');
-                String name = decode(eq < 0 ? pair : pair.substring(0, eq)).toLowerCase(Locale.ROOT);
-                String value = eq < 0 ? "" : decode(pair.substring(eq + 1));
-                params.computeIfAbsent(name, k -> new ArrayList<>()).add(value);
+            for (Map.Entry<String, String> pair : QueryParameters.parse(rawQuery)) {
+                params.computeIfAbsent(pair.getKey(), k -> new ArrayList<>()).add(pair.getValue());
             }
             for (Map.Entry<String, List<String>> e : params.entrySet()) {
                 List<String> values = e.getValue();
@@ -99,9 +92,5 @@ public final class SharedKeySigner {
             }
         }
         return sb.toString();
-    }
-
-    private static String decode(String s) {
-        return URLDecoder.decode(s.replace("+", "%2B"), StandardCharsets.UTF_8);
     }
 }
