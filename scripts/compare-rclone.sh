@@ -352,7 +352,7 @@ remote=benchaz:rclone-bench
 quoted() { printf '%q ' "$@" | sed 's/ $//'; }
 echo "==== command lines (round N; the data set is $source_dir)"
 echo "  CLOUDPLUGIN_CONNECTION='$CLOUDPLUGIN_CONNECTION'"
-echo "  $(quoted "${tool_cmd[@]}") --name bench-N backup SOURCE"
+echo "  $(quoted "${tool_cmd[@]}") --name bench-N --legacy backup SOURCE"
 echo "  $(quoted "${tool_cmd[@]}") restore bench-N DEST"
 echo "  $(quoted "${tool_cmd[@]}") delete bench-N                (not timed)"
 echo "  RCLONE_CONFIG=$RCLONE_CONFIG (empty) RCLONE_CONFIG_BENCHAZ_TYPE=azureblob"
@@ -416,7 +416,7 @@ compare() {
 
 round_tool() {  # ROUND
   rm -rf "$tool_restore"
-  run_timed cloudplugin-host backup "$1" "${tool_cmd[@]}" --name "bench-$1" backup "$source_dir"
+  run_timed cloudplugin-host backup "$1" "${tool_cmd[@]}" --name "bench-$1" --legacy backup "$source_dir"
   run_timed cloudplugin-host restore "$1" "${tool_cmd[@]}" restore "bench-$1" "$tool_restore"
   compare cloudplugin-host "$1" "$tool_restore" yes
   "${tool_cmd[@]}" delete "bench-$1" >>"$logs/round$1-cloudplugin-host-delete.log" 2>&1 ||

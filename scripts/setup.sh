@@ -9,7 +9,7 @@ set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive
 packages=(
   cmake make g++
-  nlohmann-json3-dev libcli11-dev libssl-dev
+  nlohmann-json3-dev libcli11-dev libssl-dev libzstd-dev
   libgtest-dev googletest libbenchmark-dev
   openjdk-17-jdk-headless junit5
   g++-mingw-w64-x86-64-posix
@@ -20,7 +20,7 @@ packages=(
 # tests use; a machine that has it already (from any source) keeps its own.
 command -v npm >/dev/null || packages+=(nodejs npm)
 if [ "${1:-}" = --demo ]; then
-  packages=(cmake make g++ nlohmann-json3-dev libcli11-dev libssl-dev openjdk-17-jdk-headless)
+  packages=(cmake make g++ nlohmann-json3-dev libcli11-dev libssl-dev libzstd-dev openjdk-17-jdk-headless)
   command -v npm >/dev/null || packages+=(nodejs npm)
 fi
 if [ "${1:-}" = --list ]; then

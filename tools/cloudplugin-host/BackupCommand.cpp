@@ -284,7 +284,7 @@ CommandResult BackupRun::Report(const Manifest& manifest, double seconds, double
 
 }  // namespace
 
-CommandResult BackupCommand(CommandContext& context, const Arguments& arguments) {
+CommandResult LegacyBackupCommand(CommandContext& context, const Arguments& arguments) {
     const std::string backupId = context.options.backupName.empty() ? NewBackupId() : context.options.backupName;
     if (!IsValidBackupId(backupId)) throw ToolError(kExitUsage, "not a usable backup name: " + backupId);
     return BackupRun(context, arguments[0], backupId).Run();

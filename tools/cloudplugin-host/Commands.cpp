@@ -84,6 +84,20 @@ std::string UtcNow(const char* format) {
     return text;
 }
 
+std::string UtcTimeText(int64_t seconds) {
+    if (seconds < 0) return "unknown";
+    const std::time_t time = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+#ifdef _WIN32
+    gmtime_s(&parts, &time);
+#else
+    gmtime_r(&time, &parts);
+#endif
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text;
+}
+
 int64_t ParseUtcTime(const std::string& text) {
     std::tm parts{};
     char end = 0;

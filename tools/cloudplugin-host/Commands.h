@@ -37,6 +37,20 @@ struct CommandOptions {
     std::vector<unsigned> benchThreads = {1, 2};
     uint64_t benchBytes = 256ull << 20;  // bytes written per size and thread count
     Metadata objectMetadata;             // object put: the object's metadata
+
+    // The repository (init, backup, snapshots, restore, check, forget, prune, diff, locks).
+    std::string password;                // from CLOUDPLUGIN_PASSWORD or --password-file
+    bool legacy = false;                 // backup: the version 2 layout (an object per part, no repository)
+    std::string host;                    // backup: the host a snapshot names (default: this machine's name)
+    std::vector<std::string> tags;       // backup: tags of the snapshot
+    bool ignoreParent = false;           // backup: read every file
+    int64_t lockWaitSeconds = 0;         // how long to wait for a lock another process holds
+    uint64_t kdfMemory = 64ull << 20;    // init: the password's key derivation memory
+    uint64_t packSize = 16ull << 20;     // init: the size packs aim at
+    bool readData = false;               // check: read every pack
+    bool dryRun = false;                 // forget, prune: say what would go, remove nothing
+    bool prune = false;                  // forget: prune afterwards
+    unsigned keepLast = 0, keepHourly = 0, keepDaily = 0, keepWeekly = 0, keepMonthly = 0, keepYearly = 0;
 };
 
 struct CommandResult {
@@ -78,6 +92,21 @@ CommandResult ObjectPutCommand(CommandContext& context, const Arguments& argumen
 CommandResult ObjectGetCommand(CommandContext& context, const Arguments& arguments);
 CommandResult ObjectDeleteCommand(CommandContext& context, const Arguments& arguments);
 CommandResult ObjectListCommand(CommandContext& context, const Arguments& arguments);
+CommandResult InitCommand(CommandContext& context, const Arguments& arguments);
+CommandResult SnapshotsCommand(CommandContext& context, const Arguments& arguments);
+CommandResult CheckCommand(CommandContext& context, const Arguments& arguments);
+CommandResult ForgetCommand(CommandContext& context, const Arguments& arguments);
+CommandResult DiffCommand(CommandContext& context, const Arguments& arguments);
+CommandResult LocksCommand(CommandContext& context, const Arguments& arguments);
+CommandResult UnlockCommand(CommandContext& context, const Arguments& arguments);
+// The version 2 layout's commands, which backup, restore and prune use for
+// backups of that layout.
+CommandResult LegacyBackupCommand(CommandContext& context, const Arguments& arguments);
+CommandResult LegacyRestoreCommand(CommandContext& context, const Arguments& arguments);
+CommandResult LegacyPruneCommand(CommandContext& context, const Arguments& arguments);
+// Whether an argument of restore names a snapshot rather than a backup of
+// the version 2 layout.
+bool NamesSnapshot(const std::string& argument);
 
 // ---- shared by the commands
 
@@ -88,6 +117,8 @@ int64_t ParseAge(const std::string& text);
 
 // The current UTC time in strftime's `format`.
 std::string UtcNow(const char* format);
+// "YYYY-MM-DDTHH:MM:SSZ" of seconds since 1970; "unknown" for a negative time.
+std::string UtcTimeText(int64_t seconds);
 // UTC time of "YYYY-MM-DDTHH:MM:SSZ" in seconds since 1970; -1 if the text is not one.
 int64_t ParseUtcTime(const std::string& text);
 // A new backup id: the UTC time and four random hex digits.

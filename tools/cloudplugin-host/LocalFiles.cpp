@@ -42,13 +42,21 @@ uint32_t ModeOf(const fs::path& path) {
     std::error_code error;
     return static_cast<uint32_t>(fs::symlink_status(path, error).permissions()) & 07777;
 }
+
+// The file index NTFS keeps for a file, which stays while the file is
+// renamed; 0 when it cannot be read.
+uint64_t FileIdOf(const fs::path& path) {
+    HANDLE file = CreateFileW(path.wstring().c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE |
+                              FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return 0;
+    BY_HANDLE_FILE_INFORMATION information;
+    const bool read = GetFileInformationByHandle(file, &information) != 0;
+    CloseHandle(file);
+    return read ? (static_cast<uint64_t>(information.nFileIndexHigh) << 32) | information.nFileIndexLow : 0;
+}
 #else
 std::FILE* OpenFile(const std::string& path, const char* mode) { return std::fopen(path.c_str(), mode); }
-
-uint32_t ModeOf(const fs::path& path) {
-    struct stat info;
-    return lstat(path.c_str(), &info) == 0 ? static_cast<uint32_t>(info.st_mode) & 07777 : 0;
-}
 #endif
 
 const char* SkippedKind(fs::file_type type) {
@@ -159,8 +167,18 @@ private:
         SourceEntry entry;
         entry.kind = kind;
         entry.relativePath = path;
+#ifdef _WIN32
         entry.mode = ModeOf(full);
         entry.modifiedNs = ModifiedNs(full.u8string());
+        entry.fileId = FileIdOf(full);
+#else
+        // One lstat for everything: a scan of many files is mostly these calls.
+        struct stat info;
+        if (lstat(full.c_str(), &info) != 0) Fail("read the status of", full.u8string(), ErrnoText());
+        entry.mode = static_cast<uint32_t>(info.st_mode) & 07777;
+        entry.modifiedNs = static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+        entry.fileId = static_cast<uint64_t>(info.st_ino);
+#endif
         return entry;
     }
 

@@ -23,6 +23,7 @@ struct SourceEntry {
     int64_t modifiedNs = 0;
     uint32_t mode = 0;         // permission, set-ID and sticky bits
     std::string linkTarget;    // links: the link's own text, never followed
+    uint64_t fileId = 0;       // the inode (the file index on Windows); 0 when unknown
 };
 
 // An entry that a backup does not keep. FIFOs, sockets and devices are

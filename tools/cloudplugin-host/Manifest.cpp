@@ -14,13 +14,19 @@ namespace qvhost {
 
 namespace {
 
-constexpr const char* kHeaderStem = "cloudplugin-host-manifest ";
-constexpr int kVersion = 2;
+int HexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
 
-std::string Escape(const std::string& text) {
+}  // namespace
+
+std::string PercentEscape(const std::string& text, bool highBytes) {
     std::string out;
     for (unsigned char c : text) {
-        if (c == '%' || c < 0x20 || c == 0x7F) {
+        if (c == '%' || c < 0x20 || c == 0x7F || (highBytes && c >= 0x80)) {
             char escaped[4];
             std::snprintf(escaped, sizeof escaped, "%%%02X", c);
             out += escaped;
@@ -31,6 +37,29 @@ std::string Escape(const std::string& text) {
     return out;
 }
 
+bool PercentUnescape(const std::string& text, std::string& out) {
+    out.clear();
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            out.push_back(text[i]);
+            continue;
+        }
+        const int high = i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
+        const int low = i + 2 < text.size() ? HexValue(text[i + 2]) : -1;
+        if (high < 0 || low < 0) return false;
+        out.push_back(static_cast<char>(high * 16 + low));
+        i += 2;
+    }
+    return true;
+}
+
+namespace {
+
+constexpr const char* kHeaderStem = "cloudplugin-host-manifest ";
+constexpr int kVersion = 2;
+
+std::string Escape(const std::string& text) { return PercentEscape(text, false); }
+
 [[noreturn]] void Damaged(const std::string& why) {
     throw ToolError(kExitDamaged, "the manifest is damaged: " + why);
 }
@@ -39,26 +68,9 @@ std::string Escape(const std::string& text) {
     Damaged("entry '" + Escape(path) + "' " + why);
 }
 
-int HexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
 std::string Unescape(const std::string& text) {
     std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            out.push_back(text[i]);
-            continue;
-        }
-        const int high = i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
-        const int low = i + 2 < text.size() ? HexValue(text[i + 2]) : -1;
-        if (high < 0 || low < 0) Damaged("bad escape in " + text);
-        out.push_back(static_cast<char>(high * 16 + low));
-        i += 2;
-    }
+    if (!PercentUnescape(text, out)) Damaged("bad escape in " + text);
     return out;
 }
 
@@ -148,22 +160,12 @@ int DecodeVersion(const std::string& header) {
 // Every entry's path is usable, named once, and not beneath a file or a
 // link (which a restore would otherwise have to write through).
 void CheckPaths(const Manifest& manifest, PathRules rules) {
-    std::set<std::string> all;
-    std::set<std::string> notFolders;
-    auto add = [&](const std::string& path, bool folder) {
-        if (std::string why = WhyPathIsRefused(path, rules); !why.empty()) DamagedEntry(path, why);
-        if (!all.insert(path).second) DamagedEntry(path, "is named twice");
-        if (!folder) notFolders.insert(path);
-    };
-    for (const ManifestFile& file : manifest.files) add(file.relativePath, false);
-    for (const ManifestFolder& folder : manifest.folders) add(folder.relativePath, true);
-    for (const ManifestLink& link : manifest.links) add(link.relativePath, false);
-    for (const std::string& path : all) {
-        for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-            const std::string above = path.substr(0, slash);
-            if (notFolders.count(above)) DamagedEntry(path, "lies beneath the file or link '" + Escape(above) + "'");
-        }
-    }
+    std::vector<TreePath> entries;
+    for (const ManifestFile& file : manifest.files) entries.push_back({file.relativePath, false});
+    for (const ManifestFolder& folder : manifest.folders) entries.push_back({folder.relativePath, true});
+    for (const ManifestLink& link : manifest.links) entries.push_back({link.relativePath, false});
+    const auto [path, why] = FirstTreeProblem(entries, rules);
+    if (!why.empty()) DamagedEntry(path, why);
 }
 
 void CheckManifest(const Manifest& manifest, PathRules rules) {

@@ -126,6 +126,11 @@ struct BackupLayout {
     std::string BackupOfPart(const std::string& objectName) const;
 };
 
+// '%', control characters (and with `highBytes` every byte from 0x80 on)
+// as %XX; PercentUnescape answers false for a bad escape.
+std::string PercentEscape(const std::string& text, bool highBytes);
+bool PercentUnescape(const std::string& text, std::string& out);
+
 // Backup ids: letters, digits, '.', '_' and '-', 1 to 100 characters, not
 // starting with '.'.
 bool IsValidBackupId(const std::string& id);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <set>
 #include <vector>
 
 #include "platform/TextCodec.h"
@@ -78,6 +79,23 @@ std::string WhyLinkTargetIsRefused(const std::string& target) {
     if (target.empty()) return "has an empty link target";
     if (target.size() > 4095) return "has a link target longer than 4095 bytes";
     if (target.find('\0') != std::string::npos) return "has a link target holding NUL";
+    return {};
+}
+
+std::pair<std::string, std::string> FirstTreeProblem(const std::vector<TreePath>& entries, PathRules rules) {
+    std::set<std::string> all;
+    std::set<std::string> notFolders;
+    for (const TreePath& entry : entries) {
+        if (std::string why = WhyPathIsRefused(entry.path, rules); !why.empty()) return {entry.path, why};
+        if (!all.insert(entry.path).second) return {entry.path, "is named twice"};
+        if (!entry.folder) notFolders.insert(entry.path);
+    }
+    for (const std::string& path : all) {
+        for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+            const std::string above = path.substr(0, slash);
+            if (notFolders.count(above)) return {path, "lies beneath the file or link '" + above + "'"};
+        }
+    }
     return {};
 }
 

@@ -14,6 +14,8 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace qvhost {
 
@@ -37,5 +39,16 @@ std::string WhyPathIsRefused(const std::string& path, PathRules rules = kNativeP
 
 // The text of a symbolic link: any bytes but NUL, 1 to 4095 of them.
 std::string WhyLinkTargetIsRefused(const std::string& target);
+
+// A tree of entries as a backup record lists them: each path, and whether
+// it is a folder (anything else is a file or a link, which nothing may lie
+// beneath). Empty when every path is acceptable, named once and not beneath
+// a file or a link; else the first entry refused and why.
+struct TreePath {
+    std::string path;
+    bool folder = false;
+};
+std::pair<std::string, std::string> FirstTreeProblem(const std::vector<TreePath>& entries,
+                                                     PathRules rules = kNativePathRules);
 
 }  // namespace qvhost

@@ -35,6 +35,9 @@ public:
     // gets a line per part (index counted from 0) besides its own line.
     void PartDone(const std::string& relativePath, uint64_t part, uint64_t parts, uint64_t bytes);
     void FileDone(const std::string& relativePath, uint64_t size);
+    // Bytes of a file done where the work has no parts (chunks): the bar
+    // moves on, no line.
+    void BytesDone(uint64_t bytes) { doneBytes_ += bytes; }
     // A file given up on (reported elsewhere): counted, no line of its own.
     void FileFailed() { ++doneFiles_; }
     // Ends the bar (a last redraw and a line end).

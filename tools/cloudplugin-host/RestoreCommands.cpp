@@ -247,7 +247,7 @@ CommandResult CheckRun::Report(double seconds, double pluginSeconds) {
 
 }  // namespace
 
-CommandResult RestoreCommand(CommandContext& context, const Arguments& arguments) {
+CommandResult LegacyRestoreCommand(CommandContext& context, const Arguments& arguments) {
     CheckRun run(context, "restore", arguments[0]);
     Destination destination(arguments[1], context.options.overwrite);
     return run.Run(&destination);

@@ -70,25 +70,11 @@ std::vector<IncompleteBackup> FindIncompleteBackups(CommandContext& context) {
     return backups;
 }
 
-std::string TimeText(int64_t seconds) {
-    if (seconds < 0) return "unknown";
-    const std::time_t time = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-#ifdef _WIN32
-    gmtime_s(&parts, &time);
-#else
-    gmtime_r(&time, &parts);
-#endif
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
-
 Json IncompleteJson(const IncompleteBackup& backup) {
     return Json{{"backup", backup.id},
                 {"parts", backup.objects.size()},
                 {"bytes", backup.bytes},
-                {"newest_part", TimeText(backup.newestWritten)}};
+                {"newest_part", UtcTimeText(backup.newestWritten)}};
 }
 
 Json ListComplete(CommandContext& context) {
@@ -125,7 +111,7 @@ Json ListIncomplete(CommandContext& context) {
     for (const IncompleteBackup& backup : backups) {
         char line[256];
         std::snprintf(line, sizeof line, "%-30s %7zu %11s  %s", backup.id.c_str(), backup.objects.size(),
-                      FormatBytes(static_cast<double>(backup.bytes)).c_str(), TimeText(backup.newestWritten).c_str());
+                      FormatBytes(static_cast<double>(backup.bytes)).c_str(), UtcTimeText(backup.newestWritten).c_str());
         context.Say(line);
         list.push_back(IncompleteJson(backup));
     }
@@ -175,7 +161,7 @@ CommandResult DeleteCommand(CommandContext& context, const Arguments& arguments)
 // (24 hours unless told: a backup still running elsewhere is left alone).
 // A backup whose parts carry no time (written by an older version) is
 // removed only with --older-than 0.
-CommandResult PruneCommand(CommandContext& context, const Arguments&) {
+CommandResult LegacyPruneCommand(CommandContext& context, const Arguments&) {
     const int64_t olderThan = context.options.olderThanSeconds;
     const int64_t now = static_cast<int64_t>(std::time(nullptr));
     Json removed = Json::array();
@@ -185,7 +171,7 @@ CommandResult PruneCommand(CommandContext& context, const Arguments&) {
     for (const IncompleteBackup& backup : FindIncompleteBackups(context)) {
         const bool old = olderThan == 0 || (backup.newestWritten >= 0 && now - backup.newestWritten > olderThan);
         if (!old) {
-            context.Say("kept " + backup.id + ": newest part written " + TimeText(backup.newestWritten) +
+            context.Say("kept " + backup.id + ": newest part written " + UtcTimeText(backup.newestWritten) +
                         ", not older than the limit");
             kept.push_back(IncompleteJson(backup));
             continue;

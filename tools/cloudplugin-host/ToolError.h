@@ -19,7 +19,10 @@ enum ExitStatus : int {
     kExitPluginFailed = 3,   // the plug-in answered an operation with a non-zero result code
     kExitLocalFile = 4,      // a local file or folder could not be read or written
     kExitSetUpFailed = 5,    // the JVM or the plug-in could not be loaded or created
-    kExitNoSuchBackup = 6,   // the named backup does not exist
+    kExitNoSuchBackup = 6,   // the named backup or snapshot does not exist
+    kExitWrongPassword = 7,  // no password given, or no key of the repository opens with it
+    kExitLocked = 8,         // another process holds a lock that the command cannot share
+    kExitUnsupported = 9,    // a repository of a format version this tool does not read, or none at all
     kExitInterrupted = 130,  // stopped by Ctrl-C or SIGTERM
 };
 

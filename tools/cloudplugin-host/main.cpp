@@ -36,12 +36,21 @@ struct CommandEntry {
 };
 
 const CommandEntry kCommands[] = {
-    {"backup", {"SOURCE_DIR"}, "back up SOURCE_DIR (see below); prints the backup id", BackupCommand},
-    {"restore", {"BACKUP", "DEST_DIR"}, "restore a backup into DEST_DIR, checking every hash", RestoreCommand},
-    {"list", {}, "complete backups (with --all also incomplete ones)", ListCommand},
-    {"verify", {"BACKUP"}, "read a backup back and check every hash", VerifyCommand},
-    {"delete", {"BACKUP"}, "delete a backup (complete or not)", DeleteCommand},
-    {"prune", {}, "delete incomplete backups older than --older-than", PruneCommand},
+    {"init", {}, "make a new encrypted repository under --prefix", InitCommand},
+    {"backup", {"SOURCE_DIR"}, "back up SOURCE_DIR as a new snapshot (only what changed is read and stored)",
+     BackupCommand},
+    {"snapshots", {}, "the repository's snapshots (and backups of the version 2 layout)", SnapshotsCommand},
+    {"restore", {"SNAPSHOT", "DEST_DIR"}, "restore SNAPSHOT[:PATH] ('latest', an id or its first 8\n"
+     "digits; or a version 2 backup id) into DEST_DIR, checking every chunk", RestoreCommand},
+    {"check", {}, "check the repository's structure (--read-data: every pack read and checked)", CheckCommand},
+    {"forget", {"[SNAPSHOT]"}, "remove SNAPSHOT, or the snapshots a --keep-* policy does not keep", ForgetCommand},
+    {"prune", {}, "remove chunks no snapshot needs (no repository: incomplete version 2 backups)", PruneCommand},
+    {"diff", {"SNAPSHOT1", "SNAPSHOT2"}, "what changed between two snapshots", DiffCommand},
+    {"locks", {}, "the repository's locks (stale ones marked)", LocksCommand},
+    {"unlock", {}, "remove stale locks (--all: every lock)", UnlockCommand},
+    {"list", {}, "backups of the version 2 layout (with --all also incomplete ones)", ListCommand},
+    {"verify", {"BACKUP"}, "read a version 2 backup back and check every hash", VerifyCommand},
+    {"delete", {"BACKUP"}, "delete a version 2 backup (complete or not)", DeleteCommand},
     {"info", {}, "connectivity, account figures and the plug-in's capabilities", InfoCommand},
     {"bench", {}, "write and read throughput through the plug-in", BenchCommand},
     {"object put", {"NAME", "FILE"}, "write FILE as object NAME", ObjectPutCommand},
@@ -71,6 +80,21 @@ unsigned CountOption(const std::string& option, const std::string& text) {
         Usage(option + " takes a number from 1 to 256, not " + text);
     }
     return static_cast<unsigned>(count);
+}
+
+// The first line of the file, without its line end.
+std::string ReadPasswordFile(const std::string& path) {
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file) throw ToolError(kExitLocalFile, "cannot read the password file " + path);
+    std::string text;
+    char buffer[4096];
+    for (size_t read; (read = std::fread(buffer, 1, sizeof buffer, file)) > 0 && text.size() < 65536;) {
+        text.append(buffer, read);
+    }
+    std::fclose(file);
+    text = text.substr(0, text.find('\n'));
+    if (!text.empty() && text.back() == '\r') text.pop_back();
+    return text;
 }
 
 template <class Item, class Parse>
@@ -111,15 +135,15 @@ const OptionEntry kOptions[] = {
      [](CommandLine& l, const std::string& v) { l.options.layout.root = v; }},
     {"--jobs", "N", "parts in flight at once, one host thread each (default: 4)",
      [](CommandLine& l, const std::string& v) { l.options.jobs = CountOption("--jobs", v); }},
-    {"--part-size", "SIZE", "object size files are split into (default: 8M); the JVM's heap\nis sized from it and --jobs",
+    {"--part-size", "SIZE", "backup --legacy: object size files are split into (default: 8M);\nthe JVM's heap is sized from it and --jobs",
      [](CommandLine& l, const std::string& v) { l.options.partSize = SizeOption("--part-size", v, kMaximumPartSize); }},
-    {"--name", "ID", "backup: the backup id to use (letters, digits, '.', '_', '-')",
+    {"--name", "ID", "backup --legacy: the backup id to use (letters, digits, '.', '_', '-')",
      [](CommandLine& l, const std::string& v) { l.options.backupName = v; }},
     {"--skip-unreadable", nullptr, "backup: entries that cannot be read do not make the exit status 4",
      [](CommandLine& l, const std::string&) { l.options.skipUnreadable = true; }},
     {"--overwrite", nullptr, "restore: replace files and links that exist (never a folder)",
      [](CommandLine& l, const std::string&) { l.options.overwrite = true; }},
-    {"--all", nullptr, "list: also incomplete backups (parts without a manifest)",
+    {"--all", nullptr, "list: also incomplete backups (parts without a manifest); unlock: every lock",
      [](CommandLine& l, const std::string&) { l.options.all = true; }},
     {"--older-than", "AGE", "prune: only backups whose newest part is older (30m, 24h, 7d; 0: all;\ndefault: 24h)",
      [](CommandLine& l, const std::string& v) {
@@ -146,6 +170,45 @@ const OptionEntry kOptions[] = {
          l.options.objectMetadata[v.substr(0, equals)] = v.substr(equals + 1);
      },
      true},
+    {"--password-file", "FILE", "the repository's password: the first line of FILE\n(default: $CLOUDPLUGIN_PASSWORD)",
+     [](CommandLine& l, const std::string& v) { l.options.password = ReadPasswordFile(v); }},
+    {"--legacy", nullptr, "backup: the version 2 layout (an object per part, no repository)",
+     [](CommandLine& l, const std::string&) { l.options.legacy = true; }},
+    {"--host", "NAME", "backup: the host the snapshot names (default: this machine's name)",
+     [](CommandLine& l, const std::string& v) { l.options.host = v; }},
+    {"--tag", "TAG", "backup: a tag of the snapshot (repeatable)",
+     [](CommandLine& l, const std::string& v) { l.options.tags.push_back(v); }, true},
+    {"--force", nullptr, "backup: read every file, even those unchanged since the last snapshot",
+     [](CommandLine& l, const std::string&) { l.options.ignoreParent = true; }},
+    {"--lock-wait", "AGE", "wait up to AGE for a lock another process holds (30s, 10m; default: 0)",
+     [](CommandLine& l, const std::string& v) {
+         l.options.lockWaitSeconds = ParseAge(v);
+         if (l.options.lockWaitSeconds < 0) Usage("--lock-wait takes an age such as 30s or 10m, not " + v);
+     }},
+    {"--kdf-memory", "SIZE", "init: memory of the password's key derivation, scrypt (default: 64M)",
+     [](CommandLine& l, const std::string& v) { l.options.kdfMemory = SizeOption("--kdf-memory", v, 1ull << 30); }},
+    {"--pack-size", "SIZE", "init: the size of the repository's packs (default: 16M)",
+     [](CommandLine& l, const std::string& v) {
+         l.options.packSize = SizeOption("--pack-size", v, 256ull << 20);
+         if (l.options.packSize < (1u << 20)) Usage("--pack-size takes at least 1M");
+     }},
+    {"--read-data", nullptr, "check: read every pack and check every chunk",
+     [](CommandLine& l, const std::string&) { l.options.readData = true; }},
+    {"--keep-last", "N", "forget: keep the N newest snapshots",
+     [](CommandLine& l, const std::string& v) { l.options.keepLast = CountOption("--keep-last", v); }},
+    {"--keep-hourly", "N", "forget: keep the newest snapshot of each of the last N hours",
+     [](CommandLine& l, const std::string& v) { l.options.keepHourly = CountOption("--keep-hourly", v); }},
+    {"--keep-daily", "N", "forget: ... of each of the last N days",
+     [](CommandLine& l, const std::string& v) { l.options.keepDaily = CountOption("--keep-daily", v); }},
+    {"--keep-weekly", "N", "forget: ... of each of the last N weeks",
+     [](CommandLine& l, const std::string& v) { l.options.keepWeekly = CountOption("--keep-weekly", v); }},
+    {"--keep-monthly", "N", "forget: ... of each of the last N months",
+     [](CommandLine& l, const std::string& v) { l.options.keepMonthly = CountOption("--keep-monthly", v); }},
+    {"--keep-yearly", "N", "forget: ... of each of the last N years",
+     [](CommandLine& l, const std::string& v) { l.options.keepYearly = CountOption("--keep-yearly", v); }},
+    {"--prune", nullptr, "forget: prune afterwards", [](CommandLine& l, const std::string&) { l.options.prune = true; }},
+    {"--dry-run", nullptr, "forget, prune: say what would be removed, remove nothing",
+     [](CommandLine& l, const std::string&) { l.options.dryRun = true; }},
     {"--json", nullptr, "machine-readable output on standard output",
      [](CommandLine& l, const std::string&) { l.options.json = true; }},
     {"--quiet", nullptr, "no progress and no summary", [](CommandLine& l, const std::string&) { l.options.quiet = true; }},
@@ -154,21 +217,31 @@ const OptionEntry kOptions[] = {
 constexpr const char* kHelpTail = R"(
 help: --help (this text)
 
+the repository: 'init' makes one under --prefix, encrypted with a password
+(CLOUDPLUGIN_PASSWORD or --password-file); every backup is a snapshot that
+reads only files whose size, time or inode changed and stores each chunk
+once, compressed and encrypted. A nightly backup:
+  cloudplugin-host backup ~/documents
+  cloudplugin-host forget --keep-daily 7 --keep-weekly 4 --prune
+  cloudplugin-host check
 what a backup keeps: regular files with their content, modification time and
 POSIX mode bits; empty folders; symbolic links as links (their target text,
 never followed). FIFOs, sockets and devices are skipped. Every skipped or
 unreadable entry is reported; a backup that could not read an entry (or
 found a name a restore would refuse: '\', ':', control characters) ends with
 exit status 4 unless --skip-unreadable is given.
-restore refuses any manifest path that could leave DEST_DIR (absolute, '..',
-and the like) and never writes through a symbolic link inside DEST_DIR;
-set-user-ID and set-group-ID bits are not restored.
-A backup that stopped (a crash, kill -9) leaves parts without a manifest:
-'list --all' shows them, 'prune' removes them.
+restore refuses any path that could leave DEST_DIR (absolute, '..', and the
+like) and never writes through a symbolic link inside DEST_DIR; set-user-ID
+and set-group-ID bits are not restored. A file whose data is damaged or
+missing is named and not restored; the restore then ends with status 1.
+A backup that stopped (a crash, kill -9) leaves packs no index names: the
+next backup uses them, 'prune' removes them.
 
 exit status: 0 done, 1 damaged data found, 2 bad command line, 3 the plug-in
 answered an operation with a non-zero result code, 4 a local file failed,
-5 the JVM or the plug-in could not be set up, 6 no such backup, 130 interrupted.
+5 the JVM or the plug-in could not be set up, 6 no such backup or snapshot,
+7 no password or a wrong one, 8 the repository is locked, 9 no repository or
+one of a format this tool does not read, 130 interrupted.
 )";
 
 std::string CommandForm(const CommandEntry& command) {
@@ -268,6 +341,7 @@ void ApplyDefaults(CommandLine& line) {
 bool Parse(int argc, char** argv, CommandLine& line) {
     if (const char* connection = std::getenv("CLOUDPLUGIN_CONNECTION")) line.settings.connectionString = connection;
     if (const char* install = std::getenv("CLOUDPLUGIN_INSTALL")) line.settings.installFolder = install;
+    if (const char* password = std::getenv("CLOUDPLUGIN_PASSWORD")) line.options.password = password;
     CLI::App app("", "cloudplugin-host");
     std::vector<Arguments> values;
     AddOptions(app, line);

@@ -12,7 +12,7 @@ using namespace e2e;
 
 TEST_F(HostToolTest, BackupListVerifyAndRestoreReproduceTheTree) {
     const std::string source = MakeTree();
-    const ToolRun backup = Tool({"backup", source});
+    const ToolRun backup = Tool({"--legacy", "--legacy", "backup", source});
     ASSERT_EQ(backup.status, 0) << backup.err;
     EXPECT_EQ(Member(backup.out, "files"), "26");
     // One object per started MiB of every non-empty file: 3 for the large
@@ -42,7 +42,7 @@ TEST_F(HostToolTest, BackupListVerifyAndRestoreReproduceTheTree) {
 TEST_F(HostToolTest, OneJobAndManyJobsStoreTheSameTree) {
     const std::string source = MakeTree();
     for (const char* jobs : {"1", "8"}) {
-        const ToolRun backup = Tool({"--jobs", jobs, "backup", source});
+        const ToolRun backup = Tool({"--jobs", jobs, "--legacy", "--legacy", "backup", source});
         ASSERT_EQ(backup.status, 0) << backup.err;
         const std::string id = Unquoted(Member(backup.out, "backup"));
         const std::string target = Folder(std::string("restored-") + jobs);
@@ -97,7 +97,7 @@ TEST_F(HostToolTest, AnInterruptedBackupLeavesNoManifest) {
     for (int i = 0; i < 400; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(64 << 10, i));
     const std::string progress = Folder("progress.txt");
     const pid_t tool = StartTool({"--connection", Azurite::Shared().ConnectionString(container_),
-                                       "--log-folder", logs_, "--jobs", "1", "--name", "interrupted", "backup", root},
+                                       "--log-folder", logs_, "--jobs", "1", "--name", "interrupted", "--legacy", "backup", root},
                                       progress);
     // Interrupt once the first files are stored (the progress lines say so).
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -130,8 +130,8 @@ TEST_F(HostToolTest, DeleteRemovesTheBackupAndAllItsObjects) {
 
 TEST_F(HostToolTest, ABackupNameIsNotTakenTwice) {
     const std::string source = MakeTree();
-    ASSERT_EQ(Tool({"--name", "nightly", "backup", source}).status, 0);
-    const ToolRun again = Tool({"--name", "nightly", "backup", source});
+    ASSERT_EQ(Tool({"--name", "nightly", "--legacy", "--legacy", "backup", source}).status, 0);
+    const ToolRun again = Tool({"--name", "nightly", "--legacy", "--legacy", "backup", source});
     EXPECT_EQ(again.status, 2);
     EXPECT_NE(again.err.find("a backup named nightly exists already"), std::string::npos) << again.err;
 }
@@ -206,6 +206,7 @@ TEST_F(HostToolTest, FifosAreSkippedAndUnreadableFilesEndWithStatusFourUnlessSki
     auto backup = [&](std::vector<std::string> extra) {
         std::vector<std::string> arguments = common;
         arguments.insert(arguments.end(), extra.begin(), extra.end());
+        arguments.push_back("--legacy");
         arguments.push_back("backup");
         arguments.push_back(root);
         return RunToolUnder(asUser, arguments);
@@ -264,7 +265,7 @@ TEST_F(HostToolTest, ARestoreOfAnArchivedBackupNamesTheArchivedObjectAndItsCode)
         all.insert(all.end(), arguments.begin(), arguments.end());
         return RunTool(all);
     };
-    ASSERT_EQ(tool({"--name", "cold", "backup", Folder("source")}).status, 0);
+    ASSERT_EQ(tool({"--name", "cold", "--legacy", "backup", Folder("source")}).status, 0);
     const ToolRun restore = tool({"restore", "cold", Folder("restored")});
     EXPECT_EQ(restore.status, 3) << restore.err;
     EXPECT_EQ(Member(restore.out, "operation"), "\"ReadObjectByName\"");
@@ -290,7 +291,7 @@ TEST_F(HostToolTest, ABackupOverTlsWithASasTokenRestoresTheTreeAndAnUntrustedCer
         return RunTool(all);
     };
 
-    const ToolRun backup = tool({"--name", "over-tls", "backup", source}, true);
+    const ToolRun backup = tool({"--name", "over-tls", "--legacy", "backup", source}, true);
     ASSERT_EQ(backup.status, 0) << backup.err;
     const ToolRun restore = tool({"restore", "over-tls", Folder("restored")}, true);
     ASSERT_EQ(restore.status, 0) << restore.err;
@@ -311,7 +312,7 @@ TEST_F(HostToolTest, ProgressLinesAdvancePerPartOfALargeFile) {
         all.insert(all.end(), command.begin(), command.end());
         return RunTool(all);  // standard error is no terminal: a line per file and per part
     };
-    const ToolRun backup = run({"--name", "lines", "backup", source});
+    const ToolRun backup = run({"--name", "lines", "--legacy", "--legacy", "backup", source});
     ASSERT_EQ(backup.status, 0) << backup.err;
     const ToolRun restore = run({"restore", "lines", Folder("restored")});
     ASSERT_EQ(restore.status, 0) << restore.err;

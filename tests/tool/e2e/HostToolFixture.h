@@ -116,7 +116,7 @@ protected:
     }
 
     std::string Backup(const std::string& source) {
-        const ToolRun run = Tool({"backup", source});
+        const ToolRun run = Tool({"--legacy", "--legacy", "backup", source});
         EXPECT_EQ(run.status, 0) << run.err;
         return Unquoted(Member(run.out, "backup"));
     }

@@ -36,7 +36,7 @@ TEST_F(HostToolTest, AKilledBackupIsListedByListAllAndRemovedByPrune) {
     for (int i = 0; i < 400; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(64 << 10, i));
     const std::string progress = Folder("progress.txt");
     const pid_t tool = StartTool({"--connection", Azurite::Shared().ConnectionString(container_), "--log-folder",
-                                  logs_, "--jobs", "1", "--name", "killed", "backup", root},
+                                  logs_, "--jobs", "1", "--name", "killed", "--legacy", "backup", root},
                                  progress);
     ASSERT_TRUE(WaitFor([&] { return ReadFile(progress).find("backup f12") != std::string::npos; }))
         << ReadFile(progress);
@@ -85,7 +85,7 @@ TEST_F(HostToolTest, AStoppedStorageServiceEndsABackupWithStatusThreeAndFewLines
     for (int i = 0; i < 200; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(1 << 20, i));
     const std::string errors = Folder("stderr.txt");
     const pid_t tool = StartTool({"--connection", own.ConnectionString(container_), "--log-folder", logs_, "--quiet",
-                                  "--jobs", "2", "--part-size", "256K", "--name", "cut", "backup", root},
+                                  "--jobs", "2", "--part-size", "256K", "--name", "cut", "--legacy", "backup", root},
                                  errors);
     // Stop the service once parts are being stored.
     ASSERT_TRUE(WaitFor([&] {

@@ -1,0 +1,59 @@
+// An object store in memory for the repository's unit tests: the same
+// contract as the plug-in's (objects written whole, read by range, listed by
+// prefix), and a way to damage what it holds.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "ToolError.h"
+#include "repository/ObjectStore.h"
+
+namespace repotest {
+
+class MemoryStore : public qvhost::repo::ObjectStore {
+public:
+    void Write(const std::string& name, const uint8_t* data, size_t size) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        objects_[name].assign(data, data + size);
+        ++writes_;
+    }
+    void ReadRange(const std::string& name, uint64_t offset, uint64_t length, qvhost::repo::Bytes& out) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = objects_.find(name);
+        if (found == objects_.end()) throw qvhost::repo::ObjectMissing(name);
+        const qvhost::repo::Bytes& bytes = found->second;
+        const uint64_t start = std::min<uint64_t>(offset, bytes.size());
+        const uint64_t end = std::min<uint64_t>(bytes.size(), start + length);
+        out.assign(bytes.begin() + start, bytes.begin() + end);
+    }
+    qvhost::repo::Bytes ReadAll(const std::string& name, uint64_t limit) override {
+        qvhost::repo::Bytes out;
+        ReadRange(name, 0, limit + 1, out);
+        if (out.size() > limit) throw qvhost::ToolError(qvhost::kExitDamaged, name + " is too large");
+        return out;
+    }
+    std::vector<qvhost::repo::StoredObject> List(const std::string& prefix) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<qvhost::repo::StoredObject> out;
+        for (auto it = objects_.lower_bound(prefix); it != objects_.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
+            out.push_back({it->first, it->second.size()});
+        }
+        return out;
+    }
+    void Delete(const std::string& name) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        objects_.erase(name);
+    }
+
+    std::map<std::string, qvhost::repo::Bytes>& objects() { return objects_; }
+    size_t writes() const { return writes_; }
+
+private:
+    std::mutex mutex_;
+    std::map<std::string, qvhost::repo::Bytes> objects_;
+    size_t writes_ = 0;
+};
+
+}  // namespace repotest

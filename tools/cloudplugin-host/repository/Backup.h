@@ -1,0 +1,44 @@
+// A backup into a repository: the source tree scanned, every file that
+// changed since the parent snapshot (the newest of the same host and
+// source) cut into chunks, only chunks the repository lacks sealed into
+// packs and uploaded, then the index of the new packs, then the snapshot.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "LocalFiles.h"
+#include "Progress.h"
+#include "repository/Repository.h"
+
+namespace qvhost::repo {
+
+struct BackupOptions {
+    unsigned jobs = 4;
+    std::string host;
+    std::vector<std::string> tags;
+    bool ignoreParent = false;  // read every file, as if there were no parent
+    ProgressStyle progress = ProgressStyle::Silent;
+};
+
+struct BackupReport {
+    Snapshot snapshot;      // as stored, with its id
+    size_t filesNew = 0;    // not in the parent
+    size_t filesChanged = 0;
+    size_t filesUnmodified = 0;  // size, time and file id as in the parent: not read
+    uint64_t bytesProcessed = 0;  // bytes read and cut into chunks
+    uint64_t bytesAdded = 0;      // bytes stored: packs, index and snapshot
+    uint64_t blobsNew = 0;
+    uint64_t blobBytesNew = 0;  // plain bytes of the new blobs
+    size_t packsWritten = 0;
+    size_t packsAdopted = 0;  // packs of an interrupted backup, indexed now
+    std::vector<SkippedEntry> skipped;  // by design or unreadable, sorted by path
+    size_t Unreadable() const;
+};
+
+// The caller holds a shared lock. Throws ToolError; what was stored until
+// then is garbage that the next backup adopts or `prune` removes.
+BackupReport RunBackup(Repository& repository, const std::string& source, const BackupOptions& options);
+
+}  // namespace qvhost::repo

@@ -1,0 +1,74 @@
+// The index: which pack holds each blob, at which offset, how long.
+//
+// An index object `<root>/index/<SHA-256 of its stored bytes>` is
+// Seal(encryption key, records, aad "cloudplugin-host index"), records
+// being, little-endian:
+//   "CPHIDX01", u32 pack count, per pack: 32-byte pack id, u32 blob count,
+//   per blob: 32-byte id, u8 flags (1: compressed), u32 offset, u32 sealed
+//   length, u32 plain length.
+// A backup writes its index only after every pack it names is stored, and
+// its snapshot only after its index: whatever an index or a snapshot names
+// exists. Several index objects may name the same blob (concurrent backups,
+// an interrupted prune); any of them will do.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "repository/Pack.h"
+
+namespace qvhost::repo {
+
+// The largest index object read: some 2.5 million blobs (several TiB of data).
+constexpr uint64_t kMaximumIndexSize = 128ull << 20;
+// Blobs per index object written (prune splits larger indexes).
+constexpr size_t kBlobsPerIndexObject = 500000;
+
+struct IdHash {
+    size_t operator()(const Id& id) const {
+        size_t value;
+        std::memcpy(&value, id.data(), sizeof value);  // ids are keyed hashes: any bytes are spread well
+        return value;
+    }
+};
+
+struct IndexedPack {
+    Id pack{};
+    std::vector<PackEntry> blobs;
+};
+
+Bytes EncodeIndex(const MasterKeys& keys, const std::vector<IndexedPack>& packs);
+// Throws Damaged naming the object.
+std::vector<IndexedPack> DecodeIndex(const MasterKeys& keys, const Bytes& sealed, const std::string& objectName);
+
+struct BlobLocation {
+    Id pack{};
+    PackEntry entry;
+};
+
+// Every index object of the repository, merged.
+class MasterIndex {
+public:
+    void Add(const IndexedPack& pack);
+    // Null when no index names the blob.
+    const BlobLocation* Find(const Id& blob) const;
+    bool Has(const Id& blob) const { return blobs_.count(blob) != 0; }
+    bool HasPack(const Id& pack) const { return packs_.count(pack) != 0; }
+    const std::set<Id>& packs() const { return packs_; }
+    size_t BlobCount() const { return blobs_.size(); }
+    // Every blob of every pack, as the indexes list them (duplicates included).
+    const std::vector<IndexedPack>& all() const { return all_; }
+    // The index objects merged in.
+    std::vector<std::string> objects;
+
+private:
+    std::unordered_map<Id, BlobLocation, IdHash> blobs_;
+    std::set<Id> packs_;
+    std::vector<IndexedPack> all_;
+};
+
+}  // namespace qvhost::repo

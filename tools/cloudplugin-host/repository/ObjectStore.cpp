@@ -1,0 +1,77 @@
+#include "repository/ObjectStore.h"
+
+#include "PluginSession.h"
+#include "ToolError.h"
+
+namespace qvhost::repo {
+
+namespace {
+
+// Written with every object: its size, so that a listing shows it without
+// a request per object. Informative only: readers bound what they read.
+constexpr const char* kSizeProperty = "size";
+
+template <class Call>
+auto MissingAsObjectMissing(const std::string& name, Call&& call) {
+    try {
+        return call();
+    } catch (const PluginError& failure) {
+        if (failure.code() == kResultObjectNotFound) throw ObjectMissing(name);
+        throw;
+    }
+}
+
+}  // namespace
+
+void PluginObjectStore::Write(const std::string& name, const uint8_t* data, size_t size) {
+    session_.Write(name, data, size, {{kSizeProperty, std::to_string(size)}});
+    written_ += size;
+}
+
+void PluginObjectStore::ReadRange(const std::string& name, uint64_t offset, uint64_t length, Bytes& out) {
+    out.resize(static_cast<size_t>(length));
+    const uint64_t read =
+        MissingAsObjectMissing(name, [&] { return session_.Read(name, out.data(), offset, length); });
+    out.resize(static_cast<size_t>(std::min(read, length)));
+}
+
+// In slices: every slice is a Java array of its size in the plug-in's JVM,
+// so a limit far above the object's size must not become one allocation.
+Bytes PluginObjectStore::ReadAll(const std::string& name, uint64_t limit) {
+    constexpr uint64_t kSlice = 8u << 20;
+    Bytes out;
+    for (;;) {
+        const uint64_t at = out.size();
+        if (at > limit) {
+            throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
+        }
+        // One byte past the limit at most: enough to see an object that is too large.
+        const uint64_t want = std::min(kSlice, limit + 1 - at);
+        out.resize(static_cast<size_t>(at + want));
+        const uint64_t read = MissingAsObjectMissing(name, [&] { return session_.Read(name, out.data() + at, at, want); });
+        out.resize(static_cast<size_t>(at + std::min(read, want)));
+        if (read < want) {
+            if (out.size() > limit) break;
+            return out;
+        }
+    }
+    throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
+}
+
+std::vector<StoredObject> PluginObjectStore::List(const std::string& prefix) {
+    std::vector<StoredObject> objects;
+    for (const ListedObject& listed : session_.List(prefix)) {
+        StoredObject object{listed.name, 0};
+        const auto size = listed.metadata.find(kSizeProperty);
+        if (size != listed.metadata.end() && !size->second.empty() && size->second.size() < 19 &&
+            size->second.find_first_not_of("0123456789") == std::string::npos) {
+            object.size = std::stoull(size->second);
+        }
+        objects.push_back(std::move(object));
+    }
+    return objects;
+}
+
+void PluginObjectStore::Delete(const std::string& name) { session_.DeleteIfPresent(name); }
+
+}  // namespace qvhost::repo

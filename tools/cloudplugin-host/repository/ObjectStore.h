@@ -1,0 +1,76 @@
+// The storage a repository lives in, as the repository code sees it: named
+// objects written whole, read whole or by range, listed by prefix and
+// deleted. The tool's implementation goes through the plug-in
+// (PluginObjectStore); the unit tests use an in-memory one.
+//
+// Nothing read through it is trusted: every reader bounds what it asks for
+// and checks what comes back.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "repository/Crypto.h"
+
+namespace qvhost {
+class PluginSession;
+}
+
+namespace qvhost::repo {
+
+struct StoredObject {
+    std::string name;
+    uint64_t size = 0;  // 0 when the storage does not say
+};
+
+class ObjectStore {
+public:
+    virtual ~ObjectStore() = default;
+
+    // Creates or replaces the object.
+    virtual void Write(const std::string& name, const uint8_t* data, size_t size) = 0;
+    // Up to `length` bytes at `offset` into `out` (resized to what was read).
+    // Throws ObjectMissing when there is no such object.
+    virtual void ReadRange(const std::string& name, uint64_t offset, uint64_t length, Bytes& out) = 0;
+    // The whole object; throws ObjectMissing, or Damaged when it is larger
+    // than `limit` bytes (nothing larger is ever held in memory).
+    virtual Bytes ReadAll(const std::string& name, uint64_t limit) = 0;
+    virtual std::vector<StoredObject> List(const std::string& prefix) = 0;
+    // An object that does not exist counts as deleted.
+    virtual void Delete(const std::string& name) = 0;
+};
+
+// Reading an object that does not exist.
+class ObjectMissing : public std::runtime_error {
+public:
+    explicit ObjectMissing(const std::string& name)
+        : std::runtime_error("object " + name + " does not exist"), name_(name) {}
+    const std::string& name() const { return name_; }
+
+private:
+    std::string name_;
+};
+
+// The objects of the plug-in session's container.
+class PluginObjectStore : public ObjectStore {
+public:
+    explicit PluginObjectStore(PluginSession& session) : session_(session) {}
+
+    void Write(const std::string& name, const uint8_t* data, size_t size) override;
+    void ReadRange(const std::string& name, uint64_t offset, uint64_t length, Bytes& out) override;
+    Bytes ReadAll(const std::string& name, uint64_t limit) override;
+    std::vector<StoredObject> List(const std::string& prefix) override;
+    void Delete(const std::string& name) override;
+
+    // Bytes written and read through this store, for the commands' figures.
+    uint64_t BytesWritten() const { return written_; }
+
+private:
+    PluginSession& session_;
+    std::atomic<uint64_t> written_{0};
+};
+
+}  // namespace qvhost::repo

@@ -1,0 +1,166 @@
+#include "repository/Repository.h"
+
+#include <algorithm>
+
+#include "Commands.h"
+#include "repository/Binary.h"
+
+namespace qvhost::repo {
+
+namespace {
+
+// Key objects tried at most: each costs a key derivation.
+constexpr size_t kMaximumKeysTried = 20;
+
+}  // namespace
+
+bool Repository::Exists(ObjectStore& store, const std::string& root) {
+    const RepositoryLayout layout{root};
+    for (const StoredObject& object : store.List(layout.Config())) {
+        if (object.name == layout.Config()) return true;
+    }
+    return false;
+}
+
+void Repository::Init(ObjectStore& store, const std::string& root, const std::string& password,
+                      const InitOptions& options, const std::string& host) {
+    const RepositoryLayout layout{root};
+    if (Exists(store, root) || !store.List(layout.KeysPrefix()).empty()) {
+        throw ToolError(kExitUsage, "a repository exists already under " + root);
+    }
+    if (password.empty()) throw ToolError(kExitWrongPassword, "refusing an empty password");
+    const MasterKeys keys = MasterKeys::Random();
+    RepositoryConfig config;
+    const Key256 id = RandomKey();
+    config.id = ToHex(id.data(), id.size());
+    config.chunker = options.chunker;
+    config.packSize = options.packSize;
+    Key256 keyName = RandomKey();
+    const std::string keyText = EncodeKeyObject(keys, password, NewKdfParameters(options.kdfMemory),
+                                                UtcNow("%Y-%m-%dT%H:%M:%SZ"), host);
+    store.Write(layout.KeysPrefix() + ToHex(keyName.data(), 16), reinterpret_cast<const uint8_t*>(keyText.data()),
+                keyText.size());
+    // The config last: a repository exists once it does.
+    const Bytes sealed = EncodeConfig(keys, config);
+    store.Write(layout.Config(), sealed.data(), sealed.size());
+}
+
+Repository::Repository(ObjectStore& store, const std::string& root, const std::string& password)
+    : store_(store), layout_{root} {
+    std::vector<StoredObject> keyObjects = store.List(layout_.KeysPrefix());
+    if (keyObjects.empty()) {
+        throw ToolError(kExitUnsupported,
+                        "no repository under " + root + " (make one with 'cloudplugin-host init')");
+    }
+    if (password.empty()) {
+        throw ToolError(kExitWrongPassword, "no password: set CLOUDPLUGIN_PASSWORD or give --password-file");
+    }
+    std::sort(keyObjects.begin(), keyObjects.end(),
+              [](const StoredObject& a, const StoredObject& b) { return a.name < b.name; });
+    if (keyObjects.size() > kMaximumKeysTried) keyObjects.resize(kMaximumKeysTried);
+    std::optional<MasterKeys> opened;
+    for (const StoredObject& object : keyObjects) {
+        const Bytes text = store.ReadAll(object.name, kMaximumKeyObjectSize);
+        opened = OpenKeyObject(std::string(text.begin(), text.end()), password, object.name);
+        if (opened) break;
+    }
+    if (!opened) throw ToolError(kExitWrongPassword, "wrong password: no key of the repository opens with it");
+    keys_ = *opened;
+    try {
+        config_ = DecodeConfig(keys_, store.ReadAll(layout_.Config(), kMaximumConfigSize));
+    } catch (const ObjectMissing&) {
+        Damaged("the repository under " + root + " has keys but no config object");
+    }
+    gear_ = GearTableFor(keys_.chunker);
+}
+
+std::vector<NamedObject> Repository::ListIds(const std::string& prefix, std::vector<std::string>* strays) {
+    std::vector<NamedObject> objects;
+    for (const StoredObject& object : store_.List(prefix)) {
+        NamedObject named;
+        if (IdFromHex(object.name.substr(prefix.size()), named.id)) {
+            named.name = object.name;
+            named.size = object.size;
+            objects.push_back(std::move(named));
+        } else if (strays) {
+            strays->push_back(object.name);
+        }
+    }
+    return objects;
+}
+
+MasterIndex Repository::LoadIndex() {
+    MasterIndex index;
+    for (const NamedObject& object : ListIds(layout_.IndexPrefix())) {
+        for (const IndexedPack& pack : DecodeIndex(keys_, store_.ReadAll(object.name, kMaximumIndexSize), object.name)) {
+            index.Add(pack);
+        }
+        index.objects.push_back(object.name);
+    }
+    return index;
+}
+
+std::string Repository::SaveIndex(const std::vector<IndexedPack>& packs) {
+    const Bytes sealed = EncodeIndex(keys_, packs);
+    const Id id = Sha256Id(sealed.data(), sealed.size());
+    const std::string name = layout_.IndexPrefix() + IdHex(id);
+    store_.Write(name, sealed.data(), sealed.size());
+    return name;
+}
+
+void Repository::WritePack(const PackBuilder::Finished& pack) {
+    store_.Write(layout_.Pack(pack.id), pack.bytes.data(), pack.bytes.size());
+}
+
+Snapshot Repository::LoadSnapshot(const std::string& id) {
+    Bytes sealed;
+    try {
+        sealed = store_.ReadAll(layout_.SnapshotsPrefix() + id, kMaximumSnapshotSize);
+    } catch (const ObjectMissing&) {
+        throw ToolError(kExitNoSuchBackup, "no snapshot " + id);
+    }
+    if (IdHex(Sha256Id(sealed.data(), sealed.size())) != id) {
+        Damaged("the snapshot " + id.substr(0, 8) + " does not match its name: it was changed");
+    }
+    return DecodeSnapshot(keys_, sealed, id);
+}
+
+std::vector<Snapshot> Repository::LoadSnapshots() {
+    std::vector<Snapshot> snapshots;
+    for (const NamedObject& object : ListSnapshots()) snapshots.push_back(LoadSnapshot(IdHex(object.id)));
+    std::sort(snapshots.begin(), snapshots.end(), [](const Snapshot& a, const Snapshot& b) {
+        return a.timeNs != b.timeNs ? a.timeNs < b.timeNs : a.id < b.id;
+    });
+    return snapshots;
+}
+
+std::string Repository::SaveSnapshot(const Snapshot& snapshot) {
+    const Bytes sealed = EncodeSnapshot(keys_, snapshot);
+    const std::string id = IdHex(Sha256Id(sealed.data(), sealed.size()));
+    store_.Write(layout_.SnapshotsPrefix() + id, sealed.data(), sealed.size());
+    return id;
+}
+
+std::string Repository::FindSnapshot(const std::string& argument, const std::string& source) {
+    if (argument == "latest") {
+        std::string latest;  // snapshots come oldest first
+        for (const Snapshot& snapshot : LoadSnapshots()) {
+            if (source.empty() || snapshot.source == source) latest = snapshot.id;
+        }
+        return latest;
+    }
+    if (argument.size() < 4 || argument.size() > 64 ||
+        argument.find_first_not_of("0123456789abcdef") != std::string::npos) {
+        return {};
+    }
+    std::string found;
+    for (const NamedObject& object : ListSnapshots()) {
+        const std::string id = IdHex(object.id);
+        if (id.compare(0, argument.size(), argument) != 0) continue;
+        if (!found.empty()) throw ToolError(kExitUsage, "more than one snapshot starts with " + argument);
+        found = id;
+    }
+    return found;
+}
+
+}  // namespace qvhost::repo

@@ -1,0 +1,101 @@
+// A repository: the objects under a root prefix of the container, opened
+// with the password.
+//
+//   <root>/config                 sealed config (format, id, chunker, pack size)
+//   <root>/keys/<random id>       the master keys, sealed by the password (Keys.h)
+//   <root>/data/<SHA-256>         packs of blobs (Pack.h)
+//   <root>/index/<SHA-256>        which pack holds which blob (Index.h)
+//   <root>/snapshots/<SHA-256>    snapshots, each with its tree (Snapshot.h)
+//   <root>/locks/<random id>      who works on the repository (Locks.h)
+//
+// No object name says anything of the data: packs, indexes and snapshots are
+// named by the SHA-256 of their sealed bytes, keys and locks at random.
+// Writes are ordered so that a process that dies at any point leaves only
+// objects nothing names (packs without an index, an index without a
+// snapshot), which the next backup adopts or `prune` removes: packs first,
+// then the index naming them, then the snapshot naming their blobs.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "repository/Index.h"
+#include "repository/Keys.h"
+#include "repository/ObjectStore.h"
+#include "repository/Snapshot.h"
+
+namespace qvhost::repo {
+
+struct RepositoryLayout {
+    std::string root;
+
+    std::string Config() const { return root + "/config"; }
+    std::string KeysPrefix() const { return root + "/keys/"; }
+    std::string DataPrefix() const { return root + "/data/"; }
+    std::string IndexPrefix() const { return root + "/index/"; }
+    std::string SnapshotsPrefix() const { return root + "/snapshots/"; }
+    std::string LocksPrefix() const { return root + "/locks/"; }
+    std::string Pack(const Id& id) const { return DataPrefix() + IdHex(id); }
+};
+
+struct InitOptions {
+    uint64_t kdfMemory = 64ull << 20;  // memory of the password's key derivation (scrypt)
+    uint64_t packSize = 16ull << 20;
+    ChunkerParameters chunker;
+};
+
+// A listed pack, index or snapshot object: its id from its name.
+struct NamedObject {
+    Id id{};
+    std::string name;
+    uint64_t size = 0;  // 0 when the listing does not say
+};
+
+class Repository {
+public:
+    // Makes a new repository; refuses (usage) where one exists already.
+    static void Init(ObjectStore& store, const std::string& root, const std::string& password,
+                     const InitOptions& options, const std::string& host);
+    // Whether a repository exists under `root` (its config object does).
+    static bool Exists(ObjectStore& store, const std::string& root);
+    // Opens with the password. Throws ToolError: unsupported (no repository,
+    // or a format this tool does not read), wrong password, damaged.
+    Repository(ObjectStore& store, const std::string& root, const std::string& password);
+
+    ObjectStore& store() { return store_; }
+    const RepositoryLayout& layout() const { return layout_; }
+    const MasterKeys& keys() const { return keys_; }
+    const RepositoryConfig& config() const { return config_; }
+    const GearTable& gear() const { return gear_; }
+
+    // Listings of `prefix` objects whose names are ids; anything else under
+    // the prefix is left alone (reported by `check`).
+    std::vector<NamedObject> ListIds(const std::string& prefix, std::vector<std::string>* strays = nullptr);
+
+    // Every index object, merged; objects that do not open are damage.
+    MasterIndex LoadIndex();
+    // Writes an index object of the packs; answers its name.
+    std::string SaveIndex(const std::vector<IndexedPack>& packs);
+    void WritePack(const PackBuilder::Finished& pack);
+
+    std::vector<NamedObject> ListSnapshots() { return ListIds(layout_.SnapshotsPrefix()); }
+    Snapshot LoadSnapshot(const std::string& id);
+    // Every snapshot (sorted oldest first).
+    std::vector<Snapshot> LoadSnapshots();
+    // Stores the snapshot; answers its id.
+    std::string SaveSnapshot(const Snapshot& snapshot);
+    // The snapshot an argument names: a unique prefix of an id (4 hex digits
+    // at least), or "latest" (of `source` when given). Empty when none.
+    // Throws ToolError (usage) for an ambiguous prefix.
+    std::string FindSnapshot(const std::string& argument, const std::string& source = "");
+
+private:
+    ObjectStore& store_;
+    RepositoryLayout layout_;
+    MasterKeys keys_;
+    RepositoryConfig config_;
+    GearTable gear_{};
+};
+
+}  // namespace qvhost::repo

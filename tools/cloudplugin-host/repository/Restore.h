@@ -1,0 +1,56 @@
+// Restoring a snapshot (or a sub-path of it) into a destination folder, and
+// reading one back without writing (the same work, no destination).
+//
+// Each file's chunks are read from their packs in ranges (neighbouring
+// blobs of one pack in one request, up to kRestoreRangeBytes), every blob
+// opened, decompressed and checked against its id, and written at its
+// offset. A file any of whose blobs is missing or damaged is named and
+// never left in place as if good; the others are restored all the same.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Destination.h"
+#include "Progress.h"
+#include "repository/Repository.h"
+
+namespace qvhost::repo {
+
+constexpr uint64_t kRestoreRangeBytes = 16u << 20;
+
+struct RestoreOptions {
+    unsigned jobs = 4;
+    std::string subPath;  // empty: the whole snapshot
+    ProgressStyle progress = ProgressStyle::Silent;
+};
+
+struct RestoreProblem {
+    std::string file;
+    std::string object;  // the pack, when one is to blame
+    std::string what;
+};
+
+struct RestoreReport {
+    size_t files = 0;
+    uint64_t bytes = 0;
+    size_t folders = 0;
+    size_t links = 0;
+    double seconds = 0;
+    std::vector<RestoreProblem> damaged;  // sorted by file
+    std::vector<std::string> setIdDropped;
+};
+
+// Picks the entries of `subPath` (a folder: what lies beneath it, relative
+// to it; a file: that file under its own name). Throws ToolError (no such
+// backup) when nothing lies there.
+Snapshot SelectSubPath(const Snapshot& snapshot, const std::string& subPath);
+
+// With a destination, a restore; without, a read-back. Throws ToolError for
+// what stops the whole restore (a plug-in failure other than a missing
+// object, an interrupt, a destination that cannot be written).
+RestoreReport RunRestore(Repository& repository, const MasterIndex& index, const Snapshot& snapshot,
+                         Destination* destination, const RestoreOptions& options);
+
+}  // namespace qvhost::repo

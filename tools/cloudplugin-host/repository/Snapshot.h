@@ -1,0 +1,77 @@
+// A snapshot: one backup of one source folder, with its whole tree.
+//
+// A snapshot object `<root>/snapshots/<SHA-256 of its stored bytes>` is
+// Seal(encryption key, u64 plain length + zstd frame of the JSON below,
+// aad "cloudplugin-host snapshot"):
+//   {"version":1, "time":"<UTC, ISO 8601>", "time_ns":..., "host":..., "source":"<absolute path>", "tags":[...],
+//    "parent":"<snapshot id or empty>",
+//    "files":[{"path":..., "size":..., "mtime_ns":..., "mode":..., "file_id":..., "chunks":["<hex id>", ...]}],
+//    "folders":[{"path":..., "mtime_ns":..., "mode":...}],          (empty folders)
+//    "links":[{"path":..., "target":..., "mtime_ns":...}],
+//    "summary":{...the backup's figures...}}
+// The tree is kept whole in the snapshot rather than as blobs: it is small
+// beside the data (some 100 bytes a file plus 64 a chunk before
+// compression) and one object is one request. Everything decoded is
+// checked like a manifest: paths, links, no entry beneath a file or a link,
+// chunk counts that fit the sizes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Json.h"
+#include "Manifest.h"
+#include "repository/Crypto.h"
+
+namespace qvhost::repo {
+
+struct MasterKeys;
+
+// The largest snapshot object read, and the most its JSON may inflate to.
+constexpr uint64_t kMaximumSnapshotSize = 512ull << 20;
+constexpr uint64_t kMaximumSnapshotPlainSize = 2ull << 30;
+
+struct SnapshotFile {
+    std::string path;
+    uint64_t size = 0;
+    int64_t modifiedNs = 0;
+    uint32_t mode = 0644;
+    uint64_t fileId = 0;  // inode (file index on Windows): with size and time, says a file is unchanged
+    std::vector<Id> chunks;
+};
+
+struct Snapshot {
+    std::string id;  // 64 hex digits; empty until stored
+    std::string time;     // UTC, ISO 8601, to the second
+    int64_t timeNs = 0;   // the same in nanoseconds since 1970: orders snapshots made within a second
+    std::string host;
+    std::string source;
+    std::vector<std::string> tags;
+    std::string parent;
+    std::vector<SnapshotFile> files;
+    std::vector<ManifestFolder> folders;
+    std::vector<ManifestLink> links;
+    Json summary = Json::object();
+
+    uint64_t TotalBytes() const;
+    int64_t Seconds() const;  // of `time`
+};
+
+// What differs between two snapshots, by path: '+' only in the second, '-'
+// only in the first, 'M' a file whose content differs, 'T' an entry of
+// another kind, 'U' the same content with another mode or time. Sorted by
+// path.
+struct TreeChange {
+    char kind = 'M';
+    std::string path;
+    int64_t bytes = 0;  // the size added (+), removed (-) or the change (M)
+};
+std::vector<TreeChange> DiffSnapshots(const Snapshot& first, const Snapshot& second);
+
+Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot);
+// Throws Damaged naming the snapshot.
+Snapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, const std::string& id,
+                        PathRules rules = kNativePathRules);
+
+}  // namespace qvhost::repo
