@@ -1,0 +1,286 @@
+// The repository end to end: the tool as a user runs it, through the
+// plug-in, the JVM, the Java storage library and Azurite. Incremental and
+// deduplicated backups, the password, damaged and missing packs, several
+// writers at once, prune beside a running backup, a backup killed outright.
+#include <signal.h>
+
+#include <chrono>
+#include <thread>
+
+#include "HostToolFixture.h"
+
+namespace e2e {
+
+namespace {
+
+bool WaitFor(const std::function<bool()>& condition, int seconds = 120) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+}
+
+// The names of the objects under a prefix, from `object list --json`.
+std::vector<std::string> ObjectNames(const std::string& listing) {
+    std::vector<std::string> names;
+    const std::string key = "\"name\":\"";
+    for (size_t at = listing.find(key); at != std::string::npos; at = listing.find(key, at + 1)) {
+        const size_t start = at + key.size();
+        names.push_back(listing.substr(start, listing.find('"', start) - start));
+    }
+    return names;
+}
+
+}  // namespace
+
+class RepositoryToolTest : public HostToolTest {
+protected:
+    void SetUp() override {
+        HostToolTest::SetUp();
+        passwordFile_ = Folder("password");
+        WriteFile(passwordFile_, "nightly secret\n");
+        const ToolRun init = Repo({"init", "--kdf-memory", "1M", "--pack-size", "1M"});
+        ASSERT_EQ(init.status, 0) << init.err;
+    }
+
+    ToolRun Repo(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--password-file", passwordFile_});
+        return Tool(std::move(arguments));
+    }
+
+    std::vector<std::string> StartArguments(std::vector<std::string> arguments) {
+        std::vector<std::string> all = {"--connection", Azurite::Shared().ConnectionString(container_),
+                                        "--log-folder", logs_, "--password-file", passwordFile_};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return all;
+    }
+
+    // Backs up and answers the --json document.
+    std::string BackupOk(const std::string& source) {
+        const ToolRun run = Repo({"backup", source});
+        EXPECT_EQ(run.status, 0) << run.err;
+        return run.out;
+    }
+
+    std::vector<std::string> Packs() { return ObjectNames(Tool({"object", "list", "cloudplugin-host/data/"}).out); }
+
+    // Many files of random bytes: a backup that runs long enough to be
+    // caught in the middle.
+    std::string ManyFiles(const std::string& name, int files) {
+        const std::string root = Folder(name);
+        for (int i = 0; i < files; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(256 << 10, 1000 + i));
+        return root;
+    }
+
+    std::string passwordFile_;
+};
+
+TEST_F(RepositoryToolTest, ASecondBackupUploadsOnlyWhatChanged) {
+    const std::string source = MakeTree();
+    const std::string first = BackupOk(source);
+    const std::string files = Member(first, "files");
+    EXPECT_EQ(Member(first, "files_new"), files);
+    EXPECT_GT(std::stoull(Member(first, "bytes_added")), 3000000u);
+
+    const std::string second = BackupOk(source);
+    EXPECT_EQ(Member(second, "files_new"), "0");
+    EXPECT_EQ(Member(second, "files_changed"), "0");
+    EXPECT_EQ(Member(second, "files_unmodified"), files);
+    EXPECT_EQ(Member(second, "bytes_processed"), "0");
+    EXPECT_LT(std::stoull(Member(second, "bytes_added")), 16384u) << "a snapshot, no data";
+    EXPECT_EQ(Member(second, "parent"), Member(first, "snapshot"));
+
+    WriteFile(source + "/many/file7", "changed content");
+    const std::string third = BackupOk(source);
+    EXPECT_EQ(Member(third, "files_changed"), "1");
+    EXPECT_EQ(std::stoi(Member(third, "files_unmodified")), std::stoi(files) - 1);
+    EXPECT_EQ(Member(third, "bytes_processed"), "15");
+
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+    const ToolRun diff = Repo({"diff", Unquoted(Member(second, "snapshot")), Unquoted(Member(third, "snapshot"))});
+    ASSERT_EQ(diff.status, 0) << diff.err;
+    EXPECT_NE(diff.out.find("{\"change\":\"M\",\"path\":\"many/file7\""), std::string::npos) << diff.out;
+    EXPECT_EQ(Member(diff.out, "modified"), "1");
+}
+
+TEST_F(RepositoryToolTest, TheSameFileUnderFourNamesIsStoredOnce) {
+    const std::string content = Bytes(12 << 20, 77);
+    for (const char* name : {"a.bin", "b.bin", "c/d.bin", "e.bin"}) WriteFile(Folder("source/") + name, content);
+    const std::string backup = BackupOk(Folder("source"));
+    EXPECT_EQ(Member(backup, "blob_bytes_new"), std::to_string(content.size()));
+    EXPECT_LT(std::stoull(Member(backup, "bytes_added")), content.size() + (1u << 20));
+    const ToolRun restore = Repo({"restore", Unquoted(Member(backup, "short_id")), Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    EXPECT_TRUE(ReadFile(Folder("restored/c/d.bin")) == content);
+}
+
+TEST_F(RepositoryToolTest, AWrongPasswordIsOneLineAndItsOwnExitStatus) {
+    BackupOk(MakeTree());
+    WriteFile(Folder("wrong"), "not the password\n");
+    const ToolRun wrong = Tool({"--password-file", Folder("wrong"), "snapshots"});
+    EXPECT_EQ(wrong.status, 7);
+    EXPECT_EQ(LineCount(wrong.err), 1u) << wrong.err;
+    EXPECT_NE(wrong.err.find("wrong password"), std::string::npos) << wrong.err;
+    const ToolRun none = Tool({"restore", "latest", Folder("restored")});
+    EXPECT_EQ(none.status, 7) << none.err;
+    EXPECT_FALSE(fs::exists(Folder("restored")));
+}
+
+TEST_F(RepositoryToolTest, ARepositoryOfAnUnknownVersionIsRefusedInOneLine) {
+    const std::vector<std::string> keys = ObjectNames(Tool({"object", "list", "cloudplugin-host/keys/"}).out);
+    ASSERT_EQ(keys.size(), 1u);
+    ASSERT_EQ(Tool({"object", "get", keys[0], Folder("key.json")}).status, 0);
+    std::string key = ReadFile(Folder("key.json"));
+    key.replace(key.find("\"format\": 1"), 11, "\"format\": 7");
+    WriteFile(Folder("key.json"), key);
+    ASSERT_EQ(Tool({"object", "put", keys[0], Folder("key.json")}).status, 0);
+    const ToolRun refused = Repo({"snapshots"});
+    EXPECT_EQ(refused.status, 9);
+    EXPECT_EQ(LineCount(refused.err), 1u) << refused.err;
+    EXPECT_NE(refused.err.find("format 7"), std::string::npos) << refused.err;
+}
+
+TEST_F(RepositoryToolTest, AChangedBitInAPackIsFoundByCheckAndRestore) {
+    WriteFile(Folder("source/victim.bin"), Bytes(300000, 5));
+    const std::string backup = BackupOk(Folder("source"));
+    const std::vector<std::string> packs = Packs();
+    ASSERT_EQ(packs.size(), 1u);
+    ASSERT_EQ(Tool({"object", "get", packs[0], Folder("pack")}).status, 0);
+    std::string bytes = ReadFile(Folder("pack"));
+    bytes[1000] = static_cast<char>(bytes[1000] ^ 0x20);
+    WriteFile(Folder("pack"), bytes);
+    ASSERT_EQ(Tool({"object", "put", packs[0], Folder("pack")}).status, 0);
+
+    EXPECT_EQ(Repo({"check"}).status, 0) << "the structure is whole";
+    const ToolRun check = Repo({"check", "--read-data"});
+    EXPECT_EQ(check.status, 1) << check.err;
+    EXPECT_NE(check.out.find("victim.bin"), std::string::npos) << check.out;
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    EXPECT_EQ(restore.status, 1) << restore.err;
+    EXPECT_NE(restore.out.find("\"damaged\":[{\"file\":\"victim.bin\""), std::string::npos) << restore.out;
+    EXPECT_FALSE(fs::exists(Folder("restored/victim.bin")));
+}
+
+TEST_F(RepositoryToolTest, AMissingPackIsFoundByCheckAndRestore) {
+    WriteFile(Folder("source/lost.bin"), Bytes(300000, 6));
+    WriteFile(Folder("source/kept.txt"), "");
+    BackupOk(Folder("source"));
+    const std::vector<std::string> packs = Packs();
+    ASSERT_EQ(packs.size(), 1u);
+    ASSERT_EQ(Tool({"object", "delete", packs[0]}).status, 0);
+    const ToolRun check = Repo({"check"});
+    EXPECT_EQ(check.status, 1);
+    EXPECT_NE(check.out.find("missing"), std::string::npos) << check.out;
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    EXPECT_EQ(restore.status, 1) << restore.err;
+    EXPECT_NE(restore.out.find("\"damaged\":[{\"file\":\"lost.bin\""), std::string::npos) << restore.out;
+    EXPECT_FALSE(fs::exists(Folder("restored/lost.bin")));
+    EXPECT_TRUE(fs::exists(Folder("restored/kept.txt")));
+}
+
+TEST_F(RepositoryToolTest, TwoBackupsAtOnceBothSucceedAndBothRestore) {
+    const std::string one = ManyFiles("one", 40);
+    const std::string two = ManyFiles("two", 40);
+    WriteFile(two + "/shared", Bytes(2 << 20, 1));  // the same content in both
+    WriteFile(one + "/shared", Bytes(2 << 20, 1));
+    const pid_t first = StartTool(StartArguments({"backup", one}), Folder("first.txt"));
+    const pid_t second = StartTool(StartArguments({"backup", two}), Folder("second.txt"));
+    EXPECT_EQ(WaitTool(first), 0) << ReadFile(Folder("first.txt"));
+    EXPECT_EQ(WaitTool(second), 0) << ReadFile(Folder("second.txt"));
+    const ToolRun check = Repo({"check", "--read-data"});
+    EXPECT_EQ(check.status, 0) << check.out;
+    const ToolRun snapshots = Repo({"snapshots"});
+    ASSERT_EQ(snapshots.status, 0);
+    for (const std::string& source : {one, two}) {
+        const size_t at = snapshots.out.find("\"source\":\"" + source + "\"");
+        ASSERT_NE(at, std::string::npos) << snapshots.out;
+        const size_t id = snapshots.out.rfind("\"short_id\":\"", at);
+        const std::string shortId = snapshots.out.substr(id + 12, 8);
+        const ToolRun restore = Repo({"restore", shortId, Folder("restored-" + shortId)});
+        ASSERT_EQ(restore.status, 0) << restore.err;
+        ExpectSameTree(source, Folder("restored-" + shortId));
+    }
+}
+
+TEST_F(RepositoryToolTest, PruneWhileABackupRunsDeletesNothingItNeeds) {
+    const std::string source = ManyFiles("source", 300);
+    const pid_t backup = StartTool(StartArguments({"--jobs", "1", "backup", source}), Folder("progress.txt"));
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(Folder("progress.txt")).find("backup f2") != std::string::npos; }))
+        << ReadFile(Folder("progress.txt"));
+    const ToolRun prune = Repo({"prune"});
+    EXPECT_EQ(prune.status, 8) << prune.err;
+    EXPECT_NE(prune.err.find("locked"), std::string::npos) << prune.err;
+    EXPECT_EQ(WaitTool(backup), 0) << ReadFile(Folder("progress.txt"));
+    // Once the backup is done, prune runs and leaves it whole.
+    const ToolRun after = Repo({"prune"});
+    EXPECT_EQ(after.status, 0) << after.err;
+    EXPECT_EQ(Repo({"check", "--read-data"}).status, 0);
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+}
+
+TEST_F(RepositoryToolTest, ABackupKilledOutrightLeavesGarbageThatTheNextBackupReusesAndPruneRemoves) {
+    const std::string source = ManyFiles("source", 300);
+    const pid_t backup = StartTool(StartArguments({"--jobs", "1", "backup", source}), Folder("progress.txt"));
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(Folder("progress.txt")).find("backup f20") != std::string::npos; }))
+        << ReadFile(Folder("progress.txt"));
+    kill(backup, SIGKILL);
+    EXPECT_EQ(WaitTool(backup), 128 + SIGKILL);
+    const size_t leftover = Packs().size();
+    EXPECT_GT(leftover, 0u);
+    // The dead process's lock stands in nobody's way, and nothing names
+    // missing data.
+    const ToolRun locks = Repo({"locks"});
+    EXPECT_NE(locks.out.find("\"stale\":true"), std::string::npos) << locks.out;
+    const ToolRun check = Repo({"check"});
+    EXPECT_EQ(check.status, 0) << check.out;
+
+    const std::string next = BackupOk(source);
+    EXPECT_EQ(Member(next, "packs_adopted"), std::to_string(leftover));
+    const ToolRun prune = Repo({"prune"});
+    ASSERT_EQ(prune.status, 0) << prune.err;
+    EXPECT_EQ(Repo({"unlock"}).status, 0);
+    const ToolRun none = Repo({"locks"});
+    EXPECT_NE(none.out.find("\"locks\":[]"), std::string::npos) << none.out;
+    const ToolRun full = Repo({"check", "--read-data"});
+    EXPECT_EQ(full.status, 0) << full.out;
+    EXPECT_NE(full.out.find("\"warnings\":[]"), std::string::npos) << full.out;
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+}
+
+TEST_F(RepositoryToolTest, ForgetByPolicyThenPruneFreesTheSpaceOfForgottenSnapshots) {
+    WriteFile(Folder("source/a.bin"), Bytes(3 << 20, 8));
+    BackupOk(Folder("source"));
+    WriteFile(Folder("source/a.bin"), Bytes(3 << 20, 9));
+    const std::string kept = BackupOk(Folder("source"));
+    const ToolRun forget = Repo({"forget", "--keep-last", "1", "--prune"});
+    ASSERT_EQ(forget.status, 0) << forget.err;
+    EXPECT_EQ(Member(forget.out, "forgotten").size(), 67u) << forget.out;  // one id in a list
+    EXPECT_GT(std::stoull(Member(forget.out, "bytes_freed")), 3000000u) << forget.out;
+    const ToolRun snapshots = Repo({"snapshots"});
+    EXPECT_NE(snapshots.out.find(Unquoted(Member(kept, "snapshot"))), std::string::npos);
+    EXPECT_EQ(Repo({"check", "--read-data"}).status, 0);
+    ASSERT_EQ(Repo({"restore", "latest", Folder("restored")}).status, 0);
+    EXPECT_TRUE(ReadFile(Folder("restored/a.bin")) == Bytes(3 << 20, 9));
+}
+
+TEST_F(RepositoryToolTest, BackupsOfTheVersion2LayoutAreStillListedAndRestorable) {
+    const std::string source = MakeTree();
+    const std::string legacy = Backup(source);  // backup --legacy
+    const ToolRun snapshots = Repo({"snapshots"});
+    ASSERT_EQ(snapshots.status, 0) << snapshots.err;
+    EXPECT_NE(snapshots.out.find("\"legacy_backups\":[{\"backup\":\"" + legacy + "\""), std::string::npos)
+        << snapshots.out;
+    const ToolRun restore = Repo({"restore", legacy, Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+}
+
+}  // namespace e2e
