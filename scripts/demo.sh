@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The whole system at work, from a fresh clone: installs what is missing,
 # builds the plug-in, the Java storage library and cloudplugin-host, starts
-# Azurite on loopback, backs up a generated sample folder (a few hundred
-# files and one of 300 MiB), restores it into a new folder, compares the two
+# Azurite on loopback, makes an encrypted repository, backs up a generated
+# sample folder (a few hundred files and one of 300 MiB), changes a little of
+# it and backs it up again (only what changed is read and uploaded), restores
+# the latest snapshot into a new folder, checks every pack, compares the two
 # trees, prints a summary and stops Azurite.
 #
 #   scripts/demo.sh                 the whole demo
@@ -18,7 +20,7 @@ missing=()
 for command in cmake g++ make javac java npm; do
   command -v "$command" >/dev/null || missing+=("$command")
 done
-for header in nlohmann/json.hpp CLI/CLI.hpp openssl/evp.h; do
+for header in nlohmann/json.hpp CLI/CLI.hpp openssl/evp.h zstd.h; do
   [ -f "/usr/include/$header" ] || missing+=("$header")
 done
 if [ ${#missing[@]} -gt 0 ]; then
@@ -78,22 +80,36 @@ timed_tool() {
   tool_cpu=$(awk -v u="$user" -v s="$sys" 'BEGIN { printf "%.2f", u + s }')
 }
 
-# ---- backup, restore, compare
+# ---- a repository, two backups, restore
+export CLOUDPLUGIN_PASSWORD="demo password, keep it safe"
+echo "==== init: an encrypted repository in the container"
+"$tool" init
+
 echo "==== backup"
 azurite_before=$(cpu_seconds "$AZURITE_PID")
-timed_tool --name demo backup "$source_dir"
+timed_tool backup "$source_dir"
 backup_elapsed=$elapsed backup_cpu=$tool_cpu
 azurite_after=$(cpu_seconds "$AZURITE_PID")
 backup_azurite=$(awk -v a="$azurite_before" -v b="$azurite_after" 'BEGIN { printf "%.2f", b - a }')
 
-"$tool" list
+echo "==== a second, incremental backup after changing two files and adding one"
+echo "edited on $(date)" >>"$source_dir/Ünïcödé 文件夹/naïve café.txt"
+head -c 100000 /dev/urandom >"$source_dir/folder2/a new file.dat"
+printf 'changed' | dd of="$source_dir/large-${big_mib}MiB.bin" bs=1 seek=$((big_mib * 524288)) conv=notrunc status=none
+"$tool" --json backup "$source_dir" >"$run/second.json"
+member() { sed -n "s/.*\"$1\":\([^,}]*\).*/\1/p" "$run/second.json"; }
+"$tool" snapshots
+"$tool" diff "$(sed -n 's/.*"parent":"\([0-9a-f]*\)".*/\1/p' "$run/second.json")" latest
 
 echo "==== restore"
-azurite_before=$azurite_after
-timed_tool restore demo "$run/restored"
+azurite_before=$(cpu_seconds "$AZURITE_PID")
+timed_tool restore latest "$run/restored"
 restore_elapsed=$elapsed restore_cpu=$tool_cpu
 azurite_after=$(cpu_seconds "$AZURITE_PID")
 restore_azurite=$(awk -v a="$azurite_before" -v b="$azurite_after" 'BEGIN { printf "%.2f", b - a }')
+
+echo "==== check --read-data"
+"$tool" check --read-data
 
 echo "==== comparing the trees"
 # Files, links and empty folders: name, kind, size, time, mode, link target.
@@ -117,6 +133,7 @@ cat <<SUMMARY
 ==== summary
 files:                    ${files} (${mib} MiB)
 backup:                   ${backup_elapsed} s, $(rate "$backup_elapsed") MiB/s
+second backup:            $(member files_new) new, $(member files_changed) changed, $(member files_unmodified) unmodified files; read $(member bytes_processed) bytes, uploaded $(member bytes_added) bytes (compressed, encrypted, with its index and snapshot)
 restore:                  ${restore_elapsed} s, $(rate "$restore_elapsed") MiB/s
 CPU during backup:        cloudplugin-host with its JVM ${backup_cpu} s, Azurite ${backup_azurite} s
 CPU during restore:       cloudplugin-host with its JVM ${restore_cpu} s, Azurite ${restore_azurite} s
