@@ -17,8 +17,10 @@ import java.util.List;
 import java.util.Locale;
 import java.util.Map;
 import java.util.concurrent.CopyOnWriteArrayList;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
+import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.function.Predicate;
 import javax.net.ssl.SSLContext;
@@ -29,7 +31,16 @@ import javax.net.ssl.SSLContext;
  * a status (503 ServerBusy, plain 503, any other, with extra headers such as
  * Retry-After), a dropped connection (closed without an answer, or reset),
  * a delay before the request is forwarded, or an answer whose body stops
- * halfway.
+ * halfway; or, as a service does with a request it refuses by its head, an
+ * error answer before the body is read, the connection then reset under
+ * whatever of the body comes.
+ *
+ * A request that asks "Expect: 100-continue" gets the interim 100 Continue
+ * from the proxy before its body is read, as the service (and Azurite)
+ * answer it, unless a fault says otherwise: the early answer above replaces
+ * it, and {@link Fault#noContinue()} plays a service that ignores the
+ * header, so that the client must send the body unasked. The proxy forwards
+ * the request whole, without the header.
  *
  * With TLS the proxy serves the test certificate to the client and speaks
  * TLS to the service too; a reset then breaks the TCP connection under the
@@ -39,9 +50,11 @@ import javax.net.ssl.SSLContext;
  * "Connection: close", so every retry of the client arrives on a fresh
  * connection and is seen, and counted, as a request of its own.
  *
- * A rule has a predicate over the request, a number of times it fires
- * (or {@link #ALWAYS}) and a fault. The first rule that matches and still
- * has times left applies; a request no rule takes is forwarded unchanged.
+ * A rule has a predicate over the request's head (method, path, query,
+ * headers: rules are matched before the body is read), a number of times it
+ * fires (or {@link #ALWAYS}) and a fault. The first rule that matches and
+ * still has times left applies; a request no rule takes is forwarded
+ * unchanged.
  */
 final class FaultProxy implements AutoCloseable {
     static final int ALWAYS = Integer.MAX_VALUE;
@@ -52,18 +65,53 @@ final class FaultProxy implements AutoCloseable {
         final String path;
         final String query;
         final Map<String, String> headers;
-        final byte[] body;
-        /** When the request had arrived whole (System.nanoTime()). */
-        final long arrivedNanos = System.nanoTime();
+        /** The body as it arrived: whole, or what came before an early answer's reset. */
+        volatile byte[] body = new byte[0];
+        /** When the request's head had arrived (System.nanoTime()). */
+        final long headNanos = System.nanoTime();
+        /** When the first byte of the body arrived; 0 without one. */
+        volatile long bodyStartNanos;
+        /** When the request had arrived whole, or was answered early (System.nanoTime()). */
+        volatile long arrivedNanos;
+        /** Whether the proxy answered 100 Continue before reading the body. */
+        volatile boolean continued;
+        /** Counted down once the proxy is done with the request (answered, dropped, reset). */
+        private final CountDownLatch served = new CountDownLatch(1);
         /** The head of the service's answer, once forwarded: status line under "", then the headers. */
         volatile Map<String, String> reply;
 
-        Request(String method, String path, String query, Map<String, String> headers, byte[] body) {
+        Request(String method, String path, String query, Map<String, String> headers) {
             this.method = method;
             this.path = path;
             this.query = query;
             this.headers = headers;
-            this.body = body;
+        }
+
+        /** Whether the client asked for 100 Continue before sending the body. */
+        boolean expectsContinue() {
+            return "100-continue".equalsIgnoreCase(header("Expect"));
+        }
+
+        /** The Content-Length the client announced (0 without one). */
+        int contentLength() {
+            String len = header("Content-Length");
+            return len == null ? 0 : Integer.parseInt(len);
+        }
+
+        /**
+         * Waits until the proxy is done with the request, so that what it
+         * noted (the body that came after an early answer, say) is final.
+         */
+        void awaitServed() throws InterruptedException {
+            if (!served.await(10, TimeUnit.SECONDS)) {
+                throw new IllegalStateException("the proxy is still serving " + method + " " + path);
+            }
+        }
+
+        /** How long the body's first byte came after the head, in milliseconds; -1 when none came. */
+        long bodyWaitMillis() {
+            long b = bodyStartNanos;
+            return b == 0 ? -1 : (b - headNanos) / 1_000_000;
         }
 
         /** A request header's value (any case of the name), or null. */
@@ -99,7 +147,7 @@ final class FaultProxy implements AutoCloseable {
 
     /** What the proxy does instead of (or before) forwarding. */
     static final class Fault {
-        enum Kind { STATUS, DROP, RESET, DELAY, STALL_BODY }
+        enum Kind { STATUS, EARLY_STATUS, NO_CONTINUE, DROP, RESET, DELAY, STALL_BODY }
 
         final Kind kind;
         final int status;
@@ -130,6 +178,26 @@ final class FaultProxy implements AutoCloseable {
         /** An error answer; with a code it carries x-ms-error-code and an XML error body as the service sends. */
         static Fault status(int status, String code) {
             return new Fault(Kind.STATUS, status, code, 0);
+        }
+
+        /**
+         * An error answer (as {@link #status}) sent as soon as the request's
+         * head has arrived, before any of its body is read, in place of
+         * 100 Continue when the client asked for it; then the connection is
+         * reset under the rest of the body, after what arrived of it within
+         * a moment (at most 64 KiB) is read.
+         */
+        static Fault early(int status, String code) {
+            return new Fault(Kind.EARLY_STATUS, status, code, 0);
+        }
+
+        /**
+         * A service that ignores "Expect: 100-continue": no interim answer,
+         * the body is read whenever the client sends it, then the request is
+         * forwarded as usual.
+         */
+        static Fault noContinue() {
+            return new Fault(Kind.NO_CONTINUE, 0, null, 0);
         }
 
         static Fault serverBusy() {
@@ -334,11 +402,19 @@ final class FaultProxy implements AutoCloseable {
 
     private void serve(Socket raw, Socket c) throws IOException, InterruptedException {
         InputStream in = new BufferedInputStream(c.getInputStream());
-        Request req = readRequest(in);
+        Request req = readHead(in);
         if (req == null) {
             return;
         }
-        seen.add(req);
+        try {
+            serve(raw, c, in, req);
+        } finally {
+            req.served.countDown();
+        }
+    }
+
+    private void serve(Socket raw, Socket c, InputStream in, Request req) throws IOException, InterruptedException {
+        // Rules see the head only: an early answer is chosen before any of the body is read.
         Fault fault = null;
         for (Rule r : rules) {
             if (r.take(req)) {
@@ -347,6 +423,23 @@ final class FaultProxy implements AutoCloseable {
             }
         }
         OutputStream out = c.getOutputStream();
+        if (fault != null && fault.kind == Fault.Kind.EARLY_STATUS) {
+            req.arrivedNanos = System.nanoTime();
+            seen.add(req); // before the answer, so that the client never sees it before the test does
+            out.write(errorAnswer(req, fault));
+            out.flush();
+            req.body = whatFollows(c, in, req);
+            raw.setSoLinger(true, 0);
+            raw.close();
+            return;
+        }
+        if (req.expectsContinue() && (fault == null || fault.kind != Fault.Kind.NO_CONTINUE)) {
+            out.write("HTTP/1.1 100 Continue\r\n\r\n".getBytes(StandardCharsets.ISO_8859_1));
+            out.flush();
+            req.continued = true;
+        }
+        readBody(in, req);
+        seen.add(req);
         if (fault != null) {
             switch (fault.kind) {
                 case STATUS:
@@ -373,6 +466,8 @@ final class FaultProxy implements AutoCloseable {
                     out.flush();
                     Thread.sleep(fault.delayMillis);
                     return;
+                default:
+                    break; // NO_CONTINUE: forwarded as usual once the body came; EARLY_STATUS answered above
             }
         }
         out.write(forward(req));
@@ -410,7 +505,8 @@ final class FaultProxy implements AutoCloseable {
         return b.toString(StandardCharsets.ISO_8859_1);
     }
 
-    private static Request readRequest(InputStream in) throws IOException {
+    /** The request line and headers; null when the client closed without sending any. */
+    private static Request readHead(InputStream in) throws IOException {
         String line = readLine(in);
         if (line == null || line.isEmpty()) {
             return null;
@@ -424,10 +520,54 @@ final class FaultProxy implements AutoCloseable {
             int colon = h.indexOf(':');
             headers.put(h.substring(0, colon).trim(), h.substring(colon + 1).trim());
         }
-        String len = header(headers, "Content-Length");
-        byte[] body = in.readNBytes(len == null ? 0 : Integer.parseInt(len));
         return new Request(parts[0], q < 0 ? target : target.substring(0, q), q < 0 ? "" : target.substring(q + 1),
-                           headers, body);
+                           headers);
+    }
+
+    /** Reads the whole body the head announced, noting when its first byte came. */
+    private static void readBody(InputStream in, Request req) throws IOException {
+        int len = req.contentLength();
+        byte[] body = new byte[len];
+        int n = 0;
+        while (n < len) {
+            int r = in.read(body, n, len - n);
+            if (r < 0) {
+                break;
+            }
+            if (n == 0) {
+                req.bodyStartNanos = System.nanoTime();
+            }
+            n += r;
+        }
+        req.body = n == len ? body : java.util.Arrays.copyOf(body, n);
+        req.arrivedNanos = System.nanoTime();
+    }
+
+    /**
+     * After an early answer: what of the body the client still sends within
+     * a moment, at most 64 KiB, until it closes. A client that waited for
+     * 100 Continue sends nothing and closes; one that did not keeps writing.
+     */
+    private static byte[] whatFollows(Socket c, InputStream in, Request req) {
+        int limit = Math.min(req.contentLength(), 64 << 10);
+        ByteArrayOutputStream got = new ByteArrayOutputStream();
+        try {
+            c.setSoTimeout(2000);
+            byte[] buf = new byte[8192];
+            while (got.size() < limit) {
+                int r = in.read(buf, 0, Math.min(buf.length, limit - got.size()));
+                if (r < 0) {
+                    break;
+                }
+                if (got.size() == 0) {
+                    req.bodyStartNanos = System.nanoTime();
+                }
+                got.write(buf, 0, r);
+            }
+        } catch (IOException e) {
+            // quiet for 2 s, or gone: what came is what there is
+        }
+        return got.toByteArray();
     }
 
     private static String header(Map<String, String> headers, String name) {
@@ -467,8 +607,9 @@ final class FaultProxy implements AutoCloseable {
             StringBuilder head = new StringBuilder();
             head.append(req.method).append(' ').append(req.path).append(req.query.isEmpty() ? "" : "?" + req.query)
                 .append(" HTTP/1.1\r\n");
+            // The proxy has the whole body and sends it at once: the client's Expect was answered here.
             for (Map.Entry<String, String> e : req.headers.entrySet()) {
-                if (!e.getKey().equalsIgnoreCase("Connection")) {
+                if (!e.getKey().equalsIgnoreCase("Connection") && !e.getKey().equalsIgnoreCase("Expect")) {
                     head.append(e.getKey()).append(": ").append(e.getValue()).append("\r\n");
                 }
             }

@@ -7,6 +7,7 @@ import java.io.IOException;
 import java.io.InputStream;
 import java.io.OutputStream;
 import java.net.HttpURLConnection;
+import java.net.ProtocolException;
 import java.net.URI;
 import java.net.URL;
 import java.nio.charset.StandardCharsets;
@@ -51,7 +52,10 @@ import org.xml.sax.SAXException;
  * Every call belongs to an operation of the library and gets its
  * {@link Deadline}; the {@link RequestRunner} sends requests that fail in a
  * way that may go away by itself again, within the bounds of the
- * connection's {@link RetryPolicy} and that deadline.
+ * connection's {@link RetryPolicy} and that deadline. Large bodies are
+ * announced with "Expect: 100-continue", so that a service refusing the
+ * request by its head answers before the body and that refusal, not the
+ * broken connection after it, is what the caller gets (see sendOnce).
  *
  * Everything that comes back is treated as untrusted: error bodies are read
  * only up to a limit, error codes are cleaned before they are compared or
@@ -69,6 +73,15 @@ public final class BlobRestClient {
     private static final String META = "x-ms-meta-";
     /** How much of an error answer's body is read (it only carries a code and a message). */
     private static final int ERROR_BODY_LIMIT = 64 << 10;
+    /**
+     * Request bodies larger than this are sent with "Expect: 100-continue", so
+     * that a refusal by the request's head alone (an expired token, a lease,
+     * a body too large) arrives before the body and is reported as what it
+     * is. Smaller bodies go out at once: the extra round trip would cost more
+     * than sending them, and a refusal of such a body is read after it
+     * anyway.
+     */
+    public static final int EXPECT_CONTINUE_ABOVE = 1 << 20;
 
     static {
         // The JDK keeps at most this many idle keep-alive connections per
@@ -87,6 +100,8 @@ public final class BlobRestClient {
     private final RequestRunner runner;
     /** The path part of the endpoint ("" for account host names, "/account" for emulator-style endpoints). */
     private final String basePath;
+    /** Set once the service answered 417 to "Expect: 100-continue": from then on no request carries it. */
+    private volatile boolean expectRefused;
 
     public BlobRestClient(StorageConnection conn) {
         this.conn = conn;
@@ -203,12 +218,34 @@ public final class BlobRestClient {
         return basePath + "/" + container;
     }
 
-    /** Sends a request through the runner: again after failures that may go away, within the bounds. */
+    /**
+     * Sends a request through the runner: again after failures that may go
+     * away, within the bounds. A body above {@link #EXPECT_CONTINUE_ABOVE}
+     * asks the service first (Expect: 100-continue); a service that refuses
+     * the expectation itself (417) gets the request again at once without it,
+     * within the same attempt, and is not asked again.
+     */
     private Response send(Deadline op, String method, String rawPath, String rawQuery, Map<String, String> headers,
                           byte[] body, int off, int len, BodySink sink, int... okStatuses) throws StorageException {
-        return runner.run(op, method + " " + rawPath,
-                          timeout -> sendOnce(method, rawPath, rawQuery, headers, body, off, len, sink, timeout,
-                                              okStatuses));
+        return runner.run(op, method + " " + rawPath, timeout -> {
+            long started = System.nanoTime();
+            boolean expect = body != null && len > EXPECT_CONTINUE_ABOVE && !expectRefused;
+            try {
+                return sendOnce(method, rawPath, rawQuery, headers, body, off, len, sink, timeout, expect,
+                                okStatuses);
+            } catch (StorageException e) {
+                if (!expect || e.status != 417) {
+                    throw e;
+                }
+                expectRefused = true;
+                Duration left = timeout.minusNanos(System.nanoTime() - started);
+                if (left.isNegative() || left.isZero()) {
+                    throw new StorageException(ERRORID.TIMEOUT, 417, e.serviceCode, e.getMessage()
+                                                   + "; no time left to send it again without Expect", e, true);
+                }
+                return sendOnce(method, rawPath, rawQuery, headers, body, off, len, sink, left, false, okStatuses);
+            }
+        });
     }
 
     /** A failed exchange with no usable answer: retried when it is a timeout or a broken connection. */
@@ -225,8 +262,23 @@ public final class BlobRestClient {
         return new StorageException(id, status, null, message + ": " + e, e, again);
     }
 
+    /**
+     * One exchange. With {@code expectContinue} the request's head goes out
+     * with "Expect: 100-continue" and the JDK waits for the service's interim
+     * answer before it writes the body (at most 5 s, or the read timeout when
+     * that is shorter; then the body goes anyway, for a service that ignores
+     * the header). When the service answers with its final answer instead, a
+     * refusal by the head alone (an expired token, a lease, a body too large),
+     * the JDK throws from getOutputStream with that status and the answer's
+     * headers kept (not its body), and the answer is classified like any
+     * other. Without the header such a refusal arrives while the body is
+     * still being written and the service resets the connection under the
+     * rest of it; whether the answer can still be read then depends on the
+     * platform and the network (a reset may discard it), and a broken
+     * connection is all that is left.
+     */
     private Response sendOnce(String method, String rawPath, String rawQuery, Map<String, String> headers,
-                              byte[] body, int off, int len, BodySink sink, Duration timeout,
+                              byte[] body, int off, int len, BodySink sink, Duration timeout, boolean expectContinue,
                               int... okStatuses) throws StorageException {
         Map<String, String> all = new LinkedHashMap<>(headers);
         all.put("x-ms-date", httpDate(System.currentTimeMillis() / 1000));
@@ -239,6 +291,10 @@ public final class BlobRestClient {
             query = conn.sas.appendTo(rawQuery);
         }
         HttpURLConnection http = open(method, rawPath, query, all, timeout);
+        if (expectContinue) {
+            // Not a signed header: Shared Key signs the standard headers and x-ms-*, not Expect.
+            http.setRequestProperty("Expect", "100-continue");
+        }
         // The send as a whole gets the timeout: the JDK's read timeout is per read, so a watchdog
         // disconnects an exchange that is not over in time, which wakes a read waiting for bytes.
         AtomicBoolean cutOff = new AtomicBoolean();
@@ -252,7 +308,19 @@ public final class BlobRestClient {
             if (body != null || method.equals("PUT")) {
                 http.setDoOutput(true);
                 http.setFixedLengthStreamingMode(contentLength);
-                try (OutputStream out = http.getOutputStream()) {
+                OutputStream stream;
+                try {
+                    stream = http.getOutputStream();
+                } catch (ProtocolException e) {
+                    int early = expectContinue ? earlyStatus(http) : 0;
+                    if (early == 0) {
+                        throw e;
+                    }
+                    // The JDK has closed the connection; the answer's head is kept, its body is not.
+                    status = early;
+                    throw failure(method, rawPath, early, headersOf(http), null, true);
+                }
+                try (OutputStream out = stream) {
                     if (contentLength > 0) {
                         out.write(body, off, len);
                     }
@@ -261,7 +329,7 @@ public final class BlobRestClient {
             status = http.getResponseCode();
             Map<String, List<String>> answerHeaders = headersOf(http);
             if (!isOneOf(status, okStatuses)) {
-                throw failure(method, rawPath, status, answerHeaders, http.getErrorStream());
+                throw failure(method, rawPath, status, answerHeaders, http.getErrorStream(), false);
             }
             byte[] kept;
             try (InputStream in = method.equals("HEAD") ? InputStream.nullInputStream() : http.getInputStream()) {
@@ -327,9 +395,27 @@ public final class BlobRestClient {
         }
     }
 
-    /** An error answer, classified; its body is read only up to a limit. */
+    /**
+     * The final status the service answered in place of 100 Continue, kept by
+     * the JDK when it refused to go on with the body; 0 when there is none
+     * (the ProtocolException had another cause).
+     */
+    private static int earlyStatus(HttpURLConnection http) {
+        try {
+            int s = http.getResponseCode();
+            return s >= 200 && s <= 599 ? s : 0;
+        } catch (IOException e) {
+            return 0;
+        }
+    }
+
+    /**
+     * An error answer, classified; its body is read only up to a limit.
+     *
+     * @param beforeBody the service answered in place of 100 Continue, before any byte of the body was sent
+     */
     private StorageException failure(String method, String rawPath, int status, Map<String, List<String>> headers,
-                                     InputStream errorBody) throws IOException {
+                                     InputStream errorBody, boolean beforeBody) throws IOException {
         byte[] err = new byte[0];
         if (errorBody != null) {
             try (InputStream in = errorBody) {
@@ -341,7 +427,8 @@ public final class BlobRestClient {
             code = cleanCode(xmlText(err, "Code"));
         }
         ERRORID id = ErrorMap.fromHttp(status, code);
-        String text = method + " " + rawPath + " -> " + status + " " + code;
+        String text = method + " " + rawPath + " -> " + status + " " + code
+            + (beforeBody ? " (answered before the body was sent)" : "");
         if (status == 403 && conn.sas != null) {
             Instant now = Instant.now();
             if (conn.sas.expiredAt(now)) {
