@@ -71,31 +71,26 @@ int64_t ParseAge(const std::string& text) {
     return std::stoll(text.substr(0, text.size() - 1)) * unit;
 }
 
-std::string UtcNow(const char* format) {
-    const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-#ifdef _WIN32
-    gmtime_s(&parts, &now);
-#else
-    gmtime_r(&now, &parts);
-#endif
-    char text[64];
-    std::strftime(text, sizeof text, format, &parts);
-    return text;
-}
+namespace {
 
-std::string UtcTimeText(int64_t seconds) {
-    if (seconds < 0) return "unknown";
-    const std::time_t time = static_cast<std::time_t>(seconds);
+std::string FormatUtc(std::time_t time, const char* format) {
     std::tm parts{};
 #ifdef _WIN32
     gmtime_s(&parts, &time);
 #else
     gmtime_r(&time, &parts);
 #endif
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    char text[64];
+    std::strftime(text, sizeof text, format, &parts);
     return text;
+}
+
+}  // namespace
+
+std::string UtcNow(const char* format) { return FormatUtc(std::time(nullptr), format); }
+
+std::string UtcTimeText(int64_t seconds) {
+    return seconds < 0 ? "unknown" : FormatUtc(static_cast<std::time_t>(seconds), "%Y-%m-%dT%H:%M:%SZ");
 }
 
 int64_t ParseUtcTime(const std::string& text) {

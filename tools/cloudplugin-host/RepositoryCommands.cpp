@@ -178,6 +178,11 @@ CommandResult SnapshotsCommand(CommandContext& context, const Arguments&) {
 
 CommandResult RestoreCommand(CommandContext& context, const Arguments& arguments) {
     if (!NamesSnapshot(arguments[0])) return LegacyRestoreCommand(context, arguments);
+    {
+        // A version 2 backup may have been given a name of hex digits.
+        PluginObjectStore store(context.session);
+        if (!Repository::Exists(store, context.options.layout.root)) return LegacyRestoreCommand(context, arguments);
+    }
     OpenRepository open(context);
     const size_t colon = arguments[0].find(':');
     const std::string subPath = colon == std::string::npos ? "" : arguments[0].substr(colon + 1);

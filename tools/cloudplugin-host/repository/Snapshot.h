@@ -29,8 +29,8 @@ namespace qvhost::repo {
 struct MasterKeys;
 
 // The largest snapshot object read, and the most its JSON may inflate to.
-constexpr uint64_t kMaximumSnapshotSize = 512ull << 20;
-constexpr uint64_t kMaximumSnapshotPlainSize = 2ull << 30;
+constexpr uint64_t kMaximumSnapshotSize = 256ull << 20;
+constexpr uint64_t kMaximumSnapshotPlainSize = 512ull << 20;
 
 struct SnapshotFile {
     std::string path;
