@@ -51,6 +51,8 @@ struct CommandOptions {
     bool dryRun = false;                 // forget, prune: say what would go, remove nothing
     bool prune = false;                  // forget: prune afterwards
     unsigned keepLast = 0, keepHourly = 0, keepDaily = 0, keepWeekly = 0, keepMonthly = 0, keepYearly = 0;
+    std::string rehydrateTier = "Hot";          // rehydrate: the online tier to bring objects back to
+    std::string rehydratePriority = "Standard";  // rehydrate: Standard or High
 };
 
 struct CommandResult {
@@ -99,6 +101,7 @@ CommandResult ForgetCommand(CommandContext& context, const Arguments& arguments)
 CommandResult DiffCommand(CommandContext& context, const Arguments& arguments);
 CommandResult LocksCommand(CommandContext& context, const Arguments& arguments);
 CommandResult UnlockCommand(CommandContext& context, const Arguments& arguments);
+CommandResult RehydrateCommand(CommandContext& context, const Arguments& arguments);
 // The version 2 layout's commands, which backup, restore and prune use for
 // backups of that layout.
 CommandResult LegacyBackupCommand(CommandContext& context, const Arguments& arguments);

@@ -84,6 +84,12 @@ std::string PluginSession::ReadAll(const std::string& name, uint64_t limit, cons
     }
 }
 
+void PluginSession::SetProperty(const std::string& name, const std::string& property, const std::string& value) {
+    Run("SetObjectMetaData", name, [&] {
+        return plugin_.SetObjectMetaData(Wide(name), ObjectMetaData::value_type(Wide(property), MetaDataValue{Wide(value), 0}));
+    });
+}
+
 bool PluginSession::Exists(const std::string& name) {
     uint32_t exists = 0;
     Run("IsObjectExist", name, [&] { return plugin_.IsObjectExist(Wide(name), &exists); });

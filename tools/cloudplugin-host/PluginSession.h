@@ -17,6 +17,17 @@ namespace qvhost {
 
 // The plug-in's result code for an object that does not exist.
 constexpr uint32_t kResultObjectNotFound = 7;
+// ... for an object in the Archive tier, which cannot be read until it is
+// rehydrated to an online tier.
+constexpr uint32_t kResultArchived = 49;
+
+// Properties the storage library answers in listings besides an object's
+// own metadata: its access tier and, while it is being rehydrated, the
+// archive status; SetProperty of kAccessTierProperty changes the tier
+// ("Hot", "Cool", "Cold", "Archive", optionally ";High" or ";Standard":
+// the rehydrate priority).
+constexpr const char* kAccessTierProperty = "x-ms-access-tier";
+constexpr const char* kArchiveStatusProperty = "x-ms-archive-status";
 
 // Object metadata in UTF-8: property name to value.
 using Metadata = std::map<std::string, std::string>;
@@ -53,6 +64,9 @@ public:
     uint64_t Read(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length,
                   const std::vector<std::string>& properties, Metadata& metadata);
 
+
+    // SetObjectMetaData: one property of the object.
+    void SetProperty(const std::string& name, const std::string& property, const std::string& value);
 
     bool Exists(const std::string& name);
     void Delete(const std::string& name);

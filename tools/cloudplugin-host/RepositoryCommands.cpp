@@ -6,6 +6,7 @@
 // backup's id, prune when there is no repository.
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "Commands.h"
 #include "Destination.h"
@@ -58,6 +59,18 @@ std::string TagsText(const std::vector<std::string>& tags) {
     std::string text;
     for (const std::string& tag : tags) text += (text.empty() ? "" : ",") + Printable(tag);
     return text;
+}
+
+}  // namespace
+
+namespace {
+
+// A restore that meets an archived object stops with one line saying what
+// brings it back.
+[[noreturn]] void ArchivedHint(const std::string& target, const std::string& object) {
+    throw ToolError(kExitPluginFailed, "the data of " + target + " is in the Archive tier (object " + object +
+                                           "): run 'cloudplugin-host rehydrate " + target +
+                                           "', wait until it reports nothing pending (hours), then restore again");
 }
 
 }  // namespace
@@ -176,13 +189,32 @@ CommandResult SnapshotsCommand(CommandContext& context, const Arguments&) {
     return result;
 }
 
+namespace {
+
+CommandResult RestoreSnapshot(CommandContext& context, const Arguments& arguments);
+
+}  // namespace
+
 CommandResult RestoreCommand(CommandContext& context, const Arguments& arguments) {
-    if (!NamesSnapshot(arguments[0])) return LegacyRestoreCommand(context, arguments);
-    {
+    bool legacy = !NamesSnapshot(arguments[0]);
+    if (!legacy) {
         // A version 2 backup may have been given a name of hex digits.
         PluginObjectStore store(context.session);
-        if (!Repository::Exists(store, context.options.layout.root)) return LegacyRestoreCommand(context, arguments);
+        legacy = !Repository::Exists(store, context.options.layout.root);
     }
+    try {
+        return legacy ? LegacyRestoreCommand(context, arguments) : RestoreSnapshot(context, arguments);
+    } catch (const ObjectArchived& archived) {
+        ArchivedHint(arguments[0], archived.name());
+    } catch (const PluginError& failure) {
+        if (failure.code() == kResultArchived) ArchivedHint(arguments[0], failure.object());
+        throw;
+    }
+}
+
+namespace {
+
+CommandResult RestoreSnapshot(CommandContext& context, const Arguments& arguments) {
     OpenRepository open(context);
     const size_t colon = arguments[0].find(':');
     const std::string subPath = colon == std::string::npos ? "" : arguments[0].substr(colon + 1);
@@ -231,6 +263,8 @@ CommandResult RestoreCommand(CommandContext& context, const Arguments& arguments
                        {"set_id_bits_dropped", report.setIdDropped}};
     return result;
 }
+
+}  // namespace
 
 CommandResult CheckCommand(CommandContext& context, const Arguments&) {
     OpenRepository open(context);
@@ -418,6 +452,101 @@ CommandResult UnlockCommand(CommandContext& context, const Arguments&) {
     }
     CommandResult result;
     result.json = Json{{"command", "unlock"}, {"ok", true}, {"removed", std::move(removed)}};
+    return result;
+}
+
+namespace {
+
+// Where a rehydration stands: objects asked to come back now, objects on
+// their way, objects online.
+struct Rehydration {
+    std::vector<std::string> requested;
+    std::vector<std::string> pending;
+    size_t online = 0;
+};
+
+void Rehydrate(CommandContext& context, const std::vector<StoredObject>& objects, Rehydration& state) {
+    const std::string value = context.options.rehydrateTier + ";" + context.options.rehydratePriority;
+    for (const StoredObject& object : objects) {
+        if (!object.archiveStatus.empty()) {
+            state.pending.push_back(object.name);
+        } else if (object.tier == "Archive") {
+            context.session.SetProperty(object.name, kAccessTierProperty, value);
+            state.requested.push_back(object.name);
+        } else {
+            ++state.online;
+        }
+    }
+}
+
+std::vector<StoredObject> Listed(ObjectStore& store, const std::string& prefix, const std::set<std::string>* only) {
+    std::vector<StoredObject> out;
+    for (StoredObject& object : store.List(prefix)) {
+        if (!only || only->count(object.name)) out.push_back(std::move(object));
+    }
+    return out;
+}
+
+}  // namespace
+
+CommandResult RehydrateCommand(CommandContext& context, const Arguments& arguments) {
+    const std::string& target = arguments[0];
+    const std::string& tier = context.options.rehydrateTier;
+    PluginObjectStore store(context.session);
+    Rehydration state;
+    std::string stage;
+    if (NamesSnapshot(target) && Repository::Exists(store, context.options.layout.root)) {
+        // The repository's own objects first: without them nothing says
+        // which packs the snapshot needs.
+        const RepositoryLayout layout{context.options.layout.root};
+        std::vector<StoredObject> own = Listed(store, layout.KeysPrefix(), nullptr);
+        for (const std::string& prefix : {layout.Config(), layout.IndexPrefix(), layout.SnapshotsPrefix()}) {
+            for (StoredObject& object : Listed(store, prefix, nullptr)) own.push_back(std::move(object));
+        }
+        Rehydrate(context, own, state);
+        if (!state.requested.empty() || !state.pending.empty()) {
+            stage = "repository";
+            context.Say("the repository's own objects (keys, config, index, snapshots) are coming back first: run "
+                        "'cloudplugin-host rehydrate " + target + "' again once they are online");
+        } else {
+            stage = "packs";
+            Repository repository(store, layout.root, context.options.password);
+            const Snapshot snapshot = repository.LoadSnapshot(Resolve(repository, target.substr(0, target.find(':'))));
+            const MasterIndex index = repository.LoadIndex();
+            std::set<std::string> packs;
+            for (const SnapshotFile& file : snapshot.files) {
+                for (const Id& chunk : file.chunks) {
+                    if (const BlobLocation* location = index.Find(chunk)) packs.insert(layout.Pack(location->pack));
+                }
+            }
+            state.online = 0;
+            Rehydrate(context, Listed(store, layout.DataPrefix(), &packs), state);
+        }
+    } else {
+        if (!IsValidBackupId(target)) throw ToolError(kExitUsage, "not a snapshot or a backup name: " + target);
+        stage = "backup";
+        const BackupLayout& layout = context.options.layout;
+        std::vector<StoredObject> objects = Listed(store, layout.DataPrefix(target), nullptr);
+        const std::set<std::string> manifest = {layout.ManifestName(target)};
+        for (StoredObject& object : Listed(store, layout.ManifestsPrefix(), &manifest)) objects.push_back(std::move(object));
+        if (objects.empty()) throw ToolError(kExitNoSuchBackup, "no backup named " + target);
+        Rehydrate(context, objects, state);
+    }
+    context.Say("rehydrate " + Printable(target) + " to " + tier + " (" + context.options.rehydratePriority +
+                " priority): " + std::to_string(state.requested.size()) + " objects asked to come back now, " +
+                std::to_string(state.pending.size()) + " on their way, " + std::to_string(state.online) + " online" +
+                (state.requested.empty() && state.pending.empty() ? ": ready to restore" : ""));
+    CommandResult result;
+    result.json = Json{{"command", "rehydrate"},
+                       {"ok", true},
+                       {"target", target},
+                       {"stage", stage},
+                       {"tier", tier},
+                       {"priority", context.options.rehydratePriority},
+                       {"requested", state.requested},
+                       {"pending", state.pending},
+                       {"online", state.online},
+                       {"ready", state.requested.empty() && state.pending.empty()}};
     return result;
 }
 

@@ -35,6 +35,7 @@ CommandResult BackupCommand(CommandContext& context, const Arguments& arguments)
 CommandResult RestoreCommand(CommandContext& context, const Arguments& arguments) {
     return LegacyRestoreCommand(context, arguments);
 }
+CommandResult RehydrateCommand(CommandContext&, const Arguments&) { Unavailable("rehydrate"); }
 CommandResult PruneCommand(CommandContext& context, const Arguments& arguments) {
     return LegacyPruneCommand(context, arguments);
 }

@@ -48,6 +48,8 @@ const CommandEntry kCommands[] = {
     {"diff", {"SNAPSHOT1", "SNAPSHOT2"}, "what changed between two snapshots", DiffCommand},
     {"locks", {}, "the repository's locks (stale ones marked)", LocksCommand},
     {"unlock", {}, "remove stale locks (--all: every lock)", UnlockCommand},
+    {"rehydrate", {"TARGET"}, "bring the archived objects of a snapshot (or a version 2 backup)\n"
+     "back to an online tier; says what is still pending", RehydrateCommand},
     {"list", {}, "backups of the version 2 layout (with --all also incomplete ones)", ListCommand},
     {"verify", {"BACKUP"}, "read a version 2 backup back and check every hash", VerifyCommand},
     {"delete", {"BACKUP"}, "delete a version 2 backup (complete or not)", DeleteCommand},
@@ -209,6 +211,16 @@ const OptionEntry kOptions[] = {
     {"--prune", nullptr, "forget: prune afterwards", [](CommandLine& l, const std::string&) { l.options.prune = true; }},
     {"--dry-run", nullptr, "forget, prune: say what would be removed, remove nothing",
      [](CommandLine& l, const std::string&) { l.options.dryRun = true; }},
+    {"--tier", "TIER", "rehydrate: Hot or Cool (default: Hot)",
+     [](CommandLine& l, const std::string& v) {
+         if (v != "Hot" && v != "Cool") Usage("--tier takes Hot or Cool, not " + v);
+         l.options.rehydrateTier = v;
+     }},
+    {"--priority", "PRIORITY", "rehydrate: Standard or High (default: Standard; High costs more)",
+     [](CommandLine& l, const std::string& v) {
+         if (v != "Standard" && v != "High") Usage("--priority takes Standard or High, not " + v);
+         l.options.rehydratePriority = v;
+     }},
     {"--json", nullptr, "machine-readable output on standard output",
      [](CommandLine& l, const std::string&) { l.options.json = true; }},
     {"--quiet", nullptr, "no progress and no summary", [](CommandLine& l, const std::string&) { l.options.quiet = true; }},

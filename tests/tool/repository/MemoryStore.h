@@ -38,7 +38,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         std::vector<qvhost::repo::StoredObject> out;
         for (auto it = objects_.lower_bound(prefix); it != objects_.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
-            out.push_back({it->first, it->second.size()});
+            out.push_back({it->first, it->second.size(), {}, {}});
         }
         return out;
     }

@@ -201,9 +201,8 @@ void BackupRun::AdoptInterruptedPacks() {
             newPacks_.push_back(std::move(pack));
             ++report_.packsAdopted;
         } catch (const ToolError&) {
-            // Not a pack of ours that can be used: left to prune and check.
-        } catch (const ObjectMissing&) {
-            // Removed meanwhile (prune).
+            // Not a pack of ours that can be used (or removed meanwhile):
+            // left to prune and check.
         }
     }
 }

@@ -150,11 +150,11 @@ CheckReport RunCheck(Repository& repository, const CheckOptions& options) {
                             Damaged("the pack " + layout.Pack(pack) + ": the blob " + Short(entry.id) + " " + why);
                         }
                     }
+                } catch (const ObjectMissing&) {
+                    problem = "the pack " + layout.Pack(pack) + " went missing while being checked";
                 } catch (const ToolError& failure) {
                     if (failure.exitStatus() != kExitDamaged) throw;
                     problem = failure.what();
-                } catch (const ObjectMissing&) {
-                    problem = "the pack " + layout.Pack(pack) + " went missing while being checked";
                 }
                 std::lock_guard<std::mutex> lock(mutex);
                 report.bytesRead += bytes.size();

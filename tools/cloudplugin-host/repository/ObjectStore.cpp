@@ -17,6 +17,7 @@ auto MissingAsObjectMissing(const std::string& name, Call&& call) {
         return call();
     } catch (const PluginError& failure) {
         if (failure.code() == kResultObjectNotFound) throw ObjectMissing(name);
+        if (failure.code() == kResultArchived) throw ObjectArchived(name);
         throw;
     }
 }
@@ -61,7 +62,11 @@ Bytes PluginObjectStore::ReadAll(const std::string& name, uint64_t limit) {
 std::vector<StoredObject> PluginObjectStore::List(const std::string& prefix) {
     std::vector<StoredObject> objects;
     for (const ListedObject& listed : session_.List(prefix)) {
-        StoredObject object{listed.name, 0};
+        StoredObject object{listed.name, 0, {}, {}};
+        const auto tier = listed.metadata.find(kAccessTierProperty);
+        if (tier != listed.metadata.end()) object.tier = tier->second;
+        const auto status = listed.metadata.find(kArchiveStatusProperty);
+        if (status != listed.metadata.end()) object.archiveStatus = status->second;
         const auto size = listed.metadata.find(kSizeProperty);
         if (size != listed.metadata.end() && !size->second.empty() && size->second.size() < 19 &&
             size->second.find_first_not_of("0123456789") == std::string::npos) {

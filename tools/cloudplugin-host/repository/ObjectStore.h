@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "ToolError.h"
 #include "repository/Crypto.h"
 
 namespace qvhost {
@@ -23,7 +24,9 @@ namespace qvhost::repo {
 
 struct StoredObject {
     std::string name;
-    uint64_t size = 0;  // 0 when the storage does not say
+    uint64_t size = 0;          // 0 when the storage does not say
+    std::string tier;           // "Hot", "Cool", "Cold", "Archive"; empty when the storage does not say
+    std::string archiveStatus;  // e.g. "rehydrate-pending-to-hot" while an archived object comes back
 };
 
 class ObjectStore {
@@ -43,11 +46,25 @@ public:
     virtual void Delete(const std::string& name) = 0;
 };
 
+// Reading an object in the Archive tier: nothing of it can be read until it
+// is rehydrated.
+class ObjectArchived : public ToolError {
+public:
+    explicit ObjectArchived(const std::string& name)
+        : ToolError(kExitPluginFailed, "object " + name + " is in the Archive tier ('cloudplugin-host rehydrate' "
+                                       "brings it back to an online tier)"),
+          name_(name) {}
+    const std::string& name() const { return name_; }
+
+private:
+    std::string name_;
+};
+
 // Reading an object that does not exist.
-class ObjectMissing : public std::runtime_error {
+class ObjectMissing : public ToolError {
 public:
     explicit ObjectMissing(const std::string& name)
-        : std::runtime_error("object " + name + " does not exist"), name_(name) {}
+        : ToolError(kExitDamaged, "object " + name + " does not exist"), name_(name) {}
     const std::string& name() const { return name_; }
 
 private:
