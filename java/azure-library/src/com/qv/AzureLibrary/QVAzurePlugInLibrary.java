@@ -303,7 +303,11 @@ public class QVAzurePlugInLibrary {
      * all of it when {@code propertyNames} is null or empty, otherwise only
      * the named properties that exist. Besides the object's own metadata the
      * names Content-Length, Content-Type, ETag and Last-Modified give the
-     * blob's properties of that name.
+     * blob's properties of that name, and x-ms-access-tier,
+     * x-ms-archive-status and x-ms-rehydrate-priority the tier properties
+     * when the service reports them: Get Blob does not, so only a read that
+     * asks Get Blob Properties instead (nothing to read, or at or past the
+     * end) answers them.
      */
     public CRObjectByNameFnValue ReadObjectByName(String name, byte[] data, long offset, long length,
                                                   String[] propertyNames) {
@@ -360,8 +364,51 @@ public class QVAzurePlugInLibrary {
         return out.toArray(new CPluginMetaData[0]);
     }
 
+    /** The property that sets (SetObjectMetaData) and reports an object's access tier. */
+    public static final String ACCESS_TIER = "x-ms-access-tier";
+    /** Reported while a rehydration is pending, e.g. rehydrate-pending-to-hot. */
+    public static final String ARCHIVE_STATUS = "x-ms-archive-status";
+    /** The priority of a pending rehydration, High or Standard. */
+    public static final String REHYDRATE_PRIORITY = "x-ms-rehydrate-priority";
+
+    /**
+     * Properties the service reports on Get Blob Properties (a HEAD) and in
+     * listings, not on Get Blob: a read answers them only when it was made
+     * with a HEAD (nothing to read, or at or past the end).
+     */
+    private static final List<String> TIER_PROPERTIES = List.of(ACCESS_TIER, ARCHIVE_STATUS, REHYDRATE_PRIORITY);
+
     private static final List<String> SYSTEM_PROPERTIES =
-        List.of("content-length", "content-type", "etag", "last-modified");
+        List.of("content-length", "content-type", "etag", "last-modified", ACCESS_TIER, ARCHIVE_STATUS,
+                REHYDRATE_PRIORITY);
+
+    private static void putIfReported(Map<String, String> props, String name, String value) {
+        if (value != null) {
+            props.putIfAbsent(name, value);
+        }
+    }
+
+    /**
+     * The value of {@value #ACCESS_TIER} for SetObjectMetaData: the tier as the
+     * service spells it and the rehydrate priority (null without one).
+     */
+    static String[] parseTierValue(String value) throws StorageException {
+        if (value != null) {
+            int semi = value.indexOf(';');
+            String tier = StorageConnection.canonicalTier(semi < 0 ? value : value.substring(0, semi));
+            String priority = null;
+            if (semi >= 0) {
+                String p = value.substring(semi + 1);
+                priority = "High".equalsIgnoreCase(p) ? "High" : "Standard".equalsIgnoreCase(p) ? "Standard" : "";
+            }
+            if (tier != null && !"".equals(priority)) {
+                return new String[] {tier, priority};
+            }
+        }
+        throw new StorageException(ERRORID.INVALID_ARGUMENT,
+                                   ACCESS_TIER + " must be Hot, Cool, Cold or Archive, optionally with ;High or "
+                                       + ";Standard");
+    }
 
     // ------------------------------------------------------------------ handles
 
@@ -518,6 +565,14 @@ public class QVAzurePlugInLibrary {
     /**
      * Sets one property and keeps the others. The read-modify-write is guarded
      * by the blob's ETag and tried again when another writer got in between.
+     *
+     * The property {@value #ACCESS_TIER} (any case) is not metadata: it sets
+     * the object's access tier with Set Blob Tier, the way an archived object
+     * is brought back. Its value is Hot, Cool, Cold or Archive (any case),
+     * optionally followed by ";High" or ";Standard", the rehydrate priority;
+     * any other value gives INVALID_ARGUMENT and nothing is sent. A
+     * rehydration from Archive is only begun here (the service answers 202
+     * and takes hours); listings and property reads tell where it stands.
      */
     public CErrorValue SetObjectMetaData(String name, String property, String value) {
         try {
@@ -525,6 +580,13 @@ public class QVAzurePlugInLibrary {
             String blob = requireName(name);
             if (property == null || property.isEmpty()) {
                 throw new StorageException(ERRORID.INVALID_METADATA, "empty property name");
+            }
+            if (property.equalsIgnoreCase(ACCESS_TIER)) {
+                String[] tier = parseTierValue(value);
+                int status = c.setTier(c.startOperation(), blob, tier[0], tier[1]);
+                LOG.log(Level.FINE, "SetObjectMetaData: {0} to {1}{2}: {3}",
+                        new Object[] {blob, tier[0], tier[1] == null ? "" : " (" + tier[1] + ")", status});
+                return ok();
             }
             Deadline op = c.startOperation();
             for (int attempt = 0; ; ++attempt) {
@@ -547,12 +609,21 @@ public class QVAzurePlugInLibrary {
         }
     }
 
-    /** One property's value; NOT_FOUND when the object has no property of that name. */
+    /**
+     * One property's value; NOT_FOUND when the object has no property of that
+     * name. Besides the object's own metadata the names x-ms-access-tier,
+     * x-ms-archive-status and x-ms-rehydrate-priority give the tier, archive
+     * status and rehydrate priority Get Blob Properties reports, when it
+     * reports them.
+     */
     public CGetObjectMetaData GetObjectMetaData(String name, String property) {
         try {
             BlobRestClient c = requireClient();
             BlobRestClient.Response props = c.properties(c.startOperation(), requireName(name));
             String v = decodeMetadata(props.metadata()).get(property);
+            if (v == null && property != null && TIER_PROPERTIES.contains(property.toLowerCase(Locale.ROOT))) {
+                v = props.header(property);
+            }
             if (v == null) {
                 return new CGetObjectMetaData(err(ERRORID.NOT_FOUND), null);
             }
@@ -576,7 +647,13 @@ public class QVAzurePlugInLibrary {
         }
     }
 
-    /** Every object whose name starts with the path (all objects for a null or empty path), with its metadata. */
+    /**
+     * Every object whose name starts with the path (all objects for a null or
+     * empty path), with its metadata and, as x-ms-access-tier,
+     * x-ms-archive-status and x-ms-rehydrate-priority, the tier, archive
+     * status and rehydrate priority the listing reports (each only when
+     * reported, and never in place of a metadata entry of the same name).
+     */
     public CRetGetSubMetaDataList GetObjectSubList(String path) {
         try {
             BlobRestClient c = requireClient();
@@ -586,7 +663,11 @@ public class QVAzurePlugInLibrary {
             do {
                 BlobRestClient.BlobPage page = c.listBlobs(op, path, marker, listPageSize, true);
                 for (BlobRestClient.BlobItem item : page.items) {
-                    out.add(new CObjectSubListElement(item.name, toArray(decodeMetadata(item.metadata))));
+                    Map<String, String> props = decodeMetadata(item.metadata);
+                    putIfReported(props, ACCESS_TIER, item.accessTier);
+                    putIfReported(props, ARCHIVE_STATUS, item.archiveStatus);
+                    putIfReported(props, REHYDRATE_PRIORITY, item.rehydratePriority);
+                    out.add(new CObjectSubListElement(item.name, toArray(props)));
                 }
                 marker = page.nextMarker;
             } while (marker != null);

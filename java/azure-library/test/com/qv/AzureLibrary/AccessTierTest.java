@@ -74,7 +74,12 @@ class AccessTierTest extends ProxiedAzuriteTest {
             assertEquals(tier, storedTier(l, name), "the tier Azurite reports for " + name);
         }
         assertEquals("v", l.GetObjectMetaData(small, "k").value, "metadata of an object in " + tier);
-        assertEquals(2, l.GetObjectSubList("tier/" + tier + "/").metaDat.length, "listed");
+        CObjectSubListElement[] listed = l.GetObjectSubList("tier/" + tier + "/").metaDat;
+        assertEquals(2, listed.length, "listed");
+        for (CObjectSubListElement e : listed) {
+            assertEquals(tier, TestSupport.asMap(e.metaDat).get(QVAzurePlugInLibrary.ACCESS_TIER),
+                         "the listing's tier of " + e.szFileName);
+        }
 
         if (tier.equals("Archive")) {
             ERRORID archived = ERRORID.ARCHIVED_OBJECT_NOT_READABLE;
@@ -102,6 +107,8 @@ class AccessTierTest extends ProxiedAzuriteTest {
         FaultProxy.Request head = only(r -> r.method.equals("HEAD"), "one HEAD");
         assertEquals("Hot", head.replyHeader("x-ms-access-tier"), "Azurite's default");
         assertEquals("true", head.replyHeader("x-ms-access-tier-inferred"), "inferred, not set");
+        assertEquals(Map.of(QVAzurePlugInLibrary.ACCESS_TIER, "Hot"),
+                     TestSupport.asMap(l.GetObjectSubList(name).metaDat[0].metaDat), "listed in the inferred tier");
     }
 
     /**

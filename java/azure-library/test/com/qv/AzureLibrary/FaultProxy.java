@@ -33,7 +33,10 @@ import javax.net.ssl.SSLContext;
  * a delay before the request is forwarded, or an answer whose body stops
  * halfway; or, as a service does with a request it refuses by its head, an
  * error answer before the body is read, the connection then reset under
- * whatever of the body comes.
+ * whatever of the body comes. For what the service behind it does not
+ * model, the proxy can also answer a request with a canned answer of its
+ * own (any status, headers and body), or forward it and hand back the
+ * service's answer with some headers set.
  *
  * A request that asks "Expect: 100-continue" gets the interim 100 Continue
  * from the proxy before its body is read, as the service (and Azurite)
@@ -147,32 +150,55 @@ final class FaultProxy implements AutoCloseable {
 
     /** What the proxy does instead of (or before) forwarding. */
     static final class Fault {
-        enum Kind { STATUS, EARLY_STATUS, NO_CONTINUE, DROP, RESET, DELAY, STALL_BODY }
+        enum Kind { STATUS, EARLY_STATUS, NO_CONTINUE, DROP, RESET, DELAY, STALL_BODY, CANNED, SET_REPLY_HEADERS }
 
         final Kind kind;
         final int status;
         final String code;
         final long delayMillis;
-        /** Further headers of an error answer. */
+        /** Further headers of an error or canned answer; the headers set in the service's answer. */
         final Map<String, String> extra;
+        /** The body of a canned answer. */
+        final byte[] body;
 
-        private Fault(Kind kind, int status, String code, long delayMillis, Map<String, String> extra) {
+        private Fault(Kind kind, int status, String code, long delayMillis, Map<String, String> extra,
+                      byte[] body) {
             this.kind = kind;
             this.status = status;
             this.code = code;
             this.delayMillis = delayMillis;
             this.extra = extra;
+            this.body = body;
         }
 
         private Fault(Kind kind, int status, String code, long delayMillis) {
-            this(kind, status, code, delayMillis, Map.of());
+            this(kind, status, code, delayMillis, Map.of(), new byte[0]);
         }
 
-        /** The same error answer with one more header, e.g. Retry-After. */
+        /** The same answer with one more header, e.g. Retry-After. */
         Fault withHeader(String name, String value) {
             Map<String, String> h = new LinkedHashMap<>(extra);
             h.put(name, value);
-            return new Fault(kind, status, code, delayMillis, h);
+            return new Fault(kind, status, code, delayMillis, h, body);
+        }
+
+        /**
+         * An answer of the proxy's own, in place of the service's: the status,
+         * the headers given (with {@link #withHeader} more) and the body, with
+         * its Content-Length (for a HEAD the body is left out, its length
+         * kept, as a service answers a HEAD). The request is not forwarded.
+         */
+        static Fault answer(int status, byte[] body) {
+            return new Fault(Kind.CANNED, status, null, 0, Map.of(), body);
+        }
+
+        /**
+         * Forwards the request and hands back the service's answer with these
+         * headers set (replacing any of the same name, in any case), e.g.
+         * headers the service does not send. Add them with {@link #withHeader}.
+         */
+        static Fault replyHeaders() {
+            return new Fault(Kind.SET_REPLY_HEADERS, 0, null, 0, Map.of(), new byte[0]);
         }
 
         /** An error answer; with a code it carries x-ms-error-code and an XML error body as the service sends. */
@@ -459,6 +485,18 @@ final class FaultProxy implements AutoCloseable {
                         return; // a request the client gave up on must not reach the service late
                     }
                     break;
+                case CANNED:
+                    byte[] canned = cannedAnswer(req, fault);
+                    req.reply = head(canned);
+                    out.write(canned);
+                    out.flush();
+                    return;
+                case SET_REPLY_HEADERS:
+                    byte[] changed = withHeaders(forward(req), fault.extra);
+                    req.reply = head(changed);
+                    out.write(changed);
+                    out.flush();
+                    return;
                 case STALL_BODY:
                     byte[] reply = forward(req);
                     int bodyStart = Math.max(headEnd(reply), 0);
@@ -596,6 +634,55 @@ final class FaultProxy implements AutoCloseable {
         head.append("Content-Length: ").append(body.length).append("\r\n");
         head.append("Connection: close\r\n\r\n");
         return concat(head.toString().getBytes(StandardCharsets.ISO_8859_1), body);
+    }
+
+    private static String reason(int status) {
+        switch (status) {
+            case 200:
+                return "OK";
+            case 201:
+                return "Created";
+            case 202:
+                return "Accepted";
+            case 503:
+                return "Service Unavailable";
+            default:
+                return "Injected";
+        }
+    }
+
+    private static byte[] cannedAnswer(Request req, Fault f) {
+        StringBuilder head = new StringBuilder();
+        head.append("HTTP/1.1 ").append(f.status).append(' ').append(reason(f.status)).append("\r\n");
+        for (Map.Entry<String, String> e : f.extra.entrySet()) {
+            head.append(e.getKey()).append(": ").append(e.getValue()).append("\r\n");
+        }
+        head.append("Content-Length: ").append(f.body.length).append("\r\n");
+        head.append("Connection: close\r\n\r\n");
+        byte[] h = head.toString().getBytes(StandardCharsets.ISO_8859_1);
+        return req.method.equals("HEAD") ? h : concat(h, f.body);
+    }
+
+    /** The reply with the given headers set: any of the same name (in any case) replaced, the body as it came. */
+    private static byte[] withHeaders(byte[] reply, Map<String, String> set) {
+        int bodyStart = headEnd(reply);
+        if (bodyStart < 0) {
+            return reply;
+        }
+        StringBuilder head = new StringBuilder();
+        for (String line : new String(reply, 0, bodyStart - 4, StandardCharsets.ISO_8859_1).split("\r\n")) {
+            int colon = line.indexOf(':');
+            String name = colon > 0 ? line.substring(0, colon).trim() : null;
+            if (name == null || set.keySet().stream().noneMatch(name::equalsIgnoreCase)) {
+                head.append(line).append("\r\n");
+            }
+        }
+        for (Map.Entry<String, String> e : set.entrySet()) {
+            head.append(e.getKey()).append(": ").append(e.getValue()).append("\r\n");
+        }
+        head.append("\r\n");
+        return concat(head.toString().getBytes(StandardCharsets.ISO_8859_1),
+                      java.util.Arrays.copyOfRange(reply, bodyStart, reply.length));
     }
 
     /** Sends the request to the service on a connection of its own and answers the whole reply. */

@@ -141,6 +141,17 @@ final class TestSupport {
         return m;
     }
 
+    /**
+     * What a listing answers for an object with this metadata in this tier:
+     * the metadata and the tier the service reports (Azurite reports Hot for
+     * an object written without one).
+     */
+    static Map<String, String> listedInTier(Map<String, String> meta, String tier) {
+        Map<String, String> m = new HashMap<>(meta);
+        m.put(QVAzurePlugInLibrary.ACCESS_TIER, tier);
+        return m;
+    }
+
     static Map<String, String> ordered(String... namesAndValues) {
         Map<String, String> m = new LinkedHashMap<>();
         for (int i = 0; i < namesAndValues.length; i += 2) {

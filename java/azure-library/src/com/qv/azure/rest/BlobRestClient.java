@@ -722,16 +722,45 @@ public final class BlobRestClient {
         send(op, "DELETE", blobPath(blob), null, Map.of(), null, 0, 0, null, 202);
     }
 
+    /**
+     * Set Blob Tier. The service answers 200 when the change is done and 202
+     * when it has begun: a rehydration from Archive, which takes hours, while
+     * the blob keeps reporting Archive with x-ms-archive-status
+     * rehydrate-pending-to-&lt;tier&gt;.
+     *
+     * @param tier     Hot, Cool, Cold or Archive, as the service spells them
+     * @param priority the rehydrate priority (High or Standard), or null to send none
+     * @return the status the service answered (200 or 202)
+     */
+    public int setTier(Deadline op, String blob, String tier, String priority) throws StorageException {
+        Map<String, String> h = new LinkedHashMap<>();
+        h.put("x-ms-access-tier", tier);
+        if (priority != null) {
+            h.put("x-ms-rehydrate-priority", priority);
+        }
+        return send(op, "PUT", blobPath(blob), "comp=tier", h, null, 0, 0, null, 200, 202).status;
+    }
+
     /** One blob of a listing. */
     public static final class BlobItem {
         public final String name;
         public final long size;
         public final Map<String, String> metadata;
+        /** The blob's tier (AccessTier, also when only inferred from the account's default), or null. */
+        public final String accessTier;
+        /** ArchiveStatus, e.g. rehydrate-pending-to-hot, while a rehydration is pending; else null. */
+        public final String archiveStatus;
+        /** RehydratePriority (High or Standard) where the service reports one; else null. */
+        public final String rehydratePriority;
 
-        BlobItem(String name, long size, Map<String, String> metadata) {
+        BlobItem(String name, long size, Map<String, String> metadata, String accessTier, String archiveStatus,
+                 String rehydratePriority) {
             this.name = name;
             this.size = size;
             this.metadata = metadata;
+            this.accessTier = accessTier;
+            this.archiveStatus = archiveStatus;
+            this.rehydratePriority = rehydratePriority;
         }
     }
 
@@ -769,8 +798,14 @@ public final class BlobRestClient {
             Element b = (Element) blobs.item(i);
             String name = childText(b, "Name");
             long size = 0;
+            String tier = null;
+            String archiveStatus = null;
+            String priority = null;
             Element props = child(b, "Properties");
             if (props != null) {
+                tier = nonEmpty(childText(props, "AccessTier"));
+                archiveStatus = nonEmpty(childText(props, "ArchiveStatus"));
+                priority = nonEmpty(childText(props, "RehydratePriority"));
                 String len = childText(props, "Content-Length");
                 if (len != null && !len.isEmpty()) {
                     try {
@@ -789,7 +824,7 @@ public final class BlobRestClient {
                     }
                 }
             }
-            items.add(new BlobItem(name, size, meta));
+            items.add(new BlobItem(name, size, meta, tier, archiveStatus, priority));
         }
         return new BlobPage(items, nextMarker(doc, marker));
     }
@@ -860,5 +895,14 @@ public final class BlobRestClient {
     private static String childText(Element parent, String name) {
         Element c = child(parent, name);
         return c == null ? null : c.getTextContent();
+    }
+
+    /** The text trimmed, or null when there is none. */
+    private static String nonEmpty(String text) {
+        if (text == null) {
+            return null;
+        }
+        String t = text.trim();
+        return t.isEmpty() ? null : t;
     }
 }

@@ -84,6 +84,8 @@ public final class ErrorMap {
                     case "ContainerBeingDeleted":
                         return ERRORID.CONTAINER_BEING_DELETED;
                     case "BlobArchived":
+                    // A tier change while a rehydration is pending: the blob is still in Archive.
+                    case "BlobBeingRehydrated":
                         return ERRORID.ARCHIVED_OBJECT_NOT_READABLE;
                     default:
                         if (lc.contains("alreadyexists")) {

@@ -213,18 +213,27 @@ public final class StorageConnection {
 
     private static final String[] TIERS = {"Hot", "Cool", "Cold", "Archive"};
 
+    /** A block blob's access tier (Hot, Cool, Cold, Archive; any case) as the service spells it, or null. */
+    public static String canonicalTier(String tier) {
+        for (String t : TIERS) {
+            if (t.equalsIgnoreCase(tier)) {
+                return t;
+            }
+        }
+        return null;
+    }
+
     /** The AccessTier key in its canonical spelling, or null when absent. */
     private static String accessTier(Map<String, String> pairs) throws Invalid {
         String v = pairs.get("accesstier");
         if (v == null) {
             return null;
         }
-        for (String t : TIERS) {
-            if (t.equalsIgnoreCase(v)) {
-                return t;
-            }
+        String t = canonicalTier(v);
+        if (t == null) {
+            throw new Invalid(Invalid.Reason.BAD_OPTION, "AccessTier must be Hot, Cool, Cold or Archive");
         }
-        throw new Invalid(Invalid.Reason.BAD_OPTION, "AccessTier must be Hot, Cool, Cold or Archive");
+        return t;
     }
 
     private static final Pattern WHOLE = Pattern.compile("[0-9]{1,9}");

@@ -182,6 +182,8 @@ class RestPiecesTest {
         assertEquals(ERRORID.QUOTA_EXCEEDED, ErrorMap.fromHttp(403, "ContainerQuotaExceeded"));
         assertEquals(ERRORID.CONDITION_NOT_MET, ErrorMap.fromHttp(412, "ConditionNotMet"));
         assertEquals(ERRORID.ACCOUNT_DISABLED, ErrorMap.fromHttp(403, "AccountIsDisabled"));
+        assertEquals(ERRORID.ARCHIVED_OBJECT_NOT_READABLE, ErrorMap.fromHttp(409, "BlobBeingRehydrated"));
+        assertEquals(ERRORID.INVALID_ARGUMENT, ErrorMap.fromHttp(400, "InvalidHeaderValue"));
     }
 
     @Test
