@@ -94,6 +94,7 @@ CommandResult ObjectPutCommand(CommandContext& context, const Arguments& argumen
 CommandResult ObjectGetCommand(CommandContext& context, const Arguments& arguments);
 CommandResult ObjectDeleteCommand(CommandContext& context, const Arguments& arguments);
 CommandResult ObjectListCommand(CommandContext& context, const Arguments& arguments);
+CommandResult ObjectTierCommand(CommandContext& context, const Arguments& arguments);
 CommandResult InitCommand(CommandContext& context, const Arguments& arguments);
 CommandResult SnapshotsCommand(CommandContext& context, const Arguments& arguments);
 CommandResult CheckCommand(CommandContext& context, const Arguments& arguments);

@@ -48,11 +48,10 @@ std::string Resolve(Repository& repository, const std::string& argument, const s
     return id;
 }
 
-Json SnapshotJson(const Snapshot& snapshot) {
-    return Json{{"snapshot", snapshot.id},     {"short_id", ShortId(snapshot.id)}, {"time", snapshot.time},
-                {"host", snapshot.host},       {"source", snapshot.source},     {"tags", snapshot.tags},
-                {"parent", snapshot.parent},   {"files", snapshot.files.size()}, {"bytes", snapshot.TotalBytes()},
-                {"summary", snapshot.summary}};
+Json SnapshotJson(const SnapshotInfo& snapshot) {
+    return Json{{"snapshot", snapshot.id},   {"short_id", ShortId(snapshot.id)}, {"time", snapshot.time},
+                {"host", snapshot.host},     {"source", snapshot.source},     {"tags", snapshot.tags},
+                {"parent", snapshot.parent}, {"files", snapshot.files},       {"bytes", snapshot.bytes}};
 }
 
 std::string TagsText(const std::vector<std::string>& tags) {
@@ -68,9 +67,10 @@ namespace {
 // A restore that meets an archived object stops with one line saying what
 // brings it back.
 [[noreturn]] void ArchivedHint(const std::string& target, const std::string& object) {
-    throw ToolError(kExitPluginFailed, "the data of " + target + " is in the Archive tier (object " + object +
-                                           "): run 'cloudplugin-host rehydrate " + target +
-                                           "', wait until it reports nothing pending (hours), then restore again");
+    throw PluginError("ReadObjectByName", object, kResultArchived,
+                      "the data of " + target + " is in the Archive tier (object " + object +
+                          ", result code 49): run 'cloudplugin-host rehydrate " + target +
+                          "', wait until it reports nothing pending (hours), then restore again");
 }
 
 }  // namespace
@@ -164,13 +164,14 @@ CommandResult SnapshotsCommand(CommandContext& context, const Arguments&) {
     PluginObjectStore store(context.session);
     if (Repository::Exists(store, context.options.layout.root)) {
         Repository repository(store, context.options.layout.root, context.options.password);
-        const std::vector<Snapshot> all = repository.LoadSnapshots();
+        const std::vector<SnapshotInfo> all = repository.ListSnapshotInfos();
         if (!all.empty()) context.Say("snapshot  time                  host             files        size  source");
-        for (const Snapshot& snapshot : all) {
+        for (const SnapshotInfo& snapshot : all) {
             char line[512];
-            std::snprintf(line, sizeof line, "%-8s  %-20s  %-15s %6zu %11s  %s%s%s", ShortId(snapshot.id).c_str(),
-                          snapshot.time.c_str(), Printable(snapshot.host).c_str(), snapshot.files.size(),
-                          FormatBytes(static_cast<double>(snapshot.TotalBytes())).c_str(),
+            std::snprintf(line, sizeof line, "%-8s  %-20s  %-15s %6llu %11s  %s%s%s", ShortId(snapshot.id).c_str(),
+                          Printable(snapshot.time).c_str(), Printable(snapshot.host).c_str(),
+                          static_cast<unsigned long long>(snapshot.files),
+                          FormatBytes(static_cast<double>(snapshot.bytes)).c_str(),
                           Printable(snapshot.source).c_str(), snapshot.tags.empty() ? "" : "  tags ",
                           TagsText(snapshot.tags).c_str());
             context.Say(line);
@@ -362,8 +363,8 @@ CommandResult ForgetCommand(CommandContext& context, const Arguments& arguments)
     } else {
         // The policy applies to each host and source on its own.
         std::map<std::pair<std::string, std::string>, std::vector<DatedSnapshot>> byGroup;
-        for (const Snapshot& snapshot : open.repository.LoadSnapshots()) {
-            byGroup[{snapshot.host, snapshot.source}].push_back({snapshot.id, snapshot.Seconds()});
+        for (const SnapshotInfo& snapshot : open.repository.ListSnapshotInfos()) {
+            byGroup[{snapshot.host, snapshot.source}].push_back({snapshot.id, snapshot.timeNs / 1000000000});
         }
         for (auto& [group, snapshots] : byGroup) {
             const RetentionDecision decision = ApplyRetention(snapshots, policy);

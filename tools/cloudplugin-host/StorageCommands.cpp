@@ -242,6 +242,14 @@ CommandResult ObjectDeleteCommand(CommandContext& context, const Arguments& argu
     return result;
 }
 
+CommandResult ObjectTierCommand(CommandContext& context, const Arguments& arguments) {
+    context.session.SetProperty(arguments[0], kAccessTierProperty, arguments[1]);
+    context.Say("asked for " + arguments[0] + " to move to the tier " + arguments[1]);
+    CommandResult result;
+    result.json = Json{{"command", "object tier"}, {"ok", true}, {"object", arguments[0]}, {"tier", arguments[1]}};
+    return result;
+}
+
 CommandResult ObjectListCommand(CommandContext& context, const Arguments& arguments) {
     std::vector<ListedObject> objects = context.session.List(arguments.empty() ? "" : arguments[0]);
     std::sort(objects.begin(), objects.end(),

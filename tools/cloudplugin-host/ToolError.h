@@ -45,6 +45,12 @@ public:
           operation_(std::move(operation)),
           object_(std::move(object)),
           code_(code) {}
+    // The same failure told in the command's own words.
+    PluginError(std::string operation, std::string object, uint32_t code, const std::string& message)
+        : ToolError(kExitPluginFailed, message),
+          operation_(std::move(operation)),
+          object_(std::move(object)),
+          code_(code) {}
 
     const std::string& operation() const { return operation_; }
     const std::string& object() const { return object_; }

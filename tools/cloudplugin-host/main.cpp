@@ -59,6 +59,8 @@ const CommandEntry kCommands[] = {
     {"object get", {"NAME", "FILE"}, "read object NAME into FILE", ObjectGetCommand},
     {"object delete", {"NAME"}, "delete object NAME", ObjectDeleteCommand},
     {"object list", {"[PREFIX]"}, "objects whose names start with PREFIX, with their metadata", ObjectListCommand},
+    {"object tier", {"NAME", "TIER"}, "move object NAME to TIER (Hot, Cool, Cold, Archive; Hot;High\n"
+     "rehydrates with high priority)", ObjectTierCommand},
 };
 
 struct CommandLine {

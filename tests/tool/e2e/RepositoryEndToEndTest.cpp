@@ -284,3 +284,56 @@ TEST_F(RepositoryToolTest, BackupsOfTheVersion2LayoutAreStillListedAndRestorable
 }
 
 }  // namespace e2e
+
+namespace e2e {
+
+TEST_F(RepositoryToolTest, ARestoreOfArchivedDataIsRefusedInOneLineAndRehydrateBringsItBack) {
+    const std::string source = MakeTree();
+    BackupOk(source);
+    const std::vector<std::string> packs = Packs();
+    ASSERT_FALSE(packs.empty());
+    for (const std::string& pack : packs) ASSERT_EQ(Tool({"object", "tier", pack, "Archive"}).status, 0);
+
+    const ToolRun refused = Repo({"restore", "latest", Folder("restored")});
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_EQ(LineCount(refused.err), 1u) << refused.err;
+    EXPECT_NE(refused.err.find("'cloudplugin-host rehydrate latest'"), std::string::npos) << refused.err;
+    EXPECT_TRUE(!fs::exists(Folder("restored")) || qvhost::ScanTree(Folder("restored")).files.empty());
+
+    const ToolRun asked = Repo({"rehydrate", "latest", "--priority", "High"});
+    ASSERT_EQ(asked.status, 0) << asked.err;
+    EXPECT_EQ(Member(asked.out, "stage"), "\"packs\"");
+    EXPECT_EQ(Member(asked.out, "priority"), "\"High\"");
+    for (const std::string& pack : packs) EXPECT_NE(asked.out.find(pack), std::string::npos) << asked.out;
+    EXPECT_EQ(Member(asked.out, "ready"), "false");
+    // Azurite brings an object back at once; Azure takes hours, during
+    // which the same command reports the packs as pending.
+    const ToolRun again = Repo({"rehydrate", "latest"});
+    ASSERT_EQ(again.status, 0) << again.err;
+    EXPECT_EQ(Member(again.out, "ready"), "true") << again.out;
+    EXPECT_EQ(Member(again.out, "online"), std::to_string(packs.size()));
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+}
+
+TEST_F(RepositoryToolTest, AnArchivedVersion2BackupIsRefusedInOneLineAndRehydrateBringsItBack) {
+    const std::string source = MakeTree();
+    const std::string legacy = Backup(source);
+    for (const std::string& part : ObjectNames(Tool({"object", "list", "cloudplugin-host/backups/"}).out)) {
+        ASSERT_EQ(Tool({"object", "tier", part, "Archive"}).status, 0);
+    }
+    const ToolRun refused = Tool({"restore", legacy, Folder("restored")});
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_EQ(LineCount(refused.err), 1u) << refused.err;
+    EXPECT_NE(refused.err.find("'cloudplugin-host rehydrate " + legacy + "'"), std::string::npos) << refused.err;
+    const ToolRun asked = Tool({"rehydrate", legacy});
+    ASSERT_EQ(asked.status, 0) << asked.err;
+    EXPECT_EQ(Member(asked.out, "stage"), "\"backup\"");
+    EXPECT_NE(Member(asked.out, "requested"), "[") << asked.out;
+    const ToolRun restore = Tool({"restore", legacy, Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+}
+
+}  // namespace e2e

@@ -14,13 +14,17 @@ namespace repotest {
 
 class MemoryStore : public qvhost::repo::ObjectStore {
 public:
-    void Write(const std::string& name, const uint8_t* data, size_t size) override {
+    using ObjectStore::Write;
+    void Write(const std::string& name, const uint8_t* data, size_t size,
+               const qvhost::repo::Properties& properties) override {
         std::lock_guard<std::mutex> lock(mutex_);
         objects_[name].assign(data, data + size);
+        properties_[name] = properties;
         ++writes_;
     }
     void ReadRange(const std::string& name, uint64_t offset, uint64_t length, qvhost::repo::Bytes& out) override {
         std::lock_guard<std::mutex> lock(mutex_);
+        ++reads_;
         const auto found = objects_.find(name);
         if (found == objects_.end()) throw qvhost::repo::ObjectMissing(name);
         const qvhost::repo::Bytes& bytes = found->second;
@@ -38,22 +42,27 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         std::vector<qvhost::repo::StoredObject> out;
         for (auto it = objects_.lower_bound(prefix); it != objects_.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
-            out.push_back({it->first, it->second.size(), {}, {}});
+            out.push_back({it->first, it->second.size(), {}, {}, properties_[it->first]});
         }
         return out;
     }
     void Delete(const std::string& name) override {
         std::lock_guard<std::mutex> lock(mutex_);
         objects_.erase(name);
+        properties_.erase(name);
     }
 
     std::map<std::string, qvhost::repo::Bytes>& objects() { return objects_; }
+    std::map<std::string, qvhost::repo::Properties>& properties() { return properties_; }
     size_t writes() const { return writes_; }
+    size_t reads() const { return reads_; }
 
 private:
     std::mutex mutex_;
     std::map<std::string, qvhost::repo::Bytes> objects_;
+    std::map<std::string, qvhost::repo::Properties> properties_;
     size_t writes_ = 0;
+    size_t reads_ = 0;
 };
 
 }  // namespace repotest

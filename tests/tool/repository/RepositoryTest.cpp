@@ -333,6 +333,34 @@ TEST_F(RepositoryTest, ObjectNamesRevealNoFileNames) {
     }
 }
 
+TEST_F(RepositoryTest, SnapshotsAreListedFromTheirSealedInfoWithoutBeingRead) {
+    const std::string source = Folder("source");
+    WriteFile(source + "/a.txt", Bytes(1000, 'a'));
+    const BackupReport first = Backup(source);
+    const BackupReport second = Backup(source);
+    const size_t reads = store_.reads();
+    const std::vector<SnapshotInfo> listed = repository_->ListSnapshotInfos();
+    EXPECT_EQ(store_.reads(), reads);
+    ASSERT_EQ(listed.size(), 2u);
+    EXPECT_EQ(listed[0].id, first.snapshot.id);
+    EXPECT_EQ(listed[1].id, second.snapshot.id);
+    EXPECT_EQ(listed[1].parent, first.snapshot.id);
+    EXPECT_EQ(listed[1].files, 1u);
+    EXPECT_EQ(listed[1].bytes, 1000u);
+    EXPECT_EQ(listed[1].host, "test-host");
+    EXPECT_EQ(repository_->FindSnapshot("latest"), second.snapshot.id);
+    // An info moved onto another snapshot does not open there: the snapshot
+    // itself is read instead, and it says what it is.
+    const std::string firstName = "repo/snapshots/" + first.snapshot.id;
+    const std::string secondName = "repo/snapshots/" + second.snapshot.id;
+    store_.properties()[firstName] = store_.properties()[secondName];
+    const std::vector<SnapshotInfo> again = repository_->ListSnapshotInfos();
+    EXPECT_GT(store_.reads(), reads);
+    ASSERT_EQ(again.size(), 2u);
+    EXPECT_EQ(again[0].id, first.snapshot.id);
+    EXPECT_EQ(again[0].parent, "");
+}
+
 // ---- backups and restores
 
 TEST_F(RepositoryTest, ASecondBackupOfAnUnchangedTreeReadsAndStoresNoData) {
@@ -444,9 +472,10 @@ TEST_F(RepositoryTest, AMissingPackIsNamedByCheckAndRestore) {
 class FailingStore : public repotest::MemoryStore {
 public:
     size_t writesLeft = SIZE_MAX;
-    void Write(const std::string& name, const uint8_t* data, size_t size) override {
+    using MemoryStore::Write;
+    void Write(const std::string& name, const uint8_t* data, size_t size, const Properties& properties) override {
         if (writesLeft-- == 0) throw ToolError(kExitPluginFailed, "the storage went away");
-        MemoryStore::Write(name, data, size);
+        MemoryStore::Write(name, data, size, properties);
     }
 };
 

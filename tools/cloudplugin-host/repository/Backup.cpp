@@ -141,12 +141,8 @@ BackupReport BackupRun::Run() {
     progress.Finish();
 
     // Packs, then the index naming them, then the snapshot naming their blobs.
-    if (!newPacks_.empty()) {
-        const Bytes sealed = EncodeIndex(repository_.keys(), newPacks_);
-        bytesAdded_ += sealed.size();
-        const std::string name = repository_.layout().IndexPrefix() + IdHex(Sha256Id(sealed.data(), sealed.size()));
-        repository_.store().Write(name, sealed.data(), sealed.size());
-    }
+    uint64_t written = 0;
+    if (!newPacks_.empty()) repository_.SaveIndex(newPacks_, &written);
     // Files that could not be read are not in the snapshot.
     tree.skipped.insert(tree.skipped.end(), report_.skipped.begin(), report_.skipped.end());
     std::sort(tree.skipped.begin(), tree.skipped.end(),
@@ -174,11 +170,8 @@ BackupReport BackupRun::Run() {
                             {"blobs_new", report_.blobsNew},
                             {"packs_written", report_.packsWritten},
                             {"seconds", progress.Seconds()}};
-    const Bytes sealed = EncodeSnapshot(repository_.keys(), snapshot);
-    snapshot.id = IdHex(Sha256Id(sealed.data(), sealed.size()));
-    repository_.store().Write(repository_.layout().SnapshotsPrefix() + snapshot.id, sealed.data(), sealed.size());
-    bytesAdded_ += sealed.size();
-    report_.bytesAdded = bytesAdded_;
+    repository_.SaveSnapshot(snapshot, &written);
+    report_.bytesAdded = bytesAdded_ + written;
     return std::move(report_);
 }
 
@@ -208,11 +201,12 @@ void BackupRun::AdoptInterruptedPacks() {
 }
 
 std::optional<Snapshot> BackupRun::FindParent() {
-    std::optional<Snapshot> parent;
-    for (Snapshot& snapshot : repository_.LoadSnapshots()) {
-        if (snapshot.source == source_ && snapshot.host == options_.host) parent = std::move(snapshot);
+    std::string parent;  // the newest: listed oldest first
+    for (const SnapshotInfo& snapshot : repository_.ListSnapshotInfos()) {
+        if (snapshot.source == source_ && snapshot.host == options_.host) parent = snapshot.id;
     }
-    return parent;
+    if (parent.empty()) return std::nullopt;
+    return repository_.LoadSnapshot(parent);
 }
 
 void BackupRun::ReadFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher, Progress& progress) {

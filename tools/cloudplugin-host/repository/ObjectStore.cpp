@@ -24,8 +24,11 @@ auto MissingAsObjectMissing(const std::string& name, Call&& call) {
 
 }  // namespace
 
-void PluginObjectStore::Write(const std::string& name, const uint8_t* data, size_t size) {
-    session_.Write(name, data, size, {{kSizeProperty, std::to_string(size)}});
+void PluginObjectStore::Write(const std::string& name, const uint8_t* data, size_t size,
+                              const Properties& properties) {
+    Metadata metadata(properties.begin(), properties.end());
+    metadata[kSizeProperty] = std::to_string(size);
+    session_.Write(name, data, size, metadata);
     written_ += size;
 }
 
@@ -62,7 +65,7 @@ Bytes PluginObjectStore::ReadAll(const std::string& name, uint64_t limit) {
 std::vector<StoredObject> PluginObjectStore::List(const std::string& prefix) {
     std::vector<StoredObject> objects;
     for (const ListedObject& listed : session_.List(prefix)) {
-        StoredObject object{listed.name, 0, {}, {}};
+        StoredObject object{listed.name, 0, {}, {}, Properties(listed.metadata.begin(), listed.metadata.end())};
         const auto tier = listed.metadata.find(kAccessTierProperty);
         if (tier != listed.metadata.end()) object.tier = tier->second;
         const auto status = listed.metadata.find(kArchiveStatusProperty);

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -22,11 +23,17 @@ class PluginSession;
 
 namespace qvhost::repo {
 
+// Small text properties stored with an object and returned by listings
+// (the plug-in's object metadata): what a listing must show without a
+// request per object.
+using Properties = std::map<std::string, std::string>;
+
 struct StoredObject {
     std::string name;
     uint64_t size = 0;          // 0 when the storage does not say
     std::string tier;           // "Hot", "Cool", "Cold", "Archive"; empty when the storage does not say
     std::string archiveStatus;  // e.g. "rehydrate-pending-to-hot" while an archived object comes back
+    Properties properties;      // as written
 };
 
 class ObjectStore {
@@ -34,7 +41,8 @@ public:
     virtual ~ObjectStore() = default;
 
     // Creates or replaces the object.
-    virtual void Write(const std::string& name, const uint8_t* data, size_t size) = 0;
+    virtual void Write(const std::string& name, const uint8_t* data, size_t size, const Properties& properties) = 0;
+    void Write(const std::string& name, const uint8_t* data, size_t size) { Write(name, data, size, {}); }
     // Up to `length` bytes at `offset` into `out` (resized to what was read).
     // Throws ObjectMissing when there is no such object.
     virtual void ReadRange(const std::string& name, uint64_t offset, uint64_t length, Bytes& out) = 0;
@@ -76,7 +84,8 @@ class PluginObjectStore : public ObjectStore {
 public:
     explicit PluginObjectStore(PluginSession& session) : session_(session) {}
 
-    void Write(const std::string& name, const uint8_t* data, size_t size) override;
+    using ObjectStore::Write;
+    void Write(const std::string& name, const uint8_t* data, size_t size, const Properties& properties) override;
     void ReadRange(const std::string& name, uint64_t offset, uint64_t length, Bytes& out) override;
     Bytes ReadAll(const std::string& name, uint64_t limit) override;
     std::vector<StoredObject> List(const std::string& prefix) override;

@@ -100,8 +100,9 @@ MasterIndex Repository::LoadIndex() {
     return index;
 }
 
-std::string Repository::SaveIndex(const std::vector<IndexedPack>& packs) {
+std::string Repository::SaveIndex(const std::vector<IndexedPack>& packs, uint64_t* written) {
     const Bytes sealed = EncodeIndex(keys_, packs);
+    if (written) *written += sealed.size();
     const Id id = Sha256Id(sealed.data(), sealed.size());
     const std::string name = layout_.IndexPrefix() + IdHex(id);
     store_.Write(name, sealed.data(), sealed.size());
@@ -134,17 +135,39 @@ std::vector<Snapshot> Repository::LoadSnapshots() {
     return snapshots;
 }
 
-std::string Repository::SaveSnapshot(const Snapshot& snapshot) {
+std::string Repository::SaveSnapshot(Snapshot& snapshot, uint64_t* written) {
     const Bytes sealed = EncodeSnapshot(keys_, snapshot);
-    const std::string id = IdHex(Sha256Id(sealed.data(), sealed.size()));
-    store_.Write(layout_.SnapshotsPrefix() + id, sealed.data(), sealed.size());
-    return id;
+    snapshot.id = IdHex(Sha256Id(sealed.data(), sealed.size()));
+    Properties properties;
+    const std::string info = EncodeSnapshotInfo(keys_, InfoOf(snapshot));
+    if (!info.empty()) properties[kSnapshotInfoProperty] = info;
+    store_.Write(layout_.SnapshotsPrefix() + snapshot.id, sealed.data(), sealed.size(), properties);
+    if (written) *written += sealed.size();
+    return snapshot.id;
+}
+
+std::vector<SnapshotInfo> Repository::ListSnapshotInfos() {
+    std::vector<SnapshotInfo> infos;
+    const std::string prefix = layout_.SnapshotsPrefix();
+    for (const StoredObject& object : store_.List(prefix)) {
+        const std::string id = object.name.substr(prefix.size());
+        Id parsed;
+        if (!IdFromHex(id, parsed)) continue;
+        const auto property = object.properties.find(kSnapshotInfoProperty);
+        std::optional<SnapshotInfo> info;
+        if (property != object.properties.end()) info = DecodeSnapshotInfo(keys_, property->second, id);
+        infos.push_back(info ? *info : InfoOf(LoadSnapshot(id)));
+    }
+    std::sort(infos.begin(), infos.end(), [](const SnapshotInfo& a, const SnapshotInfo& b) {
+        return a.timeNs != b.timeNs ? a.timeNs < b.timeNs : a.id < b.id;
+    });
+    return infos;
 }
 
 std::string Repository::FindSnapshot(const std::string& argument, const std::string& source) {
     if (argument == "latest") {
         std::string latest;  // snapshots come oldest first
-        for (const Snapshot& snapshot : LoadSnapshots()) {
+        for (const SnapshotInfo& snapshot : ListSnapshotInfos()) {
             if (source.empty() || snapshot.source == source) latest = snapshot.id;
         }
         return latest;

@@ -75,16 +75,21 @@ public:
 
     // Every index object, merged; objects that do not open are damage.
     MasterIndex LoadIndex();
-    // Writes an index object of the packs; answers its name.
-    std::string SaveIndex(const std::vector<IndexedPack>& packs);
+    // Writes an index object of the packs; answers its name (and adds the
+    // bytes written to `written`).
+    std::string SaveIndex(const std::vector<IndexedPack>& packs, uint64_t* written = nullptr);
     void WritePack(const PackBuilder::Finished& pack);
 
     std::vector<NamedObject> ListSnapshots() { return ListIds(layout_.SnapshotsPrefix()); }
     Snapshot LoadSnapshot(const std::string& id);
     // Every snapshot (sorted oldest first).
     std::vector<Snapshot> LoadSnapshots();
-    // Stores the snapshot; answers its id.
-    std::string SaveSnapshot(const Snapshot& snapshot);
+    // What a listing shows of every snapshot, from one listing where the
+    // snapshots carry their info (sorted oldest first).
+    std::vector<SnapshotInfo> ListSnapshotInfos();
+    // Stores the snapshot; sets and answers its id (and adds the bytes
+    // written to `written`).
+    std::string SaveSnapshot(Snapshot& snapshot, uint64_t* written = nullptr);
     // The snapshot an argument names: a unique prefix of an id (4 hex digits
     // at least), or "latest" (of `source` when given). Empty when none.
     // Throws ToolError (usage) for an ambiguous prefix.

@@ -71,6 +71,62 @@ uint64_t Snapshot::TotalBytes() const {
 
 int64_t Snapshot::Seconds() const { return ParseUtcTime(time); }
 
+namespace {
+
+constexpr size_t kMaximumInfoText = 4096;
+
+std::string InfoAad(const std::string& id) { return "cloudplugin-host snapshot info " + id; }
+
+}  // namespace
+
+SnapshotInfo InfoOf(const Snapshot& snapshot) {
+    return {snapshot.id,     snapshot.time,   snapshot.timeNs,        snapshot.host,      snapshot.source,
+            snapshot.tags,   snapshot.parent, snapshot.files.size(), snapshot.TotalBytes()};
+}
+
+std::string EncodeSnapshotInfo(const MasterKeys& keys, const SnapshotInfo& info) {
+    const Json json = {{"time", info.time},     {"time_ns", info.timeNs}, {"host", info.host},
+                       {"source", Stored(info.source)}, {"tags", info.tags}, {"parent", info.parent},
+                       {"files", info.files},   {"bytes", info.bytes}};
+    const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    const std::string aad = InfoAad(info.id);
+    const Bytes sealed = Seal(keys.encryption, reinterpret_cast<const uint8_t*>(text.data()), text.size(),
+                              reinterpret_cast<const uint8_t*>(aad.data()), aad.size());
+    std::string encoded = Base64(sealed.data(), sealed.size());
+    return encoded.size() <= kMaximumInfoText ? encoded : std::string();
+}
+
+std::optional<SnapshotInfo> DecodeSnapshotInfo(const MasterKeys& keys, const std::string& text, const std::string& id) {
+    Bytes sealed;
+    Bytes plain;
+    const std::string aad = InfoAad(id);
+    if (text.size() > kMaximumInfoText || !FromBase64(text, sealed) ||
+        !Open(keys.encryption, sealed.data(), sealed.size(), reinterpret_cast<const uint8_t*>(aad.data()), aad.size(),
+              plain)) {
+        return std::nullopt;
+    }
+    try {
+        const std::string what = "the listing of the snapshot " + id.substr(0, 8);
+        const Json json = ParseBoundedJson(std::string(plain.begin(), plain.end()), what);
+        SnapshotInfo info;
+        info.id = id;
+        info.time = StringMember(json, "time", what);
+        info.timeNs = SignedMember(json, "time_ns", what);
+        info.host = StringMember(json, "host", what);
+        info.source = NameMember(json, "source", what);
+        info.parent = StringMember(json, "parent", what);
+        info.files = NumberMember(json, "files", what);
+        info.bytes = NumberMember(json, "bytes", what);
+        for (const Json& tag : ArrayMember(json, "tags", what)) {
+            if (!tag.is_string()) return std::nullopt;
+            info.tags.push_back(tag.get<std::string>());
+        }
+        return info;
+    } catch (const ToolError&) {
+        return std::nullopt;
+    }
+}
+
 Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot) {
     Json files = Json::array();
     for (const SnapshotFile& file : snapshot.files) {

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,29 @@ struct TreeChange {
     int64_t bytes = 0;  // the size added (+), removed (-) or the change (M)
 };
 std::vector<TreeChange> DiffSnapshots(const Snapshot& first, const Snapshot& second);
+
+// What a listing of snapshots shows, without the tree: kept sealed in the
+// snapshot object's `info` property (Seal(encryption key, JSON, aad
+// "cloudplugin-host snapshot info " + id), base64), so that `snapshots`,
+// `latest` and finding a backup's parent take one listing instead of a
+// read of every snapshot. The snapshot itself stays the authority: a
+// missing or unopened info falls back to reading it.
+struct SnapshotInfo {
+    std::string id;
+    std::string time;
+    int64_t timeNs = 0;
+    std::string host;
+    std::string source;
+    std::vector<std::string> tags;
+    std::string parent;
+    uint64_t files = 0;
+    uint64_t bytes = 0;
+};
+constexpr const char* kSnapshotInfoProperty = "info";
+SnapshotInfo InfoOf(const Snapshot& snapshot);
+// Empty when the info would not fit an object property (a few KiB).
+std::string EncodeSnapshotInfo(const MasterKeys& keys, const SnapshotInfo& info);
+std::optional<SnapshotInfo> DecodeSnapshotInfo(const MasterKeys& keys, const std::string& text, const std::string& id);
 
 Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot);
 // Throws Damaged naming the snapshot.
