@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -15,11 +16,27 @@ namespace {
 
 constexpr uint32_t kSetIdBits = 06000;
 
-// Neighbouring blobs of one pack, read in one request.
+// Blobs of one pack read in one request: neighbours, or near enough that
+// reading the gap costs less than another request.
+constexpr uint64_t kGapReadThrough = 256u << 10;
+
+// Where a blob's bytes go: a file and the offset in it.
+struct BlobUse {
+    size_t file = 0;
+    uint64_t offset = 0;
+};
+
+struct PlannedBlob {
+    PackEntry entry;
+    std::vector<BlobUse> uses;
+};
+
+// One request: a span of one pack and the blobs in it.
 struct Range {
-    size_t firstChunk = 0;
-    size_t chunks = 0;
-    uint64_t fileOffset = 0;
+    Id pack{};
+    uint64_t start = 0;
+    uint64_t length = 0;
+    std::vector<const PlannedBlob*> blobs;
 };
 
 class RestoreRun {
@@ -33,17 +50,18 @@ public:
 
 private:
     struct FileState {
-        std::vector<const BlobLocation*> locations;
-        std::vector<Range> ranges;
+        std::atomic<uint64_t> uses{0};  // blob uses not yet done; the file is finished at 0
         std::mutex mutex;
         std::unique_ptr<RestoredFile> output;
         std::atomic<bool> failed{false};
+        std::atomic<bool> finished{false};
         RestoreProblem problem;
     };
 
-    void Plan(size_t file);
+    void Plan();
     void Fail(size_t file, const std::string& object, const std::string& what);
-    void RestoreRange(size_t file, const Range& range, Bytes& buffer, Bytes& plain, Progress& progress);
+    void RestoreRange(const Range& range, Bytes& buffer, Bytes& plain, Progress& progress);
+    void UseDone(size_t file, Progress& progress);
     RestoredFile& OutputOf(size_t file);
     void FinishFile(size_t file, Progress& progress);
 
@@ -53,6 +71,8 @@ private:
     Destination* destination_;
     const RestoreOptions options_;
     std::vector<FileState> files_;
+    std::map<Id, std::map<uint32_t, PlannedBlob>> packs_;  // pack -> offset -> blob
+    std::vector<Range> ranges_;
     std::mutex mutex_;
     RestoreReport report_;
 };
@@ -64,26 +84,21 @@ RestoreReport RestoreRun::Run() {
         for (const ManifestFolder& folder : snapshot_.folders) destination_->Check(folder.relativePath, EntryKind::Folder);
         for (const ManifestLink& link : snapshot_.links) destination_->Check(link.relativePath, EntryKind::Link);
     }
-    std::vector<uint64_t> rangeCounts;
-    for (size_t file = 0; file < files_.size(); ++file) {
-        Plan(file);
-        rangeCounts.push_back(files_[file].ranges.size());
-    }
+    Plan();
     Progress progress(destination_ ? "restore" : "read", snapshot_.TotalBytes(), snapshot_.files.size(),
                       options_.progress);
     try {
-        PartPlan plan(rangeCounts);
         const unsigned jobs = std::max(1u, options_.jobs);
         std::vector<Bytes> buffers(jobs);
         std::vector<Bytes> plains(jobs);
-        RunInParallel(jobs, plan.size(), [&](size_t item, unsigned worker) {
-            const PartPlan::Item& step = plan[item];
-            if (step.hasPart) {
-                RestoreRange(step.file, files_[step.file].ranges[step.part], buffers[worker], plains[worker],
-                             progress);
-            }
-            if (plan.Done(step.file)) FinishFile(step.file, progress);
+        RunInParallel(jobs, ranges_.size(), [&](size_t item, unsigned worker) {
+            RestoreRange(ranges_[item], buffers[worker], plains[worker], progress);
         });
+        // Files with no blob to wait for (empty, or found damaged before
+        // reading), once the data came through.
+        for (size_t file = 0; file < files_.size(); ++file) {
+            if (files_[file].uses == 0) FinishFile(file, progress);
+        }
     } catch (...) {
         progress.Finish();
         throw;
@@ -109,39 +124,56 @@ RestoreReport RestoreRun::Run() {
     return std::move(report_);
 }
 
-// Where each chunk lies, grouped into ranges; a file whose chunks are not
-// all indexed, or whose chunk sizes do not add up to its size, is damaged
-// before anything is read.
-void RestoreRun::Plan(size_t file) {
-    const SnapshotFile& entry = snapshot_.files[file];
-    FileState& state = files_[file];
-    uint64_t total = 0;
-    for (const Id& chunk : entry.chunks) {
-        const BlobLocation* location = index_.Find(chunk);
-        if (!location) return Fail(file, "", "its chunk " + IdHex(chunk).substr(0, 16) + " is in no index");
-        state.locations.push_back(location);
-        total += location->entry.plainLength;
-    }
-    if (total != entry.size) {
-        return Fail(file, "", "its chunks hold " + std::to_string(total) + " bytes, not " + std::to_string(entry.size));
-    }
-    uint64_t offset = 0;
-    for (size_t i = 0; i < entry.chunks.size(); ++i) {
-        const BlobLocation* here = state.locations[i];
-        if (!state.ranges.empty()) {
-            Range& last = state.ranges.back();
-            const BlobLocation* before = state.locations[last.firstChunk + last.chunks - 1];
-            const BlobLocation* first = state.locations[last.firstChunk];
-            if (before->pack == here->pack &&
-                uint64_t{before->entry.offset} + before->entry.length == here->entry.offset &&
-                uint64_t{here->entry.offset} + here->entry.length - first->entry.offset <= kRestoreRangeBytes) {
-                ++last.chunks;
-                offset += here->entry.plainLength;
-                continue;
+// Which blob goes where, grouped by pack, so that each pack is read once
+// (in spans of up to kRestoreRangeBytes) whatever files share it; packs in
+// the order the files first need them, so that a file is open briefly. A
+// file whose chunks are not all indexed, or whose chunk sizes do not add
+// up to its size, is damaged before anything is read.
+void RestoreRun::Plan() {
+    std::vector<Id> order;
+    for (size_t file = 0; file < files_.size(); ++file) {
+        const SnapshotFile& entry = snapshot_.files[file];
+        std::vector<const BlobLocation*> locations;
+        uint64_t total = 0;
+        for (const Id& chunk : entry.chunks) {
+            const BlobLocation* location = index_.Find(chunk);
+            if (!location) {
+                Fail(file, "", "its chunk " + IdHex(chunk).substr(0, 16) + " is in no index");
+                break;
             }
+            locations.push_back(location);
+            total += location->entry.plainLength;
         }
-        state.ranges.push_back({i, 1, offset});
-        offset += here->entry.plainLength;
+        if (files_[file].failed) continue;
+        if (total != entry.size) {
+            Fail(file, "", "its chunks hold " + std::to_string(total) + " bytes, not " + std::to_string(entry.size));
+            continue;
+        }
+        uint64_t offset = 0;
+        for (const BlobLocation* location : locations) {
+            auto& blobs = packs_[location->pack];
+            if (blobs.empty()) order.push_back(location->pack);
+            PlannedBlob& blob = blobs[location->entry.offset];
+            blob.entry = location->entry;
+            blob.uses.push_back({file, offset});
+            offset += location->entry.plainLength;
+        }
+        files_[file].uses = locations.size();
+    }
+    for (const Id& pack : order) {
+        for (const auto& [offset, blob] : packs_[pack]) {
+            const uint64_t end = uint64_t{offset} + blob.entry.length;
+            if (!ranges_.empty()) {
+                Range& last = ranges_.back();
+                if (last.pack == pack && offset <= last.start + last.length + kGapReadThrough &&
+                    end - last.start <= kRestoreRangeBytes) {
+                    last.length = end - last.start;
+                    last.blobs.push_back(&blob);
+                    continue;
+                }
+            }
+            ranges_.push_back({pack, offset, blob.entry.length, {&blob}});
+        }
     }
 }
 
@@ -151,31 +183,35 @@ void RestoreRun::Fail(size_t file, const std::string& object, const std::string&
     if (!state.failed.exchange(true)) state.problem = {snapshot_.files[file].path, object, what};
 }
 
-void RestoreRun::RestoreRange(size_t file, const Range& range, Bytes& buffer, Bytes& plain, Progress& progress) {
-    FileState& state = files_[file];
-    if (state.failed) return;
-    const BlobLocation* first = state.locations[range.firstChunk];
-    const BlobLocation* last = state.locations[range.firstChunk + range.chunks - 1];
-    const std::string pack = repository_.layout().Pack(first->pack);
-    const uint64_t length = uint64_t{last->entry.offset} + last->entry.length - first->entry.offset;
+void RestoreRun::RestoreRange(const Range& range, Bytes& buffer, Bytes& plain, Progress& progress) {
+    const std::string pack = repository_.layout().Pack(range.pack);
+    std::string problem;
     try {
-        repository_.store().ReadRange(pack, first->entry.offset, length, buffer);
+        repository_.store().ReadRange(pack, range.start, range.length, buffer);
+        if (buffer.size() != range.length) problem = "its pack ends early";
     } catch (const ObjectMissing&) {
-        return Fail(file, pack, "its pack is missing");
+        problem = "its pack is missing";
     }
-    if (buffer.size() != length) return Fail(file, pack, "its pack ends early");
-    uint64_t offset = range.fileOffset;
-    for (size_t i = range.firstChunk; i < range.firstChunk + range.chunks; ++i) {
-        const PackEntry& entry = state.locations[i]->entry;
-        std::string why;
-        if (!OpenBlob(repository_.keys(), entry, buffer.data() + (entry.offset - first->entry.offset), entry.length,
-                      plain, why)) {
-            return Fail(file, pack, "a chunk " + why);
+    for (const PlannedBlob* blob : range.blobs) {
+        std::string why = problem;
+        if (why.empty() && !OpenBlob(repository_.keys(), blob->entry, buffer.data() + (blob->entry.offset - range.start),
+                                     blob->entry.length, plain, why)) {
+            why = "a chunk " + why;
         }
-        if (destination_ && !plain.empty()) OutputOf(file).WriteAt(offset, plain.data(), plain.size());
-        offset += plain.size();
-        progress.BytesDone(plain.size());
+        for (const BlobUse& use : blob->uses) {
+            if (!why.empty()) {
+                Fail(use.file, pack, why);
+            } else if (!files_[use.file].failed) {
+                if (destination_ && !plain.empty()) OutputOf(use.file).WriteAt(use.offset, plain.data(), plain.size());
+                progress.BytesDone(plain.size());
+            }
+            UseDone(use.file, progress);
+        }
     }
+}
+
+void RestoreRun::UseDone(size_t file, Progress& progress) {
+    if (--files_[file].uses == 0) FinishFile(file, progress);
 }
 
 RestoredFile& RestoreRun::OutputOf(size_t file) {
@@ -185,11 +221,17 @@ RestoredFile& RestoreRun::OutputOf(size_t file) {
     return *state.output;
 }
 
+// After the file's last blob: a file whose every blob checked is moved into
+// place (mode and time set); a damaged one is never left as restored.
 void RestoreRun::FinishFile(size_t file, Progress& progress) {
     FileState& state = files_[file];
+    if (state.finished.exchange(true)) return;
     const SnapshotFile& entry = snapshot_.files[file];
     if (state.failed) {
-        state.output.reset();  // removes the partial file
+        {
+            std::lock_guard<std::mutex> lock(state.mutex);
+            state.output.reset();  // removes the partial file
+        }
         progress.FileFailed();
         std::lock_guard<std::mutex> lock(mutex_);
         report_.damaged.push_back(state.problem);
@@ -197,7 +239,10 @@ void RestoreRun::FinishFile(size_t file, Progress& progress) {
     }
     if (destination_) {
         OutputOf(file).Commit(entry.mode, entry.modifiedNs);
-        state.output.reset();
+        {
+            std::lock_guard<std::mutex> lock(state.mutex);
+            state.output.reset();
+        }
         if (entry.mode & kSetIdBits) {
             std::lock_guard<std::mutex> lock(mutex_);
             report_.setIdDropped.push_back(entry.path);

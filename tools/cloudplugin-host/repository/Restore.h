@@ -1,10 +1,10 @@
 // Restoring a snapshot (or a sub-path of it) into a destination folder, and
 // reading one back without writing (the same work, no destination).
 //
-// Each file's chunks are read from their packs in ranges (neighbouring
-// blobs of one pack in one request, up to kRestoreRangeBytes), every blob
-// opened, decompressed and checked against its id, and written at its
-// offset. A file any of whose blobs is missing or damaged is named and
+// Each pack is read once, in spans of neighbouring blobs (up to
+// kRestoreRangeBytes a request) whatever files share it, every blob opened,
+// decompressed and checked against its id, and written at its offset into
+// every file that holds it. A file any of whose blobs is missing or damaged is named and
 // never left in place as if good; the others are restored all the same.
 #pragma once
 
@@ -18,7 +18,7 @@
 
 namespace qvhost::repo {
 
-constexpr uint64_t kRestoreRangeBytes = 16u << 20;
+constexpr uint64_t kRestoreRangeBytes = 16u << 20;  // the most one read request carries
 
 struct RestoreOptions {
     unsigned jobs = 4;
