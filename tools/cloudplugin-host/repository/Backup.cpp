@@ -265,6 +265,7 @@ void BackupRun::StoreChunk(const uint8_t* data, size_t size, const Id& id) {
         std::lock_guard<std::mutex> guard(mutex_);
         ++report_.blobsNew;
         report_.blobBytesNew += size;
+        if (pack_.empty()) pack_.Reserve(repository_.config().packSize + kMaximumBlobSealedSize + (64u << 10));
         pack_.Add(std::move(blob));
         if (pack_.size() < repository_.config().packSize) return;
         full = pack_.Finish(repository_.keys());

@@ -64,6 +64,9 @@ bool OpenBlob(const MasterKeys& keys, const PackEntry& entry, const uint8_t* sea
 
 class PackBuilder {
 public:
+    // Room for `bytes` without moving what is added (a pack is finished
+    // once it passes its size, which would otherwise double its buffer).
+    void Reserve(size_t bytes) { bytes_.reserve(bytes); }
     void Add(SealedBlob&& blob);
     size_t size() const { return bytes_.size(); }
     size_t count() const { return entries_.size(); }
