@@ -385,6 +385,7 @@ CommandResult ForgetCommand(CommandContext& context, const Arguments& arguments)
     if (!o.dryRun) {
         for (const std::string& id : forget) open.store.Delete(open.repository.layout().SnapshotsPrefix() + id);
     }
+    context.Say(std::string(o.dryRun ? "would forget " : "forgot ") + std::to_string(forget.size()) + " snapshots");
     CommandResult result;
     result.json = Json{{"command", "forget"}, {"ok", true}, {"dry_run", o.dryRun}, {"forgotten", forget},
                        {"groups", std::move(groups)}};
