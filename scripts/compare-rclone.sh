@@ -151,53 +151,9 @@ if [ "$small_count" -gt 0 ] && [ "$small_max" -eq 0 ]; then
 fi
 
 # ---- set-up: what is missing
-sudo_cmd=()
-[ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
-as_root() {
-  if [ ${#sudo_cmd[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
-    fail "need root or sudo to install: $*"
-  fi
-  "${sudo_cmd[@]}" "$@"
-}
-
-packages=()
-command -v rclone >/dev/null || packages+=(rclone)
-[ -x /usr/bin/time ] || packages+=(time)
-command -v openssl >/dev/null || packages+=(openssl)
-if [ ${#packages[@]} -gt 0 ]; then
-  echo "==== installing ${packages[*]} (Debian packages)"
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get update
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${packages[@]}"
-fi
-
-build_tool=no
-if [ -z "$tool" ]; then
-  tool=$repo/build/demo/stage/bin/cloudplugin-host
-  [ -x "$tool" ] || build_tool=yes
-fi
-missing=()
-needed=(java npm)
-[ $build_tool = yes ] && needed+=(cmake g++ make javac)
-for command in "${needed[@]}"; do
-  command -v "$command" >/dev/null || missing+=("$command")
-done
-if [ -n "${AZURITE_BIN:-}" ] && [ ${#missing[@]} -eq 1 ] && [ "${missing[0]}" = npm ]; then
-  missing=()  # Azurite is there already; node alone runs it
-fi
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "==== installing what is missing (${missing[*]})"
-  as_root bash scripts/setup.sh --demo
-fi
-# shellcheck source=scripts/azurite.sh
-. scripts/azurite.sh
-azurite_install
-
-if [ $build_tool = yes ]; then
-  echo "==== building cloudplugin-host (demo preset)"
-  cmake --preset demo >/dev/null
-  cmake --build --preset demo
-fi
-[ -x "$tool" ] || fail "no cloudplugin-host at $tool"
+# shellcheck source=scripts/bench-common.sh
+. scripts/bench-common.sh
+bench_setup rclone
 
 # ---- the work folder, Azurite
 mkdir -p "$work"
@@ -313,21 +269,8 @@ echo "     $set_text"
 # ---- the two tools' command lines
 tool_cmd=("$tool" --jobs "$jobs" "${tool_args[@]}")
 
-# An account SAS signed with Azurite's development key (string-to-sign of
-# service version 2020-12-06: account, permissions, services, resource
-# types, start, expiry, IP range, protocol, version, encryption scope, each
-# followed by a newline; HMAC-SHA256 with the base64-decoded key).
-account_key=Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw==
-account_sas() {
-  local sv=2020-12-06 sp=rwdlacup ss=b srt=sco se key_hex signature
-  se=$(date -u -d '+1 day' +%Y-%m-%dT%H:%M:%SZ)
-  key_hex=$(printf %s "$account_key" | base64 -d | od -An -v -tx1 | tr -d ' \n')
-  signature=$(printf '%s\n' devstoreaccount1 "$sp" "$ss" "$srt" "" "$se" "" "" "$sv" "" |
-    openssl dgst -sha256 -mac HMAC -macopt "hexkey:$key_hex" -binary | base64 -w0)
-  signature=${signature//+/%2B} signature=${signature//\//%2F} signature=${signature//=/%3D}
-  echo "sv=$sv&ss=$ss&srt=$srt&sp=$sp&se=${se//:/%3A}&sig=$signature"
-}
-# Both tools use the same kind of credential: by default the same account
+# An account SAS signed with Azurite's development key (account_sas,
+# scripts/bench-common.sh). Both tools use the same kind of credential: by default the same account
 # SAS (rclone can use nothing else here); --credential key gives
 # cloudplugin-host the account key instead, which signs every request.
 export CLOUDPLUGIN_CONNECTION
@@ -349,7 +292,6 @@ RCLONE_CONFIG_BENCHAZ_SAS_URL="$azurite_url?$(account_sas)"
 rclone_cmd=(rclone copy --transfers "$jobs" "${rclone_args[@]}")
 remote=benchaz:rclone-bench
 
-quoted() { printf '%q ' "$@" | sed 's/ $//'; }
 echo "==== command lines (round N; the data set is $source_dir)"
 echo "  CLOUDPLUGIN_CONNECTION='$CLOUDPLUGIN_CONNECTION'"
 echo "  $(quoted "${tool_cmd[@]}") --name bench-N --legacy backup SOURCE"
@@ -362,8 +304,6 @@ echo "  $(quoted "${rclone_cmd[@]}") $remote/round-N DEST"
 echo "  rclone purge $remote/round-N                              (not timed)"
 
 # ---- measuring
-cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
-ticks_per_second=$(getconf CLK_TCK)
 
 # run_timed WHO OP ROUND COMMAND...: runs COMMAND under GNU time after a
 # sync (so that no earlier write-back runs during it) and appends a line to

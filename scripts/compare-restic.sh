@@ -119,55 +119,9 @@ done
 work=$(absolute "$work")
 
 # ---- set-up: what is missing
-sudo_cmd=()
-[ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
-as_root() {
-  if [ ${#sudo_cmd[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
-    fail "need root or sudo to install: $*"
-  fi
-  "${sudo_cmd[@]}" "$@"
-}
-
-packages=()
-command -v restic >/dev/null || packages+=(restic)
-command -v rclone >/dev/null || packages+=(rclone)
-[ -x /usr/bin/time ] || packages+=(time)
-command -v openssl >/dev/null || packages+=(openssl)
-if [ ${#packages[@]} -gt 0 ]; then
-  echo "==== installing ${packages[*]} (Debian packages)"
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get update
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${packages[@]}"
-fi
-
-build_tool=no
-if [ -z "$tool" ]; then
-  tool=$repo/build/demo/stage/bin/cloudplugin-host
-  [ -x "$tool" ] || build_tool=yes
-fi
-missing=()
-needed=(java npm)
-[ $build_tool = yes ] && needed+=(cmake g++ make javac)
-for command in "${needed[@]}"; do
-  command -v "$command" >/dev/null || missing+=("$command")
-done
-if [ -n "${AZURITE_BIN:-}" ] && [ ${#missing[@]} -eq 1 ] && [ "${missing[0]}" = npm ]; then
-  missing=()  # Azurite is there already; node alone runs it
-fi
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "==== installing what is missing (${missing[*]})"
-  as_root bash scripts/setup.sh --demo
-fi
-# shellcheck source=scripts/azurite.sh
-. scripts/azurite.sh
-azurite_install
-
-if [ $build_tool = yes ]; then
-  # Niced: the build must not take the machine from whoever else uses it.
-  echo "==== building cloudplugin-host (demo preset)"
-  nice cmake --preset demo >/dev/null
-  nice cmake --build --preset demo
-fi
-[ -x "$tool" ] || fail "no cloudplugin-host at $tool"
+# shellcheck source=scripts/bench-common.sh
+. scripts/bench-common.sh
+bench_setup restic rclone
 
 # ---- the work folder, Azurite
 mkdir -p "$work"
@@ -373,22 +327,9 @@ edit_apply() {
 }
 
 # ---- the two tools' set-up
-# An account SAS signed with Azurite's development key (string-to-sign of
-# service version 2020-12-06: account, permissions, services, resource
-# types, start, expiry, IP range, protocol, version, encryption scope, each
-# followed by a newline; HMAC-SHA256 with the base64-decoded key). Both tools
-# use it: cloudplugin-host in its connection string, rclone (for restic and
+# An account SAS signed with Azurite's development key (account_sas,
+# scripts/bench-common.sh). Both tools use it: cloudplugin-host in its connection string, rclone (for restic and
 # for measuring) as its SAS URL.
-account_key=Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw==
-account_sas() {
-  local sv=2020-12-06 sp=rwdlacup ss=b srt=sco se key_hex signature
-  se=$(date -u -d '+1 day' +%Y-%m-%dT%H:%M:%SZ)
-  key_hex=$(printf %s "$account_key" | base64 -d | od -An -v -tx1 | tr -d ' \n')
-  signature=$(printf '%s\n' devstoreaccount1 "$sp" "$ss" "$srt" "" "$se" "" "" "$sv" "" |
-    openssl dgst -sha256 -mac HMAC -macopt "hexkey:$key_hex" -binary | base64 -w0)
-  signature=${signature//+/%2B} signature=${signature//\//%2F} signature=${signature//=/%3D}
-  echo "sv=$sv&ss=$ss&srt=$srt&sp=$sp&se=${se//:/%3A}&sig=$signature"
-}
 sas=$(account_sas)
 tool_connection() { echo "BlobEndpoint=$azurite_url;SharedAccessSignature=$sas;Container=$1"; }
 export RCLONE_CONFIG RCLONE_CONFIG_BENCHAZ_TYPE RCLONE_CONFIG_BENCHAZ_SAS_URL
@@ -428,7 +369,6 @@ for arg in "${tool_args[@]}"; do
 done
 restic_repository() { echo "rclone:benchaz:$1/repo"; }
 
-quoted() { printf '%q ' "$@" | sed 's/ $//'; }
 echo "==== command lines (round N; CONTAINER is new each round)"
 echo "  CLOUDPLUGIN_CONNECTION='$(tool_connection CONTAINER)'"
 echo "  CLOUDPLUGIN_PASSWORD=(new each run)"
@@ -445,8 +385,6 @@ echo "  rclone size --json benchaz:CONTAINER/PATH    (stored bytes; not timed)"
 echo "  rclone purge benchaz:CONTAINER               (not timed)"
 
 # ---- measuring
-cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
-ticks_per_second=$(getconf CLK_TCK)
 
 # record ROUND WHO KEY VALUE: one figure of one round; NA when not measured.
 record() { printf '%s\t%s\t%s\t%s\n' "$1" "$2" "$3" "${4:-NA}" >>"$results"; }
