@@ -181,12 +181,16 @@ CommandResult SnapshotsCommand(CommandContext& context, const Arguments&) {
         context.Say("no repository under " + context.options.layout.root + " ('cloudplugin-host init' makes one)");
     }
     // Backups of the version 2 layout stay listed and restorable.
-    const CommandResult legacy = ListCommand(context, {});
+    Json legacy = Json::array();
+    if (!context.session.List(context.options.layout.ManifestsPrefix()).empty()) {
+        context.Say("backups of the version 2 layout:");
+        legacy = ListCommand(context, {}).json.value("backups", Json::array());
+    }
     CommandResult result;
     result.json = Json{{"command", "snapshots"},
                        {"ok", true},
                        {"snapshots", std::move(snapshots)},
-                       {"legacy_backups", legacy.json.value("backups", Json::array())}};
+                       {"legacy_backups", std::move(legacy)}};
     return result;
 }
 
