@@ -28,20 +28,6 @@ constexpr int kCleanUpFailuresToStop = 3;
     throw ToolError(kExitLocalFile, path + " changed while it was being read");
 }
 
-std::string AbsolutePath(const std::string& path) {
-    std::error_code error;
-    const std::filesystem::path absolute = std::filesystem::absolute(PathOf(path), error);
-    return error ? path : absolute.lexically_normal().u8string();
-}
-
-Json SkippedJson(const std::vector<SkippedEntry>& skipped) {
-    Json list = Json::array();
-    for (const SkippedEntry& entry : skipped) {
-        list.push_back(Json{{"path", entry.relativePath}, {"reason", entry.reason}, {"unreadable", entry.unreadable}});
-    }
-    return list;
-}
-
 class BackupRun {
 public:
     BackupRun(CommandContext& context, const std::string& source, std::string backupId)

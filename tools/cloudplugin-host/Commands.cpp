@@ -121,6 +121,14 @@ double MiBPerSecond(uint64_t bytes, double seconds) {
     return seconds > 0 ? static_cast<double>(bytes) / (1024.0 * 1024.0) / seconds : 0;
 }
 
+Json SkippedJson(const std::vector<SkippedEntry>& skipped) {
+    Json list = Json::array();
+    for (const SkippedEntry& entry : skipped) {
+        list.push_back(Json{{"path", entry.relativePath}, {"reason", entry.reason}, {"unreadable", entry.unreadable}});
+    }
+    return list;
+}
+
 std::string Printable(const std::string& text) {
     std::string out;
     for (const unsigned char c : text) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Json.h"
+#include "LocalFiles.h"
 #include "Manifest.h"
 #include "PluginSession.h"
 #include "Progress.h"
@@ -128,6 +129,8 @@ int64_t ParseUtcTime(const std::string& text);
 // A new backup id: the UTC time and four random hex digits.
 std::string NewBackupId();
 double MiBPerSecond(uint64_t bytes, double seconds);
+// The --json list of entries a backup skipped or could not read.
+Json SkippedJson(const std::vector<SkippedEntry>& skipped);
 // Text from storage made safe for a terminal: control characters as \xNN.
 std::string Printable(const std::string& text);
 

@@ -196,6 +196,12 @@ SourceTree ScanTree(const std::string& root) {
     return TreeScanner(root).Scan();
 }
 
+std::string AbsolutePath(const std::string& path) {
+    std::error_code error;
+    const fs::path absolute = fs::absolute(PathOf(path), error);
+    return error ? path : absolute.lexically_normal().u8string();
+}
+
 std::string JoinPath(const std::string& root, const std::string& relativePath) {
     return (PathOf(root) / PathOf(relativePath)).make_preferred().u8string();
 }

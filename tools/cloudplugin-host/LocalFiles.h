@@ -49,6 +49,9 @@ struct SourceTree {
 // Throws ToolError (local file) when root is not a readable folder.
 SourceTree ScanTree(const std::string& root);
 
+// The absolute, normalised form of a path (the path itself when that fails).
+std::string AbsolutePath(const std::string& path);
+
 // root + relative path, with the platform's separators.
 std::string JoinPath(const std::string& root, const std::string& relativePath);
 

@@ -34,14 +34,6 @@ struct OpenRepository {
 
 std::string ShortId(const std::string& id) { return id.substr(0, 8); }
 
-Json SkippedJson(const std::vector<SkippedEntry>& skipped) {
-    Json list = Json::array();
-    for (const SkippedEntry& entry : skipped) {
-        list.push_back(Json{{"path", entry.relativePath}, {"reason", entry.reason}, {"unreadable", entry.unreadable}});
-    }
-    return list;
-}
-
 std::string Resolve(Repository& repository, const std::string& argument, const std::string& source = "") {
     const std::string id = repository.FindSnapshot(argument, source);
     if (id.empty()) throw ToolError(kExitNoSuchBackup, "no snapshot " + argument);

@@ -21,16 +21,10 @@ namespace {
 // Bytes read from a file at a time, beyond the chunker's maximum.
 constexpr size_t kReadBlock = 4u << 20;
 
-std::string AbsoluteSource(const std::string& path) {
-    std::error_code error;
-    const std::filesystem::path absolute = std::filesystem::absolute(PathOf(path), error);
-    return error ? path : absolute.lexically_normal().u8string();
-}
-
 class BackupRun {
 public:
     BackupRun(Repository& repository, const std::string& source, const BackupOptions& options)
-        : repository_(repository), options_(options), root_(source), source_(AbsoluteSource(source)),
+        : repository_(repository), options_(options), root_(source), source_(AbsolutePath(source)),
           chunker_(repository.gear(), repository.config().chunker) {}
 
     BackupReport Run();
