@@ -129,6 +129,9 @@ public class QVAzurePlugInLibrary {
                 c.createContainerIfMissing(op);
             }
             connection = conn;
+            if (client != null) {
+                client.close();
+            }
             client = c;
             LOG.log(Level.INFO, "AzureInit: connected: {0}", conn);
             return ok();
@@ -148,6 +151,7 @@ public class QVAzurePlugInLibrary {
         if (client == null) {
             return err(ERRORID.NOT_INITIALIZED);
         }
+        client.close();
         client = null;
         connection = null;
         return ok();

@@ -102,6 +102,8 @@ public final class BlobRestClient {
     private final String basePath;
     /** Set once the service answered 417 to "Expect: 100-continue": from then on no request carries it. */
     private volatile boolean expectRefused;
+    /** Answers of ranged reads with bytes the caller has not asked for yet. */
+    private final OpenReads openReads = new OpenReads();
 
     public BlobRestClient(StorageConnection conn) {
         this.conn = conn;
@@ -124,6 +126,11 @@ public final class BlobRestClient {
     /** Whether requests carry a shared access signature instead of a Shared Key signature. */
     public boolean usesSas() {
         return conn.sas != null;
+    }
+
+    /** Closes what was read ahead and not asked for; the client can still be used afterwards. */
+    public void close() {
+        openReads.closeAll();
     }
 
     /** The deadline of an operation of the library that starts now. */
@@ -185,9 +192,14 @@ public final class BlobRestClient {
         }
     }
 
-    /** Where the body of an answer goes: kept whole, or copied into the caller's array. */
+    /**
+     * Where the body of an answer goes: kept whole, or copied into the
+     * caller's array. A sink that answers null has taken the stream over,
+     * with the connection under it, to read the rest later (see
+     * {@link OpenReads}); the stream is closed otherwise.
+     */
     private interface BodySink {
-        byte[] consume(InputStream in) throws IOException;
+        byte[] consume(InputStream in, HttpURLConnection http, Response head) throws IOException;
     }
 
     /** Percent-encodes a blob name for the URL path, keeping '/' as the virtual directory separator. */
@@ -227,6 +239,10 @@ public final class BlobRestClient {
      */
     private Response send(Deadline op, String method, String rawPath, String rawQuery, Map<String, String> headers,
                           byte[] body, int off, int len, BodySink sink, int... okStatuses) throws StorageException {
+        if (!method.equals("GET") && !method.equals("HEAD")) {
+            // What was read ahead of this blob is of the version this request may change.
+            openReads.drop(rawPath);
+        }
         return runner.run(op, method + " " + rawPath, timeout -> {
             long started = System.nanoTime();
             boolean expect = body != null && len > EXPECT_CONTINUE_ABOVE && !expectRefused;
@@ -331,9 +347,15 @@ public final class BlobRestClient {
             if (!isOneOf(status, okStatuses)) {
                 throw failure(method, rawPath, status, answerHeaders, http.getErrorStream(), false);
             }
-            byte[] kept;
-            try (InputStream in = method.equals("HEAD") ? InputStream.nullInputStream() : http.getInputStream()) {
-                kept = sink == null ? in.readAllBytes() : sink.consume(in);
+            InputStream in = method.equals("HEAD") ? InputStream.nullInputStream() : http.getInputStream();
+            byte[] kept = null;
+            try {
+                kept = sink == null ? in.readAllBytes() : sink.consume(in, http, new Response(status, answerHeaders,
+                                                                                              new byte[0]));
+            } finally {
+                if (kept != null) {
+                    in.close();
+                }
             }
             return new Response(status, answerHeaders, kept);
         } catch (IOException e) {
@@ -662,26 +684,40 @@ public final class BlobRestClient {
     /**
      * Reads up to {@code max} bytes from {@code offset} into {@code dest[0..]}.
      * An offset at or past the end reads 0 bytes (the service answers 416 then,
-     * and the blob's properties are fetched separately).
+     * and the blob's properties are fetched separately). A read of 1 MiB or
+     * more asks for more than {@code max} and parks the rest of the answer
+     * for the read that goes on where this one ends ({@link OpenReads}),
+     * which then takes its bytes from there without a request of its own.
      */
     public ReadResult readRange(Deadline op, String blob, long offset, byte[] dest, int max) throws StorageException {
         if (max <= 0) {
             return new ReadResult(0, properties(op, blob));
         }
-        Map<String, String> h = Map.of("x-ms-range", "bytes=" + offset + "-" + (offset + max - 1));
-        int[] count = new int[1];
-        BodySink sink = in -> {
-            int n = 0;
-            int r;
-            while (n < max && (r = in.read(dest, n, max - n)) > 0) {
-                n += r;
+        String path = blobPath(blob);
+        OpenReads.Open open = openReads.take(path, offset);
+        if (open != null) {
+            ReadResult r = readOn(op, open, dest, max);
+            if (r != null) {
+                return r;
             }
-            count[0] = n;
+        }
+        long span = OpenReads.span(max);
+        Map<String, String> h = Map.of("x-ms-range", "bytes=" + offset + "-" + (offset + span - 1));
+        int[] count = new int[1];
+        BodySink sink = (in, http, head) -> {
+            count[0] = readFully(in, dest, max);
+            long[] extent = OpenReads.extentOf(head.status, head.header("Content-Range"),
+                                               head.longHeader("Content-Length", -1), offset);
+            if (count[0] == max && extent != null && extent[0] > offset + max) {
+                openReads.park(new OpenReads.Open(path, http, in, head, offset + max, extent[0], extent[1] == 1));
+                return null;
+            }
+            // Nothing left, or an answer whose extent cannot be trusted: read to its end and let it go.
             in.transferTo(java.io.OutputStream.nullOutputStream());
             return new byte[0];
         };
         try {
-            Response r = send(op, "GET", blobPath(blob), null, h, null, 0, 0, sink, 200, 206);
+            Response r = send(op, "GET", path, null, h, null, 0, 0, sink, 200, 206);
             return new ReadResult(count[0], r);
         } catch (StorageException e) {
             if (e.status == 416) {
@@ -689,6 +725,57 @@ public final class BlobRestClient {
             }
             throw e;
         }
+    }
+
+    /**
+     * Reads the next {@code max} bytes of a parked answer into {@code dest},
+     * within the request timeout and the operation's deadline, and parks it
+     * again while bytes are left. Null when it cannot serve the read whole
+     * (the blob goes on past the answer, the answer broke or ended early):
+     * the answer is closed and the caller sends a request of its own, which
+     * overwrites what this one put into {@code dest}.
+     */
+    private ReadResult readOn(Deadline op, OpenReads.Open open, byte[] dest, int max) {
+        if (open.remaining() < max && !open.reachesBlobEnd) {
+            open.close();
+            return null;
+        }
+        int want = (int) Math.min(max, open.remaining());
+        long timeout = Math.min(op.nanosLeft(), retry.requestTimeout.toNanos());
+        if (timeout <= 0) {
+            open.close();
+            return null;
+        }
+        ScheduledFuture<?> watchdog = Watchdog.TIMER.schedule(open.http::disconnect, timeout, TimeUnit.NANOSECONDS);
+        int n;
+        try {
+            n = readFully(open.in, dest, want);
+        } catch (IOException e) {
+            n = -1;
+        } finally {
+            watchdog.cancel(false);
+        }
+        if (n != want) {
+            open.close();
+            return null;
+        }
+        open.next += n;
+        if (open.remaining() > 0) {
+            openReads.park(open);
+        } else {
+            open.close();
+        }
+        return new ReadResult(n, open.response);
+    }
+
+    /** Reads until {@code want} bytes are in {@code dest} or the stream ends; answers how many came. */
+    private static int readFully(InputStream in, byte[] dest, int want) throws IOException {
+        int n = 0;
+        int r;
+        while (n < want && (r = in.read(dest, n, want - n)) > 0) {
+            n += r;
+        }
+        return n;
     }
 
     /** Get Blob Properties (HEAD). */

@@ -1,6 +1,8 @@
 package com.qv.azure.rest;
 
+import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
@@ -478,5 +480,30 @@ class RestPiecesTest {
     void pathEncoding() {
         assertEquals("a/b%20c/%C3%A4~-._", BlobRestClient.encodePath("a/b c/ä~-._"));
         assertEquals("a%2Fb%3D", BlobRestClient.encodeQueryValue("a/b="));
+    }
+
+    @Test
+    void readsOfAMebibyteOrMoreAskForUpToFourTimesAsMuchAtMostEightMebibytes() {
+        assertEquals(1, OpenReads.span(1));
+        assertEquals((1 << 20) - 1, OpenReads.span((1 << 20) - 1));
+        assertEquals(4L << 20, OpenReads.span(1 << 20));
+        assertEquals(8L << 20, OpenReads.span(2 << 20));
+        assertEquals(8L << 20, OpenReads.span(5 << 20));
+        assertEquals(16L << 20, OpenReads.span(16 << 20));
+    }
+
+    @Test
+    void theExtentOfAnAnswerComesFromItsContentRangeAndIsTrustedOnlyWhenItFits() {
+        assertArrayEquals(new long[] {8388608, 0}, OpenReads.extentOf(206, "bytes 0-8388607/20000000", 8388608, 0));
+        assertArrayEquals(new long[] {300, 1}, OpenReads.extentOf(206, "bytes 100-299/300", 200, 100));
+        assertArrayEquals(new long[] {300, 0}, OpenReads.extentOf(206, "bytes 100-299/*", 200, 100));
+        assertArrayEquals(new long[] {500, 1}, OpenReads.extentOf(200, null, 500, 0));
+        assertNull(OpenReads.extentOf(200, null, 500, 10), "a whole blob for a read that starts later");
+        assertNull(OpenReads.extentOf(206, null, 200, 0), "no Content-Range");
+        assertNull(OpenReads.extentOf(206, "bytes 5-299/300", 295, 0), "another start than asked");
+        assertNull(OpenReads.extentOf(206, "bytes 9-3/300", 0, 9), "an end before the start");
+        assertNull(OpenReads.extentOf(206, "items 0-9/10", 10, 0), "another unit");
+        assertNull(OpenReads.extentOf(206, "bytes 0-x/10", 10, 0), "not a number");
+        assertNull(OpenReads.extentOf(206, "bytes 0-9", 10, 0), "no total");
     }
 }
