@@ -102,9 +102,10 @@ TEST(ClassPath, PutsTheStorageLibraryFirstAndTakesOnlyJars) {
     EXPECT_EQ(ClassPathOf(root + "/missing"), "");
 }
 
-TEST(JvmOptions, TheHeapFollowsTheCallsInFlightAndOnlyTheQuickCompilerRuns) {
+TEST(JvmOptions, TheHeapFollowsTheCallsInFlightStartsSmallAndOnlyTheQuickCompilerRuns) {
     EXPECT_EQ(ToolJvmOptions(4, 8ull << 20),
-              (std::vector<std::string>{"-Xmx224m", "-XX:TieredStopAtLevel=1", "-XX:-UsePerfData"}));
+              (std::vector<std::string>{"-Xmx224m", "-Xms16m", "-XX:GCTimeRatio=1", "-XX:TieredStopAtLevel=1",
+                                        "-XX:-UsePerfData"}));
     EXPECT_EQ(ToolJvmOptions(8, 64ull << 20)[0], "-Xmx2144m");
     EXPECT_EQ(ToolJvmOptions(1, 1u << 20)[0], "-Xmx128m");      // never below 128 MiB
     EXPECT_EQ(ToolJvmOptions(1, (1u << 20) + 1)[0], "-Xmx128m");  // parts count in whole MiB, rounded up

@@ -90,7 +90,8 @@ std::string JavaHomeFromPath() {
 std::vector<std::string> ToolJvmOptions(unsigned jobs, uint64_t partSize) {
     const uint64_t partMiB = (partSize + (1u << 20) - 1) >> 20;
     const uint64_t heapMiB = std::max<uint64_t>(128, 96 + 4 * uint64_t{jobs} * partMiB);
-    return {"-Xmx" + std::to_string(heapMiB) + "m", "-XX:TieredStopAtLevel=1", "-XX:-UsePerfData"};
+    return {"-Xmx" + std::to_string(heapMiB) + "m", "-Xms16m", "-XX:GCTimeRatio=1", "-XX:TieredStopAtLevel=1",
+            "-XX:-UsePerfData"};
 }
 
 std::string LogFolderOf(const HostSettings& settings) {

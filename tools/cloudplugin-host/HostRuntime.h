@@ -32,11 +32,15 @@ constexpr const char* kJavaLogFileName = "XNAzurePlugIn.log";
 std::string LogFolderOf(const HostSettings& settings);
 
 // The JVM options the tool sets itself, before any the user gives (which
-// win): a heap sized from the calls in flight (each carries a Java array of
+// win): a heap bounded by the calls in flight (each carries a Java array of
 // up to a part, and as much again may wait for the collector) rather than a
-// quarter of the machine; only the quick compiler, since a backup's JVM
-// lives for seconds or minutes and the heavy lifting (copies, hashing,
-// sockets) runs in native code either way; no performance-data file.
+// quarter of the machine, which starts at 16 MiB and grows only when
+// collecting costs more than half the time (GCTimeRatio=1): what the tool
+// leaves behind is mostly its dead arrays, which a collection frees in a
+// few milliseconds, and a heap grown for them would only hold more of them
+// in memory; only the quick compiler, since a backup's JVM lives for
+// seconds or minutes and the heavy lifting (copies, hashing, sockets) runs
+// in native code either way; no performance-data file.
 std::vector<std::string> ToolJvmOptions(unsigned jobs, uint64_t partSize);
 
 // The file name of the plug-in library on this platform.

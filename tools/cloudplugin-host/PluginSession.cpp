@@ -65,23 +65,23 @@ uint64_t PluginSession::Read(const std::string& name, uint8_t* buffer, uint64_t 
     return read;
 }
 
-std::string PluginSession::ReadAll(const std::string& name, uint64_t limit, const std::vector<std::string>& properties,
-                                   Metadata* metadata) {
-    constexpr uint64_t kSlice = 4u << 20;
-    std::string content;
-    for (;;) {
-        const size_t at = content.size();
-        if (at > limit) {
-            throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
-        }
-        content.resize(at + kSlice);
-        Metadata sliceMetadata;
-        const uint64_t read = Read(name, reinterpret_cast<uint8_t*>(&content[at]), at, kSlice,
-                                   at == 0 ? properties : std::vector<std::string>{}, sliceMetadata);
-        if (at == 0 && metadata) *metadata = std::move(sliceMetadata);
-        content.resize(at + std::min(read, kSlice));
-        if (read < kSlice) return content;
+uint64_t PluginSession::ReadSliced(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length,
+                                   const std::vector<std::string>& properties, Metadata* metadata) {
+    uint64_t done = 0;
+    while (done < length) {
+        const uint64_t want = std::min(kReadSlice, length - done);
+        Metadata first;
+        const uint64_t read =
+            Read(name, buffer + done, offset + done, want, done == 0 ? properties : std::vector<std::string>{}, first);
+        if (done == 0 && metadata) *metadata = std::move(first);
+        done += std::min(read, want);
+        if (read < want) break;
     }
+    return done;
+}
+
+void PluginSession::ThrowTooLarge(const std::string& name, uint64_t limit) {
+    throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
 }
 
 void PluginSession::SetProperty(const std::string& name, const std::string& property, const std::string& value) {

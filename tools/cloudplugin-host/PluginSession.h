@@ -5,6 +5,7 @@
 // plug-in (with the JVM and the storage service behind it) took.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -28,6 +29,13 @@ constexpr uint32_t kResultArchived = 49;
 // the rehydrate priority).
 constexpr const char* kAccessTierProperty = "x-ms-access-tier";
 constexpr const char* kArchiveStatusProperty = "x-ms-archive-status";
+
+// The most one read asks the plug-in for. Each read is a Java array of its
+// size in the plug-in's JVM, so a command's memory follows the reads it has
+// in flight; the Java library reads ahead up to 8 MiB in one request and
+// serves the slices that follow from that answer, so slices cost no more
+// requests than whole 8 MiB reads would.
+constexpr uint64_t kReadSlice = 2ull << 20;
 
 // Object metadata in UTF-8: property name to value.
 using Metadata = std::map<std::string, std::string>;
@@ -58,11 +66,16 @@ public:
     // Writes (creates or replaces) an object with its metadata.
     void Write(const std::string& name, const uint8_t* data, uint64_t size, const Metadata& metadata);
 
-    // Reads up to `length` bytes at `offset`; answers the bytes read. With
-    // `properties`, also reads those metadata properties into `metadata`.
+    // Reads up to `length` bytes at `offset` in one call; answers the bytes
+    // read. With `properties`, also reads those metadata properties into
+    // `metadata`.
     uint64_t Read(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length);
     uint64_t Read(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length,
                   const std::vector<std::string>& properties, Metadata& metadata);
+    // The same in reads of at most kReadSlice bytes, up to `length` bytes or
+    // the object's end (the properties come with the first read).
+    uint64_t ReadSliced(const std::string& name, uint8_t* buffer, uint64_t offset, uint64_t length,
+                        const std::vector<std::string>& properties = {}, Metadata* metadata = nullptr);
 
 
     // SetObjectMetaData: one property of the object.
@@ -72,15 +85,26 @@ public:
     void Delete(const std::string& name);
     // Delete, where an object that does not exist counts as deleted.
     void DeleteIfPresent(const std::string& name);
-    // The whole object, read in slices; refuses (ToolError damaged) an object
-    // larger than `limit` bytes instead of reading it all. With `properties`,
-    // also reads those metadata properties (with the first slice).
+    // The whole object into `out` (a std::string or a byte vector), read in
+    // slices of kReadSlice; refuses (ToolError damaged) an object larger than
+    // `limit` bytes, of which it reads at most one byte past the limit. With
+    // `properties`, also reads those metadata properties (with the first
+    // slice).
+    template <class Buffer>
+    void ReadAll(const std::string& name, uint64_t limit, Buffer& out, const std::vector<std::string>& properties = {},
+                 Metadata* metadata = nullptr);
     std::string ReadAll(const std::string& name, uint64_t limit, const std::vector<std::string>& properties = {},
-                        Metadata* metadata = nullptr);
+                        Metadata* metadata = nullptr) {
+        std::string out;
+        ReadAll(name, limit, out, properties, metadata);
+        return out;
+    }
     std::vector<ListedObject> List(const std::string& prefix);
 
     void CheckConnectivity();
     AccountFigures Account();
+
+    [[noreturn]] static void ThrowTooLarge(const std::string& name, uint64_t limit);
 
     double PluginSeconds() const { return static_cast<double>(pluginNanoseconds_.load()) / 1e9; }
 
@@ -91,6 +115,24 @@ private:
     ICloudPluginInterface& plugin_;
     std::atomic<int64_t> pluginNanoseconds_{0};
 };
+
+template <class Buffer>
+void PluginSession::ReadAll(const std::string& name, uint64_t limit, Buffer& out,
+                            const std::vector<std::string>& properties, Metadata* metadata) {
+    out.clear();
+    for (;;) {
+        const uint64_t at = out.size();
+        const uint64_t want = std::min(kReadSlice, limit + 1 - at);
+        out.resize(static_cast<size_t>(at + want));
+        Metadata first;
+        const uint64_t read = Read(name, reinterpret_cast<uint8_t*>(out.data()) + at, at, want,
+                                   at == 0 ? properties : std::vector<std::string>{}, first);
+        if (at == 0 && metadata) *metadata = std::move(first);
+        out.resize(static_cast<size_t>(at + std::min(read, want)));
+        if (out.size() > limit) ThrowTooLarge(name, limit);
+        if (read < want) return;
+    }
+}
 
 WideString Wide(const std::string& utf8);
 std::string Narrow(const WideString& wide);

@@ -25,6 +25,7 @@ namespace {
 constexpr uint64_t kManifestLimit = 1ull << 30;
 constexpr uint32_t kSetIdBits = 06000;
 
+
 struct Problem {
     std::string file;
     std::string object;
@@ -74,7 +75,7 @@ private:
     void CheckFiles(Destination* destination, Progress& progress);
     void CheckPart(Destination* destination, size_t file, uint64_t part, AlignedBuffer& buffer,
                    Progress& progress);
-    bool ReadPart(const ManifestFile& file, uint64_t part, AlignedBuffer& buffer, Problem& problem);
+    bool CopyPart(Destination* destination, size_t file, uint64_t part, AlignedBuffer& buffer, Problem& problem);
     RestoredFile& OutputOf(Destination& destination, size_t file);
     void FinishFile(Destination* destination, size_t file, Progress& progress);
     void MakeFoldersAndLinks(Destination& destination);
@@ -122,7 +123,7 @@ void CheckRun::CheckFiles(Destination* destination, Progress& progress) {
     RunInParallel(context_.options.jobs, plan.size(), [&](size_t index, unsigned worker) {
         const PartPlan::Item& item = plan[index];
         AlignedBuffer& buffer = buffers[worker];
-        buffer.Reserve(static_cast<size_t>(manifest_.partSize + 1));
+        buffer.Reserve(static_cast<size_t>(std::min(manifest_.partSize, kReadSlice) + 1));
         if (item.hasPart) CheckPart(destination, item.file, item.part, buffer, progress);
         if (plan.Done(item.file)) FinishFile(destination, item.file, progress);
     });
@@ -134,36 +135,52 @@ void CheckRun::CheckPart(Destination* destination, size_t file, uint64_t part, A
     if (state.failed) return;
     const ManifestFile& entry = manifest_.files[file];
     Problem problem;
-    if (!ReadPart(entry, part, buffer, problem)) {
+    if (!CopyPart(destination, file, part, buffer, problem)) {
         std::lock_guard<std::mutex> lock(state.mutex);
         if (!state.failed.exchange(true)) state.problem = problem;
         return;
     }
     const size_t size = static_cast<size_t>(PartBytes(entry.size, manifest_.partSize, part));
-    if (destination) OutputOf(*destination, file).WriteAt(part * manifest_.partSize, buffer.data(), size);
     progress.PartDone(entry.relativePath, part, entry.partSha256.size(), size);
 }
 
-// Reads one part into `buffer` and checks it against the manifest; answers
-// false with the problem found.
-bool CheckRun::ReadPart(const ManifestFile& file, uint64_t part, AlignedBuffer& buffer, Problem& problem) {
-    problem.file = file.relativePath;
-    problem.object = context_.options.layout.PartName(manifest_.backupId, file.index, part);
-    const uint64_t expected = PartBytes(file.size, manifest_.partSize, part);
-    // One byte more than expected shows an object that grew.
+// Reads one part in reads of at most kReadSlice bytes, each hashed and, in a
+// restore, written at its place in the file's output, then checks the part
+// against the manifest; answers false with the problem found. A file with a
+// part that fails is never committed, so what was written of it goes with
+// its output.
+bool CheckRun::CopyPart(Destination* destination, size_t file, uint64_t part, AlignedBuffer& buffer,
+                        Problem& problem) {
+    const ManifestFile& entry = manifest_.files[file];
+    problem.file = entry.relativePath;
+    problem.object = context_.options.layout.PartName(manifest_.backupId, entry.index, part);
+    const uint64_t expected = PartBytes(entry.size, manifest_.partSize, part);
+    const uint64_t start = part * manifest_.partSize;
+    Sha256 hash;
     Metadata metadata;
-    const uint64_t read =
-        context_.session.Read(problem.object, buffer.data(), 0, expected + 1, {part_property::kPartSha}, metadata);
-    if (read != expected) {
-        problem.what = "holds " + std::to_string(read) + " bytes, expected " + std::to_string(expected);
-        return false;
-    }
-    if (ToHex(Sha256Of(buffer.data(), static_cast<size_t>(read))) != file.partSha256[part]) {
+    uint64_t done = 0;
+    do {
+        const uint64_t slice = std::min(kReadSlice, expected - done);
+        // The last read asks for one byte more, which shows an object that grew.
+        const uint64_t asked = done + slice == expected ? slice + 1 : slice;
+        const uint64_t read =
+            done == 0 ? context_.session.Read(problem.object, buffer.data(), 0, asked, {part_property::kPartSha}, metadata)
+                      : context_.session.Read(problem.object, buffer.data(), done, asked);
+        if (read != slice) {
+            problem.what = "holds " + std::to_string(done + std::min(read, asked)) + " bytes, expected " +
+                           std::to_string(expected);
+            return false;
+        }
+        hash.Update(buffer.data(), static_cast<size_t>(read));
+        if (destination) OutputOf(*destination, file).WriteAt(start + done, buffer.data(), static_cast<size_t>(read));
+        done += read;
+    } while (done < expected);
+    if (ToHex(hash.Final()) != entry.partSha256[part]) {
         problem.what = "does not match its SHA-256";
         return false;
     }
     const auto stored = metadata.find(part_property::kPartSha);
-    if (stored != metadata.end() && stored->second != file.partSha256[part]) {
+    if (stored != metadata.end() && stored->second != entry.partSha256[part]) {
         problem.what = "carries a part hash that differs from the manifest";
         return false;
     }

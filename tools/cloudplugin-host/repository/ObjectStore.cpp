@@ -35,31 +35,14 @@ void PluginObjectStore::Write(const std::string& name, const uint8_t* data, size
 void PluginObjectStore::ReadRange(const std::string& name, uint64_t offset, uint64_t length, Bytes& out) {
     out.resize(static_cast<size_t>(length));
     const uint64_t read =
-        MissingAsObjectMissing(name, [&] { return session_.Read(name, out.data(), offset, length); });
-    out.resize(static_cast<size_t>(std::min(read, length)));
+        MissingAsObjectMissing(name, [&] { return session_.ReadSliced(name, out.data(), offset, length); });
+    out.resize(static_cast<size_t>(read));
 }
 
-// In slices: every slice is a Java array of its size in the plug-in's JVM,
-// so a limit far above the object's size must not become one allocation.
 Bytes PluginObjectStore::ReadAll(const std::string& name, uint64_t limit) {
-    constexpr uint64_t kSlice = 8u << 20;
     Bytes out;
-    for (;;) {
-        const uint64_t at = out.size();
-        if (at > limit) {
-            throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
-        }
-        // One byte past the limit at most: enough to see an object that is too large.
-        const uint64_t want = std::min(kSlice, limit + 1 - at);
-        out.resize(static_cast<size_t>(at + want));
-        const uint64_t read = MissingAsObjectMissing(name, [&] { return session_.Read(name, out.data() + at, at, want); });
-        out.resize(static_cast<size_t>(at + std::min(read, want)));
-        if (read < want) {
-            if (out.size() > limit) break;
-            return out;
-        }
-    }
-    throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
+    MissingAsObjectMissing(name, [&] { session_.ReadAll(name, limit, out); });
+    return out;
 }
 
 std::vector<StoredObject> PluginObjectStore::List(const std::string& prefix) {

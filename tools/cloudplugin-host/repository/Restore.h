@@ -18,7 +18,10 @@
 
 namespace qvhost::repo {
 
-constexpr uint64_t kRestoreRangeBytes = 16u << 20;  // the most one read request carries
+// The most one span carries: one request, which the tool reads in slices of
+// kReadSlice (the Java library serves them from that one answer), so a job
+// holds a span and a blob natively and a slice in the JVM.
+constexpr uint64_t kRestoreRangeBytes = 8u << 20;
 
 struct RestoreOptions {
     unsigned jobs = 4;
