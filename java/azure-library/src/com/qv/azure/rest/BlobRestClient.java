@@ -357,7 +357,7 @@ public final class BlobRestClient {
                     in.close();
                 }
             }
-            return new Response(status, answerHeaders, kept);
+            return new Response(status, answerHeaders, kept == null ? new byte[0] : kept);
         } catch (IOException e) {
             if (cutOff.get()) {
                 throw new StorageException(ERRORID.TIMEOUT, status, null,
