@@ -25,7 +25,6 @@ namespace {
 constexpr uint64_t kManifestLimit = 1ull << 30;
 constexpr uint32_t kSetIdBits = 06000;
 
-
 struct Problem {
     std::string file;
     std::string object;
