@@ -52,6 +52,13 @@ class ReadAheadTest extends ProxiedAzuriteTest {
         assertArrayEquals(Arrays.copyOfRange(whole, from, from + got.length), got, what);
     }
 
+    /** Reads the object from 0 up to {@code end} in slices of {@code size}, each checked against {@code whole}. */
+    private static void readInSlices(QVAzurePlugInLibrary l, String name, byte[] whole, int end, int size) {
+        for (int at = 0; at < end; at += size) {
+            assertSlice(whole, at, slice(l, name, at, size), "slice at " + at);
+        }
+    }
+
     /** The x-ms-range headers of the GETs of that object, in the order they were sent. */
     private static List<String> rangesAsked(String name) {
         return proxy.seen().stream().filter(getOf(name)).map(r -> r.header("x-ms-range")).toList();
@@ -62,9 +69,7 @@ class ReadAheadTest extends ProxiedAzuriteTest {
         String name = unique("ahead/whole-");
         byte[] data = stored(name, 8 * MIB);
         QVAzurePlugInLibrary l = viaProxy("");
-        for (int at = 0; at < data.length; at += 2 * MIB) {
-            assertSlice(data, at, slice(l, name, at, 2 * MIB), "slice at " + at);
-        }
+        readInSlices(l, name, data, data.length, 2 * MIB);
         assertEquals(List.of("bytes=0-8388607"), rangesAsked(name));
     }
 
@@ -83,9 +88,7 @@ class ReadAheadTest extends ProxiedAzuriteTest {
         String name = unique("ahead/longer-");
         byte[] data = stored(name, 12 * MIB + 5);
         QVAzurePlugInLibrary l = viaProxy("");
-        for (int at = 0; at < data.length; at += 2 * MIB) {
-            assertSlice(data, at, slice(l, name, at, 2 * MIB), "slice at " + at);
-        }
+        readInSlices(l, name, data, data.length, 2 * MIB);
         assertEquals(List.of("bytes=0-8388607", "bytes=8388608-16777215"), rangesAsked(name));
     }
 
@@ -113,9 +116,7 @@ class ReadAheadTest extends ProxiedAzuriteTest {
         String name = unique("ahead/grown-");
         byte[] data = stored(name, 8 * MIB + 1);
         QVAzurePlugInLibrary l = viaProxy("");
-        for (int at = 0; at < 6 * MIB; at += 2 * MIB) {
-            assertSlice(data, at, slice(l, name, at, 2 * MIB), "slice at " + at);
-        }
+        readInSlices(l, name, data, 6 * MIB, 2 * MIB);
         byte[] last = slice(l, name, 6 * MIB, 2 * MIB + 1);
         assertEquals(2 * MIB + 1, last.length, "the byte past the first answer is there too");
         assertSlice(data, 6 * MIB, last, "the last slice");
@@ -132,9 +133,7 @@ class ReadAheadTest extends ProxiedAzuriteTest {
         byte[] data = stored(name, 4 * MIB);
         QVAzurePlugInLibrary l = viaProxy("RequestTimeoutSeconds=5");
         FaultProxy.Rule cut = proxy.add(getOf(name), 1, FaultProxy.Fault.stallBody(200));
-        for (int at = 0; at < data.length; at += MIB) {
-            assertSlice(data, at, slice(l, name, at, MIB), "slice at " + at);
-        }
+        readInSlices(l, name, data, data.length, MIB);
         assertEquals(1, cut.applied());
         assertEquals(List.of("bytes=0-4194303", "bytes=2097152-6291455"), rangesAsked(name));
     }
