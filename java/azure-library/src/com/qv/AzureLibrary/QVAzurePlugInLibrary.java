@@ -4,10 +4,12 @@ import com.qv.QVCloudPluginInterface.CErrorValue;
 import com.qv.QVCloudPluginInterface.CloudPluginCapabilities;
 import com.qv.QVCloudPluginInterface.ERRORID;
 import com.qv.azure.LibraryLog;
+import com.qv.azure.rest.BlobPage;
 import com.qv.azure.rest.BlobRestClient;
+import com.qv.azure.rest.BlockUploader;
 import com.qv.azure.rest.Deadline;
-import com.qv.azure.rest.ErrorMap;
 import com.qv.azure.rest.MetadataCodec;
+import com.qv.azure.rest.Response;
 import com.qv.azure.rest.SasToken;
 import com.qv.azure.rest.StorageConnection;
 import com.qv.azure.rest.StorageException;
@@ -15,20 +17,12 @@ import com.qv.plugin.model.CArrayOfString;
 import com.qv.plugin.model.CInt;
 import com.qv.plugin.model.CString;
 
-import java.nio.charset.StandardCharsets;
 import java.util.ArrayList;
-import java.util.Base64;
 import java.util.HashMap;
-import java.util.LinkedHashMap;
 import java.util.List;
-import java.util.Locale;
 import java.util.Map;
 import java.util.TreeMap;
-import java.util.concurrent.ExecutionException;
-import java.util.concurrent.ExecutorService;
-import java.util.concurrent.Executors;
-import java.util.concurrent.Future;
-import java.util.concurrent.ThreadLocalRandom;
+import java.util.function.Function;
 import java.util.logging.Level;
 import java.util.logging.Logger;
 
@@ -56,8 +50,8 @@ public class QVAzurePlugInLibrary {
 
     /** Objects larger than this are uploaded as blocks. */
     public static final int SINGLE_PUT_LIMIT = 8 << 20;
-    public static final int BLOCK_SIZE = 4 << 20;
-    public static final int PARALLEL_UPLOADS = 4;
+    public static final int BLOCK_SIZE = BlockUploader.BLOCK_SIZE;
+    public static final int PARALLEL_UPLOADS = BlockUploader.PARALLEL_UPLOADS;
     public static final long MIN_OBJECT_SIZE = 1L << 20;
     public static final long DEFAULT_OBJECT_SIZE = 32L << 20;
     /** The largest array the host can hand over in one call. */
@@ -65,10 +59,17 @@ public class QVAzurePlugInLibrary {
     /** The default capacity limit of a standard storage account (5 PiB), used for the free-space estimate. */
     public static final long ACCOUNT_CAPACITY = 5L << 50;
 
+    /** The property that sets (SetObjectMetaData) and reports an object's access tier. */
+    public static final String ACCESS_TIER = MetadataProjection.ACCESS_TIER;
+    /** Reported while a rehydration is pending, e.g. rehydrate-pending-to-hot. */
+    public static final String ARCHIVE_STATUS = MetadataProjection.ARCHIVE_STATUS;
+    /** The priority of a pending rehydration, High or Standard. */
+    public static final String REHYDRATE_PRIORITY = MetadataProjection.REHYDRATE_PRIORITY;
+
     private final CPluginInitData initData;
     private volatile BlobRestClient client;
     private volatile StorageConnection connection;
-    private volatile ExecutorService uploadPool;
+    private final BlockUploader uploader = new BlockUploader();
     private volatile int listPageSize = 5000;
 
     public QVAzurePlugInLibrary(CPluginInitData initData) {
@@ -78,6 +79,34 @@ public class QVAzurePlugInLibrary {
     /** Page size of the List Blobs calls (1..5000); smaller pages only cost more round trips. */
     void setListPageSize(int size) {
         this.listPageSize = Math.max(1, Math.min(5000, size));
+    }
+
+    // ------------------------------------------------------------------ the call frame
+
+    /** The work of one operation: its answer, or a failure already classified. */
+    private interface Work<R> {
+        R run() throws StorageException;
+    }
+
+    /**
+     * Runs one operation of the host: its answer when the work succeeds;
+     * otherwise the failure logged once and turned into the operation's own
+     * answer by {@code failedWith}, a classified failure with its id, an
+     * unexpected one as INTERNAL_ERROR. Nothing is thrown to the host.
+     */
+    private static <R> R call(String op, Function<CErrorValue, R> failedWith, Work<R> work) {
+        try {
+            return work.run();
+        } catch (StorageException e) {
+            return failedWith.apply(failed(op, e));
+        } catch (RuntimeException e) {
+            return failedWith.apply(internal(op, e));
+        }
+    }
+
+    /** {@link #call} for operations that answer a bare CErrorValue. */
+    private static CErrorValue callPlain(String op, Work<CErrorValue> work) {
+        return call(op, e -> e, work);
     }
 
     // ------------------------------------------------------------------ lifecycle
@@ -115,7 +144,7 @@ public class QVAzurePlugInLibrary {
         } catch (RuntimeException e) {
             return err(ERRORID.INVALID_ARGUMENT);
         }
-        try {
+        return callPlain("AzureInit", () -> {
             BlobRestClient c = new BlobRestClient(conn);
             Deadline op = c.startOperation();
             if (conn.sas == null) {
@@ -135,19 +164,11 @@ public class QVAzurePlugInLibrary {
             client = c;
             LOG.log(Level.INFO, "AzureInit: connected: {0}", conn);
             return ok();
-        } catch (StorageException e) {
-            return failed("AzureInit", e);
-        } catch (RuntimeException e) {
-            return internal("AzureInit", e);
-        }
+        });
     }
 
     public synchronized CErrorValue AzureDeInit() {
-        ExecutorService pool = uploadPool;
-        uploadPool = null;
-        if (pool != null) {
-            pool.shutdownNow();
-        }
+        uploader.shutdown();
         if (client == null) {
             return err(ERRORID.NOT_INITIALIZED);
         }
@@ -201,7 +222,7 @@ public class QVAzurePlugInLibrary {
 
     private CWObjectHandleFnValue write(String op, String name, byte[] data, long length,
                                         CPluginMetaData[] metaData) {
-        try {
+        return call(op, e -> new CWObjectHandleFnValue(e, null), () -> {
             BlobRestClient c = requireClient();
             String blob = requireName(name);
             byte[] bytes = data == null ? new byte[0] : data;
@@ -209,80 +230,16 @@ public class QVAzurePlugInLibrary {
                 throw new StorageException(ERRORID.INVALID_ARGUMENT,
                                            op + ": length " + length + " outside the array of " + bytes.length);
             }
-            Map<String, String> meta = metaData == null ? null : encodeMetadata(metaData);
+            Map<String, String> meta = metaData == null ? null : MetadataProjection.encode(metaData);
             int len = (int) length;
             Deadline deadline = c.startOperation();
             if (len <= SINGLE_PUT_LIMIT) {
                 c.putBlob(deadline, blob, bytes, 0, len, meta, false, c.accessTier());
             } else {
-                uploadBlocks(deadline, c, blob, bytes, len, meta);
+                uploader.upload(deadline, c, blob, bytes, len, meta, c.accessTier());
             }
             return new CWObjectHandleFnValue(ok(), blob);
-        } catch (StorageException e) {
-            return new CWObjectHandleFnValue(failed(op, e), null);
-        } catch (RuntimeException e) {
-            return new CWObjectHandleFnValue(internal(op, e), null);
-        }
-    }
-
-    /**
-     * Uploads {@code bytes[0..len)} as blocks of {@link #BLOCK_SIZE}, at most
-     * {@link #PARALLEL_UPLOADS} at a time, then commits them in order. If one
-     * block fails the others are cancelled and nothing is committed: an
-     * object of that name keeps its old content, a new name stays absent.
-     * The uncommitted blocks are discarded by the service after a week.
-     *
-     * Block ids carry a random prefix per upload, so two uploads to the same
-     * name at once never commit each other's blocks. All blocks and the
-     * commit share the operation's deadline: a block that runs out of it
-     * fails the upload like any other failure.
-     */
-    private void uploadBlocks(Deadline op, BlobRestClient c, String blob, byte[] bytes, int len,
-                              Map<String, String> meta) throws StorageException {
-        ExecutorService pool = pool();
-        List<String> ids = new ArrayList<>();
-        List<Future<?>> futures = new ArrayList<>();
-        String upload = Long.toHexString(ThreadLocalRandom.current().nextLong() | Long.MIN_VALUE);
-        for (int off = 0, i = 0; off < len; off += BLOCK_SIZE, ++i) {
-            // Every id of a blob must have the same length before encoding: 16 hex digits, '-', 8 digits.
-            String id = Base64.getEncoder().encodeToString(
-                String.format(Locale.ROOT, "%s-%08d", upload, i).getBytes(StandardCharsets.US_ASCII));
-            ids.add(id);
-            int from = off;
-            int n = Math.min(BLOCK_SIZE, len - off);
-            futures.add(pool.submit(() -> {
-                c.putBlock(op, blob, id, bytes, from, n);
-                return null;
-            }));
-        }
-        try {
-            for (Future<?> f : futures) {
-                f.get();
-            }
-        } catch (ExecutionException e) {
-            futures.forEach(f -> f.cancel(true));
-            if (e.getCause() instanceof StorageException) {
-                throw (StorageException) e.getCause();
-            }
-            throw new StorageException(ErrorMap.fromThrowable(e.getCause()), 0, null,
-                                       "block upload failed: " + e.getCause(), e.getCause());
-        } catch (InterruptedException e) {
-            futures.forEach(f -> f.cancel(true));
-            Thread.currentThread().interrupt();
-            throw new StorageException(ERRORID.OPERATION_CANCELLED, "block upload interrupted");
-        }
-        c.putBlockList(op, blob, ids, meta, c.accessTier());
-    }
-
-    private synchronized ExecutorService pool() {
-        if (uploadPool == null) {
-            uploadPool = Executors.newFixedThreadPool(PARALLEL_UPLOADS, r -> {
-                Thread t = new Thread(r, "azure-block-upload");
-                t.setDaemon(true);
-                return t;
-            });
-        }
-        return uploadPool;
+        });
     }
 
     // ------------------------------------------------------------------ read
@@ -292,14 +249,10 @@ public class QVAzurePlugInLibrary {
      * {@code offset}; reading at or past the end reports 0 bytes.
      */
     public CReadObjectFnValue ReadObject(String name, byte[] data, long length, long offset) {
-        try {
+        return call("ReadObject", e -> new CReadObjectFnValue(e, 0), () -> {
             BlobRestClient.ReadResult r = readInto(name, data, offset, length);
             return new CReadObjectFnValue(ok(), r.bytesRead);
-        } catch (StorageException e) {
-            return new CReadObjectFnValue(failed("ReadObject", e), 0);
-        } catch (RuntimeException e) {
-            return new CReadObjectFnValue(internal("ReadObject", e), 0);
-        }
+        });
     }
 
     /**
@@ -325,14 +278,11 @@ public class QVAzurePlugInLibrary {
 
     private CRObjectByNameFnValue readWithMetaData(String op, String name, byte[] data, long offset, long length,
                                                    String[] propertyNames) {
-        try {
+        return call(op, e -> new CRObjectByNameFnValue(e, null, 0), () -> {
             BlobRestClient.ReadResult r = readInto(name, data, offset, length);
-            return new CRObjectByNameFnValue(ok(), selectProperties(r.response, propertyNames), r.bytesRead);
-        } catch (StorageException e) {
-            return new CRObjectByNameFnValue(failed(op, e), null, 0);
-        } catch (RuntimeException e) {
-            return new CRObjectByNameFnValue(internal(op, e), null, 0);
-        }
+            return new CRObjectByNameFnValue(ok(), MetadataProjection.selected(r.response, propertyNames),
+                                             r.bytesRead);
+        });
     }
 
     private BlobRestClient.ReadResult readInto(String name, byte[] data, long offset, long length)
@@ -345,73 +295,6 @@ public class QVAzurePlugInLibrary {
         int room = data == null ? 0 : data.length;
         int max = (int) Math.min(length, room);
         return c.readRange(c.startOperation(), blob, offset, data, max);
-    }
-
-    private static CPluginMetaData[] selectProperties(BlobRestClient.Response r, String[] propertyNames) {
-        Map<String, String> all = decodeMetadata(r.metadata());
-        if (propertyNames == null || propertyNames.length == 0) {
-            return toArray(all);
-        }
-        List<CPluginMetaData> out = new ArrayList<>();
-        for (String p : propertyNames) {
-            if (p == null) {
-                continue;
-            }
-            String v = all.get(p);
-            if (v == null && SYSTEM_PROPERTIES.contains(p.toLowerCase(Locale.ROOT))) {
-                v = r.header(p);
-            }
-            if (v != null) {
-                out.add(new CPluginMetaData(p, v));
-            }
-        }
-        return out.toArray(new CPluginMetaData[0]);
-    }
-
-    /** The property that sets (SetObjectMetaData) and reports an object's access tier. */
-    public static final String ACCESS_TIER = "x-ms-access-tier";
-    /** Reported while a rehydration is pending, e.g. rehydrate-pending-to-hot. */
-    public static final String ARCHIVE_STATUS = "x-ms-archive-status";
-    /** The priority of a pending rehydration, High or Standard. */
-    public static final String REHYDRATE_PRIORITY = "x-ms-rehydrate-priority";
-
-    /**
-     * Properties the service reports on Get Blob Properties (a HEAD) and in
-     * listings, not on Get Blob: a read answers them only when it was made
-     * with a HEAD (nothing to read, or at or past the end).
-     */
-    private static final List<String> TIER_PROPERTIES = List.of(ACCESS_TIER, ARCHIVE_STATUS, REHYDRATE_PRIORITY);
-
-    private static final List<String> SYSTEM_PROPERTIES =
-        List.of("content-length", "content-type", "etag", "last-modified", ACCESS_TIER, ARCHIVE_STATUS,
-                REHYDRATE_PRIORITY);
-
-    private static void putIfReported(Map<String, String> props, String name, String value) {
-        if (value != null) {
-            props.putIfAbsent(name, value);
-        }
-    }
-
-    /**
-     * The value of {@value #ACCESS_TIER} for SetObjectMetaData: the tier as the
-     * service spells it and the rehydrate priority (null without one).
-     */
-    static String[] parseTierValue(String value) throws StorageException {
-        if (value != null) {
-            int semi = value.indexOf(';');
-            String tier = StorageConnection.canonicalTier(semi < 0 ? value : value.substring(0, semi));
-            String priority = null;
-            if (semi >= 0) {
-                String p = value.substring(semi + 1);
-                priority = "High".equalsIgnoreCase(p) ? "High" : "Standard".equalsIgnoreCase(p) ? "Standard" : "";
-            }
-            if (tier != null && !"".equals(priority)) {
-                return new String[] {tier, priority};
-            }
-        }
-        throw new StorageException(ERRORID.INVALID_ARGUMENT,
-                                   ACCESS_TIER + " must be Hot, Cool, Cold or Archive, optionally with ;High or "
-                                       + ";Standard");
     }
 
     // ------------------------------------------------------------------ handles
@@ -432,7 +315,7 @@ public class QVAzurePlugInLibrary {
 
     /** With {@code createIfMissing} true a missing object is created empty instead of reported. */
     public CCreateFnValue OpenObject(String name, boolean createIfMissing) {
-        try {
+        return call("OpenObject", e -> new CCreateFnValue(e, null), () -> {
             BlobRestClient c = requireClient();
             String blob = requireName(name);
             Deadline op = c.startOperation();
@@ -449,11 +332,7 @@ public class QVAzurePlugInLibrary {
                 }
             }
             return new CCreateFnValue(ok(), blob);
-        } catch (StorageException e) {
-            return new CCreateFnValue(failed("OpenObject", e), null);
-        } catch (RuntimeException e) {
-            return new CCreateFnValue(internal("OpenObject", e), null);
-        }
+        });
     }
 
     public CCreateFnValue CreateCachedObject(String name) {
@@ -461,17 +340,13 @@ public class QVAzurePlugInLibrary {
     }
 
     private CCreateFnValue create(String op, String name, CPluginMetaData[] metaData) {
-        try {
+        return call(op, e -> new CCreateFnValue(e, null), () -> {
             BlobRestClient c = requireClient();
             String blob = requireName(name);
             c.putBlob(c.startOperation(), blob, new byte[0], 0, 0,
-                      metaData == null ? null : encodeMetadata(metaData), true, null);
+                      metaData == null ? null : MetadataProjection.encode(metaData), true, null);
             return new CCreateFnValue(ok(), blob);
-        } catch (StorageException e) {
-            return new CCreateFnValue(failed(op, e), null);
-        } catch (RuntimeException e) {
-            return new CCreateFnValue(internal(op, e), null);
-        }
+        });
     }
 
     /** Handles hold no resources; closing only checks that the text can be one. */
@@ -518,26 +393,18 @@ public class QVAzurePlugInLibrary {
     }
 
     private CErrorValue delete(String op, String name) {
-        try {
+        return callPlain(op, () -> {
             BlobRestClient c = requireClient();
             c.deleteBlob(c.startOperation(), requireName(name));
             return ok();
-        } catch (StorageException e) {
-            return failed(op, e);
-        } catch (RuntimeException e) {
-            return internal(op, e);
-        }
+        });
     }
 
     public CIsObjectExistFnValue IsObjectExist(String name) {
-        try {
+        return call("IsObjectExist", e -> new CIsObjectExistFnValue(e, false), () -> {
             BlobRestClient c = requireClient();
             return new CIsObjectExistFnValue(ok(), c.exists(c.startOperation(), requireName(name)));
-        } catch (StorageException e) {
-            return new CIsObjectExistFnValue(failed("IsObjectExist", e), false);
-        } catch (RuntimeException e) {
-            return new CIsObjectExistFnValue(internal("IsObjectExist", e), false);
-        }
+        });
     }
 
     /**
@@ -579,14 +446,14 @@ public class QVAzurePlugInLibrary {
      * and takes hours); listings and property reads tell where it stands.
      */
     public CErrorValue SetObjectMetaData(String name, String property, String value) {
-        try {
+        return callPlain("SetObjectMetaData", () -> {
             BlobRestClient c = requireClient();
             String blob = requireName(name);
             if (property == null || property.isEmpty()) {
                 throw new StorageException(ERRORID.INVALID_METADATA, "empty property name");
             }
             if (property.equalsIgnoreCase(ACCESS_TIER)) {
-                String[] tier = parseTierValue(value);
+                String[] tier = MetadataProjection.parseTierValue(value);
                 int status = c.setTier(c.startOperation(), blob, tier[0], tier[1]);
                 LOG.log(Level.FINE, "SetObjectMetaData: {0} to {1}{2}: {3}",
                         new Object[] {blob, tier[0], tier[1] == null ? "" : " (" + tier[1] + ")", status});
@@ -594,7 +461,7 @@ public class QVAzurePlugInLibrary {
             }
             Deadline op = c.startOperation();
             for (int attempt = 0; ; ++attempt) {
-                BlobRestClient.Response props = c.properties(op, blob);
+                Response props = c.properties(op, blob);
                 Map<String, String> stored = new TreeMap<>(props.metadata());
                 stored.put(MetadataCodec.encodeName(property), MetadataCodec.encodeValue(value));
                 try {
@@ -606,11 +473,7 @@ public class QVAzurePlugInLibrary {
                     }
                 }
             }
-        } catch (StorageException e) {
-            return failed("SetObjectMetaData", e);
-        } catch (RuntimeException e) {
-            return internal("SetObjectMetaData", e);
-        }
+        });
     }
 
     /**
@@ -621,34 +484,21 @@ public class QVAzurePlugInLibrary {
      * reports them.
      */
     public CGetObjectMetaData GetObjectMetaData(String name, String property) {
-        try {
+        return call("GetObjectMetaData", e -> new CGetObjectMetaData(e, null), () -> {
             BlobRestClient c = requireClient();
-            BlobRestClient.Response props = c.properties(c.startOperation(), requireName(name));
-            String v = decodeMetadata(props.metadata()).get(property);
-            if (v == null && property != null && TIER_PROPERTIES.contains(property.toLowerCase(Locale.ROOT))) {
-                v = props.header(property);
-            }
-            if (v == null) {
-                return new CGetObjectMetaData(err(ERRORID.NOT_FOUND), null);
-            }
-            return new CGetObjectMetaData(ok(), v);
-        } catch (StorageException e) {
-            return new CGetObjectMetaData(failed("GetObjectMetaData", e), null);
-        } catch (RuntimeException e) {
-            return new CGetObjectMetaData(internal("GetObjectMetaData", e), null);
-        }
+            String v = MetadataProjection.single(c.properties(c.startOperation(), requireName(name)), property);
+            return v == null ? new CGetObjectMetaData(err(ERRORID.NOT_FOUND), null)
+                : new CGetObjectMetaData(ok(), v);
+        });
     }
 
     public CGObjectMetaDataFnValue GetObjectMetaData(String name) {
-        try {
+        return call("GetObjectMetaData", e -> new CGObjectMetaDataFnValue(e, null), () -> {
             BlobRestClient c = requireClient();
-            BlobRestClient.Response props = c.properties(c.startOperation(), requireName(name));
-            return new CGObjectMetaDataFnValue(ok(), toArray(decodeMetadata(props.metadata())));
-        } catch (StorageException e) {
-            return new CGObjectMetaDataFnValue(failed("GetObjectMetaData", e), null);
-        } catch (RuntimeException e) {
-            return new CGObjectMetaDataFnValue(internal("GetObjectMetaData", e), null);
-        }
+            Response props = c.properties(c.startOperation(), requireName(name));
+            return new CGObjectMetaDataFnValue(ok(), MetadataProjection.toArray(
+                MetadataProjection.decode(props.metadata())));
+        });
     }
 
     /**
@@ -659,34 +509,26 @@ public class QVAzurePlugInLibrary {
      * reported, and never in place of a metadata entry of the same name).
      */
     public CRetGetSubMetaDataList GetObjectSubList(String path) {
-        try {
+        return call("GetObjectSubList", e -> new CRetGetSubMetaDataList(e, null), () -> {
             BlobRestClient c = requireClient();
             List<CObjectSubListElement> out = new ArrayList<>();
             Deadline op = c.startOperation();
             String marker = null;
             do {
-                BlobRestClient.BlobPage page = c.listBlobs(op, path, marker, listPageSize, true);
-                for (BlobRestClient.BlobItem item : page.items) {
-                    Map<String, String> props = decodeMetadata(item.metadata);
-                    putIfReported(props, ACCESS_TIER, item.accessTier);
-                    putIfReported(props, ARCHIVE_STATUS, item.archiveStatus);
-                    putIfReported(props, REHYDRATE_PRIORITY, item.rehydratePriority);
-                    out.add(new CObjectSubListElement(item.name, toArray(props)));
+                BlobPage page = c.listBlobs(op, path, marker, listPageSize, true);
+                for (BlobPage.Item item : page.items) {
+                    out.add(new CObjectSubListElement(item.name, MetadataProjection.listed(item)));
                 }
                 marker = page.nextMarker;
             } while (marker != null);
             return new CRetGetSubMetaDataList(ok(), out.toArray(new CObjectSubListElement[0]));
-        } catch (StorageException e) {
-            return new CRetGetSubMetaDataList(failed("GetObjectSubList", e), null);
-        } catch (RuntimeException e) {
-            return new CRetGetSubMetaDataList(internal("GetObjectSubList", e), null);
-        }
+        });
     }
 
     // ------------------------------------------------------------------ containers and regions
 
     public QVListContainers GetListContainers() {
-        try {
+        return call("GetListContainers", e -> new QVListContainers(e, null), () -> {
             BlobRestClient c = requireClient();
             List<String> names = c.listContainers(c.startOperation());
             QVAzureContainer[] out = new QVAzureContainer[names.size()];
@@ -694,11 +536,7 @@ public class QVAzurePlugInLibrary {
                 out[i] = new QVAzureContainer(names.get(i));
             }
             return new QVListContainers(ok(), out);
-        } catch (StorageException e) {
-            return new QVListContainers(failed("GetListContainers", e), null);
-        } catch (RuntimeException e) {
-            return new QVListContainers(internal("GetListContainers", e), null);
-        }
+        });
     }
 
     /** Not available: the Blob REST API has no notion of an archive set. */
@@ -717,7 +555,7 @@ public class QVAzurePlugInLibrary {
     }
 
     public com.qv.AmazonLibrary.CIsObjectExistFnValue IsContainerExists(String name) {
-        try {
+        return call("IsContainerExists", e -> new com.qv.AmazonLibrary.CIsObjectExistFnValue(e, false), () -> {
             if (!StorageConnection.isValidContainerName(name)) {
                 return new com.qv.AmazonLibrary.CIsObjectExistFnValue(err(ERRORID.INVALID_CONTAINER_NAME), false);
             }
@@ -727,24 +565,16 @@ public class QVAzurePlugInLibrary {
             boolean exists = c.usesSas() && name.equals(c.container())
                 ? c.containerReachable(op) : c.containerExists(op, name);
             return new com.qv.AmazonLibrary.CIsObjectExistFnValue(ok(), exists);
-        } catch (StorageException e) {
-            return new com.qv.AmazonLibrary.CIsObjectExistFnValue(failed("IsContainerExists", e), false);
-        } catch (RuntimeException e) {
-            return new com.qv.AmazonLibrary.CIsObjectExistFnValue(internal("IsContainerExists", e), false);
-        }
+        });
     }
 
     /** Deletes the container of the connection string with everything in it. */
     public CErrorValue DeleteContainer() {
-        try {
+        return callPlain("DeleteContainer", () -> {
             BlobRestClient c = requireClient();
             c.deleteContainer(c.startOperation(), c.container());
             return ok();
-        } catch (StorageException e) {
-            return failed("DeleteContainer", e);
-        } catch (RuntimeException e) {
-            return internal("DeleteContainer", e);
-        }
+        });
     }
 
     public CUniqueAccountValue GetContainerName() {
@@ -769,10 +599,10 @@ public class QVAzurePlugInLibrary {
      * The Blob REST API knows no owner e-mail address; that field stays null.
      */
     public CGetAccountInfoFnValue GetAccountInfo() {
-        try {
+        return call("GetAccountInfo", e -> new CGetAccountInfoFnValue(e, null, null, null, null, 0, 0), () -> {
             BlobRestClient c = requireClient();
             Deadline op = c.startOperation();
-            BlobRestClient.Response info = c.accountInformation(op);
+            Response info = c.accountInformation(op);
             String kind = info.header("x-ms-account-kind");
             String sku = info.header("x-ms-sku-name");
             String type = kind == null ? sku : (sku == null ? kind : kind + "/" + sku);
@@ -780,31 +610,23 @@ public class QVAzurePlugInLibrary {
             String account = connection.accountName;
             return new CGetAccountInfoFnValue(ok(), account, type, account, null, used,
                                               Math.max(0, ACCOUNT_CAPACITY - used));
-        } catch (StorageException e) {
-            return new CGetAccountInfoFnValue(failed("GetAccountInfo", e), null, null, null, null, 0, 0);
-        } catch (RuntimeException e) {
-            return new CGetAccountInfoFnValue(internal("GetAccountInfo", e), null, null, null, null, 0, 0);
-        }
+        });
     }
 
     /** The bytes of all objects of the container, summed from a full listing. */
     public CGetAccountSizeValue GetAllObjectsSize() {
-        try {
+        return call("GetAllObjectsSize", e -> new CGetAccountSizeValue(e, 0), () -> {
             BlobRestClient c = requireClient();
             return new CGetAccountSizeValue(ok(), containerBytes(c.startOperation(), c));
-        } catch (StorageException e) {
-            return new CGetAccountSizeValue(failed("GetAllObjectsSize", e), 0);
-        } catch (RuntimeException e) {
-            return new CGetAccountSizeValue(internal("GetAllObjectsSize", e), 0);
-        }
+        });
     }
 
     private long containerBytes(Deadline op, BlobRestClient c) throws StorageException {
         long total = 0;
         String marker = null;
         do {
-            BlobRestClient.BlobPage page = c.listBlobs(op, null, marker, listPageSize, false);
-            for (BlobRestClient.BlobItem item : page.items) {
+            BlobPage page = c.listBlobs(op, null, marker, listPageSize, false);
+            for (BlobPage.Item item : page.items) {
                 total += item.size;
             }
             marker = page.nextMarker;
@@ -871,17 +693,10 @@ public class QVAzurePlugInLibrary {
      * list passes too).
      */
     public CErrorValue CheckConnectivity() {
-        try {
+        return callPlain("CheckConnectivity", () -> {
             BlobRestClient c = requireClient();
-            if (!c.containerReachable(c.startOperation())) {
-                return err(ERRORID.CONTAINER_NOT_FOUND);
-            }
-            return ok();
-        } catch (StorageException e) {
-            return failed("CheckConnectivity", e);
-        } catch (RuntimeException e) {
-            return internal("CheckConnectivity", e);
-        }
+            return c.containerReachable(c.startOperation()) ? ok() : err(ERRORID.CONTAINER_NOT_FOUND);
+        });
     }
 
     public CGDefaultObjSizeRangeValue GetDefaultObjectSizeRange() {
@@ -922,38 +737,6 @@ public class QVAzurePlugInLibrary {
             throw new StorageException(ERRORID.INVALID_OBJECT_NAME, "not a usable object name: " + name);
         }
         return name;
-    }
-
-    static Map<String, String> encodeMetadata(CPluginMetaData[] metaData) throws StorageException {
-        Map<String, String> out = new LinkedHashMap<>();
-        for (CPluginMetaData m : metaData) {
-            if (m == null) {
-                continue;
-            }
-            if (m.szPropertyName == null || m.szPropertyName.isEmpty()) {
-                throw new StorageException(ERRORID.INVALID_METADATA, "metadata property without a name");
-            }
-            String value = m.val == null ? null : m.val.szProperty;
-            out.put(MetadataCodec.encodeName(m.szPropertyName), MetadataCodec.encodeValue(value));
-        }
-        return out;
-    }
-
-    static Map<String, String> decodeMetadata(Map<String, String> stored) {
-        Map<String, String> out = new TreeMap<>();
-        for (Map.Entry<String, String> e : stored.entrySet()) {
-            out.put(MetadataCodec.decodeName(e.getKey()), MetadataCodec.decodeValue(e.getValue()));
-        }
-        return out;
-    }
-
-    private static CPluginMetaData[] toArray(Map<String, String> props) {
-        CPluginMetaData[] out = new CPluginMetaData[props.size()];
-        int i = 0;
-        for (Map.Entry<String, String> e : props.entrySet()) {
-            out[i++] = new CPluginMetaData(e.getKey(), e.getValue());
-        }
-        return out;
     }
 
     private static CErrorValue ok() {

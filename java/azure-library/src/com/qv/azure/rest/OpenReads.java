@@ -50,7 +50,7 @@ final class OpenReads {
         final String path;
         final HttpURLConnection http;
         final InputStream in;
-        final BlobRestClient.Response response;
+        final Response response;
         /** The blob offset just past the answer's last byte. */
         final long end;
         /** Whether the answer runs to the blob's end (a read past it then ends there, as the blob does). */
@@ -58,7 +58,7 @@ final class OpenReads {
         long next;
         long parkedAt;
 
-        Open(String path, HttpURLConnection http, InputStream in, BlobRestClient.Response response, long next,
+        Open(String path, HttpURLConnection http, InputStream in, Response response, long next,
              long end, boolean reachesBlobEnd) {
             this.path = path;
             this.http = http;

@@ -40,9 +40,9 @@ class RestPiecesTest {
         for (long second : instants) {
             String expected = reference.format(java.time.ZonedDateTime.ofInstant(
                 java.time.Instant.ofEpochSecond(second), java.time.ZoneOffset.UTC));
-            assertEquals(expected, BlobRestClient.httpDate(second), "at " + second);
+            assertEquals(expected, HttpExchange.httpDate(second), "at " + second);
         }
-        assertEquals("Mon, 23 Nov 2026 10:15:30 GMT", BlobRestClient.httpDate(1795428930L));
+        assertEquals("Mon, 23 Nov 2026 10:15:30 GMT", HttpExchange.httpDate(1795428930L));
     }
 
     @Test
@@ -469,11 +469,11 @@ class RestPiecesTest {
 
     @Test
     void errorCodesFromTheWireAreCleaned() {
-        assertEquals("ServerBusy", BlobRestClient.cleanCode("ServerBusy"));
-        assertEquals(null, BlobRestClient.cleanCode("  "));
-        assertEquals(null, BlobRestClient.cleanCode(null));
-        assertEquals("Bad??Code", BlobRestClient.cleanCode("Bad\r\nCode"));
-        assertEquals(100, BlobRestClient.cleanCode("A".repeat(5000)).length());
+        assertEquals("ServerBusy", HttpExchange.cleanCode("ServerBusy"));
+        assertEquals(null, HttpExchange.cleanCode("  "));
+        assertEquals(null, HttpExchange.cleanCode(null));
+        assertEquals("Bad??Code", HttpExchange.cleanCode("Bad\r\nCode"));
+        assertEquals(100, HttpExchange.cleanCode("A".repeat(5000)).length());
     }
 
     @Test
