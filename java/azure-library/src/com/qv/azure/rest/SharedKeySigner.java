@@ -22,7 +22,9 @@ import javax.crypto.spec.SecretKeySpec;
  * </pre>
  *
  * A Content-Length of 0 is signed as the empty string. The Date line stays
- * empty because every request carries x-ms-date instead.
+ * empty because every request carries x-ms-date instead. The x-ms- headers
+ * (CanonicalizedHeaders) are listed in the service's order, see
+ * {@link HeaderOrder}.
  */
 public final class SharedKeySigner {
     private final String accountName;
@@ -74,10 +76,16 @@ public final class SharedKeySigner {
         sb.append(lower.getOrDefault("if-none-match", "")).append('\n');
         sb.append(lower.getOrDefault("if-unmodified-since", "")).append('\n');
         sb.append(lower.getOrDefault("range", "")).append('\n');
-        for (Map.Entry<String, String> e : lower.entrySet()) {
-            if (e.getKey().startsWith("x-ms-")) {
-                sb.append(e.getKey()).append(':').append(e.getValue().trim()).append('\n');
+        // The x-ms- headers in the order the service lists them, which is not that of code points.
+        List<String> names = new ArrayList<>();
+        for (String name : lower.keySet()) {
+            if (name.startsWith("x-ms-")) {
+                names.add(name);
             }
+        }
+        names.sort(HeaderOrder.INSTANCE);
+        for (String name : names) {
+            sb.append(name).append(':').append(lower.get(name).trim()).append('\n');
         }
         sb.append('/').append(accountName).append(rawPath == null || rawPath.isEmpty() ? "/" : rawPath);
         if (rawQuery != null && !rawQuery.isEmpty()) {
