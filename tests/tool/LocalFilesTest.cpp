@@ -11,10 +11,10 @@
 #include <functional>
 #include <sstream>
 
-#include "AlignedBuffer.h"
-#include "Destination.h"
-#include "LocalFiles.h"
-#include "ToolError.h"
+#include "util/AlignedBuffer.h"
+#include "local/Destination.h"
+#include "local/LocalFiles.h"
+#include "util/ToolError.h"
 #include "support/TempFolder.h"
 
 using namespace qvhost;

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <functional>
 
-#include "Manifest.h"
-#include "Sha256.h"
-#include "ToolError.h"
+#include "legacy/Manifest.h"
+#include "util/Sha256.h"
+#include "util/ToolError.h"
 
 using namespace qvhost;
 

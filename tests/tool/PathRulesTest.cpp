@@ -3,7 +3,7 @@
 // platform.
 #include <gtest/gtest.h>
 
-#include "PathRules.h"
+#include "util/PathRules.h"
 
 using qvhost::PathRules;
 using qvhost::WhyLinkTargetIsRefused;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Sha256.h"
+#include "util/Sha256.h"
 
 using qvhost::Sha256;
 using qvhost::Sha256Digest;

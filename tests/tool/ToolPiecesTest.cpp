@@ -10,12 +10,12 @@
 #include <set>
 #include <thread>
 
-#include "Commands.h"
-#include "HostRuntime.h"
-#include "Json.h"
-#include "ParallelRunner.h"
-#include "Progress.h"
-#include "ToolError.h"
+#include "cli/Commands.h"
+#include "host/HostRuntime.h"
+#include "util/Json.h"
+#include "util/ParallelRunner.h"
+#include "cli/Progress.h"
+#include "util/ToolError.h"
 #include "support/TempFolder.h"
 
 using namespace qvhost;

@@ -14,11 +14,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include "Commands.h"
-#include "HostRuntime.h"
-#include "Interrupt.h"
-#include "TextSplit.h"
-#include "ToolError.h"
+#include "cli/Commands.h"
+#include "host/HostRuntime.h"
+#include "util/Interrupt.h"
+#include "util/TextSplit.h"
+#include "util/ToolError.h"
 
 #ifdef _WIN32
 #include <windows.h>

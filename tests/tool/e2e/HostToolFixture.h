@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "LocalFiles.h"
-#include "Sha256.h"
+#include "local/LocalFiles.h"
+#include "util/Sha256.h"
 #include "ToolRunner.h"
 #include "support/TempFolder.h"
 

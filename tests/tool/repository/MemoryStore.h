@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "ToolError.h"
+#include "util/ToolError.h"
 #include "repository/ObjectStore.h"
 
 namespace repotest {

@@ -8,9 +8,9 @@
 #include <fstream>
 #include <random>
 
-#include "Json.h"
-#include "LocalFiles.h"
-#include "ToolError.h"
+#include "util/Json.h"
+#include "local/LocalFiles.h"
+#include "util/ToolError.h"
 #include "repository/Backup.h"
 #include "repository/Binary.h"
 #include "repository/Locks.h"

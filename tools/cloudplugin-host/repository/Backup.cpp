@@ -9,10 +9,10 @@
 #include <mutex>
 #include <unordered_set>
 
-#include "Commands.h"
-#include "Interrupt.h"
-#include "ParallelRunner.h"
-#include "ToolError.h"
+#include "cli/Commands.h"
+#include "util/Interrupt.h"
+#include "util/ParallelRunner.h"
+#include "util/ToolError.h"
 
 namespace qvhost::repo {
 

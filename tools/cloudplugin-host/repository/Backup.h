@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "LocalFiles.h"
-#include "Progress.h"
+#include "local/LocalFiles.h"
+#include "cli/Progress.h"
 #include "repository/Repository.h"
 
 namespace qvhost::repo {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "ToolError.h"
+#include "util/ToolError.h"
 #include "repository/Crypto.h"
 
 namespace qvhost::repo {

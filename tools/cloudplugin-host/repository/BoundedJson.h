@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "Json.h"
+#include "util/Json.h"
 #include "repository/Binary.h"
 
 namespace qvhost::repo {

@@ -4,8 +4,8 @@
 #include <ctime>
 #include <random>
 
-#include "Commands.h"
-#include "Interrupt.h"
+#include "cli/Commands.h"
+#include "util/Interrupt.h"
 #include "repository/BoundedJson.h"
 
 #ifdef _WIN32

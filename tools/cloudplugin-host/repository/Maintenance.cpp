@@ -7,10 +7,10 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "Commands.h"
-#include "ParallelRunner.h"
+#include "cli/Commands.h"
+#include "util/ParallelRunner.h"
 #include "repository/Binary.h"
-#include "ToolError.h"
+#include "util/ToolError.h"
 
 namespace qvhost::repo {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Progress.h"
+#include "cli/Progress.h"
 #include "repository/Repository.h"
 
 namespace qvhost::repo {

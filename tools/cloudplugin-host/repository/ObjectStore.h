@@ -1,25 +1,20 @@
 // The storage a repository lives in, as the repository code sees it: named
 // objects written whole, read whole or by range, listed by prefix and
 // deleted. The tool's implementation goes through the plug-in
-// (PluginObjectStore); the unit tests use an in-memory one.
+// (host/PluginObjectStore.h); the unit tests use an in-memory one.
 //
 // Nothing read through it is trusted: every reader bounds what it asks for
 // and checks what comes back.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "ToolError.h"
+#include "util/ToolError.h"
 #include "repository/Crypto.h"
-
-namespace qvhost {
-class PluginSession;
-}
 
 namespace qvhost::repo {
 
@@ -77,26 +72,6 @@ public:
 
 private:
     std::string name_;
-};
-
-// The objects of the plug-in session's container.
-class PluginObjectStore : public ObjectStore {
-public:
-    explicit PluginObjectStore(PluginSession& session) : session_(session) {}
-
-    using ObjectStore::Write;
-    void Write(const std::string& name, const uint8_t* data, size_t size, const Properties& properties) override;
-    void ReadRange(const std::string& name, uint64_t offset, uint64_t length, Bytes& out) override;
-    Bytes ReadAll(const std::string& name, uint64_t limit) override;
-    std::vector<StoredObject> List(const std::string& prefix) override;
-    void Delete(const std::string& name) override;
-
-    // Bytes written and read through this store, for the commands' figures.
-    uint64_t BytesWritten() const { return written_; }
-
-private:
-    PluginSession& session_;
-    std::atomic<uint64_t> written_{0};
 };
 
 }  // namespace qvhost::repo

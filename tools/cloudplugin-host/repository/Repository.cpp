@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "Commands.h"
+#include "cli/Commands.h"
 #include "repository/Binary.h"
 
 namespace qvhost::repo {

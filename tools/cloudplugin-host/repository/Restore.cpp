@@ -6,9 +6,9 @@
 #include <memory>
 #include <mutex>
 
-#include "Commands.h"
-#include "ParallelRunner.h"
-#include "ToolError.h"
+#include "cli/Commands.h"
+#include "util/ParallelRunner.h"
+#include "util/ToolError.h"
 
 namespace qvhost::repo {
 

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "Destination.h"
-#include "Progress.h"
+#include "local/Destination.h"
+#include "cli/Progress.h"
 #include "repository/Repository.h"
 
 namespace qvhost::repo {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include "Commands.h"
+#include "cli/Commands.h"
 #include "platform/TextCodec.h"
 #include "repository/BoundedJson.h"
 #include "repository/Compression.h"

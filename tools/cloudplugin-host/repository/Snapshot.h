@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "Json.h"
-#include "Manifest.h"
+#include "util/Json.h"
+#include "legacy/Manifest.h"
 #include "repository/Crypto.h"
 
 namespace qvhost::repo {

@@ -9,13 +9,13 @@
 #include <atomic>
 #include <mutex>
 
-#include "AlignedBuffer.h"
-#include "Commands.h"
-#include "Destination.h"
-#include "Interrupt.h"
-#include "ParallelRunner.h"
-#include "Sha256.h"
-#include "ToolError.h"
+#include "util/AlignedBuffer.h"
+#include "cli/Commands.h"
+#include "local/Destination.h"
+#include "util/Interrupt.h"
+#include "util/ParallelRunner.h"
+#include "util/Sha256.h"
+#include "util/ToolError.h"
 
 namespace qvhost {
 

@@ -33,7 +33,7 @@
 #include <string>
 #include <vector>
 
-#include "PathRules.h"
+#include "util/PathRules.h"
 
 namespace qvhost {
 

@@ -1,4 +1,4 @@
-#include "PathRules.h"
+#include "util/PathRules.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/TextCodec.h"
-#include "TextSplit.h"
+#include "util/TextSplit.h"
 
 namespace qvhost {
 

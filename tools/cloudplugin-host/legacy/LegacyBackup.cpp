@@ -8,13 +8,13 @@
 #include <filesystem>
 #include <mutex>
 
-#include "AlignedBuffer.h"
-#include "Commands.h"
-#include "Interrupt.h"
-#include "LocalFiles.h"
-#include "ParallelRunner.h"
-#include "Sha256.h"
-#include "ToolError.h"
+#include "util/AlignedBuffer.h"
+#include "cli/Commands.h"
+#include "util/Interrupt.h"
+#include "local/LocalFiles.h"
+#include "util/ParallelRunner.h"
+#include "util/Sha256.h"
+#include "util/ToolError.h"
 
 namespace qvhost {
 

@@ -1,4 +1,4 @@
-#include "Manifest.h"
+#include "legacy/Manifest.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -6,9 +6,9 @@
 #include <sstream>
 #include <type_traits>
 
-#include "Sha256.h"
-#include "TextSplit.h"
-#include "ToolError.h"
+#include "util/Sha256.h"
+#include "util/TextSplit.h"
+#include "util/ToolError.h"
 
 namespace qvhost {
 

@@ -1,4 +1,4 @@
-#include "Interrupt.h"
+#include "util/Interrupt.h"
 
 #include <atomic>
 #include <csignal>

@@ -21,9 +21,9 @@
 #include <random>
 #include <vector>
 
-#include "Destination.h"
-#include "TextSplit.h"
-#include "ToolError.h"
+#include "local/Destination.h"
+#include "util/TextSplit.h"
+#include "util/ToolError.h"
 
 namespace qvhost {
 

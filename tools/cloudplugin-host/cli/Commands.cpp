@@ -1,6 +1,6 @@
 // What the commands share: the ways to speak to the user and the small
 // parsers and formatters.
-#include "Commands.h"
+#include "cli/Commands.h"
 
 #include <cstdio>
 #include <ctime>

@@ -8,9 +8,10 @@
 #include <map>
 #include <set>
 
-#include "Commands.h"
-#include "Destination.h"
-#include "ToolError.h"
+#include "cli/Commands.h"
+#include "host/PluginObjectStore.h"
+#include "local/Destination.h"
+#include "util/ToolError.h"
 #include "repository/Backup.h"
 #include "repository/Locks.h"
 #include "repository/Maintenance.h"

@@ -1,8 +1,8 @@
 // The repository's commands in a build without the repository (the Windows
 // cross build: no OpenSSL or zstd for it here). Backups of the version 2
 // layout work as before; the rest says plainly that this build lacks it.
-#include "Commands.h"
-#include "ToolError.h"
+#include "cli/Commands.h"
+#include "util/ToolError.h"
 
 namespace qvhost {
 

@@ -1,10 +1,10 @@
-#include "PluginSession.h"
+#include "host/PluginSession.h"
 
 #include <algorithm>
 #include <chrono>
 #include <memory>
 
-#include "ToolError.h"
+#include "util/ToolError.h"
 #include "platform/TextCodec.h"
 
 namespace qvhost {

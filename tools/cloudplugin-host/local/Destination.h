@@ -17,7 +17,7 @@
 #include <optional>
 #include <string>
 
-#include "LocalFiles.h"
+#include "local/LocalFiles.h"
 
 namespace qvhost {
 

@@ -1,7 +1,7 @@
-#include "repository/ObjectStore.h"
+#include "host/PluginObjectStore.h"
 
-#include "PluginSession.h"
-#include "ToolError.h"
+#include "host/PluginSession.h"
+#include "util/ToolError.h"
 
 namespace qvhost::repo {
 

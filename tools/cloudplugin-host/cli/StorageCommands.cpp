@@ -5,10 +5,10 @@
 #include <map>
 #include <set>
 
-#include "Commands.h"
-#include "LocalFiles.h"
-#include "ParallelRunner.h"
-#include "ToolError.h"
+#include "cli/Commands.h"
+#include "local/LocalFiles.h"
+#include "util/ParallelRunner.h"
+#include "util/ToolError.h"
 
 namespace qvhost {
 

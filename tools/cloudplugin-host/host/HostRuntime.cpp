@@ -1,12 +1,12 @@
-#include "HostRuntime.h"
+#include "host/HostRuntime.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
-#include "LocalFiles.h"
-#include "ToolError.h"
+#include "local/LocalFiles.h"
+#include "util/ToolError.h"
 #include "platform/TextCodec.h"
 
 #ifdef _WIN32

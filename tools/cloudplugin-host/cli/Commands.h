@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "Json.h"
-#include "LocalFiles.h"
-#include "Manifest.h"
-#include "PluginSession.h"
-#include "Progress.h"
+#include "util/Json.h"
+#include "local/LocalFiles.h"
+#include "legacy/Manifest.h"
+#include "host/PluginSession.h"
+#include "cli/Progress.h"
 
 namespace qvhost {
 

@@ -1,4 +1,4 @@
-#include "Sha256.h"
+#include "util/Sha256.h"
 
 #include <stdexcept>
 

@@ -1,4 +1,4 @@
-#include "LocalFiles.h"
+#include "local/LocalFiles.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "PathRules.h"
-#include "ToolError.h"
+#include "util/PathRules.h"
+#include "util/ToolError.h"
 
 #ifdef _WIN32
 #include <windows.h>

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <random>
 
-#include "Commands.h"
-#include "ParallelRunner.h"
-#include "ToolError.h"
+#include "cli/Commands.h"
+#include "util/ParallelRunner.h"
+#include "util/ToolError.h"
 
 namespace qvhost {
 

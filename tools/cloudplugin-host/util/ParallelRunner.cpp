@@ -1,4 +1,4 @@
-#include "ParallelRunner.h"
+#include "util/ParallelRunner.h"
 
 #include <algorithm>
 #include <atomic>
@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "Interrupt.h"
-#include "ToolError.h"
+#include "util/Interrupt.h"
+#include "util/ToolError.h"
 
 namespace qvhost {
 

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "Json.h"
+#include "util/Json.h"
 
 namespace qvhost {
 
