@@ -135,6 +135,7 @@ public class QVAzurePlugInLibrary {
                 case BAD_ACCOUNT_KEY:
                     return err(ERRORID.STORAGE_KEY_INVALID);
                 case BAD_SAS_TOKEN:
+                case BAD_CREDENTIAL:
                     return err(ERRORID.INVALID_CREDENTIALS);
                 case BAD_CONTAINER_NAME:
                     return err(ERRORID.INVALID_CONTAINER_NAME);
@@ -511,11 +512,18 @@ public class QVAzurePlugInLibrary {
     public CRetGetSubMetaDataList GetObjectSubList(String path) {
         return call("GetObjectSubList", e -> new CRetGetSubMetaDataList(e, null), () -> {
             BlobRestClient c = requireClient();
+            long most = connection.listMaxEntries;
             List<CObjectSubListElement> out = new ArrayList<>();
-            Deadline op = c.startOperation();
             String marker = null;
             do {
-                BlobPage page = c.listBlobs(op, path, marker, listPageSize, true);
+                // Each page has its own deadline: a long listing goes on as long as its pages come.
+                BlobPage page = c.listBlobs(c.startOperation(), path, marker, listPageSize, true);
+                if (out.size() + page.items.size() > most) {
+                    throw new StorageException(ERRORID.QUOTA_EXCEEDED,
+                                               "the listing holds more than " + most + " objects (ListMaxEntries): "
+                                                   + "list a narrower path, or raise ListMaxEntries if the JVM "
+                                                   + "has the heap for it");
+                }
                 for (BlobPage.Item item : page.items) {
                     out.add(new CObjectSubListElement(item.name, MetadataProjection.listed(item)));
                 }
@@ -606,7 +614,7 @@ public class QVAzurePlugInLibrary {
             String kind = info.header("x-ms-account-kind");
             String sku = info.header("x-ms-sku-name");
             String type = kind == null ? sku : (sku == null ? kind : kind + "/" + sku);
-            long used = containerBytes(op, c);
+            long used = containerBytes(c);
             String account = connection.accountName;
             return new CGetAccountInfoFnValue(ok(), account, type, account, null, used,
                                               Math.max(0, ACCOUNT_CAPACITY - used));
@@ -617,15 +625,16 @@ public class QVAzurePlugInLibrary {
     public CGetAccountSizeValue GetAllObjectsSize() {
         return call("GetAllObjectsSize", e -> new CGetAccountSizeValue(e, 0), () -> {
             BlobRestClient c = requireClient();
-            return new CGetAccountSizeValue(ok(), containerBytes(c.startOperation(), c));
+            return new CGetAccountSizeValue(ok(), containerBytes(c));
         });
     }
 
-    private long containerBytes(Deadline op, BlobRestClient c) throws StorageException {
+    /** The sizes of the container's objects summed page by page, each page under a deadline of its own. */
+    private long containerBytes(BlobRestClient c) throws StorageException {
         long total = 0;
         String marker = null;
         do {
-            BlobPage page = c.listBlobs(op, null, marker, listPageSize, false);
+            BlobPage page = c.listBlobs(c.startOperation(), null, marker, listPageSize, false);
             for (BlobPage.Item item : page.items) {
                 total += item.size;
             }
@@ -706,7 +715,8 @@ public class QVAzurePlugInLibrary {
     public CloudPluginCapabilities GetCloudPluginCapabilities() {
         HashMap<String, String> map = new HashMap<>();
         map.put("Provider", "AzureBlob");
-        map.put("ApiVersion", BlobRestClient.API_VERSION);
+        BlobRestClient c = client;
+        map.put("ApiVersion", c != null ? c.serviceVersion() : BlobRestClient.API_VERSION);
         map.put("MaxObjectSize", Long.toString(MAX_OBJECT_SIZE));
         map.put("BlockUploadThreshold", Integer.toString(SINGLE_PUT_LIMIT));
         map.put("BlockSize", Integer.toString(BLOCK_SIZE));

@@ -89,9 +89,12 @@ class AzureLibraryAzuriteTest {
             closedPort = s.getLocalPort();
         }
         cases.put(good.replace(":" + azurite.port + "/", ":" + closedPort + "/"), ERRORID.CONNECTION_FAILED);
-        // A name that cannot resolve (RFC 2606 reserves .invalid).
+        // A name that cannot resolve (RFC 2606 reserves .invalid), over http allowed explicitly.
+        cases.put(good.replace("127.0.0.1:" + azurite.port, "no-such-host.invalid:" + azurite.port)
+                      + ";AllowInsecureHttp=true", ERRORID.DNS_RESOLUTION_FAILED);
+        // The same without: refused before anything is sent.
         cases.put(good.replace("127.0.0.1:" + azurite.port, "no-such-host.invalid:" + azurite.port),
-                  ERRORID.DNS_RESOLUTION_FAILED);
+                  ERRORID.INVALID_ARGUMENT);
 
         for (Map.Entry<String, ERRORID> c : cases.entrySet()) {
             QVAzurePlugInLibrary l = newLibrary();

@@ -33,6 +33,7 @@ final class AzuriteServer {
 
     private static AzuriteServer instance;
     private static AzuriteServer tlsInstance;
+    private static AzuriteServer oauthInstance;
 
     final int port;
     final boolean tls;
@@ -49,7 +50,7 @@ final class AzuriteServer {
     /** The service over plain HTTP. */
     static synchronized AzuriteServer get() throws IOException, InterruptedException {
         if (instance == null) {
-            instance = start(false);
+            instance = start(false, false);
             Runtime.getRuntime().addShutdownHook(new Thread(instance::stop, "azurite-stop"));
         }
         return instance;
@@ -58,10 +59,25 @@ final class AzuriteServer {
     /** The service over HTTPS only, with the test certificate for "localhost". */
     static synchronized AzuriteServer tls() throws IOException, InterruptedException {
         if (tlsInstance == null) {
-            tlsInstance = start(true);
+            tlsInstance = start(true, false);
             Runtime.getRuntime().addShutdownHook(new Thread(tlsInstance::stop, "azurite-tls-stop"));
         }
         return tlsInstance;
+    }
+
+    /**
+     * The service over HTTPS that also takes bearer tokens and checks them
+     * ("--oauth basic"): a JWT with nbf, exp and iat, now between nbf and
+     * exp, an issuer of Entra ID (https://sts.windows.net/...) and a storage
+     * audience (https://storage.azure.com, or the account's blob endpoint);
+     * it does not check the token's signature. Shared Key still works.
+     */
+    static synchronized AzuriteServer oauth() throws IOException, InterruptedException {
+        if (oauthInstance == null) {
+            oauthInstance = start(true, true);
+            Runtime.getRuntime().addShutdownHook(new Thread(oauthInstance::stop, "azurite-oauth-stop"));
+        }
+        return oauthInstance;
     }
 
     /** The blob endpoint of the test account at the given host and port, e.g. https://localhost:1234/account. */
@@ -134,7 +150,7 @@ final class AzuriteServer {
         }
     }
 
-    private static AzuriteServer start(boolean tls) throws IOException, InterruptedException {
+    private static AzuriteServer start(boolean tls, boolean oauth) throws IOException, InterruptedException {
         String exe = executable();
         Path dir = Files.createTempDirectory(tls ? "azurite-tls-test" : "azurite-test");
         IOException lastFailure = null;
@@ -145,6 +161,9 @@ final class AzuriteServer {
                 "--inMemoryPersistence", "--disableTelemetry", "--skipApiVersionCheck", "--silent"));
             if (tls) {
                 command.addAll(List.of("--cert", TestTls.serverKeyStore().toString(), "--pwd", TestTls.password()));
+            }
+            if (oauth) {
+                command.addAll(List.of("--oauth", "basic"));
             }
             ProcessBuilder pb = new ProcessBuilder(command);
             pb.directory(dir.toFile());

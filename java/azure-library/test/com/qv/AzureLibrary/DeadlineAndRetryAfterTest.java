@@ -76,10 +76,25 @@ class DeadlineAndRetryAfterTest extends ProxiedAzuriteTest {
         assertTrue(gap >= 1900 && gap < 5000, "waited until the date: " + gap + " ms");
     }
 
-    /** RetryMaxDelayMillis caps what the service asks for, and a value that is no wait at all is ignored. */
+    /**
+     * A wait past what is left of the retry budget ends the request at
+     * once with TIMEOUT (RetryMaxDelayMillis caps the backoff, not the
+     * service's wait).
+     */
+    @Test
+    void aRetryAfterPastTheRetryBudgetFailsAtOnce() {
+        QVAzurePlugInLibrary l = viaProxy("RetryBaseDelayMillis=100;RetryMaxDelayMillis=300");
+        proxy.add(method("PUT"), 1, FaultProxy.Fault.serverBusy().withHeader("Retry-After", "3600"));
+        long t0 = System.nanoTime();
+        assertError(ERRORID.TIMEOUT, l.WriteObject(unique("ra/"), new byte[10], 10), "WriteObject told to wait 1 h");
+        assertEquals(1, proxy.countSeen(method("PUT")), "sent once");
+        assertTrue((System.nanoTime() - t0) / 1e9 < 2, "not the hour asked for");
+    }
+
+    /** A value that is no wait at all is ignored: the backoff applies. */
     @ParameterizedTest(name = "Retry-After: {0}")
-    @ValueSource(strings = {"3600", "Wed, 32 Foo 2030 99:00:00 GMT", "-1", "soon"})
-    void retryAfterIsCappedOrIgnored(String value) {
+    @ValueSource(strings = {"Wed, 32 Foo 2030 99:00:00 GMT", "-1", "soon"})
+    void retryAfterIsIgnoredWhenUnreadable(String value) {
         QVAzurePlugInLibrary l = viaProxy("RetryBaseDelayMillis=100;RetryMaxDelayMillis=300");
         proxy.add(method("PUT"), 1, FaultProxy.Fault.serverBusy().withHeader("Retry-After", value));
         long t0 = System.nanoTime();
@@ -150,28 +165,35 @@ class DeadlineAndRetryAfterTest extends ProxiedAzuriteTest {
     }
 
     /**
-     * A listing of six pages, each answered after 0.5 s: every request is
-     * quick enough on its own, the operation as a whole is not.
+     * A listing of six pages, each answered after 0.5 s, takes twice the
+     * operation's 1.5 s as a whole and goes through: each page has a
+     * deadline of its own (a long listing goes on while its pages come).
+     * One page that takes longer than that fails it with TIMEOUT.
      */
     @Test
-    void aListingOfManyPagesStopsAtTheOperationDeadline() {
+    void eachPageOfAListingHasADeadlineOfItsOwn() {
         String prefix = unique("pages/") + "/";
         for (int i = 0; i < 12; ++i) {
             assertOk(direct.WriteObject(prefix + i, new byte[1], 1), "WriteObject " + i);
         }
         QVAzurePlugInLibrary l = viaProxy("OperationTimeoutSeconds=1.5;RetryMaxSeconds=60");
         l.setListPageSize(2);
-        proxy.add(FaultProxy.Request::isListBlobs, FaultProxy.ALWAYS, FaultProxy.Fault.delay(500));
+        FaultProxy.Rule slow = proxy.add(FaultProxy.Request::isListBlobs, FaultProxy.ALWAYS,
+                                         FaultProxy.Fault.delay(500));
         long t0 = System.nanoTime();
         CRetGetSubMetaDataList r = l.GetObjectSubList(prefix);
         double seconds = (System.nanoTime() - t0) / 1e9;
-        assertError(ERRORID.TIMEOUT, r, "GetObjectSubList past OperationTimeoutSeconds");
-        assertTrue(seconds >= 1.4 && seconds < 2.5, "stopped at the deadline: " + seconds + " s");
-        long pages = proxy.countSeen(FaultProxy.Request::isListBlobs);
-        assertTrue(pages >= 3 && pages <= 4, "pages asked before the deadline: " + pages);
+        assertOk(r, "GetObjectSubList of six slow pages");
+        assertEquals(12, r.metaDat.length);
+        assertEquals(6, slow.applied());
+        assertTrue(seconds >= 2.9, "longer than one operation's deadline: " + seconds + " s");
 
-        l.setListPageSize(5000);
-        assertEquals(12, l.GetObjectSubList(prefix).metaDat.length, "one page fits in the deadline");
+        proxy.reset();
+        proxy.add(FaultProxy.Request::isListBlobs, FaultProxy.ALWAYS, FaultProxy.Fault.delay(3000));
+        t0 = System.nanoTime();
+        assertError(ERRORID.TIMEOUT, l.GetObjectSubList(prefix), "a page slower than its deadline");
+        seconds = (System.nanoTime() - t0) / 1e9;
+        assertTrue(seconds >= 1.4 && seconds < 2.5, "stopped at the page's deadline: " + seconds + " s");
     }
 
     /** Retries of one read stop at the operation's deadline although RetryMaxSeconds would allow more. */

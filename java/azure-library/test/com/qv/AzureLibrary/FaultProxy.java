@@ -150,7 +150,10 @@ final class FaultProxy implements AutoCloseable {
 
     /** What the proxy does instead of (or before) forwarding. */
     static final class Fault {
-        enum Kind { STATUS, EARLY_STATUS, NO_CONTINUE, DROP, RESET, DELAY, STALL_BODY, CANNED, SET_REPLY_HEADERS }
+        enum Kind {
+            STATUS, EARLY_STATUS, NO_CONTINUE, DROP, RESET, DELAY, STALL_BODY, CANNED, SET_REPLY_HEADERS, LOST_ANSWER,
+            CUT_BODY, BEFORE_FORWARD, CORRUPT_REPLY, CORRUPT_REQUEST, GENERATED
+        }
 
         final Kind kind;
         final int status;
@@ -160,15 +163,66 @@ final class FaultProxy implements AutoCloseable {
         final Map<String, String> extra;
         /** The body of a canned answer. */
         final byte[] body;
+        /** What runs before the request is forwarded ({@link #before}). */
+        final Runnable action;
+        /** What makes the body of a generated answer ({@link #generated}). */
+        final java.util.function.Function<Request, byte[]> maker;
 
         private Fault(Kind kind, int status, String code, long delayMillis, Map<String, String> extra,
-                      byte[] body) {
+                      byte[] body, Runnable action, java.util.function.Function<Request, byte[]> maker) {
             this.kind = kind;
             this.status = status;
             this.code = code;
             this.delayMillis = delayMillis;
             this.extra = extra;
             this.body = body;
+            this.action = action;
+            this.maker = maker;
+        }
+
+        private Fault(Kind kind, int status, String code, long delayMillis, Map<String, String> extra,
+                      byte[] body, Runnable action) {
+            this(kind, status, code, delayMillis, extra, body, action, null);
+        }
+
+        private Fault(Kind kind, int status, String code, long delayMillis, Map<String, String> extra,
+                      byte[] body) {
+            this(kind, status, code, delayMillis, extra, body, null, null);
+        }
+
+        /**
+         * Forwards the request, sends the answer's head (with its full
+         * Content-Length) and half its body, then closes the connection
+         * cleanly at once (FIN, or a TLS close): an answer cut short that
+         * looks, to a reader that does not count, like one that ended.
+         */
+        static Fault cutBody() {
+            return new Fault(Kind.CUT_BODY, 0, null, 0);
+        }
+
+        /**
+         * An answer of the proxy's own (200, XML) whose body is made for each
+         * request by {@code body}, e.g. listing pages the service behind does
+         * not hold. The request is not forwarded.
+         */
+        static Fault generated(java.util.function.Function<Request, byte[]> body) {
+            return new Fault(Kind.GENERATED, 200, null, 0, Map.of("Content-Type", "application/xml"), new byte[0],
+                             null, body);
+        }
+
+        /** Runs {@code action} (say, a write of the object by someone else), then forwards the request. */
+        static Fault before(Runnable action) {
+            return new Fault(Kind.BEFORE_FORWARD, 0, null, 0, Map.of(), new byte[0], action);
+        }
+
+        /** Forwards the request and hands back the answer with one byte in the middle of its body changed. */
+        static Fault corruptReply() {
+            return new Fault(Kind.CORRUPT_REPLY, 0, null, 0);
+        }
+
+        /** Forwards the request with one byte in the middle of its body changed. */
+        static Fault corruptRequest() {
+            return new Fault(Kind.CORRUPT_REQUEST, 0, null, 0);
         }
 
         private Fault(Kind kind, int status, String code, long delayMillis) {
@@ -238,6 +292,14 @@ final class FaultProxy implements AutoCloseable {
         /** Reads the request, then closes the connection without answering. */
         static Fault drop() {
             return new Fault(Kind.DROP, 0, null, 0);
+        }
+
+        /**
+         * Forwards the request (the service carries it out), then closes the
+         * connection without handing the answer on: an answer lost on its way.
+         */
+        static Fault lostAnswer() {
+            return new Fault(Kind.LOST_ANSWER, 0, null, 0);
         }
 
         /** Reads the request, then resets the connection (RST instead of FIN). */
@@ -316,10 +378,57 @@ final class FaultProxy implements AutoCloseable {
      * JVM's default trust decides whether the service's certificate is good).
      */
     FaultProxy(int upstreamPort, SSLContext tls) throws IOException {
+        this(upstreamPort, tls, 0);
+    }
+
+    /**
+     * A proxy whose connections from clients have a receive buffer of
+     * {@code receiveBuffer} bytes (0: the system's): small, so that a client
+     * cannot hand megabytes to its kernel at once when uploads are slowed
+     * down ({@link #limitUpload}), as on a slow network where a connection's
+     * buffers are small against what is to be sent.
+     */
+    FaultProxy(int upstreamPort, SSLContext tls, int receiveBuffer) throws IOException {
         this.upstreamPort = upstreamPort;
         this.tls = tls;
-        this.server = new ServerSocket(0, 50, InetAddress.getLoopbackAddress());
+        this.server = new ServerSocket();
+        if (receiveBuffer > 0) {
+            server.setReceiveBufferSize(receiveBuffer);
+        }
+        server.bind(new InetSocketAddress(InetAddress.getLoopbackAddress(), 0), 50);
         workers.execute(this::acceptLoop);
+    }
+
+    private final Object pacer = new Object();
+    private long paceNext;
+    private volatile long uploadRate;
+
+    /**
+     * Reads request bodies from clients at {@code bytesPerSecond} at most,
+     * all connections together (an uplink of that speed); 0 for no limit.
+     */
+    void limitUpload(long bytesPerSecond) {
+        uploadRate = bytesPerSecond;
+    }
+
+    /** Waits as long as {@code n} bytes take at the upload limit. */
+    private void pace(int n) throws InterruptedException {
+        long rate = uploadRate;
+        if (rate <= 0) {
+            return;
+        }
+        long wait;
+        synchronized (pacer) {
+            long now = System.nanoTime();
+            if (paceNext - now < 0) {
+                paceNext = now;
+            }
+            paceNext += n * 1_000_000_000L / rate;
+            wait = paceNext - now;
+        }
+        if (wait > 0) {
+            Thread.sleep(wait / 1_000_000, (int) (wait % 1_000_000));
+        }
     }
 
     /**
@@ -359,6 +468,12 @@ final class FaultProxy implements AutoCloseable {
 
     long countSeen(Predicate<Request> p) {
         return seen.stream().filter(p).count();
+    }
+
+    /** A predicate that holds for requests that arrive within {@code millis} from now. */
+    static Predicate<Request> forTheNext(long millis) {
+        long end = System.nanoTime() + millis * 1_000_000L;
+        return r -> r.headNanos - end < 0;
     }
 
     /**
@@ -475,6 +590,10 @@ final class FaultProxy implements AutoCloseable {
                 case DROP:
                     c.close();
                     return;
+                case LOST_ANSWER:
+                    req.reply = head(forward(req));
+                    c.close();
+                    return;
                 case RESET:
                     raw.setSoLinger(true, 0);
                     raw.close();
@@ -485,6 +604,12 @@ final class FaultProxy implements AutoCloseable {
                         return; // a request the client gave up on must not reach the service late
                     }
                     break;
+                case GENERATED:
+                    byte[] made = cannedAnswer(req, new Fault(Fault.Kind.CANNED, 200, null, 0, fault.extra,
+                                                              fault.maker.apply(req)));
+                    out.write(made);
+                    out.flush();
+                    return;
                 case CANNED:
                     byte[] canned = cannedAnswer(req, fault);
                     req.reply = head(canned);
@@ -497,6 +622,25 @@ final class FaultProxy implements AutoCloseable {
                     out.write(changed);
                     out.flush();
                     return;
+                case CUT_BODY:
+                    byte[] whole = forward(req);
+                    int start = Math.max(headEnd(whole), 0);
+                    out.write(whole, 0, start + (whole.length - start) / 2);
+                    out.flush();
+                    return; // closed cleanly by the caller
+                case BEFORE_FORWARD:
+                    fault.action.run();
+                    break;
+                case CORRUPT_REPLY:
+                    byte[] reply2 = forward(req);
+                    int at = Math.max(headEnd(reply2), 0);
+                    reply2[at + (reply2.length - at) / 2] ^= 0x55;
+                    out.write(reply2);
+                    out.flush();
+                    return;
+                case CORRUPT_REQUEST:
+                    req.body[req.body.length / 2] ^= 0x55;
+                    break;
                 case STALL_BODY:
                     byte[] reply = forward(req);
                     int bodyStart = Math.max(headEnd(reply), 0);
@@ -562,13 +706,14 @@ final class FaultProxy implements AutoCloseable {
                            headers);
     }
 
-    /** Reads the whole body the head announced, noting when its first byte came. */
-    private static void readBody(InputStream in, Request req) throws IOException {
+    /** Reads the whole body the head announced (at the upload limit), noting when its first byte came. */
+    private void readBody(InputStream in, Request req) throws IOException, InterruptedException {
         int len = req.contentLength();
         byte[] body = new byte[len];
         int n = 0;
         while (n < len) {
-            int r = in.read(body, n, len - n);
+            int r = in.read(body, n, Math.min(len - n, uploadRate > 0 ? 16 << 10 : len - n));
+            pace(Math.max(r, 0));
             if (r < 0) {
                 break;
             }
@@ -705,14 +850,18 @@ final class FaultProxy implements AutoCloseable {
             // before it has read the body (a refusal, say) and then close the connection under the rest
             // of it, and that answer is what the client must get.
             InputStream upIn = up.getInputStream();
-            java.util.concurrent.CompletableFuture<byte[]> answer = java.util.concurrent.CompletableFuture
-                .supplyAsync(() -> {
+            java.util.concurrent.CompletableFuture<byte[]> answer;
+            try {
+                answer = java.util.concurrent.CompletableFuture.supplyAsync(() -> {
                     try {
                         return readReply(upIn);
                     } catch (IOException e) {
                         throw new java.io.UncheckedIOException(e);
                     }
                 }, workers);
+            } catch (java.util.concurrent.RejectedExecutionException e) {
+                throw new IOException("the proxy is closing", e); // a request still coming in as it closes
+            }
             OutputStream o = up.getOutputStream();
             IOException writeFailure = null;
             try {

@@ -7,17 +7,9 @@ import static com.qv.AzureLibrary.TestSupport.ordered;
 import static com.qv.AzureLibrary.TestSupport.unique;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 
-import com.qv.azure.rest.SharedKeySigner;
-
 import java.io.IOException;
-import java.io.OutputStream;
-import java.net.HttpURLConnection;
-import java.net.URL;
 import java.nio.charset.StandardCharsets;
 import java.security.GeneralSecurityException;
-import java.time.ZoneOffset;
-import java.time.ZonedDateTime;
-import java.time.format.DateTimeFormatter;
 import java.util.ArrayList;
 import java.util.Base64;
 import java.util.LinkedHashMap;
@@ -94,30 +86,14 @@ class SharedKeyOrderTest {
         headers.put("x-ms-meta-a_1", "2");
         headers.put("X-Ms-Meta-QV2", "3");
         headers.put("x-ms-META-qv_x", "4");
-        headers.put("x-ms-blob-type", "BlockBlob");
-        headers.put("x-ms-date", DateTimeFormatter.RFC_1123_DATE_TIME.format(ZonedDateTime.now(ZoneOffset.UTC)));
-        headers.put("x-ms-version", "2021-12-02");
+        headers.putAll(RawBlobRequests.headers("x-ms-blob-type", "BlockBlob"));
         String path = "/" + AzuriteServer.ACCOUNT + "/" + container + "/" + unique("raw-");
-        SharedKeySigner signer = new SharedKeySigner(AzuriteServer.ACCOUNT,
-                                                     Base64.getDecoder().decode(AzuriteServer.KEY));
-        assertEquals(201, put(path, headers, signer.authorization("PUT", path, null, headers, 3)));
+        assertEquals(201, put(path, headers, RawBlobRequests.sign("PUT", path, null, headers, 3)));
         assertEquals(403, put(path + "-2", headers, codePointSignature(path + "-2", headers)));
     }
 
     private static int put(String path, Map<String, String> headers, String authorization) throws IOException {
-        HttpURLConnection http = (HttpURLConnection) new URL("http://127.0.0.1:" + azurite.port + path)
-            .openConnection();
-        http.setRequestMethod("PUT");
-        headers.forEach(http::setRequestProperty);
-        http.setRequestProperty("Authorization", authorization);
-        http.setDoOutput(true);
-        http.setFixedLengthStreamingMode(3);
-        try (OutputStream out = http.getOutputStream()) {
-            out.write(new byte[3]);
-        }
-        int status = http.getResponseCode();
-        http.disconnect();
-        return status;
+        return RawBlobRequests.send(azurite.port, "PUT", path, null, headers, new byte[3], authorization).status;
     }
 
     /** The Shared Key signature with the x-ms- headers sorted by code point, as the library once did. */

@@ -14,11 +14,17 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.security.MessageDigest;
 import java.security.NoSuchAlgorithmException;
+import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.LinkedHashMap;
+import java.util.List;
 import java.util.Map;
 import java.util.Random;
 import java.util.UUID;
+import java.util.logging.Handler;
+import java.util.logging.Level;
+import java.util.logging.LogRecord;
+import java.util.logging.Logger;
 
 /** What the library's test classes share: data, names, libraries, metadata and result checks. */
 final class TestSupport {
@@ -183,5 +189,52 @@ final class TestSupport {
         }
         assertEquals(size, offset, "bytes read back");
         return md.digest();
+    }
+
+    // ------------------------------------------------------------------ log
+
+    /** The library's log records (their texts, formatted) while it is open. */
+    static final class LogCapture implements AutoCloseable {
+        private final Logger logger = com.qv.azure.LibraryLog.logger();
+        private final List<String> lines = new ArrayList<>();
+        private final Level before = logger.getLevel();
+        private final Handler handler = new Handler() {
+            @Override
+            public void publish(LogRecord r) {
+                synchronized (lines) {
+                    lines.add(r.getLevel() + " " + new java.util.logging.SimpleFormatter().formatMessage(r));
+                }
+            }
+
+            @Override
+            public void flush() {
+            }
+
+            @Override
+            public void close() {
+            }
+        };
+
+        LogCapture() {
+            logger.setLevel(Level.ALL);
+            logger.addHandler(handler);
+        }
+
+        List<String> lines() {
+            synchronized (lines) {
+                return new ArrayList<>(lines);
+            }
+        }
+
+        /** The lines that contain {@code text}. */
+        List<String> with(String text) {
+            return lines().stream().filter(l -> l.contains(text)).toList();
+        }
+
+        @Override
+        public void close() {
+            logger.removeHandler(handler);
+            logger.setLevel(before);
+        }
     }
 }

@@ -7,6 +7,7 @@ import java.util.Arrays;
 import java.util.Collections;
 import java.util.LinkedHashMap;
 import java.util.Map;
+import java.util.UUID;
 
 /**
  * One request to the Blob service as an operation states it: method, path,
@@ -41,6 +42,8 @@ final class BlobRequest {
     /** Where the answer's body goes; null to keep it whole in the {@link Response}. */
     final BodySink sink;
     private final int[] success;
+    /** Sent as x-ms-client-request-id on every send of this request, and named in its failures. */
+    final String clientRequestId = UUID.randomUUID().toString();
 
     private BlobRequest(Builder b) {
         this.method = b.method;

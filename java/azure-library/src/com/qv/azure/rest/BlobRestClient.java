@@ -1,8 +1,13 @@
 package com.qv.azure.rest;
 
 import com.qv.QVCloudPluginInterface.ERRORID;
+import com.qv.azure.LibraryLog;
 
+import java.io.EOFException;
+import java.io.IOException;
+import java.io.InputStream;
 import java.io.OutputStream;
+import java.net.HttpURLConnection;
 import java.nio.charset.StandardCharsets;
 import java.security.MessageDigest;
 import java.security.NoSuchAlgorithmException;
@@ -12,6 +17,8 @@ import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
+import java.util.logging.Level;
+import java.util.logging.Logger;
 
 /**
  * The operations of the Blob service REST API that the plug-in library
@@ -36,7 +43,8 @@ import java.util.Map;
  * {@link MetadataCodec}): names without the x-ms-meta- prefix.
  */
 public final class BlobRestClient {
-    /** The x-ms-version every request carries. */
+    private static final Logger LOG = LibraryLog.logger();
+    /** The x-ms-version requests carry unless the connection string names another. */
     public static final String API_VERSION = HttpExchange.API_VERSION;
     /** Request bodies larger than this ask the service first (Expect: 100-continue); see {@link HttpExchange}. */
     public static final int EXPECT_CONTINUE_ABOVE = HttpExchange.EXPECT_CONTINUE_ABOVE;
@@ -66,6 +74,11 @@ public final class BlobRestClient {
     /** The tier every written object gets, or null for the account's default. */
     public String accessTier() {
         return conn.accessTier;
+    }
+
+    /** The x-ms-version this client's requests carry. */
+    public String serviceVersion() {
+        return conn.serviceVersion;
     }
 
     /** Whether requests carry a shared access signature instead of a Shared Key signature. */
@@ -228,24 +241,45 @@ public final class BlobRestClient {
     // ------------------------------------------------------------------ blobs
 
     /**
-     * Put Blob of a whole block blob.
+     * Put Blob of a whole block blob, with a Content-MD5 the service checks
+     * the body against (and keeps as the blob's MD5).
      *
      * @param onlyIfMissing send If-None-Match: * so that an existing blob is not replaced
      * @param tier          the access tier of the new blob, or null for the account's default
      */
     public void putBlob(Deadline op, String blob, byte[] data, int off, int len, Map<String, String> metadata,
                         boolean onlyIfMissing, String tier) throws StorageException {
+        String md5 = md5Base64(data, off, len);
         Map<String, String> h = new LinkedHashMap<>();
         h.put("x-ms-blob-type", "BlockBlob");
         h.put("Content-Type", "application/octet-stream");
+        h.put("Content-MD5", md5);
         if (onlyIfMissing) {
             h.put("If-None-Match", "*");
         }
         if (tier != null) {
             h.put("x-ms-access-tier", tier);
         }
-        send(op, BlobRequest.to("PUT", blobPath(blob)).headers(withMetadata(h, metadata)).body(data, off, len)
-            .expect(201).build());
+        try {
+            send(op, BlobRequest.to("PUT", blobPath(blob)).headers(withMetadata(h, metadata)).body(data, off, len)
+                .expect(201).build());
+        } catch (StorageException e) {
+            if (onlyIfMissing && e.error == ERRORID.ALREADY_EXISTS && e.afterLostAnswer()
+                && holds(op, blob, len, md5, metadata)) {
+                // An earlier send went unanswered and created it: the blob there is the one this write makes.
+                LOG.log(Level.INFO, "PUT " + blobPath(blob) + ": created by a send whose answer was lost");
+                return;
+            }
+            throw e;
+        }
+    }
+
+    /** Whether the blob holds exactly these bytes and this metadata (its length, MD5 and metadata). */
+    private boolean holds(Deadline op, String blob, int len, String md5, Map<String, String> metadata)
+        throws StorageException {
+        Response r = properties(op, blob);
+        return r.longHeader("Content-Length", -1) == len && md5.equals(r.header("Content-MD5"))
+            && r.metadata().equals(metadata == null ? Map.of() : new java.util.TreeMap<>(metadata));
     }
 
     /** Put Block with a Content-MD5 the service checks the block against. */
@@ -255,9 +289,13 @@ public final class BlobRestClient {
             .header("Content-MD5", md5Base64(data, off, len)).body(data, off, len).expect(201).build());
     }
 
-    /** Put Block List: commits the given uncommitted blocks, in order, as the blob's content, in the tier given. */
+    /**
+     * Put Block List: commits the given uncommitted blocks, in order, as the
+     * blob's content, in the tier given, with the MD5 of the whole content
+     * (null when not known) kept as the blob's, for readers to check.
+     */
     public void putBlockList(Deadline op, String blob, List<String> blockIds, Map<String, String> metadata,
-                             String tier) throws StorageException {
+                             String tier, String wholeMd5) throws StorageException {
         StringBuilder xml = new StringBuilder("<?xml version=\"1.0\" encoding=\"utf-8\"?><BlockList>");
         for (String id : blockIds) {
             xml.append("<Latest>").append(id).append("</Latest>");
@@ -267,6 +305,9 @@ public final class BlobRestClient {
         Map<String, String> h = new LinkedHashMap<>();
         h.put("Content-Type", "application/xml");
         h.put("x-ms-blob-content-type", "application/octet-stream");
+        if (wholeMd5 != null) {
+            h.put("x-ms-blob-content-md5", wholeMd5);
+        }
         if (tier != null) {
             h.put("x-ms-access-tier", tier);
         }
@@ -281,43 +322,132 @@ public final class BlobRestClient {
      * more asks for more than {@code max} and parks the rest of the answer
      * for the read that goes on where this one ends ({@link OpenReads}),
      * which then takes its bytes from there without a request of its own.
+     *
+     * Never a short read: the bytes of every answer are counted against the
+     * length its head announced, and an answer that ends early is a broken
+     * one, sent again from the byte where it stopped (within the retry
+     * bounds, as any broken connection). Every request after the first, and
+     * a read that goes on where a recent read of the blob ended, carries
+     * If-Match with the version the first answer was of: an object replaced
+     * meanwhile fails with CONDITION_NOT_MET, its versions never mixed. A
+     * read of a whole blob whose MD5 the service keeps is checked against it
+     * (CHECKSUM_MISMATCH).
      */
     public ReadResult readRange(Deadline op, String blob, long offset, byte[] dest, int max) throws StorageException {
         if (max <= 0) {
             return new ReadResult(0, properties(op, blob));
         }
         String path = blobPath(blob);
+        String version;
         OpenReads.Open open = openReads.take(path, offset);
         if (open != null) {
             ReadResult r = readOn(op, open, dest, max);
             if (r != null) {
                 return r;
             }
+            version = open.etag();
+        } else {
+            version = openReads.versionAt(path, offset);
         }
-        long span = OpenReads.span(max);
-        int[] count = new int[1];
-        BlobRequest.BodySink sink = (in, http, head) -> {
-            count[0] = HttpExchange.readFully(in, dest, max);
+        Progress p = new Progress(offset, OpenReads.span(max), version);
+        try {
+            Response r = runner.run(op, "GET " + path, timeout -> exchange.send(p.request(path, dest, max), timeout));
+            checkWholeBlob(path, p, r, dest);
+            openReads.sawVersion(path, offset + p.got, p.etag);
+            return new ReadResult(p.got, r);
+        } catch (StorageException e) {
+            if (e.status == 416 && p.got == 0) {
+                return new ReadResult(0, properties(op, blob));
+            }
+            if (e.status == 412 && p.etag != null) {
+                throw new StorageException(ERRORID.CONDITION_NOT_MET, 412, e.serviceCode,
+                                           "GET " + path + ": the object was replaced while it was being read (it "
+                                               + "was version " + p.etag + " when the read began); read it again "
+                                               + "from its start. " + e.getMessage(), e);
+            }
+            throw e;
+        }
+    }
+
+    /** How far a read has come over its sends: bytes in the caller's array, the version it reads. */
+    private final class Progress {
+        final long offset;
+        final long span;
+        int got;
+        String etag;
+        /** The blob's size and whole MD5, as the last answer stated them (-1 / null when it did not). */
+        long blobSize = -1;
+        String blobMd5;
+
+        Progress(long offset, long span, String etag) {
+            this.offset = offset;
+            this.span = span;
+            this.etag = etag;
+        }
+
+        /** The request for what is still missing, from the byte where the last answer stopped. */
+        BlobRequest request(String path, byte[] dest, int max) {
+            long from = offset + got;
+            BlobRequest.Builder b = BlobRequest.to("GET", path)
+                .header("x-ms-range", "bytes=" + from + "-" + (offset + span - 1)).expect(200, 206)
+                .sink((in, http, head) -> consume(path, in, http, head, from, dest, max));
+            if (etag != null) {
+                b.header("If-Match", etag);
+            }
+            return b.build();
+        }
+
+        private byte[] consume(String path, InputStream in, HttpURLConnection http, Response head, long from,
+                               byte[] dest, int max) throws IOException {
+            if (etag == null) {
+                etag = head.header("ETag");
+            }
             long[] extent = OpenReads.extentOf(head.status, head.header("Content-Range"),
-                                               head.longHeader("Content-Length", -1), offset);
-            if (count[0] == max && extent != null && extent[0] > offset + max) {
-                openReads.park(new OpenReads.Open(path, http, in, head, offset + max, extent[0], extent[1] == 1));
+                                               head.longHeader("Content-Length", -1), from);
+            long announced = head.longHeader("Content-Length", extent == null ? -1 : extent[0] - from);
+            blobSize = OpenReads.blobSize(head.status, head.header("Content-Range"), announced);
+            blobMd5 = head.status == 200 ? head.header("Content-MD5") : head.header("x-ms-blob-content-md5");
+            int want = (int) Math.min(max - got, announced >= 0 ? announced : Long.MAX_VALUE);
+            int n = HttpExchange.readFully(in, dest, got, want);
+            got += n;
+            if (n < want && announced >= 0) {
+                throw new EOFException("the answer ended after " + n + " of the " + announced
+                                       + " bytes it announced");
+            }
+            if (got == max && extent != null && extent[0] > offset + max) {
+                OpenReads.Open parked = new OpenReads.Open(path, http, in, head, offset + max, extent[0],
+                                                           extent[1] == 1);
+                if (offset == 0 && extent[1] == 1 && blobMd5 != null) {
+                    parked.wholeMd5 = md5();
+                    parked.wholeMd5.update(dest, 0, max);
+                    parked.expectedMd5 = blobMd5;
+                }
+                openReads.park(parked);
                 return null;
             }
             // Nothing left, or an answer whose extent cannot be trusted: read to its end and let it go.
             in.transferTo(OutputStream.nullOutputStream());
             return new byte[0];
-        };
-        try {
-            Response r = send(op, BlobRequest.to("GET", path)
-                .header("x-ms-range", "bytes=" + offset + "-" + (offset + span - 1)).sink(sink).expect(200, 206)
-                .build());
-            return new ReadResult(count[0], r);
-        } catch (StorageException e) {
-            if (e.status == 416) {
-                return new ReadResult(0, properties(op, blob));
-            }
-            throw e;
+        }
+    }
+
+    /** A read of a whole blob (from 0 to its end) is checked against the blob's MD5 when the service keeps one. */
+    private static void checkWholeBlob(String path, Progress p, Response r, byte[] dest) throws StorageException {
+        if (p.offset != 0 || p.blobMd5 == null || p.blobSize != p.got) {
+            return;
+        }
+        MessageDigest md = md5();
+        md.update(dest, 0, p.got);
+        checkMd5(path, md, p.blobMd5);
+    }
+
+    private static void checkMd5(String path, MessageDigest md, String expected) throws StorageException {
+        String got = Base64.getEncoder().encodeToString(md.digest());
+        if (!got.equals(expected.trim())) {
+            throw new StorageException(ERRORID.CHECKSUM_MISMATCH, 0, null,
+                                       "GET " + path + ": the bytes read have MD5 " + got + ", the object's is "
+                                           + HttpExchange.cleanCode(expected) + ": they were damaged on the way",
+                                       null);
         }
     }
 
@@ -326,10 +456,10 @@ public final class BlobRestClient {
      * within the request timeout and the operation's deadline, and parks it
      * again while bytes are left. Null when it cannot serve the read whole
      * (the blob goes on past the answer, the answer broke or ended early):
-     * the answer is closed and the caller sends a request of its own, which
-     * overwrites what this one put into {@code dest}.
+     * the answer is closed and the caller sends a request of its own, on the
+     * same version, which overwrites what this one put into {@code dest}.
      */
-    private ReadResult readOn(Deadline op, OpenReads.Open open, byte[] dest, int max) {
+    private ReadResult readOn(Deadline op, OpenReads.Open open, byte[] dest, int max) throws StorageException {
         if (open.remaining() < max && !open.reachesBlobEnd) {
             open.close();
             return null;
@@ -340,12 +470,19 @@ public final class BlobRestClient {
             open.close();
             return null;
         }
-        int n = HttpExchange.readWithin(open.http, open.in, dest, want, timeout);
+        int n = HttpExchange.readWithin(open.http, open.in, dest, want, timeout, retry.stallTimeout);
         if (n != want) {
             open.close();
             return null;
         }
         open.next += n;
+        if (open.wholeMd5 != null) {
+            open.wholeMd5.update(dest, 0, n);
+            if (open.remaining() == 0) {
+                checkMd5(open.path, open.wholeMd5, open.expectedMd5);
+            }
+        }
+        openReads.sawVersion(open.path, open.next, open.etag());
         if (open.remaining() > 0) {
             openReads.park(open);
         } else {
@@ -383,7 +520,18 @@ public final class BlobRestClient {
     }
 
     public void deleteBlob(Deadline op, String blob) throws StorageException {
-        send(op, BlobRequest.to("DELETE", blobPath(blob)).expect(202).build());
+        try {
+            // Its snapshots go with it: the service refuses to delete a blob that has some otherwise.
+            send(op, BlobRequest.to("DELETE", blobPath(blob)).header("x-ms-delete-snapshots", "include").expect(202)
+                .build());
+        } catch (StorageException e) {
+            if (e.error == ERRORID.NOT_FOUND && e.afterLostAnswer()) {
+                // An earlier send went unanswered and deleted it.
+                LOG.log(Level.INFO, "DELETE " + blobPath(blob) + ": deleted by a send whose answer was lost");
+                return;
+            }
+            throw e;
+        }
     }
 
     /**
@@ -420,15 +568,32 @@ public final class BlobRestClient {
         if (prefix != null && !prefix.isEmpty()) {
             q.append("&prefix=").append(encodeQueryValue(prefix));
         }
-        Response r = send(op, BlobRequest.to("GET", containerPath(conn.container)).query(q.toString()).build());
-        return BlobXml.blobPage(r.body, marker);
+        // The page is read as it arrives, never held whole; its blobs are handed on once it is complete, so
+        // that a page cut off and asked for again is not counted twice.
+        List<BlobPage.Item> items = new ArrayList<>();
+        String[] next = new String[1];
+        BlobRequest.BodySink sink = (in, http, head) -> {
+            items.clear();
+            try {
+                next[0] = BlobXml.blobPage(HttpExchange.exactly(in, head), marker, items::add);
+            } catch (StorageException e) {
+                throw new HttpExchange.UnusableAnswer(e);
+            }
+            return new byte[0]; // read to its end (the parser may have closed it there)
+        };
+        send(op, BlobRequest.to("GET", containerPath(conn.container)).query(q.toString()).sink(sink).build());
+        return new BlobPage(items, next[0]);
     }
 
     static String md5Base64(byte[] data, int off, int len) {
+        MessageDigest md = md5();
+        md.update(data, off, len);
+        return Base64.getEncoder().encodeToString(md.digest());
+    }
+
+    static MessageDigest md5() {
         try {
-            MessageDigest md = MessageDigest.getInstance("MD5");
-            md.update(data, off, len);
-            return Base64.getEncoder().encodeToString(md.digest());
+            return MessageDigest.getInstance("MD5");
         } catch (NoSuchAlgorithmException e) {
             throw new IllegalStateException("MD5 is not available", e);
         }

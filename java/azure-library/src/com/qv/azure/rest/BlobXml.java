@@ -4,15 +4,20 @@ import com.qv.QVCloudPluginInterface.ERRORID;
 
 import java.io.ByteArrayInputStream;
 import java.io.IOException;
-import java.util.ArrayList;
+import java.io.InputStream;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
 import java.util.TreeMap;
+import java.util.function.Consumer;
 import javax.xml.XMLConstants;
 import javax.xml.parsers.DocumentBuilder;
 import javax.xml.parsers.DocumentBuilderFactory;
 import javax.xml.parsers.ParserConfigurationException;
+import javax.xml.stream.XMLInputFactory;
+import javax.xml.stream.XMLStreamConstants;
+import javax.xml.stream.XMLStreamException;
+import javax.xml.stream.XMLStreamReader;
 import org.w3c.dom.Document;
 import org.w3c.dom.Element;
 import org.w3c.dom.Node;
@@ -20,9 +25,10 @@ import org.w3c.dom.NodeList;
 import org.xml.sax.SAXException;
 
 /**
- * The XML the Blob service answers: error bodies, List Blobs and List
- * Containers pages. The parser refuses document type declarations and
- * external entities; what it reads is untrusted like any answer.
+ * The XML the Blob service answers: error bodies and List Containers pages
+ * (small, read whole), and List Blobs pages (read as a stream, see
+ * {@link #blobPage}). The parsers refuse document type declarations and
+ * external entities; what they read is untrusted like any answer.
  */
 final class BlobXml {
     private BlobXml() {
@@ -54,44 +60,134 @@ final class BlobXml {
         }
     }
 
-    /** A List Blobs page: its blobs and the marker of the next page. */
-    static BlobPage blobPage(byte[] body, String marker) throws StorageException {
-        Document doc = parse(body);
-        List<BlobPage.Item> items = new ArrayList<>();
-        NodeList blobs = doc.getElementsByTagName("Blob");
-        for (int i = 0; i < blobs.getLength(); ++i) {
-            Element b = (Element) blobs.item(i);
-            String name = childText(b, "Name");
-            long size = 0;
-            String tier = null;
-            String archiveStatus = null;
-            String priority = null;
-            Element props = child(b, "Properties");
-            if (props != null) {
-                tier = nonEmpty(childText(props, "AccessTier"));
-                archiveStatus = nonEmpty(childText(props, "ArchiveStatus"));
-                priority = nonEmpty(childText(props, "RehydratePriority"));
-                String len = childText(props, "Content-Length");
-                if (len != null && !len.isEmpty()) {
-                    try {
-                        size = Long.parseLong(len.trim());
-                    } catch (NumberFormatException e) {
-                        throw new StorageException(ERRORID.INTERNAL_ERROR, "unreadable Content-Length in a listing");
+    /**
+     * A List Blobs page read as it arrives, without holding it whole: each
+     * blob is handed to {@code each} as soon as its element ends; answers
+     * the marker of the next page (null at the end). The reader refuses
+     * document type declarations and external entities.
+     *
+     * @throws IOException when the answer broke off (a page to ask for again)
+     * @throws StorageException INTERNAL_ERROR for a page that is not a listing
+     */
+    static String blobPage(InputStream in, String marker, Consumer<BlobPage.Item> each)
+        throws IOException, StorageException {
+        XMLStreamReader x = null;
+        try {
+            x = XML_INPUT.createXMLStreamReader(in);
+            String next = null;
+            int depth = 0;
+            while (x.hasNext()) {
+                int event = x.next();
+                if (event == XMLStreamConstants.END_ELEMENT) {
+                    --depth;
+                } else if (event == XMLStreamConstants.START_ELEMENT) {
+                    ++depth;
+                    String name = x.getLocalName();
+                    if (depth == 2 && name.equals("NextMarker")) {
+                        next = x.getElementText();
+                        --depth;
+                    } else if (depth == 3 && name.equals("Blob")) {
+                        each.accept(blob(x));
+                        --depth;
                     }
                 }
             }
-            Map<String, String> meta = new TreeMap<>();
-            Element m = child(b, "Metadata");
-            if (m != null) {
-                for (Node n = m.getFirstChild(); n != null; n = n.getNextSibling()) {
-                    if (n instanceof Element) {
-                        meta.put(n.getNodeName().toLowerCase(Locale.ROOT), n.getTextContent());
-                    }
+            return checkedMarker(next, marker);
+        } catch (XMLStreamException e) {
+            Throwable cause = e.getNestedException() != null ? e.getNestedException() : e.getCause();
+            if (cause instanceof IOException) {
+                throw (IOException) cause;
+            }
+            throw new StorageException(ERRORID.INTERNAL_ERROR, 0, null, "unreadable listing: " + e.getMessage(), e);
+        } finally {
+            if (x != null) {
+                try {
+                    x.close();
+                } catch (XMLStreamException e) {
+                    // nothing held
                 }
             }
-            items.add(new BlobPage.Item(name, size, meta, tier, archiveStatus, priority));
         }
-        return new BlobPage(items, nextMarker(doc, marker));
+    }
+
+    /** One Blob element, the reader on its start; leaves the reader on its end. */
+    private static BlobPage.Item blob(XMLStreamReader x) throws XMLStreamException, StorageException {
+        String name = null;
+        long size = 0;
+        String tier = null;
+        String archiveStatus = null;
+        String priority = null;
+        Map<String, String> meta = new TreeMap<>();
+        String section = null;
+        int depth = 0;
+        while (x.hasNext()) {
+            int event = x.next();
+            if (event == XMLStreamConstants.END_ELEMENT) {
+                if (depth == 0) {
+                    break; // </Blob>
+                }
+                --depth;
+                section = depth == 0 ? null : section;
+            } else if (event == XMLStreamConstants.START_ELEMENT) {
+                String el = x.getLocalName();
+                if (depth == 0 && (el.equals("Properties") || el.equals("Metadata"))) {
+                    section = el;
+                    ++depth;
+                } else if (depth == 0 && el.equals("Name")) {
+                    name = x.getElementText();
+                } else if (depth == 1 && "Metadata".equals(section)) {
+                    meta.put(el.toLowerCase(Locale.ROOT), x.getElementText());
+                } else if (depth == 1 && "Properties".equals(section)) {
+                    switch (el) {
+                        case "Content-Length":
+                            size = length(x.getElementText());
+                            break;
+                        case "AccessTier":
+                            tier = StorageConnection.canonicalTierOr(nonEmpty(x.getElementText()));
+                            break;
+                        case "ArchiveStatus":
+                            archiveStatus = nonEmpty(x.getElementText());
+                            break;
+                        case "RehydratePriority":
+                            priority = nonEmpty(x.getElementText());
+                            break;
+                        default:
+                            skip(x);
+                    }
+                } else {
+                    skip(x);
+                }
+            }
+        }
+        return new BlobPage.Item(name, size, meta, tier, archiveStatus, priority);
+    }
+
+    /** Skips the element the reader is on, whatever it holds. */
+    private static void skip(XMLStreamReader x) throws XMLStreamException {
+        for (int depth = 1; depth > 0 && x.hasNext(); ) {
+            int event = x.next();
+            depth += event == XMLStreamConstants.START_ELEMENT ? 1 : event == XMLStreamConstants.END_ELEMENT ? -1 : 0;
+        }
+    }
+
+    private static long length(String text) throws StorageException {
+        if (text == null || text.isBlank()) {
+            return 0;
+        }
+        try {
+            return Long.parseLong(text.trim());
+        } catch (NumberFormatException e) {
+            throw new StorageException(ERRORID.INTERNAL_ERROR, "unreadable Content-Length in a listing");
+        }
+    }
+
+    private static final XMLInputFactory XML_INPUT = secureInput();
+
+    private static XMLInputFactory secureInput() {
+        XMLInputFactory f = XMLInputFactory.newFactory();
+        f.setProperty(XMLInputFactory.SUPPORT_DTD, false);
+        f.setProperty(XMLInputFactory.IS_SUPPORTING_EXTERNAL_ENTITIES, false);
+        return f;
     }
 
     /** A List Containers page: the names into {@code into}; answers the marker of the next page. */
@@ -113,7 +209,10 @@ final class BlobXml {
      * round for ever; that is refused.
      */
     private static String nextMarker(Document doc, String previous) throws StorageException {
-        String next = childText(doc.getDocumentElement(), "NextMarker");
+        return checkedMarker(childText(doc.getDocumentElement(), "NextMarker"), previous);
+    }
+
+    private static String checkedMarker(String next, String previous) throws StorageException {
         if (next == null || next.isEmpty()) {
             return null;
         }

@@ -3,6 +3,7 @@ package com.qv.azure.rest;
 import com.qv.QVCloudPluginInterface.ERRORID;
 
 import java.nio.charset.StandardCharsets;
+import java.security.MessageDigest;
 import java.util.ArrayList;
 import java.util.Base64;
 import java.util.List;
@@ -55,6 +56,11 @@ public final class BlockUploader {
                 return null;
             }));
         }
+        // The whole content's MD5, which the blob keeps for readers to check, is made here while the
+        // blocks go out on the upload threads (each with its own MD5, which the service checks).
+        MessageDigest whole = BlobRestClient.md5();
+        whole.update(bytes, 0, len);
+        String wholeMd5 = Base64.getEncoder().encodeToString(whole.digest());
         try {
             for (Future<?> f : futures) {
                 f.get();
@@ -71,7 +77,7 @@ public final class BlockUploader {
             Thread.currentThread().interrupt();
             throw new StorageException(ERRORID.OPERATION_CANCELLED, "block upload interrupted");
         }
-        c.putBlockList(op, blob, ids, meta, tier);
+        c.putBlockList(op, blob, ids, meta, tier, wholeMd5);
     }
 
     /** Stops the upload threads (what runs is interrupted). */

@@ -70,6 +70,9 @@ public final class ErrorMap {
                         return ERRORID.AUTHORIZATION_FAILED;
                     case "AccountIsDisabled":
                         return ERRORID.ACCOUNT_DISABLED;
+                    case "KeyBasedAuthenticationNotPermitted":
+                        // The credential is fine but of a kind the account refuses: another one is needed.
+                        return ERRORID.INVALID_CREDENTIALS;
                     default:
                         return ERRORID.ACCESS_DENIED;
                 }
@@ -83,6 +86,11 @@ public final class ErrorMap {
                         return ERRORID.CONTAINER_ALREADY_EXISTS;
                     case "ContainerBeingDeleted":
                         return ERRORID.CONTAINER_BEING_DELETED;
+                    case "BlobImmutableDueToPolicy":
+                    case "BlobImmutableDueToLegalHold":
+                    case "ContainerHasLegalHold":
+                    case "ContainerImmutabilityPolicyLocked":
+                        return ERRORID.OBJECT_LOCKED;
                     case "BlobArchived":
                     // A tier change while a rehydration is pending: the blob is still in Archive.
                     case "BlobBeingRehydrated":
@@ -115,6 +123,57 @@ public final class ErrorMap {
                     return ERRORID.SERVICE_UNAVAILABLE;
                 }
                 return ERRORID.UNKNOWN_ERROR;
+        }
+    }
+
+    /**
+     * What an error answer means for whoever reads the log, where the code
+     * alone does not say it; null for the others.
+     */
+    public static String cause(int status, String code) {
+        if (code == null) {
+            return null;
+        }
+        switch (code) {
+            case "BlobImmutableDueToPolicy":
+                return "the object is under a time-based retention (immutability) policy and cannot be changed or "
+                    + "deleted until it expires";
+            case "BlobImmutableDueToLegalHold":
+                return "the object is under a legal hold and cannot be changed or deleted until the hold is cleared";
+            case "ContainerHasLegalHold":
+                return "the container has a legal hold";
+            case "ContainerImmutabilityPolicyLocked":
+                return "the container has a locked immutability policy";
+            case "KeyBasedAuthenticationNotPermitted":
+                return "the storage account does not permit Shared Key authorization (AllowSharedKeyAccess is "
+                    + "false), which the account key and every SAS signed with it use: connect with Entra ID "
+                    + "(Authentication=...) or a user delegation SAS";
+            case "AuthenticationFailed":
+                return "the signature or token was not accepted: a wrong or rotated account key, a token of "
+                    + "another key, tenant or audience, or this machine's clock off by more than 15 minutes";
+            case "InvalidAuthenticationInfo":
+                return "the bearer token was not accepted (expired, malformed, or for another audience)";
+            case "AuthorizationPermissionMismatch":
+                return "the credential lacks the permission for this operation: an Entra ID identity needs a "
+                    + "data role such as Storage Blob Data Contributor on the account or container (a management "
+                    + "role such as Owner is not enough), a SAS the permission in its sp";
+            case "AuthorizationFailure":
+                return "the request is not authorized: a firewall or network rule of the account refuses this "
+                    + "client, or the credential has no rights here";
+            case "AuthorizationSourceIPMismatch":
+                return "the SAS allows other client addresses (sip)";
+            case "AuthorizationProtocolMismatch":
+                return "the SAS allows HTTPS only (spr)";
+            case "AuthorizationResourceTypeMismatch":
+                return "the account SAS does not cover this kind of resource (srt)";
+            case "AuthorizationServiceMismatch":
+                return "the account SAS does not cover the blob service (ss)";
+            case "InsufficientAccountPermissions":
+                return "the credential lacks a permission at the account's level";
+            case "AccountIsDisabled":
+                return "the storage account is disabled";
+            default:
+                return null;
         }
     }
 

@@ -2,6 +2,8 @@ package com.qv.azure.rest;
 
 import com.qv.QVCloudPluginInterface.ERRORID;
 
+import java.io.EOFException;
+import java.io.FilterInputStream;
 import java.io.IOException;
 import java.io.InputStream;
 import java.io.OutputStream;
@@ -20,7 +22,6 @@ import java.util.TreeMap;
 import java.util.concurrent.ScheduledFuture;
 import java.util.concurrent.ScheduledThreadPoolExecutor;
 import java.util.concurrent.TimeUnit;
-import java.util.concurrent.atomic.AtomicBoolean;
 
 /**
  * One send of a {@link BlobRequest} over the JDK's HttpURLConnection: the
@@ -40,8 +41,8 @@ import java.util.concurrent.atomic.AtomicBoolean;
  * logged, and a header that cannot be read is ignored.
  */
 final class HttpExchange {
-    /** 2021-12-02 is the first version that knows the Cold tier. */
-    static final String API_VERSION = "2021-12-02";
+    /** The x-ms-version sent unless the connection string names another (ServiceVersion). */
+    static final String API_VERSION = StorageConnection.DEFAULT_SERVICE_VERSION;
     /**
      * Request bodies larger than this are sent with "Expect: 100-continue", so
      * that a refusal by the request's head alone (an expired token, a lease,
@@ -117,31 +118,39 @@ final class HttpExchange {
      */
     private Response sendOnce(BlobRequest r, Duration timeout, boolean expectContinue) throws StorageException {
         Map<String, String> all = new LinkedHashMap<>(r.headers);
+        if (r.method.equals("DELETE")) {
+            // Streamed (see below), the JDK would give it a form's Content-Type, unsigned: name one that is signed.
+            all.putIfAbsent("Content-Type", "application/octet-stream");
+        }
         all.put("x-ms-date", httpDate(System.currentTimeMillis() / 1000));
-        all.put("x-ms-version", API_VERSION);
+        all.put("x-ms-version", conn.serviceVersion);
+        // The same id on every send of one request, so that the service's logs tie them together.
+        all.put("x-ms-client-request-id", r.clientRequestId);
         long contentLength = r.contentLength();
         String query = r.query;
+        String bearer = null;
         if (signer != null) {
             all.put("Authorization", signer.authorization(r.method, r.path, r.query, all, contentLength));
-        } else {
+        } else if (conn.sas != null) {
             query = conn.sas.appendTo(r.query);
+        } else {
+            bearer = conn.entra.token(timeout);
+            all.put("Authorization", "Bearer " + bearer);
         }
         HttpURLConnection http = open(r, query, all, timeout);
         if (expectContinue) {
             // Not a signed header: Shared Key signs the standard headers and x-ms-*, not Expect.
             http.setRequestProperty("Expect", "100-continue");
         }
-        // The send as a whole gets the timeout: the JDK's read timeout is per read, so a watchdog
-        // disconnects an exchange that is not over in time, which wakes a read waiting for bytes.
-        AtomicBoolean cutOff = new AtomicBoolean();
-        ScheduledFuture<?> watchdog = Watchdog.TIMER.schedule(() -> {
-            cutOff.set(true);
-            http.disconnect();
-        }, timeout.toNanos(), TimeUnit.NANOSECONDS);
+        // A watch disconnects a send when no byte has moved either way for the stall timeout, or when
+        // its time is up; a disconnect wakes a write or a read that waits.
+        Watch watch = new Watch(http, timeout, retry.stallTimeout);
         int status = 0;
         try {
-            // A PUT always states its length (0 without a body); nothing else sends one.
-            if (r.body != null || r.method.equals("PUT")) {
+            // A PUT always states its length (0 without a body), and so does a DELETE: a request
+            // streamed with its length is never sent again by the JDK on its own (it resends other
+            // requests whose answer did not come), so that only the runner resends, knowing it did.
+            if (r.body != null || r.method.equals("PUT") || r.method.equals("DELETE")) {
                 http.setDoOutput(true);
                 http.setFixedLengthStreamingMode(contentLength);
                 OutputStream stream;
@@ -157,60 +166,159 @@ final class HttpExchange {
                     throw failure(r, early, headersOf(http), null, true);
                 }
                 try (OutputStream out = stream) {
-                    if (contentLength > 0) {
-                        out.write(r.body, r.offset, r.length);
+                    // In pieces, so that the watch sees the body move.
+                    watch.bodyStarts();
+                    for (int done = 0; done < r.length; ) {
+                        int n = Math.min(WRITE_PIECE, r.length - done);
+                        out.write(r.body, r.offset + done, n);
+                        done += n;
+                        watch.wrote(done, r.length);
                     }
                 }
             }
             status = http.getResponseCode();
+            watch.moved();
             Map<String, List<String>> answerHeaders = headersOf(http);
             if (!r.succeeds(status)) {
-                throw failure(r, status, answerHeaders, http.getErrorStream(), false);
+                StorageException refused = failure(r, status, answerHeaders, http.getErrorStream(), false);
+                if (bearer != null && (status == 401 || "InvalidAuthenticationInfo".equals(refused.serviceCode))) {
+                    // A token the service no longer takes (revoked, or expired early): the next send gets a new one.
+                    if (conn.entra.refused(bearer)) {
+                        throw new StorageException(refused.error, status, refused.serviceCode, refused.getMessage()
+                            + "; sent again with a new token", null, true);
+                    }
+                }
+                throw refused;
             }
-            InputStream in = r.method.equals("HEAD") ? InputStream.nullInputStream() : http.getInputStream();
+            InputStream in = r.method.equals("HEAD") ? InputStream.nullInputStream()
+                : watch.counting(http.getInputStream());
             byte[] kept = null;
             try {
-                kept = r.sink == null ? in.readAllBytes()
-                    : r.sink.consume(in, http, new Response(status, answerHeaders, new byte[0]));
+                Response head = new Response(status, answerHeaders, new byte[0]);
+                kept = r.sink != null ? r.sink.consume(in, http, head)
+                    : r.method.equals("HEAD") ? new byte[0] : readWhole(in, head);
             } finally {
                 if (kept != null) {
                     in.close();
                 }
             }
             return new Response(status, answerHeaders, kept == null ? new byte[0] : kept);
+        } catch (UnusableAnswer e) {
+            http.disconnect();
+            throw e.failure;
         } catch (IOException e) {
-            if (cutOff.get()) {
+            http.disconnect();
+            String cut = watch.cut;
+            if (cut != null) {
                 throw new StorageException(ERRORID.TIMEOUT, status, null,
-                                           r.what() + ": the answer did not arrive within " + timeout.toMillis()
-                                               + " ms", e, true);
+                                           r.what() + " (client request id " + r.clientRequestId + "): " + cut, e,
+                                           true);
             }
-            throw transportFailure(status, r.what() + (status == 0 ? "" : ": reading the answer failed"), e);
+            throw transportFailure(status, r.what() + " (client request id " + r.clientRequestId + ")"
+                                       + (status == 0 ? "" : ": reading the answer failed"), e);
         } finally {
-            watchdog.cancel(false);
+            watch.stop();
         }
+    }
+
+    /**
+     * Thrown by a body sink for an answer that came whole but cannot be used
+     * (not the XML it should be, say): the send fails with that failure, as
+     * it is, not as a broken connection to be retried.
+     */
+    static final class UnusableAnswer extends IOException {
+        private static final long serialVersionUID = 1L;
+        final transient StorageException failure;
+
+        UnusableAnswer(StorageException failure) {
+            super(failure.getMessage());
+            this.failure = failure;
+        }
+    }
+
+    /**
+     * The answer's body as a stream that ends only where its head said it
+     * would: one that ends before the announced length (the connection
+     * closed cleanly too early, which the JDK reports as an ordinary end)
+     * throws EOFException instead. Without a Content-Length it is the
+     * stream as it is (a chunked answer cut short fails in the JDK).
+     */
+    static InputStream exactly(InputStream in, Response head) {
+        long promised = head.longHeader("Content-Length", -1);
+        if (promised < 0) {
+            return in;
+        }
+        return new FilterInputStream(in) {
+            private long got;
+
+            @Override
+            public int read() throws IOException {
+                int b = super.read();
+                count(b < 0 ? -1 : 1);
+                return b;
+            }
+
+            @Override
+            public int read(byte[] buf, int off, int len) throws IOException {
+                int n = super.read(buf, off, len);
+                count(n);
+                return n;
+            }
+
+            private void count(int n) throws EOFException {
+                if (n < 0 && got < promised) {
+                    throw new EOFException("the answer ended after " + got + " of the " + promised
+                                           + " bytes it announced");
+                }
+                got += Math.max(n, 0);
+            }
+        };
+    }
+
+    /**
+     * The whole body of an answer, counted against the length its head
+     * promised: a body that ends early (the connection closed cleanly before
+     * the last byte, which the JDK reports as an ordinary end) is a broken
+     * answer, never a shorter one.
+     */
+    private static byte[] readWhole(InputStream in, Response head) throws IOException {
+        byte[] body = in.readAllBytes();
+        long promised = head.longHeader("Content-Length", -1);
+        if (promised >= 0 && body.length != promised) {
+            throw new EOFException("the answer ended after " + body.length + " of the " + promised
+                                   + " bytes it announced");
+        }
+        return body;
     }
 
     /**
      * Reads up to {@code want} bytes of an answer that is already under way
      * into {@code dest}, cutting its connection if they have not come within
-     * {@code timeoutNanos}; answers how many came, -1 when the read failed.
+     * {@code timeoutNanos} or no byte came for {@code stall}; answers how
+     * many came, -1 when the read failed.
      */
-    static int readWithin(HttpURLConnection http, InputStream in, byte[] dest, int want, long timeoutNanos) {
-        ScheduledFuture<?> watchdog = Watchdog.TIMER.schedule(http::disconnect, timeoutNanos, TimeUnit.NANOSECONDS);
+    static int readWithin(HttpURLConnection http, InputStream in, byte[] dest, int want, long timeoutNanos,
+                          Duration stall) {
+        Watch watch = new Watch(http, Duration.ofNanos(timeoutNanos), stall);
         try {
-            return readFully(in, dest, want);
+            return readFully(watch.counting(in), dest, 0, want);
         } catch (IOException e) {
             return -1;
         } finally {
-            watchdog.cancel(false);
+            watch.stop();
         }
     }
 
     /** Reads until {@code want} bytes are in {@code dest} or the stream ends; answers how many came. */
     static int readFully(InputStream in, byte[] dest, int want) throws IOException {
+        return readFully(in, dest, 0, want);
+    }
+
+    /** Reads until {@code want} bytes are in {@code dest} from {@code at} or the stream ends; answers how many. */
+    static int readFully(InputStream in, byte[] dest, int at, int want) throws IOException {
         int n = 0;
         int r;
-        while (n < want && (r = in.read(dest, n, want - n)) > 0) {
+        while (n < want && (r = in.read(dest, at + n, want - n)) > 0) {
             n += r;
         }
         return n;
@@ -243,6 +351,7 @@ final class HttpExchange {
             http.setUseCaches(false);
             http.setConnectTimeout(millisOf(retry.connectTimeout.compareTo(timeout) < 0 ? retry.connectTimeout
                                                 : timeout));
+            // Stalls are the watch's to judge (it knows what the body still needs to drain).
             http.setReadTimeout(millisOf(timeout));
             for (Map.Entry<String, String> e : headers.entrySet()) {
                 http.setRequestProperty(e.getKey(), e.getValue());
@@ -288,8 +397,14 @@ final class HttpExchange {
             code = cleanCode(BlobXml.errorCode(err));
         }
         ERRORID id = ErrorMap.fromHttp(status, code);
+        String serviceId = cleanCode(Response.firstHeader(headers, "x-ms-request-id"));
         String text = r.what() + " -> " + status + " " + code
-            + (beforeBody ? " (answered before the body was sent)" : "");
+            + (beforeBody ? " (answered before the body was sent)" : "")
+            + " (request id " + serviceId + ", client request id " + r.clientRequestId + ")";
+        String cause = ErrorMap.cause(status, code);
+        if (cause != null) {
+            text += ": " + cause;
+        }
         if (status == 403 && conn.sas != null) {
             Instant now = Instant.now();
             if (conn.sas.expiredAt(now)) {
@@ -301,7 +416,8 @@ final class HttpExchange {
             }
         }
         boolean again = RetryPolicy.isRetryableStatus(status);
-        long wait = again ? RetryPolicy.retryAfterMillis(Response.firstHeader(headers, "Retry-After"), Instant.now())
+        long wait = again ? RetryPolicy.retryAfterMillis(Response.firstHeader(headers, "x-ms-retry-after-ms"),
+                                                         Response.firstHeader(headers, "Retry-After"), Instant.now())
             : -1;
         return new StorageException(id, status, code, text, null, again, wait);
     }
@@ -363,6 +479,133 @@ final class HttpExchange {
             sb.append(plain ? ch : '?');
         }
         return sb.toString();
+    }
+
+    /** Bodies are written in pieces of this size, each a sign of progress. */
+    private static final int WRITE_PIECE = 64 << 10;
+
+    /**
+     * Watches one send: cuts it off (disconnects it) when no byte has moved
+     * either way for the stall timeout, or when its whole time is up.
+     * Progress is each piece of the body written and each read of the
+     * answer that brought bytes.
+     *
+     * A written piece has only reached the system's socket buffers, which
+     * on a slow line hold seconds of data: when the last piece is written,
+     * up to a few megabytes are still on their way, and nothing can be seen
+     * to move until the service has read them and answers. So the wait
+     * after the body starts later by what the buffers still hold at the rate
+     * the body went out: the rate over its second half (when the buffers
+     * had filled), the bytes left the body's length less what that rate
+     * carried over the whole write. A body that went out at once (it fitted
+     * the buffers, a fast line) adds nothing.
+     */
+    private static final class Watch implements Runnable {
+        private final HttpURLConnection http;
+        private final long end;
+        private final long stallNanos;
+        private final long timeoutMillis;
+        private final ScheduledFuture<?> task;
+        private volatile long last = System.nanoTime();
+        /** Why the send was cut off; null while it was not. */
+        volatile String cut;
+
+        Watch(HttpURLConnection http, Duration timeout, Duration stall) {
+            this.http = http;
+            this.end = last + timeout.toNanos();
+            this.stallNanos = stall.toNanos();
+            this.timeoutMillis = timeout.toMillis();
+            long period = Math.max(TimeUnit.MILLISECONDS.toNanos(10),
+                                   Math.min(TimeUnit.MILLISECONDS.toNanos(500),
+                                            Math.min(stallNanos, timeout.toNanos()) / 8));
+            this.task = Watchdog.TIMER.scheduleWithFixedDelay(this, period, period, TimeUnit.NANOSECONDS);
+        }
+
+        private long bodyStart;
+        private long halfAt;
+        private long halfBytes;
+        private volatile long drainNanos;
+
+        void moved() {
+            last = System.nanoTime();
+        }
+
+        void bodyStarts() {
+            bodyStart = System.nanoTime();
+            last = bodyStart;
+        }
+
+        /** A piece of the body was written: {@code done} of {@code total} bytes are out of the caller's hands. */
+        void wrote(int done, int total) {
+            long now = System.nanoTime();
+            if (halfAt == 0 && done >= total / 2) {
+                halfAt = now;
+                halfBytes = done;
+            }
+            if (done < total) {
+                last = now;
+                return;
+            }
+            long drain = 0;
+            long secondHalf = now - halfAt;
+            if (secondHalf > TimeUnit.MILLISECONDS.toNanos(50) && total > halfBytes) {
+                double perNano = (total - halfBytes) / (double) secondHalf;
+                double buffered = total - perNano * (now - bodyStart);
+                drain = buffered > 0 ? (long) (buffered / perNano) : 0;
+            }
+            drainNanos = drain;
+            last = now + drain;
+        }
+
+        private String stalled() {
+            long drain = TimeUnit.NANOSECONDS.toMillis(drainNanos);
+            return "no byte moved either way for " + TimeUnit.NANOSECONDS.toMillis(stallNanos)
+                + " ms (StallTimeoutSeconds)" + (drain > 0 ? ", after the " + drain
+                + " ms the end of the body was reckoned to take" : "");
+        }
+
+        @Override
+        public void run() {
+            if (cut != null) {
+                return;
+            }
+            long now = System.nanoTime();
+            if (now - end >= 0) {
+                cut = "the send did not end within " + timeoutMillis + " ms";
+            } else if (now - last > stallNanos) {
+                cut = stalled();
+            } else {
+                return;
+            }
+            http.disconnect();
+        }
+
+        void stop() {
+            task.cancel(false);
+        }
+
+        /** The answer's stream, each read that brings bytes counted as progress. */
+        InputStream counting(InputStream in) {
+            return new FilterInputStream(in) {
+                @Override
+                public int read() throws IOException {
+                    int b = super.read();
+                    if (b >= 0) {
+                        moved();
+                    }
+                    return b;
+                }
+
+                @Override
+                public int read(byte[] buf, int off, int len) throws IOException {
+                    int n = super.read(buf, off, len);
+                    if (n > 0) {
+                        moved();
+                    }
+                    return n;
+                }
+            };
+        }
     }
 
     /** One daemon thread, shared by all clients, that cuts off answers whose body stalls. */

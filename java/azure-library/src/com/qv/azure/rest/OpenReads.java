@@ -3,6 +3,7 @@ package com.qv.azure.rest;
 import java.io.IOException;
 import java.io.InputStream;
 import java.net.HttpURLConnection;
+import java.security.MessageDigest;
 import java.util.ArrayList;
 import java.util.Iterator;
 import java.util.LinkedHashMap;
@@ -29,6 +30,11 @@ import java.util.concurrent.TimeUnit;
  * {@link #MOST_PARKED} wait, when this client writes or deletes the blob,
  * and when the client is closed. What was sent of it and never read is the
  * price of reading ahead: at most what the network had in flight.
+ *
+ * Beside the answers it keeps the version (ETag) each read of a blob saw,
+ * under the offset where that read ended, for {@link #VERSION_KEPT_NANOS}:
+ * a read that goes on there, served by a parked answer or by a request of
+ * its own, is of the same version or fails (the request carries If-Match).
  */
 final class OpenReads {
     static final int READ_AHEAD_FROM = 1 << 20;
@@ -36,6 +42,9 @@ final class OpenReads {
     static final long READ_AHEAD_MOST = 8L << 20;
     static final int MOST_PARKED = 16;
     static final long IDLE_LIMIT_NANOS = TimeUnit.SECONDS.toNanos(10);
+    /** How long the version a read saw is held for the read that goes on where it ended. */
+    static final long VERSION_KEPT_NANOS = TimeUnit.SECONDS.toNanos(60);
+    static final int MOST_VERSIONS = 256;
 
     /** How many bytes to ask the service for when the caller asks for {@code max} (at least 1). */
     static long span(int max) {
@@ -57,6 +66,9 @@ final class OpenReads {
         final boolean reachesBlobEnd;
         long next;
         long parkedAt;
+        /** The MD5 of the answer so far, when it is the whole blob and the service gave the blob's MD5. */
+        MessageDigest wholeMd5;
+        String expectedMd5;
 
         Open(String path, HttpURLConnection http, InputStream in, Response response, long next,
              long end, boolean reachesBlobEnd) {
@@ -71,6 +83,11 @@ final class OpenReads {
 
         long remaining() {
             return end - next;
+        }
+
+        /** The version of the blob the answer is of. */
+        String etag() {
+            return response.header("ETag");
         }
 
         /**
@@ -127,7 +144,29 @@ final class OpenReads {
         }
     }
 
+    /**
+     * The size of the blob an answer is of: the total of its Content-Range
+     * ("bytes 0-99/1000"), or for a whole-blob answer (200) its length; -1
+     * when it says neither ("*", or unreadable).
+     */
+    static long blobSize(int status, String contentRange, long contentLength) {
+        if (status == 200) {
+            return contentLength;
+        }
+        if (contentRange == null) {
+            return -1;
+        }
+        int slash = contentRange.indexOf('/');
+        try {
+            return slash < 0 ? -1 : Long.parseLong(contentRange.substring(slash + 1).trim());
+        } catch (NumberFormatException e) {
+            return -1;
+        }
+    }
+
     private final Map<String, Open> parked = new LinkedHashMap<>();
+    /** The version each recent read saw, under the blob and the offset where it ended; with when. */
+    private final Map<String, String[]> versions = new LinkedHashMap<>(16, 0.75f, true);
 
     private static String key(String path, long offset) {
         return offset + " " + path;
@@ -164,10 +203,37 @@ final class OpenReads {
         stale.forEach(Open::close);
     }
 
-    /** Closes every parked answer of that blob: it is being written or deleted. */
+    /** Notes that a read of that blob ended at {@code offset} and saw that version (null: none known). */
+    synchronized void sawVersion(String path, long offset, String etag) {
+        if (etag == null) {
+            return;
+        }
+        versions.put(key(path, offset), new String[] {etag, Long.toString(System.nanoTime())});
+        if (versions.size() > MOST_VERSIONS) {
+            Iterator<String> eldest = versions.keySet().iterator();
+            eldest.next();
+            eldest.remove();
+        }
+    }
+
+    /** The version the read that ended at {@code offset} saw, if it did so lately; null otherwise. */
+    synchronized String versionAt(String path, long offset) {
+        String[] v = versions.get(key(path, offset));
+        if (v == null) {
+            return null;
+        }
+        if (System.nanoTime() - Long.parseLong(v[1]) > VERSION_KEPT_NANOS) {
+            versions.remove(key(path, offset));
+            return null;
+        }
+        return v[0];
+    }
+
+    /** Closes every parked answer of that blob and forgets its versions: it is being written or deleted. */
     void drop(String path) {
         List<Open> gone = new ArrayList<>();
         synchronized (this) {
+            versions.keySet().removeIf(k -> k.substring(k.indexOf(' ') + 1).equals(path));
             if (parked.isEmpty()) {
                 return;
             }
@@ -188,6 +254,7 @@ final class OpenReads {
         synchronized (this) {
             gone = new ArrayList<>(parked.values());
             parked.clear();
+            versions.clear();
         }
         gone.forEach(Open::close);
     }

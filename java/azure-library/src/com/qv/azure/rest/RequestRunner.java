@@ -1,10 +1,13 @@
 package com.qv.azure.rest;
 
 import com.qv.QVCloudPluginInterface.ERRORID;
+import com.qv.azure.LibraryLog;
 
 import java.time.Duration;
 import java.util.concurrent.ThreadLocalRandom;
 import java.util.concurrent.TimeUnit;
+import java.util.logging.Level;
+import java.util.logging.Logger;
 
 /**
  * Sends one request, and sends it again after failures that may go away by
@@ -13,12 +16,19 @@ import java.util.concurrent.TimeUnit;
  * operation the request belongs to. This is the only place where requests
  * are repeated and where the time bounds are applied; what one send is
  * (which transport, where the answer goes) is up to the caller.
+ *
+ * Each send again is logged once (INFO), with the failure that caused it
+ * and the pause before it. A failure that follows a send whose answer was
+ * lost is marked as such ({@link StorageException#afterLostAnswer()}), so
+ * that the caller can tell the request's own effect from a real refusal.
  */
 public final class RequestRunner {
     /** One send of the request, which must be over within {@code timeout}. */
     public interface Send<T> {
         T send(Duration timeout) throws StorageException;
     }
+
+    private static final Logger LOG = LibraryLog.logger();
 
     private final RetryPolicy policy;
 
@@ -37,29 +47,37 @@ public final class RequestRunner {
      */
     public <T> T run(Deadline operation, String what, Send<T> send) throws StorageException {
         long start = System.nanoTime();
-        long requestEnd = start + policy.maxTotal.toNanos();
-        boolean operationFirst = operation.endNanos() - requestEnd <= 0;
-        long end = operationFirst ? operation.endNanos() : requestEnd;
+        long retryEnd = start + policy.maxTotal.toNanos();
         StorageException last = null;
+        boolean lostAnswer = false;
         for (int attempt = 1; ; ++attempt) {
-            long left = end - System.nanoTime();
+            long left = operation.nanosLeft();
             if (left <= 0) {
-                throw outOfTime(what, operationFirst, operation, attempt - 1, start, last);
+                throw outOfTime(what, true, operation, attempt - 1, start, last);
             }
+            // A send runs while bytes move (the exchange watches for stalls); only the operation's
+            // deadline and RequestTimeoutSeconds, when set, bound it as a whole.
             Duration timeout = policy.requestTimeout.toNanos() > left ? Duration.ofNanos(left) : policy.requestTimeout;
             try {
                 return send.send(timeout);
             } catch (StorageException e) {
-                last = e;
+                last = lostAnswer ? e.markAfterLostAnswer() : e;
             }
             if (!last.retryable || attempt >= policy.maxAttempts) {
                 throw last;
             }
+            // No answer at all (the connection broke or timed out): the service may have done it.
+            lostAnswer |= last.status == 0;
             long pause = policy.pauseMillis(attempt, last.retryAfterMillis, ThreadLocalRandom.current());
-            if (TimeUnit.MILLISECONDS.toNanos(pause) >= end - System.nanoTime()) {
+            long resumeAt = System.nanoTime() + TimeUnit.MILLISECONDS.toNanos(pause);
+            boolean operationFirst = operation.endNanos() - retryEnd <= 0;
+            if (resumeAt - (operationFirst ? operation.endNanos() : retryEnd) >= 0) {
                 // The next send could not start within the bound: stop here rather than sleep in vain.
                 throw outOfTime(what, operationFirst, operation, attempt, start, last);
             }
+            LOG.log(Level.INFO, what + ": attempt " + attempt + " failed, sending again in " + pause + " ms"
+                + (last.retryAfterMillis >= 0 ? " (the service asked for " + last.retryAfterMillis + " ms)" : "")
+                + ": " + last.getMessage());
             try {
                 Thread.sleep(pause);
             } catch (InterruptedException ie) {
@@ -78,7 +96,10 @@ public final class RequestRunner {
         String text = attempts == 0
             ? what + ": not sent, no time left of " + bound
             : what + ": gave up after " + attempts + (attempts == 1 ? " attempt" : " attempts") + " in " + elapsedMs
-                + " ms (a further one would end past " + bound + "); last failure: " + last.getMessage();
+                + " ms (a further one would end past " + bound
+                + (last.retryAfterMillis > 0 ? ", after the " + last.retryAfterMillis + " ms the service asked for"
+                   : "")
+                + "); last failure: " + last.getMessage();
         return new StorageException(ERRORID.TIMEOUT, last == null ? 0 : last.status,
                                     last == null ? null : last.serviceCode, text, last, false);
     }

@@ -38,31 +38,47 @@ public final class StorageConnection {
     public final String accountName;
     /** The account key; null when the credential is a shared access signature. */
     public final byte[] accountKey;
-    /** The shared access signature; null when the credential is the account key. */
+    /** The shared access signature; null when the credential is another. */
     public final SasToken sas;
+    /** The Entra ID credential (bearer tokens); null when the credential is another. */
+    public final EntraCredential entra;
     /** The blob service endpoint without a trailing slash, e.g. https://acct.blob.core.windows.net. */
     public final URI blobEndpoint;
     public final String container;
     public final RetryPolicy retryPolicy;
     /** The access tier every written object gets (Hot, Cool, Cold or Archive); null for the account's default. */
     public final String accessTier;
+    /** The x-ms-version every request carries (ServiceVersion; {@link #DEFAULT_SERVICE_VERSION} unless given). */
+    public final String serviceVersion;
+    /** The most objects one GetObjectSubList answers (ListMaxEntries); more fail with a clear error. */
+    public final long listMaxEntries;
 
-    private StorageConnection(String accountName, byte[] accountKey, SasToken sas, URI blobEndpoint,
-                              String container, RetryPolicy retryPolicy, String accessTier) {
+    public static final long DEFAULT_LIST_MAX_ENTRIES = 1_000_000;
+
+    /** 2021-12-02 is the first version that knows the Cold tier. */
+    public static final String DEFAULT_SERVICE_VERSION = "2021-12-02";
+
+    private StorageConnection(String accountName, byte[] accountKey, SasToken sas, EntraCredential entra,
+                              URI blobEndpoint,
+                              String container, RetryPolicy retryPolicy, String accessTier, String serviceVersion,
+                              long listMaxEntries) {
         this.accountName = accountName;
         this.accountKey = accountKey;
         this.sas = sas;
+        this.entra = entra;
         this.blobEndpoint = blobEndpoint;
         this.container = container;
         this.retryPolicy = retryPolicy;
         this.accessTier = accessTier;
+        this.serviceVersion = serviceVersion;
+        this.listMaxEntries = listMaxEntries;
     }
 
     /** Never shows the account key or the token. */
     @Override
     public String toString() {
         return "StorageConnection[" + accountName + " at " + blobEndpoint + ", container " + container + ", "
-            + (sas == null ? "account key" : sas.toString())
+            + (sas != null ? sas.toString() : entra != null ? entra.toString() : "account key")
             + (accessTier == null ? "" : ", tier " + accessTier) + "]";
     }
 
@@ -71,7 +87,8 @@ public final class StorageConnection {
         private static final long serialVersionUID = 1L;
 
         public enum Reason {
-            MALFORMED, MISSING_KEY, BAD_ACCOUNT_KEY, BAD_SAS_TOKEN, BAD_CONTAINER_NAME, BAD_ENDPOINT, BAD_OPTION
+            MALFORMED, MISSING_KEY, BAD_ACCOUNT_KEY, BAD_SAS_TOKEN, BAD_CREDENTIAL, BAD_CONTAINER_NAME, BAD_ENDPOINT,
+            BAD_OPTION
         }
 
         public final Reason reason;
@@ -86,7 +103,10 @@ public final class StorageConnection {
     private static final Set<String> KNOWN_KEYS = Set.of(
         "DefaultEndpointsProtocol", "AccountName", "AccountKey", "SharedAccessSignature", "BlobEndpoint",
         "EndpointSuffix", "Container", "AccessTier", "RetryMaxAttempts", "RetryMaxSeconds", "RetryBaseDelayMillis",
-        "RetryMaxDelayMillis", "RequestTimeoutSeconds", "ConnectTimeoutSeconds", "OperationTimeoutSeconds");
+        "RetryMaxDelayMillis", "RequestTimeoutSeconds", "ConnectTimeoutSeconds", "OperationTimeoutSeconds",
+        "ServiceVersion", "AllowInsecureHttp", "StallTimeoutSeconds", "ListMaxEntries", "Authentication", "TenantId",
+        "ClientId", "ClientSecret", "ClientCertificatePath", "ClientCertificatePassword", "FederatedTokenFile",
+        "AuthorityHost", "ManagedIdentityEndpoint");
 
     private static String knownSpelling(String lowerKey) {
         for (String k : KNOWN_KEYS) {
@@ -98,6 +118,11 @@ public final class StorageConnection {
     }
 
     public static StorageConnection parse(String text) throws Invalid {
+        return parse(text, System::getenv);
+    }
+
+    /** As {@link #parse(String)}, the environment (for the Entra ID credentials) read through {@code env}. */
+    static StorageConnection parse(String text, java.util.function.Function<String, String> env) throws Invalid {
         if (text == null || text.isBlank()) {
             throw new Invalid(Invalid.Reason.MALFORMED, "empty connection string");
         }
@@ -122,13 +147,17 @@ public final class StorageConnection {
         }
         String keyText = emptyToNull(pairs.get("accountkey"));
         String sasText = emptyToNull(pairs.get("sharedaccesssignature"));
-        if (keyText != null && sasText != null) {
-            throw new Invalid(Invalid.Reason.MALFORMED, "give AccountKey or SharedAccessSignature, not both");
+        String authText = emptyToNull(pairs.get("authentication"));
+        int credentials = (keyText == null ? 0 : 1) + (sasText == null ? 0 : 1) + (authText == null ? 0 : 1);
+        if (credentials > 1) {
+            throw new Invalid(Invalid.Reason.MALFORMED,
+                              "give one credential: AccountKey, SharedAccessSignature or Authentication");
         }
-        if (keyText == null && sasText == null) {
-            throw new Invalid(Invalid.Reason.MISSING_KEY, "missing AccountKey or SharedAccessSignature");
+        if (credentials == 0) {
+            throw new Invalid(Invalid.Reason.MISSING_KEY,
+                              "missing AccountKey, SharedAccessSignature or Authentication");
         }
-        String account = sasText == null ? required(pairs, "accountname") : pairs.get("accountname");
+        String account = keyText != null ? required(pairs, "accountname") : pairs.get("accountname");
         if (account != null && account.isEmpty()) {
             throw new Invalid(Invalid.Reason.MISSING_KEY, "missing AccountName");
         }
@@ -145,7 +174,7 @@ public final class StorageConnection {
             if (key.length == 0) {
                 throw new Invalid(Invalid.Reason.BAD_ACCOUNT_KEY, "AccountKey is empty");
             }
-        } else {
+        } else if (sasText != null) {
             sas = SasToken.parse(sasText);
         }
         if (!isValidContainerName(container)) {
@@ -186,7 +215,61 @@ public final class StorageConnection {
         if (account == null) {
             account = accountOf(uri);
         }
-        return new StorageConnection(account, key, sas, uri, container, retryPolicy(pairs), accessTier(pairs));
+        boolean allowInsecure = flag(pairs, "AllowInsecureHttp");
+        if (uri.getScheme().equalsIgnoreCase("http") && !isLoopback(uri.getHost()) && !allowInsecure) {
+            throw new Invalid(Invalid.Reason.BAD_ENDPOINT,
+                              "BlobEndpoint is plain http to a host that is not this machine: the "
+                                  + (sas != null ? "SharedAccessSignature" : authText != null ? "bearer tokens"
+                                     : "AccountKey's signatures")
+                                  + " and the data would cross the network unencrypted; use https, or add "
+                                  + "AllowInsecureHttp=true to allow it");
+        }
+        RetryPolicy retry = retryPolicy(pairs);
+        EntraCredential entra = authText == null ? null
+            : EntraCredential.parse(pairs, env, allowInsecure, retry.connectTimeout);
+        return new StorageConnection(account, key, sas, entra, uri, container, retry, accessTier(pairs),
+                                     serviceVersion(pairs),
+                                     whole(pairs, "ListMaxEntries", DEFAULT_LIST_MAX_ENTRIES, 1, 100_000_000));
+    }
+
+    /**
+     * Whether a host names this machine: "localhost", an IPv4 address of
+     * 127.0.0.0/8, or ::1. Only literals count; no name is looked up.
+     */
+    static boolean isLoopback(String host) {
+        String h = host.toLowerCase(Locale.ROOT);
+        if (h.equals("localhost") || h.equals("[::1]") || h.equals("::1")
+            || h.equals("[0:0:0:0:0:0:0:1]") || h.equals("0:0:0:0:0:0:0:1")) {
+            return true;
+        }
+        return IPV4.matcher(h).matches() && h.startsWith("127.");
+    }
+
+    private static final Pattern IPV4 = Pattern.compile("[0-9]{1,3}(\\.[0-9]{1,3}){3}");
+    private static final Pattern VERSION = Pattern.compile("20[0-9]{2}-[01][0-9]-[0-3][0-9]");
+
+    /** A true/false key (any case); absent is false. */
+    private static boolean flag(Map<String, String> pairs, String key) throws Invalid {
+        String v = pairs.get(key.toLowerCase(Locale.ROOT));
+        if (v == null || v.equalsIgnoreCase("false")) {
+            return false;
+        }
+        if (v.equalsIgnoreCase("true")) {
+            return true;
+        }
+        throw new Invalid(Invalid.Reason.BAD_OPTION, key + " must be true or false");
+    }
+
+    /** The ServiceVersion key: a version date of the Blob service API (yyyy-mm-dd), or the default. */
+    private static String serviceVersion(Map<String, String> pairs) throws Invalid {
+        String v = pairs.get("serviceversion");
+        if (v == null) {
+            return DEFAULT_SERVICE_VERSION;
+        }
+        if (!VERSION.matcher(v).matches()) {
+            throw new Invalid(Invalid.Reason.BAD_OPTION, "ServiceVersion must be a version date such as 2021-12-02");
+        }
+        return v;
     }
 
     /**
@@ -223,6 +306,12 @@ public final class StorageConnection {
         return null;
     }
 
+    /** The tier as the service spells it when it is one of the four, else the text as it came (or null). */
+    static String canonicalTierOr(String tier) {
+        String t = canonicalTier(tier);
+        return t != null ? t : tier;
+    }
+
     /** The AccessTier key in its canonical spelling, or null when absent. */
     private static String accessTier(Map<String, String> pairs) throws Invalid {
         String v = pairs.get("accesstier");
@@ -254,7 +343,8 @@ public final class StorageConnection {
         Duration connect = seconds(pairs, "ConnectTimeoutSeconds", RetryPolicy.DEFAULT_CONNECT_TIMEOUT, 3_600);
         Duration operation = seconds(pairs, "OperationTimeoutSeconds", RetryPolicy.DEFAULT_OPERATION_TIMEOUT,
                                      86_400);
-        return new RetryPolicy(attempts, total, base, maxDelay, request, connect, operation);
+        Duration stall = seconds(pairs, "StallTimeoutSeconds", RetryPolicy.DEFAULT_STALL_TIMEOUT, 3_600);
+        return new RetryPolicy(attempts, total, base, maxDelay, request, connect, operation, stall);
     }
 
     private static long whole(Map<String, String> pairs, String key, long fallback, long min, long max)

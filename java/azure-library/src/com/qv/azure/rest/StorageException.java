@@ -18,6 +18,13 @@ public final class StorageException extends Exception {
     public final boolean retryable;
     /** The wait the answer asked for, in milliseconds; -1 when it asked for none. */
     public final long retryAfterMillis;
+    /**
+     * Whether an earlier send of the same request went unanswered (the
+     * connection broke or timed out after it was sent): the service may have
+     * carried it out, and this answer may be to the request's own effect
+     * (an object that now exists, one already deleted). Set by the runner.
+     */
+    private volatile boolean afterLostAnswer;
 
     public StorageException(ERRORID error, int status, String serviceCode, String message, Throwable cause,
                             boolean retryable, long retryAfterMillis) {
@@ -40,5 +47,14 @@ public final class StorageException extends Exception {
 
     public StorageException(ERRORID error, String message) {
         this(error, 0, null, message, null);
+    }
+
+    public boolean afterLostAnswer() {
+        return afterLostAnswer;
+    }
+
+    StorageException markAfterLostAnswer() {
+        afterLostAnswer = true;
+        return this;
     }
 }

@@ -248,6 +248,43 @@ class RestPiecesTest {
         assertEquals(Duration.ofSeconds(3600), p.operationTimeout);
     }
 
+    /** Plain http only to this machine, unless AllowInsecureHttp=true says otherwise; never a name looked up. */
+    @Test
+    void plainHttpOnlyToThisMachineUnlessAllowed() throws Exception {
+        String key = "AccountName=a;AccountKey=" + Base64.getEncoder().encodeToString(new byte[] {1}) + ";Container=ccc";
+        for (String host : new String[] {"127.0.0.1", "127.8.9.10", "localhost", "LOCALHOST", "[::1]"}) {
+            StorageConnection.parse(key + ";BlobEndpoint=http://" + host + ":10000/a");
+        }
+        for (String host : new String[] {"10.0.0.1", "128.0.0.1", "example.com", "localhost.example.com", "[::2]",
+                                         "127.example.com"}) {
+            StorageConnection.Invalid e = assertThrows(StorageConnection.Invalid.class, () -> StorageConnection.parse(
+                key + ";BlobEndpoint=http://" + host + "/a"), host);
+            assertTrue(e.getMessage().contains("AllowInsecureHttp=true"), e.getMessage());
+            StorageConnection.parse(key + ";BlobEndpoint=http://" + host + "/a;AllowInsecureHttp=TRUE");
+        }
+        StorageConnection.parse(key + ";BlobEndpoint=https://example.com/a");
+        assertEquals(StorageConnection.Invalid.Reason.BAD_OPTION, assertThrows(StorageConnection.Invalid.class,
+            () -> StorageConnection.parse(key + ";AllowInsecureHttp=yes")).reason);
+        assertEquals("2021-12-02", StorageConnection.parse(key).serviceVersion);
+        assertEquals("2025-01-05", StorageConnection.parse(key + ";ServiceVersion=2025-01-05").serviceVersion);
+    }
+
+    /** The token endpoint's JSON: flat members as text, anything else null, never an exception. */
+    @Test
+    void jsonOfATokenAnswer() {
+        assertEquals(Map.of("access_token", "a.b.c", "expires_in", "3599", "ok", "true"),
+                     Json.object(" {\"access_token\":\"a.b.c\",\"expires_in\":3599,\"ok\":true,\"n\":null,"
+                                 + "\"nested\":{\"x\":[1,{\"y\":\"}\"}]}} "));
+        assertEquals(Map.of("e", "x\"y\u00e9\n"), Json.object("{\"e\":\"x\\\"y\\u00e9\\n\"}"));
+        for (String bad : new String[] {null, "", "[]", "{", "{\"a\"}", "{\"a\":}", "{\"a\":1,}", "{} x",
+                                        "{\"a\":\"b", "x".repeat(100)}) {
+            assertNull(Json.object(bad), String.valueOf(bad));
+        }
+        assertEquals(ERRORID.INVALID_CREDENTIALS, ErrorMap.fromHttp(403, "KeyBasedAuthenticationNotPermitted"));
+        assertEquals(ERRORID.OBJECT_LOCKED, ErrorMap.fromHttp(409, "BlobImmutableDueToLegalHold"));
+        assertEquals(ERRORID.OBJECT_LOCKED, ErrorMap.fromHttp(409, "BlobImmutableDueToPolicy"));
+    }
+
     @Test
     void tuningKeysAreReadInAnyCase() throws Exception {
         RetryPolicy p = StorageConnection.parse(MINIMAL + ";retrymaxattempts=7;RetryMaxSeconds=2.5"
@@ -261,8 +298,8 @@ class RestPiecesTest {
         assertEquals(Duration.ofSeconds(3), p.connectTimeout);
         assertEquals(Duration.ofMillis(12_500), p.operationTimeout);
         // A base pause above the default cap raises the cap with it.
-        assertEquals(Duration.ofSeconds(20),
-                     StorageConnection.parse(MINIMAL + ";RetryBaseDelayMillis=20000").retryPolicy.maxDelay);
+        assertEquals(Duration.ofSeconds(50),
+                     StorageConnection.parse(MINIMAL + ";RetryBaseDelayMillis=50000").retryPolicy.maxDelay);
     }
 
     @Test
@@ -450,10 +487,14 @@ class RestPiecesTest {
         assertEquals(-1, RetryPolicy.retryAfterMillis("x".repeat(10_000), now));
         assertEquals(12_000, RetryPolicy.retryAfterMillis("Tue, 01 Jan 2030 00:00:12 GMT", now));
         assertEquals(0, RetryPolicy.retryAfterMillis("Mon, 31 Dec 2029 23:00:00 GMT", now)); // in the past
+        // x-ms-retry-after-ms first, in milliseconds; an unreadable one leaves Retry-After.
+        assertEquals(1500, RetryPolicy.retryAfterMillis("1500", "7", now));
+        assertEquals(7000, RetryPolicy.retryAfterMillis("1.5", "7", now));
+        assertEquals(-1, RetryPolicy.retryAfterMillis("soon", null, now));
     }
 
     @Test
-    void retryAfterIsAFloorOfThePauseCappedAtTheMaximum() {
+    void retryAfterIsAFloorOfThePause() {
         RetryPolicy p = new RetryPolicy(10, Duration.ofSeconds(60), Duration.ofMillis(100), Duration.ofMillis(5000),
                                         Duration.ofSeconds(1), Duration.ofSeconds(1));
         Random r = new Random(4);
@@ -463,7 +504,7 @@ class RestPiecesTest {
             assertEquals(2000, p.pauseMillis(1, 2000, r), "the service's longer wait");
             long shorter = p.pauseMillis(3, 10, r);
             assertTrue(shorter >= 200 && shorter <= 400, "the backoff when it is longer: " + shorter);
-            assertEquals(5000, p.pauseMillis(1, 60_000, r), "capped at RetryMaxDelayMillis");
+            assertEquals(60_000, p.pauseMillis(1, 60_000, r), "not capped: RetryMaxDelayMillis caps the backoff");
         }
     }
 
