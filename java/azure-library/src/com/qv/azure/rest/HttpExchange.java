@@ -74,6 +74,12 @@ final class HttpExchange {
     private final RetryPolicy retry;
     /** Set once the service answered 417 to "Expect: 100-continue": from then on no request carries it. */
     private volatile boolean expectRefused;
+    /**
+     * The rate (bytes per nanosecond) at which the last large body of this
+     * exchange reached the service, from its first byte written to the
+     * answer's head; 0 until one did. See {@link Watch}.
+     */
+    private volatile double uploadRate;
 
     HttpExchange(StorageConnection conn, RetryPolicy retry) {
         this.conn = conn;
@@ -144,7 +150,7 @@ final class HttpExchange {
         }
         // A watch disconnects a send when no byte has moved either way for the stall timeout, or when
         // its time is up; a disconnect wakes a write or a read that waits.
-        Watch watch = new Watch(http, timeout, retry.stallTimeout);
+        Watch watch = new Watch(http, timeout, retry.stallTimeout, uploadRate);
         int status = 0;
         try {
             // A PUT always states its length (0 without a body), and so does a DELETE: a request
@@ -178,6 +184,9 @@ final class HttpExchange {
             }
             status = http.getResponseCode();
             watch.moved();
+            if (r.length >= RATE_FROM && watch.bodyStart != 0) {
+                uploadRate = r.length / (double) Math.max(1, System.nanoTime() - watch.bodyStart);
+            }
             Map<String, List<String>> answerHeaders = headersOf(http);
             if (!r.succeeds(status)) {
                 StorageException refused = failure(r, status, answerHeaders, http.getErrorStream(), false);
@@ -483,6 +492,8 @@ final class HttpExchange {
 
     /** Bodies are written in pieces of this size, each a sign of progress. */
     private static final int WRITE_PIECE = 64 << 10;
+    /** Bodies of this size or more tell the rate at which uploads reach the service. */
+    private static final int RATE_FROM = 256 << 10;
 
     /**
      * Watches one send: cuts it off (disconnects it) when no byte has moved
@@ -498,7 +509,9 @@ final class HttpExchange {
      * the body went out: the rate over its second half (when the buffers
      * had filled), the bytes left the body's length less what that rate
      * carried over the whole write. A body that went out at once (it fitted
-     * the buffers, a fast line) adds nothing.
+     * the buffers) tells no rate: then the whole body is reckoned at the
+     * rate the last large body of this exchange reached the service (on a
+     * fast line a few milliseconds; nothing before any body did).
      */
     private static final class Watch implements Runnable {
         private final HttpURLConnection http;
@@ -510,8 +523,16 @@ final class HttpExchange {
         /** Why the send was cut off; null while it was not. */
         volatile String cut;
 
+        /** The exchange's last known upload rate (bytes per nanosecond), 0 for none. */
+        private final double knownRate;
+
         Watch(HttpURLConnection http, Duration timeout, Duration stall) {
+            this(http, timeout, stall, 0);
+        }
+
+        Watch(HttpURLConnection http, Duration timeout, Duration stall, double knownRate) {
             this.http = http;
+            this.knownRate = knownRate;
             this.end = last + timeout.toNanos();
             this.stallNanos = stall.toNanos();
             this.timeoutMillis = timeout.toMillis();
@@ -521,7 +542,7 @@ final class HttpExchange {
             this.task = Watchdog.TIMER.scheduleWithFixedDelay(this, period, period, TimeUnit.NANOSECONDS);
         }
 
-        private long bodyStart;
+        private volatile long bodyStart;
         private long halfAt;
         private long halfBytes;
         private volatile long drainNanos;
@@ -552,6 +573,8 @@ final class HttpExchange {
                 double perNano = (total - halfBytes) / (double) secondHalf;
                 double buffered = total - perNano * (now - bodyStart);
                 drain = buffered > 0 ? (long) (buffered / perNano) : 0;
+            } else if (knownRate > 0) {
+                drain = (long) (total / knownRate);
             }
             drainNanos = drain;
             last = now + drain;
