@@ -113,13 +113,13 @@ TEST_P(CraftedManifestTest, IsRefusedAsDamagedBeforeAnythingIsWritten) {
     ASSERT_EQ(PutManifest(manifest, Folder("crafted")), 0);
 
     for (const bool overwrite : {false, true}) {
-        std::vector<std::string> arguments = {"restore", id, Folder("work/dest")};
+        std::vector<std::string> arguments = {"legacy", "restore", id, Folder("work/dest")};
         if (overwrite) arguments.push_back("--overwrite");
         const ToolRun restore = Tool(arguments);
         EXPECT_EQ(restore.status, 1) << restore.err;
         EXPECT_NE(restore.err.find("the manifest is damaged: entry '"), std::string::npos) << restore.err;
     }
-    const ToolRun verify = Tool({"verify", id});
+    const ToolRun verify = Tool({"legacy", "verify", id});
     EXPECT_EQ(verify.status, 1) << verify.err;
     EXPECT_NE(verify.err.find("the manifest is damaged: entry '"), std::string::npos) << verify.err;
 
@@ -143,7 +143,7 @@ TEST_F(HostToolTest, ARestoreNeverWritesThroughALinkInsideTheDestination) {
     fs::create_directories(Folder("dest"));
     fs::create_directory_symlink(Folder("outside"), Folder("dest/sub"));
     for (const bool overwrite : {false, true}) {
-        std::vector<std::string> arguments = {"restore", id, Folder("dest")};
+        std::vector<std::string> arguments = {"legacy", "restore", id, Folder("dest")};
         if (overwrite) arguments.push_back("--overwrite");
         const ToolRun restore = Tool(arguments);
         EXPECT_EQ(restore.status, 4) << restore.err;
@@ -162,11 +162,11 @@ TEST_F(HostToolTest, OverwriteReplacesALinkInsideTheDestinationNeverItsTarget) {
     fs::create_directories(Folder("dest"));
     fs::create_symlink(Folder("outside/target"), Folder("dest/file"));
 
-    const ToolRun refused = Tool({"restore", id, Folder("dest")});
+    const ToolRun refused = Tool({"legacy", "restore", id, Folder("dest")});
     EXPECT_EQ(refused.status, 4) << refused.err;
     EXPECT_EQ(ReadFile(Folder("outside/target")), "precious");
 
-    const ToolRun replaced = Tool({"--overwrite", "restore", id, Folder("dest")});
+    const ToolRun replaced = Tool({"legacy", "restore", id, Folder("dest"), "--overwrite"});
     ASSERT_EQ(replaced.status, 0) << replaced.err;
     EXPECT_FALSE(fs::is_symlink(Folder("dest/file")));
     EXPECT_EQ(ReadFile(Folder("dest/file")), "payload");

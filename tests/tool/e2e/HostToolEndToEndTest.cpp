@@ -12,7 +12,7 @@ using namespace e2e;
 
 TEST_F(HostToolTest, BackupListVerifyAndRestoreReproduceTheTree) {
     const std::string source = MakeTree();
-    const ToolRun backup = Tool({"--legacy", "--legacy", "backup", source});
+    const ToolRun backup = Tool({"legacy", "backup", source, "--part-size", kPartSize});
     ASSERT_EQ(backup.status, 0) << backup.err;
     EXPECT_EQ(Member(backup.out, "files"), "26");
     // One object per started MiB of every non-empty file: 3 for the large
@@ -23,17 +23,17 @@ TEST_F(HostToolTest, BackupListVerifyAndRestoreReproduceTheTree) {
     EXPECT_NE(backup.out.find("\"skipped\":[]"), std::string::npos) << backup.out;
     const std::string id = Unquoted(Member(backup.out, "backup"));
 
-    const ToolRun list = Tool({"list"});
+    const ToolRun list = Tool({"legacy", "list"});
     ASSERT_EQ(list.status, 0) << list.err;
     EXPECT_EQ(Member(list.out, "backup"), "\"" + id + "\"");
     EXPECT_EQ(Member(list.out, "files"), "26");
     EXPECT_EQ(Member(list.out, "bytes"), Member(backup.out, "bytes"));
 
-    const ToolRun verify = Tool({"verify", id});
+    const ToolRun verify = Tool({"legacy", "verify", id});
     EXPECT_EQ(verify.status, 0) << verify.err;
     EXPECT_EQ(Member(verify.out, "ok"), "true");
 
-    const ToolRun restore = Tool({"restore", id, Folder("restored")});
+    const ToolRun restore = Tool({"legacy", "restore", id, Folder("restored")});
     ASSERT_EQ(restore.status, 0) << restore.err;
     EXPECT_NE(restore.out.find("\"damaged\":[]"), std::string::npos) << restore.out;
     ExpectSameTree(source, Folder("restored"));
@@ -42,11 +42,11 @@ TEST_F(HostToolTest, BackupListVerifyAndRestoreReproduceTheTree) {
 TEST_F(HostToolTest, OneJobAndManyJobsStoreTheSameTree) {
     const std::string source = MakeTree();
     for (const char* jobs : {"1", "8"}) {
-        const ToolRun backup = Tool({"--jobs", jobs, "--legacy", "--legacy", "backup", source});
+        const ToolRun backup = Tool({"--jobs", jobs, "legacy", "backup", source, "--part-size", kPartSize});
         ASSERT_EQ(backup.status, 0) << backup.err;
         const std::string id = Unquoted(Member(backup.out, "backup"));
         const std::string target = Folder(std::string("restored-") + jobs);
-        const ToolRun restore = Tool({"--jobs", jobs, "restore", id, target});
+        const ToolRun restore = Tool({"--jobs", jobs, "legacy", "restore", id, target});
         ASSERT_EQ(restore.status, 0) << restore.err;
         ExpectSameTree(source, target);
     }
@@ -62,13 +62,13 @@ TEST_F(HostToolTest, ACorruptedObjectIsFoundByVerifyAndRestore) {
     const ToolRun put = Tool({"object", "put", object, Folder("other")});
     ASSERT_EQ(put.status, 0) << put.err;
 
-    const ToolRun verify = Tool({"verify", id});
+    const ToolRun verify = Tool({"legacy", "verify", id});
     EXPECT_EQ(verify.status, 1) << verify.err;
     EXPECT_EQ(Member(verify.out, "ok"), "false");
     EXPECT_EQ(Member(verify.out, "file"), "\"big/several-parts.bin\"");
     EXPECT_EQ(Member(verify.out, "object"), "\"" + object + "\"");
 
-    const ToolRun restore = Tool({"restore", id, Folder("restored")});
+    const ToolRun restore = Tool({"legacy", "restore", id, Folder("restored")});
     EXPECT_EQ(restore.status, 1) << restore.err;
     EXPECT_EQ(Member(restore.out, "file"), "\"big/several-parts.bin\"");
     // The damaged file is not restored; every other file is.
@@ -82,7 +82,7 @@ TEST_F(HostToolTest, AMissingObjectIsReportedWithThePluginsResultCode) {
     const std::string object = "cloudplugin-host/backups/" + id + "/000003.0002";
     ASSERT_EQ(Tool({"object", "delete", object}).status, 0);
 
-    const ToolRun restore = Tool({"restore", id, Folder("restored")});
+    const ToolRun restore = Tool({"legacy", "restore", id, Folder("restored")});
     EXPECT_EQ(restore.status, 3);
     EXPECT_EQ(Member(restore.out, "operation"), "\"ReadObjectByName\"");
     EXPECT_EQ(Member(restore.out, "object"), "\"" + object + "\"");
@@ -97,7 +97,7 @@ TEST_F(HostToolTest, AnInterruptedBackupLeavesNoManifest) {
     for (int i = 0; i < 400; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(64 << 10, i));
     const std::string progress = Folder("progress.txt");
     const pid_t tool = StartTool({"--connection", Azurite::Shared().ConnectionString(container_),
-                                       "--log-folder", logs_, "--jobs", "1", "--name", "interrupted", "--legacy", "backup", root},
+                                       "--log-folder", logs_, "--jobs", "1", "legacy", "backup", root, "--name", "interrupted"},
                                       progress);
     // Interrupt once the first files are stored (the progress lines say so).
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -108,10 +108,10 @@ TEST_F(HostToolTest, AnInterruptedBackupLeavesNoManifest) {
     EXPECT_EQ(WaitTool(tool), 130) << ReadFile(progress);
     EXPECT_NE(ReadFile(progress).find("no manifest written"), std::string::npos) << ReadFile(progress);
 
-    const ToolRun list = Tool({"list"});
+    const ToolRun list = Tool({"legacy", "list"});
     ASSERT_EQ(list.status, 0) << list.err;
-    EXPECT_EQ(list.out, "{\"command\":\"list\",\"ok\":true,\"backups\":[]}\n");
-    const ToolRun verify = Tool({"verify", "interrupted"});
+    EXPECT_EQ(list.out, "{\"command\":\"legacy list\",\"ok\":true,\"backups\":[]}\n");
+    const ToolRun verify = Tool({"legacy", "verify", "interrupted"});
     EXPECT_EQ(verify.status, 6) << verify.err;
     const ToolRun objects = Tool({"object", "list", "cloudplugin-host/"});
     EXPECT_EQ(objects.out, "{\"command\":\"object list\",\"ok\":true,\"objects\":[]}\n");
@@ -119,19 +119,19 @@ TEST_F(HostToolTest, AnInterruptedBackupLeavesNoManifest) {
 
 TEST_F(HostToolTest, DeleteRemovesTheBackupAndAllItsObjects) {
     const std::string id = Backup(MakeTree());
-    const ToolRun deleted = Tool({"delete", id});
+    const ToolRun deleted = Tool({"legacy", "delete", id});
     ASSERT_EQ(deleted.status, 0) << deleted.err;
     EXPECT_EQ(Member(deleted.out, "objects"), "26");  // 25 parts and the manifest
-    EXPECT_EQ(Tool({"list"}).out, "{\"command\":\"list\",\"ok\":true,\"backups\":[]}\n");
+    EXPECT_EQ(Tool({"legacy", "list"}).out, "{\"command\":\"legacy list\",\"ok\":true,\"backups\":[]}\n");
     EXPECT_EQ(Tool({"object", "list", "cloudplugin-host/"}).out,
               "{\"command\":\"object list\",\"ok\":true,\"objects\":[]}\n");
-    EXPECT_EQ(Tool({"delete", id}).status, 6);
+    EXPECT_EQ(Tool({"legacy", "delete", id}).status, 6);
 }
 
 TEST_F(HostToolTest, ABackupNameIsNotTakenTwice) {
     const std::string source = MakeTree();
-    ASSERT_EQ(Tool({"--name", "nightly", "--legacy", "--legacy", "backup", source}).status, 0);
-    const ToolRun again = Tool({"--name", "nightly", "--legacy", "--legacy", "backup", source});
+    ASSERT_EQ(Tool({"legacy", "backup", source, "--part-size", kPartSize, "--name", "nightly"}).status, 0);
+    const ToolRun again = Tool({"legacy", "backup", source, "--part-size", kPartSize, "--name", "nightly"});
     EXPECT_EQ(again.status, 2);
     EXPECT_NE(again.err.find("a backup named nightly exists already"), std::string::npos) << again.err;
 }
@@ -140,7 +140,7 @@ TEST_F(HostToolTest, AWrongAccountKeyStopsAtInitWithThePluginsResultCode) {
     std::string connection = Azurite::Shared().ConnectionString(container_);
     const size_t key = connection.find("AccountKey=") + 11;
     connection.replace(key, 4, "AAAA");
-    const ToolRun run = RunTool({"--connection", connection, "--log-folder", logs_, "--json", "list"});
+    const ToolRun run = RunTool({"--connection", connection, "--log-folder", logs_, "--json", "legacy", "list"});
     EXPECT_EQ(run.status, 3) << run.err;
     EXPECT_EQ(Member(run.out, "operation"), "\"Init\"");
     EXPECT_NE(Member(run.out, "code"), "0");
@@ -172,18 +172,19 @@ TEST_F(HostToolTest, RestoreRefusesToReplaceExistingFilesUnlessTold) {
     const std::string source = MakeTree();
     const std::string id = Backup(source);
     WriteFile(Folder("restored/empty.txt"), "keep me");
-    const ToolRun refused = Tool({"restore", id, Folder("restored")});
+    const ToolRun refused = Tool({"legacy", "restore", id, Folder("restored")});
     EXPECT_EQ(refused.status, 4) << refused.err;
     EXPECT_EQ(ReadFile(Folder("restored/empty.txt")), "keep me");
-    const ToolRun replaced = Tool({"--overwrite", "restore", id, Folder("restored")});
+    const ToolRun replaced = Tool({"legacy", "restore", id, Folder("restored"), "--overwrite"});
     ASSERT_EQ(replaced.status, 0) << replaced.err;
     ExpectSameTree(source, Folder("restored"));
 }
 
 TEST(HostToolCommandLine, BadCommandLinesEndWithStatusTwoBeforeAnyJvmStarts) {
     for (const std::vector<std::string>& arguments :
-         std::vector<std::vector<std::string>>{{}, {"frobnicate"}, {"--jobs", "0", "list"}, {"--part-size", "1X", "list"},
-                                               {"--connection"}, {"--connection", "x", "restore", "only-one"}}) {
+         std::vector<std::vector<std::string>>{{}, {"frobnicate"}, {"--jobs", "0", "legacy", "list"},
+                                               {"legacy", "backup", "x", "--part-size", "1X"}, {"--connection"},
+                                               {"--connection", "x", "restore", "only-one"}}) {
         const ToolRun run = RunTool(arguments);
         EXPECT_EQ(run.status, 2) << run.err;
         EXPECT_NE(run.err.find("cloudplugin-host"), std::string::npos);
@@ -206,9 +207,7 @@ TEST_F(HostToolTest, FifosAreSkippedAndUnreadableFilesEndWithStatusFourUnlessSki
     auto backup = [&](std::vector<std::string> extra) {
         std::vector<std::string> arguments = common;
         arguments.insert(arguments.end(), extra.begin(), extra.end());
-        arguments.push_back("--legacy");
-        arguments.push_back("backup");
-        arguments.push_back(root);
+        arguments.insert(arguments.begin() + static_cast<std::ptrdiff_t>(common.size()), {"legacy", "backup", root});
         return RunToolUnder(asUser, arguments);
     };
 
@@ -226,7 +225,7 @@ TEST_F(HostToolTest, FifosAreSkippedAndUnreadableFilesEndWithStatusFourUnlessSki
     EXPECT_NE(skipping.out.find("{\"path\":\"secret.txt\""), std::string::npos) << skipping.out;
 
     // Both backups are complete and hold the readable file only.
-    const ToolRun restore = Tool({"restore", "plain", Folder("restored")});
+    const ToolRun restore = Tool({"legacy", "restore", "plain", Folder("restored")});
     ASSERT_EQ(restore.status, 0) << restore.err;
     EXPECT_EQ(ReadFile(Folder("restored/kept.txt")), "kept");
     EXPECT_FALSE(fs::exists(Folder("restored/secret.txt")));
@@ -251,7 +250,7 @@ TEST_F(HostToolTest, ABackupWithAnOlderManifestWithoutModesStillRestores) {
     WriteFile(Folder("older"), older);
     ASSERT_EQ(PutManifest(manifest, Folder("older")), 0);
 
-    const ToolRun restore = Tool({"restore", id, Folder("restored")});
+    const ToolRun restore = Tool({"legacy", "restore", id, Folder("restored")});
     ASSERT_EQ(restore.status, 0) << restore.err;
     EXPECT_EQ(ReadFile(Folder("restored/a/old.txt")), "from an older version");
     EXPECT_EQ(ReadFile(Folder("restored/b.bin")), Bytes(3u << 20, 5));
@@ -265,8 +264,8 @@ TEST_F(HostToolTest, ARestoreOfAnArchivedBackupNamesTheArchivedObjectAndItsCode)
         all.insert(all.end(), arguments.begin(), arguments.end());
         return RunTool(all);
     };
-    ASSERT_EQ(tool({"--name", "cold", "--legacy", "backup", Folder("source")}).status, 0);
-    const ToolRun restore = tool({"restore", "cold", Folder("restored")});
+    ASSERT_EQ(tool({"legacy", "backup", Folder("source"), "--name", "cold"}).status, 0);
+    const ToolRun restore = tool({"legacy", "restore", "cold", Folder("restored")});
     EXPECT_EQ(restore.status, 3) << restore.err;
     EXPECT_EQ(Member(restore.out, "operation"), "\"ReadObjectByName\"");
     EXPECT_EQ(Member(restore.out, "object"), "\"cloudplugin-host/manifests/cold\"");
@@ -284,20 +283,19 @@ TEST_F(HostToolTest, ABackupOverTlsWithASasTokenRestoresTheTreeAndAnUntrustedCer
         "--jvm-option", std::string("-Djavax.net.ssl.trustStorePassword=") + QV_TOOL_TLS_PASSWORD,
         "--jvm-option", "-Djavax.net.ssl.trustStoreType=PKCS12"};
     auto tool = [&](std::vector<std::string> arguments, bool trust) {
-        std::vector<std::string> all = {"--connection", connection, "--log-folder", logs_, "--part-size", kPartSize,
-                                        "--json"};
+        std::vector<std::string> all = {"--connection", connection, "--log-folder", logs_, "--json"};
         if (trust) all.insert(all.end(), trusting.begin(), trusting.end());
         all.insert(all.end(), arguments.begin(), arguments.end());
         return RunTool(all);
     };
 
-    const ToolRun backup = tool({"--name", "over-tls", "--legacy", "backup", source}, true);
+    const ToolRun backup = tool({"legacy", "backup", source, "--part-size", kPartSize, "--name", "over-tls"}, true);
     ASSERT_EQ(backup.status, 0) << backup.err;
-    const ToolRun restore = tool({"restore", "over-tls", Folder("restored")}, true);
+    const ToolRun restore = tool({"legacy", "restore", "over-tls", Folder("restored")}, true);
     ASSERT_EQ(restore.status, 0) << restore.err;
     ExpectSameTree(source, Folder("restored"));
 
-    const ToolRun untrusted = tool({"list"}, false);
+    const ToolRun untrusted = tool({"legacy", "list"}, false);
     EXPECT_EQ(untrusted.status, 3) << untrusted.err;
     EXPECT_EQ(Member(untrusted.out, "operation"), "\"Init\"");
     EXPECT_EQ(Member(untrusted.out, "code"), "35");  // the plug-in's code for a refused TLS handshake
@@ -306,15 +304,15 @@ TEST_F(HostToolTest, ABackupOverTlsWithASasTokenRestoresTheTreeAndAnUntrustedCer
 TEST_F(HostToolTest, ProgressLinesAdvancePerPartOfALargeFile) {
     const std::string source = MakeTree();
     const std::vector<std::string> common = {"--connection", Azurite::Shared().ConnectionString(container_),
-                                             "--log-folder", logs_, "--part-size", kPartSize};
+                                             "--log-folder", logs_};
     auto run = [&](std::vector<std::string> command) {
         std::vector<std::string> all = common;
         all.insert(all.end(), command.begin(), command.end());
         return RunTool(all);  // standard error is no terminal: a line per file and per part
     };
-    const ToolRun backup = run({"--name", "lines", "--legacy", "--legacy", "backup", source});
+    const ToolRun backup = run({"legacy", "backup", source, "--part-size", kPartSize, "--name", "lines"});
     ASSERT_EQ(backup.status, 0) << backup.err;
-    const ToolRun restore = run({"restore", "lines", Folder("restored")});
+    const ToolRun restore = run({"legacy", "restore", "lines", Folder("restored")});
     ASSERT_EQ(restore.status, 0) << restore.err;
     for (const auto& [verb, err] : {std::pair<std::string, std::string>{"backup", backup.err}, {"restore", restore.err}}) {
         for (int part = 1; part <= 3; ++part) {

@@ -72,11 +72,11 @@ protected:
         logs_ = work_.PathUtf8() + "/logs";
     }
 
-    // The tool with this test's container, logs and small parts, and --json.
+    // The tool with this test's container and logs, and --json.
     ToolRun Tool(std::vector<std::string> arguments) { return ToolOn(Azurite::Shared(), std::move(arguments)); }
     ToolRun ToolOn(const Azurite& azurite, std::vector<std::string> arguments) {
         std::vector<std::string> all = {"--connection", azurite.ConnectionString(container_), "--log-folder", logs_,
-                                        "--part-size", kPartSize, "--json"};
+                                        "--json"};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return RunTool(all);
     }
@@ -116,7 +116,7 @@ protected:
     }
 
     std::string Backup(const std::string& source) {
-        const ToolRun run = Tool({"--legacy", "--legacy", "backup", source});
+        const ToolRun run = Tool({"legacy", "backup", source, "--part-size", kPartSize});
         EXPECT_EQ(run.status, 0) << run.err;
         return Unquoted(Member(run.out, "backup"));
     }

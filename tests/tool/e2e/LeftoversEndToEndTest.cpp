@@ -36,7 +36,7 @@ TEST_F(HostToolTest, AKilledBackupIsListedByListAllAndRemovedByPrune) {
     for (int i = 0; i < 400; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(64 << 10, i));
     const std::string progress = Folder("progress.txt");
     const pid_t tool = StartTool({"--connection", Azurite::Shared().ConnectionString(container_), "--log-folder",
-                                  logs_, "--jobs", "1", "--name", "killed", "--legacy", "backup", root},
+                                  logs_, "--jobs", "1", "legacy", "backup", root, "--name", "killed"},
                                  progress);
     ASSERT_TRUE(WaitFor([&] { return ReadFile(progress).find("backup f12") != std::string::npos; }))
         << ReadFile(progress);
@@ -44,8 +44,8 @@ TEST_F(HostToolTest, AKilledBackupIsListedByListAllAndRemovedByPrune) {
     EXPECT_EQ(WaitTool(tool), 128 + SIGKILL);
 
     // Not a backup for `list`, an incomplete one for `list --all`.
-    EXPECT_EQ(Tool({"list"}).out, "{\"command\":\"list\",\"ok\":true,\"backups\":[]}\n");
-    const ToolRun all = Tool({"list", "--all"});
+    EXPECT_EQ(Tool({"legacy", "list"}).out, "{\"command\":\"legacy list\",\"ok\":true,\"backups\":[]}\n");
+    const ToolRun all = Tool({"legacy", "list", "--incomplete"});
     ASSERT_EQ(all.status, 0) << all.err;
     const size_t at = all.out.find("\"incomplete\":[{\"backup\":\"killed\"");
     ASSERT_NE(at, std::string::npos) << all.out;
@@ -56,12 +56,12 @@ TEST_F(HostToolTest, AKilledBackupIsListedByListAllAndRemovedByPrune) {
 
     // Younger than the default 24 hours: a backup that may still be running
     // elsewhere is left alone.
-    const ToolRun young = Tool({"prune"});
+    const ToolRun young = Tool({"legacy", "prune"});
     ASSERT_EQ(young.status, 0) << young.err;
     EXPECT_EQ(Member(young.out, "removed"), "[");
     EXPECT_NE(young.out.find("\"kept\":[{\"backup\":\"killed\""), std::string::npos) << young.out;
 
-    const ToolRun pruned = Tool({"prune", "--older-than", "0"});
+    const ToolRun pruned = Tool({"legacy", "prune", "--older-than", "0"});
     ASSERT_EQ(pruned.status, 0) << pruned.err;
     EXPECT_NE(pruned.out.find("\"removed\":[{\"backup\":\"killed\",\"parts\":" + std::to_string(parts)),
               std::string::npos) << pruned.out;
@@ -73,10 +73,10 @@ TEST_F(HostToolTest, AKilledBackupIsListedByListAllAndRemovedByPrune) {
 TEST_F(HostToolTest, PruneLeavesCompleteBackupsAlone) {
     WriteFile(Folder("source/file"), "kept");
     const std::string id = Backup(Folder("source"));
-    const ToolRun pruned = Tool({"prune", "--older-than", "0"});
+    const ToolRun pruned = Tool({"legacy", "prune", "--older-than", "0"});
     ASSERT_EQ(pruned.status, 0) << pruned.err;
     EXPECT_EQ(Member(pruned.out, "objects"), "0");
-    EXPECT_EQ(Tool({"verify", id}).status, 0);
+    EXPECT_EQ(Tool({"legacy", "verify", id}).status, 0);
 }
 
 TEST_F(HostToolTest, AStoppedStorageServiceEndsABackupWithStatusThreeAndFewLines) {
@@ -85,7 +85,7 @@ TEST_F(HostToolTest, AStoppedStorageServiceEndsABackupWithStatusThreeAndFewLines
     for (int i = 0; i < 200; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(1 << 20, i));
     const std::string errors = Folder("stderr.txt");
     const pid_t tool = StartTool({"--connection", own.ConnectionString(container_), "--log-folder", logs_, "--quiet",
-                                  "--jobs", "2", "--part-size", "256K", "--name", "cut", "--legacy", "backup", root},
+                                  "--jobs", "2", "legacy", "backup", root, "--part-size", "256K", "--name", "cut"},
                                  errors);
     // Stop the service once parts are being stored.
     ASSERT_TRUE(WaitFor([&] {
@@ -101,7 +101,7 @@ TEST_F(HostToolTest, AStoppedStorageServiceEndsABackupWithStatusThreeAndFewLines
     // The clean-up is one line; the last line names operation, object and code.
     EXPECT_EQ(Count(err, "backup cut stopped: no manifest written"), 1u) << err;
     const std::string last = err.substr(err.rfind('\n', err.size() - 2) + 1);
-    EXPECT_NE(last.find("cloudplugin-host backup: the plug-in's WriteObject of object 'cloudplugin-host/backups/cut/"),
+    EXPECT_NE(last.find("cloudplugin-host legacy backup: the plug-in's WriteObject of object 'cloudplugin-host/backups/cut/"),
               std::string::npos) << err;
     EXPECT_NE(last.find("failed with result code"), std::string::npos) << err;
     // The Java library's log went to its file in the log folder.

@@ -273,12 +273,13 @@ TEST_F(RepositoryToolTest, ForgetByPolicyThenPruneFreesTheSpaceOfForgottenSnapsh
 
 TEST_F(RepositoryToolTest, BackupsOfTheVersion2LayoutAreStillListedAndRestorable) {
     const std::string source = MakeTree();
-    const std::string legacy = Backup(source);  // backup --legacy
+    const std::string legacy = Backup(source);  // legacy backup
     const ToolRun snapshots = Repo({"snapshots"});
     ASSERT_EQ(snapshots.status, 0) << snapshots.err;
-    EXPECT_NE(snapshots.out.find("\"legacy_backups\":[{\"backup\":\"" + legacy + "\""), std::string::npos)
-        << snapshots.out;
-    const ToolRun restore = Repo({"restore", legacy, Folder("restored")});
+    EXPECT_NE(snapshots.out.find("\"legacy_backups\":1"), std::string::npos) << snapshots.out;
+    const ToolRun list = Repo({"legacy", "list"});
+    EXPECT_NE(list.out.find("\"backups\":[{\"backup\":\"" + legacy + "\""), std::string::npos) << list.out;
+    const ToolRun restore = Repo({"legacy", "restore", legacy, Folder("restored")});
     ASSERT_EQ(restore.status, 0) << restore.err;
     ExpectSameTree(source, Folder("restored"));
 }
@@ -323,15 +324,15 @@ TEST_F(RepositoryToolTest, AnArchivedVersion2BackupIsRefusedInOneLineAndRehydrat
     for (const std::string& part : ObjectNames(Tool({"object", "list", "cloudplugin-host/backups/"}).out)) {
         ASSERT_EQ(Tool({"object", "tier", part, "Archive"}).status, 0);
     }
-    const ToolRun refused = Tool({"restore", legacy, Folder("restored")});
+    const ToolRun refused = Tool({"legacy", "restore", legacy, Folder("restored")});
     EXPECT_EQ(refused.status, 3);
     EXPECT_EQ(LineCount(refused.err), 1u) << refused.err;
-    EXPECT_NE(refused.err.find("'cloudplugin-host rehydrate " + legacy + "'"), std::string::npos) << refused.err;
-    const ToolRun asked = Tool({"rehydrate", legacy});
+    EXPECT_NE(refused.err.find("'cloudplugin-host legacy rehydrate " + legacy + "'"), std::string::npos) << refused.err;
+    const ToolRun asked = Tool({"legacy", "rehydrate", legacy});
     ASSERT_EQ(asked.status, 0) << asked.err;
     EXPECT_EQ(Member(asked.out, "stage"), "\"backup\"");
     EXPECT_NE(Member(asked.out, "requested"), "[") << asked.out;
-    const ToolRun restore = Tool({"restore", legacy, Folder("restored")});
+    const ToolRun restore = Tool({"legacy", "restore", legacy, Folder("restored")});
     ASSERT_EQ(restore.status, 0) << restore.err;
     ExpectSameTree(source, Folder("restored"));
 }

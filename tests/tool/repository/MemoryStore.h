@@ -6,8 +6,9 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
-#include "util/ToolError.h"
+#include "util/Error.h"
 #include "repository/ObjectStore.h"
 
 namespace repotest {
@@ -27,6 +28,7 @@ public:
         ++reads_;
         const auto found = objects_.find(name);
         if (found == objects_.end()) throw qvhost::repo::ObjectMissing(name);
+        if (tiers_[name] == "Archive") throw qvhost::repo::ObjectArchived(name);
         const qvhost::repo::Bytes& bytes = found->second;
         const uint64_t start = std::min<uint64_t>(offset, bytes.size());
         const uint64_t end = std::min<uint64_t>(bytes.size(), start + length);
@@ -35,14 +37,14 @@ public:
     qvhost::repo::Bytes ReadAll(const std::string& name, uint64_t limit) override {
         qvhost::repo::Bytes out;
         ReadRange(name, 0, limit + 1, out);
-        if (out.size() > limit) throw qvhost::ToolError(qvhost::kExitDamaged, name + " is too large");
+        if (out.size() > limit) throw qvhost::Error(qvhost::ErrorKind::Damaged, name + " is too large");
         return out;
     }
     std::vector<qvhost::repo::StoredObject> List(const std::string& prefix) override {
         std::lock_guard<std::mutex> lock(mutex_);
         std::vector<qvhost::repo::StoredObject> out;
         for (auto it = objects_.lower_bound(prefix); it != objects_.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
-            out.push_back({it->first, it->second.size(), {}, {}, properties_[it->first]});
+            out.push_back({it->first, it->second.size(), tiers_[it->first], {}, properties_[it->first]});
         }
         return out;
     }
@@ -50,10 +52,21 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         objects_.erase(name);
         properties_.erase(name);
+        tiers_.erase(name);
+    }
+    // Tier changes take effect at once (Azurite's way); a rehydration is
+    // counted with its priority.
+    void SetTier(const std::string& name, const std::string& tier, const std::string& priority) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!objects_.count(name)) throw qvhost::repo::ObjectMissing(name);
+        if (tiers_[name] == "Archive" && tier != "Archive") rehydrations_.push_back(name + " " + priority);
+        tiers_[name] = tier;
     }
 
     std::map<std::string, qvhost::repo::Bytes>& objects() { return objects_; }
     std::map<std::string, qvhost::repo::Properties>& properties() { return properties_; }
+    std::map<std::string, std::string>& tiers() { return tiers_; }
+    const std::vector<std::string>& rehydrations() const { return rehydrations_; }
     size_t writes() const { return writes_; }
     size_t reads() const { return reads_; }
 
@@ -61,6 +74,8 @@ private:
     std::mutex mutex_;
     std::map<std::string, qvhost::repo::Bytes> objects_;
     std::map<std::string, qvhost::repo::Properties> properties_;
+    std::map<std::string, std::string> tiers_;  // none: the default tier
+    std::vector<std::string> rehydrations_;
     size_t writes_ = 0;
     size_t reads_ = 0;
 };

@@ -4,13 +4,22 @@
 #include <cstring>
 #include <random>
 
-#include "cli/Commands.h"
+#include "cli/Cli.h"
+#include "host/PluginSession.h"
+#include "legacy/Legacy.h"
+#include "util/Text.h"
 #include "util/ParallelRunner.h"
-#include "util/ToolError.h"
+#include "util/Error.h"
 
-namespace qvhost {
+namespace qvhost::cli {
 
 namespace {
+
+struct BenchOptions {
+    std::vector<uint64_t> sizes = {1ull << 20, 16ull << 20, 64ull << 20};
+    std::vector<unsigned> threads = {1, 2};
+    uint64_t bytes = 256ull << 20;  // written per size and thread count
+};
 
 struct BenchFigures {
     uint64_t objects = 0;
@@ -35,14 +44,14 @@ std::vector<uint8_t> Pattern(uint64_t size) {
 
 // Writes, reads back (comparing every byte) and deletes the objects of one
 // size on one thread count.
-BenchFigures BenchRun(CommandContext& context, const std::string& prefix, const std::vector<uint8_t>& pattern,
-                      unsigned threads) {
+BenchFigures BenchRun(Context& context, const BenchOptions& options, const std::string& prefix,
+                      const std::vector<uint8_t>& pattern, unsigned threads) {
     const uint64_t size = pattern.size();
     BenchFigures figures;
-    figures.objects = std::max<uint64_t>(threads, size ? (context.options.benchBytes + size - 1) / size : threads);
+    figures.objects = std::max<uint64_t>(threads, size ? (options.bytes + size - 1) / size : threads);
     auto name = [&](size_t index) { return prefix + std::to_string(size) + "-" + std::to_string(threads) + "/" +
                                            std::to_string(index); };
-    PluginSession& session = context.session;
+    PluginSession& session = context.Session();
     auto start = std::chrono::steady_clock::now();
     RunInParallel(threads, figures.objects,
                   [&](size_t index, unsigned) { session.Write(name(index), pattern.data(), size, {}); });
@@ -54,7 +63,7 @@ BenchFigures BenchRun(CommandContext& context, const std::string& prefix, const 
         buffer.resize(static_cast<size_t>(size) + 1);
         const uint64_t read = session.Read(name(index), buffer.data(), 0, size + 1);
         if (read != size || std::memcmp(buffer.data(), pattern.data(), static_cast<size_t>(size)) != 0) {
-            throw ToolError(kExitDamaged, "benchmark object " + name(index) + " read back different");
+            throw Error(ErrorKind::Damaged, "benchmark object " + name(index) + " read back different");
         }
     });
     figures.readSeconds = SecondsSince(start);
@@ -62,11 +71,9 @@ BenchFigures BenchRun(CommandContext& context, const std::string& prefix, const 
     return figures;
 }
 
-}  // namespace
-
-CommandResult InfoCommand(CommandContext& context, const Arguments&) {
-    context.session.CheckConnectivity();
-    const AccountFigures account = context.session.Account();
+CommandResult RunInfo(Context& context) {
+    context.Session().CheckConnectivity();
+    const AccountFigures account = context.Session().Account();
     context.Say("connectivity:        ok");
     context.Say("account:             " + Printable(account.accountName));
     context.Say("account identity:    " + Printable(account.identity) + " (" + Printable(account.type) + ")");
@@ -97,14 +104,14 @@ CommandResult InfoCommand(CommandContext& context, const Arguments&) {
     return result;
 }
 
-CommandResult BenchCommand(CommandContext& context, const Arguments&) {
-    const std::string prefix = context.options.layout.root + "/bench/" + NewBackupId() + "/";
+CommandResult RunBench(Context& context, const BenchOptions& options) {
+    const std::string prefix = context.options().repo + "/bench/" + legacy::NewBackupId() + "/";
     Json runs = Json::array();
     context.Say("object size  threads  objects    write MiB/s    read MiB/s");
-    for (const uint64_t size : context.options.benchSizes) {
+    for (const uint64_t size : options.sizes) {
         const std::vector<uint8_t> pattern = Pattern(size);
-        for (const unsigned threads : context.options.benchThreads) {
-            const BenchFigures figures = BenchRun(context, prefix, pattern, threads);
+        for (const unsigned threads : options.threads) {
+            const BenchFigures figures = BenchRun(context, options, prefix, pattern, threads);
             const uint64_t bytes = figures.objects * size;
             char line[160];
             std::snprintf(line, sizeof line, "%11s  %7u  %7llu  %13.1f  %12.1f", FormatBytes(double(size)).c_str(),
@@ -126,4 +133,48 @@ CommandResult BenchCommand(CommandContext& context, const Arguments&) {
     return result;
 }
 
-}  // namespace qvhost
+template <class Item, class Parse>
+std::vector<Item> ListArgument(const std::string& text, Parse parse) {
+    std::vector<Item> items;
+    for (const std::string& piece : Split(text, ',')) items.push_back(parse(piece));
+    return items;
+}
+
+}  // namespace
+
+void AddInfoCommands(CommandTable& table) {
+    table.Add({"info", "connectivity, account figures and the plug-in's capabilities",
+               "Checks that the storage answers and shows what the plug-in says of the account, the container and "
+               "itself: account name and kind, the bytes in the container, the object sizes it takes, its "
+               "capabilities."},
+              [](Context& context) { return RunInfo(context); });
+    auto options = std::make_shared<BenchOptions>();
+    CLI::App* bench = table.Add(
+        {"bench", "write and read throughput through the plug-in",
+         "Writes, reads back (comparing every byte) and deletes objects of each size on each number of threads "
+         "under <repo>/bench/, and prints the throughput of each."},
+        [options](Context& context) { return RunBench(context, *options); });
+    bench->add_option_function<std::string>(
+             "--sizes",
+             [options](const std::string& text) {
+                 options->sizes = ListArgument<uint64_t>(
+                     text, [](const std::string& item) { return SizeArgument("--sizes", item, 1, legacy::kMaximumPartSize); });
+             },
+             "object sizes (default: 1M,16M,64M)")
+        ->type_name("LIST");
+    bench->add_option_function<std::string>(
+             "--threads",
+             [options](const std::string& text) {
+                 options->threads =
+                     ListArgument<unsigned>(text, [](const std::string& item) { return CountArgument("--threads", item); });
+             },
+             "thread counts (default: 1,2)")
+        ->type_name("LIST");
+    bench->add_option_function<std::string>(
+             "--bench-bytes",
+             [options](const std::string& text) { options->bytes = SizeArgument("--bench-bytes", text, 1, UINT64_MAX); },
+             "bytes written per size and thread count (default: 256M)")
+        ->type_name("SIZE");
+}
+
+}  // namespace qvhost::cli

@@ -6,7 +6,8 @@
 #include <system_error>
 
 #include "local/LocalFiles.h"
-#include "util/ToolError.h"
+#include "host/PluginSession.h"
+#include "util/Error.h"
 #include "platform/TextCodec.h"
 
 #ifdef _WIN32
@@ -195,20 +196,20 @@ void HostRuntime::StartJvm(const HostSettings& settings) {
     const std::string javaHome = FindJavaHome(settings.javaHome);
     const std::string jvmPath = JvmLibraryIn(javaHome);
     if (jvmPath.empty()) {
-        throw ToolError(kExitSetUpFailed,
+        throw Error(ErrorKind::SetUp,
                         javaHome.empty() ? "no Java runtime found: set JAVA_HOME or put java on the PATH"
                                          : "no JVM library in the Java home " + javaHome);
     }
     std::string error;
     jvmLibrary_ = OpenLibrary(jvmPath, error);
-    if (!jvmLibrary_) throw ToolError(kExitSetUpFailed, "cannot load the JVM library " + jvmPath + ": " + error);
+    if (!jvmLibrary_) throw Error(ErrorKind::SetUp, "cannot load the JVM library " + jvmPath + ": " + error);
     using CreateJavaVM = jint(JNICALL*)(JavaVM**, void**, void*);
     auto createJavaVM = reinterpret_cast<CreateJavaVM>(FindSymbol(jvmLibrary_, "JNI_CreateJavaVM"));
-    if (!createJavaVM) throw ToolError(kExitSetUpFailed, jvmPath + " has no JNI_CreateJavaVM");
+    if (!createJavaVM) throw Error(ErrorKind::SetUp, jvmPath + " has no JNI_CreateJavaVM");
 
     const std::string jarFolder = Utf8Of(PathOf(settings.installFolder) / "Plugin" / "Azure");
     const std::string classPath = ClassPathOf(jarFolder);
-    if (classPath.empty()) throw ToolError(kExitSetUpFailed, "no jars in " + jarFolder);
+    if (classPath.empty()) throw Error(ErrorKind::SetUp, "no jars in " + jarFolder);
 
     // -Xrs leaves SIGINT and SIGTERM to the tool, which stops its work
     // cleanly instead of the JVM ending the process. The Java library logs
@@ -235,7 +236,7 @@ void HostRuntime::StartJvm(const HostSettings& settings) {
     const jint created = createJavaVM(&vm_, reinterpret_cast<void**>(&env), &args);
     if (created != JNI_OK) {
         vm_ = nullptr;
-        throw ToolError(kExitSetUpFailed, "the JVM could not be created (JNI error " + std::to_string(created) + ")");
+        throw Error(ErrorKind::SetUp, "the JVM could not be created (JNI error " + std::to_string(created) + ")");
     }
 }
 
@@ -245,18 +246,18 @@ void HostRuntime::LoadPlugin(const HostSettings& settings) {
                                  : settings.pluginLibrary;
     std::string error;
     pluginLibrary_ = OpenLibrary(path, error);
-    if (!pluginLibrary_) throw ToolError(kExitSetUpFailed, "cannot load the plug-in " + path + ": " + error);
+    if (!pluginLibrary_) throw Error(ErrorKind::SetUp, "cannot load the plug-in " + path + ": " + error);
     auto createInstance = reinterpret_cast<CreateInstanceFunction>(FindSymbol(pluginLibrary_, "CreateInstance"));
     if (!createInstance) {
         CloseLibrary(pluginLibrary_);
         pluginLibrary_ = nullptr;
-        throw ToolError(kExitSetUpFailed, path + " does not export CreateInstance");
+        throw Error(ErrorKind::SetUp, path + " does not export CreateInstance");
     }
     createInfo_.installFolder = qvplatform::FromUtf8(settings.installFolder);
     createInfo_.logFolder = qvplatform::FromUtf8(settings.logFolder);
     createInfo_.jvmRef = &vm_;
     plugin_ = createInstance(&createInfo_);
-    if (!plugin_) throw ToolError(kExitSetUpFailed, "CreateInstance of " + path + " gave no plug-in object");
+    if (!plugin_) throw Error(ErrorKind::SetUp, "CreateInstance of " + path + " gave no plug-in object");
 }
 
 }  // namespace qvhost

@@ -59,7 +59,7 @@ std::string ClassPathOf(const std::string& jarFolder);
 
 class HostRuntime {
 public:
-    // Throws ToolError (set-up failed) or PluginError (Init refused).
+    // Throws Error (set-up failed) or PluginError (Init refused).
     explicit HostRuntime(const HostSettings& settings);
     ~HostRuntime();
     HostRuntime(const HostRuntime&) = delete;

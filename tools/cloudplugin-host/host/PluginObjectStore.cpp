@@ -1,7 +1,7 @@
 #include "host/PluginObjectStore.h"
 
 #include "host/PluginSession.h"
-#include "util/ToolError.h"
+#include "util/Error.h"
 
 namespace qvhost::repo {
 
@@ -64,5 +64,11 @@ std::vector<StoredObject> PluginObjectStore::List(const std::string& prefix) {
 }
 
 void PluginObjectStore::Delete(const std::string& name) { session_.DeleteIfPresent(name); }
+
+void PluginObjectStore::SetTier(const std::string& name, const std::string& tier, const std::string& priority) {
+    MissingAsObjectMissing(name, [&] {
+        session_.SetProperty(name, kAccessTierProperty, priority.empty() ? tier : tier + ";" + priority);
+    });
+}
 
 }  // namespace qvhost::repo

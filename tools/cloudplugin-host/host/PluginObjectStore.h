@@ -24,6 +24,7 @@ public:
     Bytes ReadAll(const std::string& name, uint64_t limit) override;
     std::vector<StoredObject> List(const std::string& prefix) override;
     void Delete(const std::string& name) override;
+    void SetTier(const std::string& name, const std::string& tier, const std::string& priority) override;
 
     // Bytes written and read through this store, for the commands' figures.
     uint64_t BytesWritten() const { return written_; }

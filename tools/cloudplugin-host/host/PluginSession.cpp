@@ -4,7 +4,7 @@
 #include <chrono>
 #include <memory>
 
-#include "util/ToolError.h"
+#include "util/Error.h"
 #include "platform/TextCodec.h"
 
 namespace qvhost {
@@ -81,7 +81,7 @@ uint64_t PluginSession::ReadSliced(const std::string& name, uint8_t* buffer, uin
 }
 
 void PluginSession::ThrowTooLarge(const std::string& name, uint64_t limit) {
-    throw ToolError(kExitDamaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
+    throw Error(ErrorKind::Damaged, "object " + name + " is larger than " + std::to_string(limit) + " bytes");
 }
 
 void PluginSession::SetProperty(const std::string& name, const std::string& property, const std::string& value) {

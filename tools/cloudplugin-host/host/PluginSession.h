@@ -13,8 +13,36 @@
 #include <vector>
 
 #include "cloudplugin/ICloudPluginInterface.h"
+#include "util/Error.h"
 
 namespace qvhost {
+
+// A non-zero result code of a plug-in operation: which operation, on which
+// object, with which code.
+class PluginError : public Error {
+public:
+    PluginError(std::string operation, std::string object, uint32_t code)
+        : PluginError(operation, object, code, Describe(operation, object, code)) {}
+    // The same failure told in the caller's own words.
+    PluginError(std::string operation, std::string object, uint32_t code, const std::string& message)
+        : Error(KindOf(code), message, std::move(object)), operation_(std::move(operation)), code_(code) {}
+
+    const std::string& operation() const { return operation_; }
+    uint32_t code() const { return code_; }
+
+private:
+    // An object in the Archive tier is a failure of its own kind: what
+    // brings it back is known.
+    static ErrorKind KindOf(uint32_t code) { return code == 49 ? ErrorKind::Archived : ErrorKind::Storage; }
+    static std::string Describe(const std::string& operation, const std::string& object, uint32_t code) {
+        std::string text = "the plug-in's " + operation;
+        if (!object.empty()) text += " of object '" + object + "'";
+        return text + " failed with result code " + std::to_string(code);
+    }
+
+    std::string operation_;
+    uint32_t code_;
+};
 
 // The plug-in's result code for an object that does not exist.
 constexpr uint32_t kResultObjectNotFound = 7;
@@ -86,7 +114,7 @@ public:
     // Delete, where an object that does not exist counts as deleted.
     void DeleteIfPresent(const std::string& name);
     // The whole object into `out` (a std::string or a byte vector), read in
-    // slices of kReadSlice; refuses (ToolError damaged) an object larger than
+    // slices of kReadSlice; refuses (Error: damaged) an object larger than
     // `limit` bytes, of which it reads at most one byte past the limit. With
     // `properties`, also reads those metadata properties (with the first
     // slice).

@@ -7,51 +7,10 @@
 #include <type_traits>
 
 #include "util/Sha256.h"
-#include "util/TextSplit.h"
-#include "util/ToolError.h"
+#include "util/Text.h"
+#include "util/Error.h"
 
-namespace qvhost {
-
-namespace {
-
-int HexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
-}  // namespace
-
-std::string PercentEscape(const std::string& text, bool highBytes) {
-    std::string out;
-    for (unsigned char c : text) {
-        if (c == '%' || c < 0x20 || c == 0x7F || (highBytes && c >= 0x80)) {
-            char escaped[4];
-            std::snprintf(escaped, sizeof escaped, "%%%02X", c);
-            out += escaped;
-        } else {
-            out.push_back(static_cast<char>(c));
-        }
-    }
-    return out;
-}
-
-bool PercentUnescape(const std::string& text, std::string& out) {
-    out.clear();
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            out.push_back(text[i]);
-            continue;
-        }
-        const int high = i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
-        const int low = i + 2 < text.size() ? HexValue(text[i + 2]) : -1;
-        if (high < 0 || low < 0) return false;
-        out.push_back(static_cast<char>(high * 16 + low));
-        i += 2;
-    }
-    return true;
-}
+namespace qvhost::legacy {
 
 namespace {
 
@@ -60,39 +19,39 @@ constexpr int kVersion = 2;
 
 std::string Escape(const std::string& text) { return PercentEscape(text, false); }
 
-[[noreturn]] void Damaged(const std::string& why) {
-    throw ToolError(kExitDamaged, "the manifest is damaged: " + why);
+[[noreturn]] void ManifestDamaged(const std::string& why) {
+    throw Error(ErrorKind::Damaged, "the manifest is damaged: " + why);
 }
 
 [[noreturn]] void DamagedEntry(const std::string& path, const std::string& why) {
-    Damaged("entry '" + Escape(path) + "' " + why);
+    ManifestDamaged("entry '" + Escape(path) + "' " + why);
 }
 
 std::string Unescape(const std::string& text) {
     std::string out;
-    if (!PercentUnescape(text, out)) Damaged("bad escape in " + text);
+    if (!PercentUnescape(text, out)) ManifestDamaged("bad escape in " + text);
     return out;
 }
 
 template <class Number>
 Number ParseNumber(const std::string& text) {
-    if (text.empty()) Damaged("empty number");
-    if (std::is_unsigned<Number>::value && text[0] == '-') Damaged("negative number " + text);
+    if (text.empty()) ManifestDamaged("empty number");
+    if (std::is_unsigned<Number>::value && text[0] == '-') ManifestDamaged("negative number " + text);
     size_t used = 0;
     long long value = 0;
     try {
         value = std::stoll(text, &used);
     } catch (const std::exception&) {
-        Damaged("bad number " + text);
+        ManifestDamaged("bad number " + text);
     }
-    if (used != text.size()) Damaged("bad number " + text);
-    if (std::is_same<Number, uint32_t>::value && value > 0xFFFFFFFFLL) Damaged("number out of range " + text);
+    if (used != text.size()) ManifestDamaged("bad number " + text);
+    if (std::is_same<Number, uint32_t>::value && value > 0xFFFFFFFFLL) ManifestDamaged("number out of range " + text);
     return static_cast<Number>(value);
 }
 
 uint32_t ParseMode(const std::string& text) {
     if (text.empty() || text.size() > 4 || text.find_first_not_of("01234567") != std::string::npos) {
-        Damaged("bad mode " + text);
+        ManifestDamaged("bad mode " + text);
     }
     return static_cast<uint32_t>(std::stoul(text, nullptr, 8));
 }
@@ -114,7 +73,7 @@ bool IsSha256Hex(const std::string& text) {
 // "file" records: 7 fields in version 1, 8 (with the mode) in version 2.
 ManifestFile DecodeFile(const std::vector<std::string>& fields, int version) {
     const size_t expected = version == 1 ? 7 : 8;
-    if (fields.size() != expected) Damaged("a file record has " + std::to_string(fields.size()) + " fields");
+    if (fields.size() != expected) ManifestDamaged("a file record has " + std::to_string(fields.size()) + " fields");
     ManifestFile file;
     file.index = ParseNumber<uint32_t>(fields[1]);
     file.relativePath = Unescape(fields[2]);
@@ -131,30 +90,30 @@ ManifestFile DecodeFile(const std::vector<std::string>& fields, int version) {
 }
 
 ManifestFolder DecodeFolder(const std::vector<std::string>& fields) {
-    if (fields.size() != 4) Damaged("a folder record has " + std::to_string(fields.size()) + " fields");
+    if (fields.size() != 4) ManifestDamaged("a folder record has " + std::to_string(fields.size()) + " fields");
     return {Unescape(fields[1]), ParseNumber<int64_t>(fields[2]), ParseMode(fields[3])};
 }
 
 ManifestLink DecodeLink(const std::vector<std::string>& fields) {
-    if (fields.size() != 4) Damaged("a link record has " + std::to_string(fields.size()) + " fields");
+    if (fields.size() != 4) ManifestDamaged("a link record has " + std::to_string(fields.size()) + " fields");
     return {Unescape(fields[1]), Unescape(fields[2]), ParseNumber<int64_t>(fields[3])};
 }
 
 void DecodeSetting(Manifest& manifest, const std::vector<std::string>& fields) {
     const std::string& kind = fields[0];
-    if (fields.size() != 2) Damaged("bad record " + kind);
+    if (fields.size() != 2) ManifestDamaged("bad record " + kind);
     if (kind == "backup") manifest.backupId = Unescape(fields[1]);
     else if (kind == "source") manifest.source = Unescape(fields[1]);
     else if (kind == "created") manifest.created = Unescape(fields[1]);
     else if (kind == "part-size") manifest.partSize = ParseNumber<uint64_t>(fields[1]);
-    else Damaged("unknown record " + kind);
+    else ManifestDamaged("unknown record " + kind);
 }
 
 int DecodeVersion(const std::string& header) {
     const std::string stem = kHeaderStem;
     if (header == stem + "1") return 1;
     if (header == stem + "2") return 2;
-    Damaged(header.compare(0, stem.size(), stem) == 0 ? "unknown version: " + header : "no manifest header");
+    ManifestDamaged(header.compare(0, stem.size(), stem) == 0 ? "unknown version: " + header : "no manifest header");
 }
 
 // Every entry's path is usable, named once, and not beneath a file or a
@@ -169,9 +128,9 @@ void CheckPaths(const Manifest& manifest, PathRules rules) {
 }
 
 void CheckManifest(const Manifest& manifest, PathRules rules) {
-    if (!IsValidBackupId(manifest.backupId)) Damaged("bad backup id");
+    if (!IsValidBackupId(manifest.backupId)) ManifestDamaged("bad backup id");
     if (manifest.partSize == 0 || manifest.partSize > kMaximumPartSize) {
-        Damaged("part size " + std::to_string(manifest.partSize) + " is outside 1.." + std::to_string(kMaximumPartSize));
+        ManifestDamaged("part size " + std::to_string(manifest.partSize) + " is outside 1.." + std::to_string(kMaximumPartSize));
     }
     std::set<uint32_t> indexes;
     for (const ManifestFile& file : manifest.files) {
@@ -219,31 +178,6 @@ uint64_t PartBytes(uint64_t size, uint64_t partSize, uint64_t part) {
     return start >= size ? 0 : std::min(partSize, size - start);
 }
 
-std::string BackupLayout::PartName(const std::string& backupId, uint32_t fileIndex, uint64_t part) const {
-    char suffix[32];
-    std::snprintf(suffix, sizeof suffix, "%06u.%04llu", fileIndex, static_cast<unsigned long long>(part));
-    return DataPrefix(backupId) + suffix;
-}
-
-std::string BackupLayout::BackupOfPart(const std::string& objectName) const {
-    const std::string prefix = BackupsPrefix();
-    if (objectName.compare(0, prefix.size(), prefix) != 0) return {};
-    const size_t slash = objectName.find('/', prefix.size());
-    if (slash == std::string::npos) return {};
-    const std::string id = objectName.substr(prefix.size(), slash - prefix.size());
-    return IsValidBackupId(id) ? id : std::string();
-}
-
-bool IsValidBackupId(const std::string& id) {
-    if (id.empty() || id.size() > 100 || id[0] == '.') return false;
-    for (char c : id) {
-        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-                        c == '_' || c == '-';
-        if (!ok) return false;
-    }
-    return true;
-}
-
 std::string EncodeManifest(const Manifest& manifest) {
     std::ostringstream out;
     out << kHeaderStem << kVersion << '\n'
@@ -270,7 +204,7 @@ std::string EncodeManifest(const Manifest& manifest) {
 Manifest DecodeManifest(const std::string& text, PathRules rules) {
     std::vector<std::string> lines = Split(text, '\n');
     const int version = DecodeVersion(lines[0]);
-    if (!lines.back().empty()) Damaged("the last line is cut off");
+    if (!lines.back().empty()) ManifestDamaged("the last line is cut off");
     lines.pop_back();
     Manifest manifest;
     manifest.version = version;
@@ -286,4 +220,4 @@ Manifest DecodeManifest(const std::string& text, PathRules rules) {
     return manifest;
 }
 
-}  // namespace qvhost
+}  // namespace qvhost::legacy

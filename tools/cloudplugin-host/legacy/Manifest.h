@@ -1,10 +1,5 @@
-// A backup's manifest and the names of its objects.
-//
-// Layout in the container, under a root prefix (default "cloudplugin-host"):
-//   <root>/backups/<id>/<file index>.<part index>   the file parts (6 and 4 digits)
-//   <root>/manifests/<id>                           the manifest, written last
-// A backup without its manifest is incomplete: `list` shows it only with
-// --all, and `prune` removes it.
+// A backup's manifest and the metadata of its objects (Legacy.h has the
+// object names).
 //
 // The manifest is UTF-8 text, one record per line, fields separated by tabs;
 // '%', tab, CR, LF and other control characters in texts are written as %XX.
@@ -33,14 +28,12 @@
 #include <string>
 #include <vector>
 
+#include "legacy/Legacy.h"
+#include "util/Entry.h"
 #include "util/PathRules.h"
+#include "util/Text.h"
 
-namespace qvhost {
-
-// The largest object one plug-in call carries: 2 GiB - 1.
-constexpr uint64_t kMaximumPartSize = (2ull << 30) - 1;
-// Permission bits with set-user-ID, set-group-ID and sticky.
-constexpr uint32_t kModeBits = 07777;
+namespace qvhost::legacy {
 
 struct ManifestFile {
     uint32_t index = 0;
@@ -52,17 +45,9 @@ struct ManifestFile {
     std::optional<uint32_t> mode;         // absent in version 1 manifests
 };
 
-struct ManifestFolder {
-    std::string relativePath;
-    int64_t modifiedNs = 0;
-    uint32_t mode = 0755;
-};
-
-struct ManifestLink {
-    std::string relativePath;
-    std::string target;
-    int64_t modifiedNs = 0;
-};
+// Empty folders and symbolic links, as both layouts keep them.
+using ManifestFolder = FolderRecord;
+using ManifestLink = LinkRecord;
 
 struct Manifest {
     int version = 2;  // of the text it was decoded from
@@ -80,7 +65,7 @@ struct Manifest {
 };
 
 std::string EncodeManifest(const Manifest& manifest);
-// Throws ToolError (damaged), naming the entry, for text that is not a
+// Throws Error (damaged), naming the entry, for text that is not a
 // well-formed manifest or names a path that `rules` refuse.
 Manifest DecodeManifest(const std::string& text, PathRules rules = kNativePathRules);
 
@@ -114,25 +99,4 @@ constexpr const char* kSource = "source";
 constexpr const char* kSha = "manifest_sha256";
 }  // namespace manifest_property
 
-struct BackupLayout {
-    std::string root = "cloudplugin-host";
-
-    std::string ManifestsPrefix() const { return root + "/manifests/"; }
-    std::string ManifestName(const std::string& backupId) const { return ManifestsPrefix() + backupId; }
-    std::string BackupsPrefix() const { return root + "/backups/"; }
-    std::string DataPrefix(const std::string& backupId) const { return BackupsPrefix() + backupId + "/"; }
-    std::string PartName(const std::string& backupId, uint32_t fileIndex, uint64_t part) const;
-    // The backup id of an object under BackupsPrefix(); empty for any other name.
-    std::string BackupOfPart(const std::string& objectName) const;
-};
-
-// '%', control characters (and with `highBytes` every byte from 0x80 on)
-// as %XX; PercentUnescape answers false for a bad escape.
-std::string PercentEscape(const std::string& text, bool highBytes);
-bool PercentUnescape(const std::string& text, std::string& out);
-
-// Backup ids: letters, digits, '.', '_' and '-', 1 to 100 characters, not
-// starting with '.'.
-bool IsValidBackupId(const std::string& id);
-
-}  // namespace qvhost
+}  // namespace qvhost::legacy

@@ -18,24 +18,13 @@
 #include <string>
 
 #include "local/LocalFiles.h"
+#include "repository/RestoreTarget.h"
 
 namespace qvhost {
 
-// A file being restored; removed unless committed.
-class RestoredFile {
+class Destination : public repo::RestoreTarget {
 public:
-    virtual ~RestoredFile() = default;
-    // Writes `size` bytes at `offset` (parts of one file may arrive in any order).
-    virtual void WriteAt(uint64_t offset, const void* data, size_t size) = 0;
-    // Sets the mode (permission and sticky bits; set-user-ID and
-    // set-group-ID are never restored) and the time, then moves the file
-    // into place.
-    virtual void Commit(std::optional<uint32_t> mode, int64_t modifiedNs) = 0;
-};
-
-class Destination {
-public:
-    // Makes the folder when missing. Throws ToolError (local file).
+    // Makes the folder when missing. Throws Error (local file).
     Destination(const std::string& root, bool overwrite);
     ~Destination();
     Destination(const Destination&) = delete;
@@ -44,13 +33,13 @@ public:
     // Refuses, before anything is written, what the restore could not do
     // safely: a symbolic link or a file on the way to the entry, or an
     // existing entry that would be replaced (unless overwriting; a folder
-    // in place of a file or a link is never replaced). Throws ToolError
+    // in place of a file or a link is never replaced). Throws Error
     // (local file) naming the entry.
-    void Check(const std::string& relativePath, EntryKind kind) const;
+    void Check(const std::string& relativePath, EntryKind kind) const override;
 
-    std::unique_ptr<RestoredFile> MakeFile(const std::string& relativePath);
-    void MakeFolder(const std::string& relativePath, uint32_t mode, int64_t modifiedNs);
-    void MakeLink(const std::string& relativePath, const std::string& target, int64_t modifiedNs);
+    std::unique_ptr<repo::RestoredFile> MakeFile(const std::string& relativePath) override;
+    void MakeFolder(const FolderRecord& folder) override;
+    void MakeLink(const LinkRecord& link) override;
 
     const std::string& root() const { return root_; }
 

@@ -22,8 +22,8 @@
 #include <vector>
 
 #include "local/Destination.h"
-#include "util/TextSplit.h"
-#include "util/ToolError.h"
+#include "util/Text.h"
+#include "util/Error.h"
 
 namespace qvhost {
 
@@ -55,11 +55,11 @@ private:
 };
 
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
-    throw ToolError(kExitLocalFile, "refusing to restore " + where + ": " + why);
+    throw Error(ErrorKind::LocalFile, "refusing to restore " + where + ": " + why);
 }
 
 [[noreturn]] void Fail(const std::string& what, const std::string& where) {
-    throw ToolError(kExitLocalFile, "cannot " + what + " " + where + ": " + std::strerror(errno));
+    throw Error(ErrorKind::LocalFile, "cannot " + what + " " + where + ": " + std::strerror(errno));
 }
 
 #ifdef O_DIRECT
@@ -130,7 +130,7 @@ void Rename(int folder, const std::string& from, const std::string& to, bool rep
     Fail("move into place", shown);
 }
 
-class PosixRestoredFile : public RestoredFile {
+class PosixRestoredFile : public repo::RestoredFile {
 public:
     PosixRestoredFile(Fd folder, std::string leaf, std::string shown, bool overwrite)
         : folder_(std::move(folder)), leaf_(std::move(leaf)), shown_(std::move(shown)), overwrite_(overwrite) {
@@ -255,24 +255,27 @@ void Destination::Check(const std::string& relativePath, EntryKind kind) const {
     }
 }
 
-std::unique_ptr<RestoredFile> Destination::MakeFile(const std::string& relativePath) {
+std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& relativePath) {
     std::string leaf;
     std::string shown;
     Fd folder = handle_->OpenParent(root_, relativePath, true, leaf, shown);
     return std::make_unique<PosixRestoredFile>(std::move(folder), leaf, shown, overwrite_);
 }
 
-void Destination::MakeFolder(const std::string& relativePath, uint32_t mode, int64_t modifiedNs) {
+void Destination::MakeFolder(const FolderRecord& record) {
+    const std::string& relativePath = record.relativePath;
     std::string leaf;
     std::string shown;
     const Fd parent = handle_->OpenParent(root_, relativePath, true, leaf, shown);
     const Fd folder = OpenFolder(parent.get(), leaf, shown, true);
-    if (fchmod(folder.get(), static_cast<mode_t>(mode & 01777)) != 0) Fail("set the mode of", shown);
-    const timespec times[2] = {{0, UTIME_OMIT}, TimeOf(modifiedNs)};
+    if (fchmod(folder.get(), static_cast<mode_t>(record.mode & 01777)) != 0) Fail("set the mode of", shown);
+    const timespec times[2] = {{0, UTIME_OMIT}, TimeOf(record.modifiedNs)};
     if (futimens(folder.get(), times) != 0) Fail("set the time of", shown);
 }
 
-void Destination::MakeLink(const std::string& relativePath, const std::string& target, int64_t modifiedNs) {
+void Destination::MakeLink(const LinkRecord& link) {
+    const std::string& relativePath = link.relativePath;
+    const std::string& target = link.target;
     std::string leaf;
     std::string shown;
     const Fd folder = handle_->OpenParent(root_, relativePath, true, leaf, shown);
@@ -291,7 +294,7 @@ void Destination::MakeLink(const std::string& relativePath, const std::string& t
             throw;
         }
     }
-    const timespec times[2] = {{0, UTIME_OMIT}, TimeOf(modifiedNs)};
+    const timespec times[2] = {{0, UTIME_OMIT}, TimeOf(link.modifiedNs)};
     if (utimensat(folder.get(), leaf.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) Fail("set the time of", shown);
 }
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "local/Destination.h"
-#include "util/TextSplit.h"
-#include "util/ToolError.h"
+#include "util/Text.h"
+#include "util/Error.h"
 
 namespace qvhost {
 
@@ -21,11 +21,11 @@ namespace {
 constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
 
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
-    throw ToolError(kExitLocalFile, "refusing to restore " + where + ": " + why);
+    throw Error(ErrorKind::LocalFile, "refusing to restore " + where + ": " + why);
 }
 
 [[noreturn]] void Fail(const std::string& what, const std::string& where) {
-    throw ToolError(kExitLocalFile, "cannot " + what + " " + where + ": error " + std::to_string(GetLastError()));
+    throw Error(ErrorKind::LocalFile, "cannot " + what + " " + where + ": error " + std::to_string(GetLastError()));
 }
 
 std::wstring Wide(const std::string& path) { return PathOf(path).wstring(); }
@@ -84,7 +84,7 @@ void MoveIntoPlace(const std::string& from, const std::string& to, bool replace)
     }
 }
 
-class Win32RestoredFile : public RestoredFile {
+class Win32RestoredFile : public repo::RestoredFile {
 public:
     Win32RestoredFile(std::string temporary, std::string shown, bool overwrite)
         : temporary_(std::move(temporary)), shown_(std::move(shown)), overwrite_(overwrite) {
@@ -161,14 +161,15 @@ void Destination::Check(const std::string& relativePath, EntryKind kind) const {
     }
 }
 
-std::unique_ptr<RestoredFile> Destination::MakeFile(const std::string& relativePath) {
+std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& relativePath) {
     std::string leaf;
     std::string shown;
     const std::string folder = ParentOf(root_, relativePath, true, leaf, shown);
     return std::make_unique<Win32RestoredFile>(JoinPath(folder, TemporaryName(leaf)), shown, overwrite_);
 }
 
-void Destination::MakeFolder(const std::string& relativePath, uint32_t, int64_t modifiedNs) {
+void Destination::MakeFolder(const FolderRecord& record) {
+    const std::string& relativePath = record.relativePath;
     std::string leaf;
     std::string shown;
     ParentOf(root_, relativePath, true, leaf, shown);
@@ -176,24 +177,26 @@ void Destination::MakeFolder(const std::string& relativePath, uint32_t, int64_t 
         Fail("create the folder", shown);
     }
     if (AttributesOf(shown) & FILE_ATTRIBUTE_REPARSE_POINT) Refuse(shown, "it is a link or junction");
-    SetModifiedNs(shown, modifiedNs);
+    SetModifiedNs(shown, record.modifiedNs);
 }
 
-void Destination::MakeLink(const std::string& relativePath, const std::string& target, int64_t modifiedNs) {
+void Destination::MakeLink(const LinkRecord& link) {
+    const std::string& relativePath = link.relativePath;
+    const std::string& target = link.target;
     std::string leaf;
     std::string shown;
     const std::string folder = ParentOf(root_, relativePath, true, leaf, shown);
     const std::string temporary = JoinPath(folder, TemporaryName(leaf));
     std::error_code error;
     std::filesystem::create_symlink(PathOf(target), PathOf(temporary), error);
-    if (error) throw ToolError(kExitLocalFile, "cannot create the link " + shown + ": " + error.message());
+    if (error) throw Error(ErrorKind::LocalFile, "cannot create the link " + shown + ": " + error.message());
     try {
         MoveIntoPlace(temporary, shown, overwrite_);
     } catch (...) {
         DeleteFileW(Wide(temporary).c_str());
         throw;
     }
-    SetModifiedNs(shown, modifiedNs);
+    SetModifiedNs(shown, link.modifiedNs);
 }
 
 }  // namespace qvhost

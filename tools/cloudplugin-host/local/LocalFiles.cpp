@@ -7,7 +7,7 @@
 #include <system_error>
 
 #include "util/PathRules.h"
-#include "util/ToolError.h"
+#include "util/Error.h"
 
 #ifdef _WIN32
 #include <windows.h>
@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 namespace {
 
 [[noreturn]] void Fail(const std::string& what, const std::string& path, const std::string& reason) {
-    throw ToolError(kExitLocalFile, "cannot " + what + " " + path + ": " + reason);
+    throw Error(ErrorKind::LocalFile, "cannot " + what + " " + path + ": " + reason);
 }
 
 std::string ErrnoText() { return std::strerror(errno); }
@@ -126,7 +126,7 @@ private:
             case fs::file_type::symlink: return AddLink(path, full);
             default: return Skip(path, std::string("is ") + SkippedKind(status.type()), false);
             }
-        } catch (const ToolError& failure) {  // gone or unreadable since it was listed
+        } catch (const Error& failure) {  // gone or unreadable since it was listed
             return Skip(path, failure.what(), true);
         }
     }
@@ -153,7 +153,7 @@ private:
     void AddEmptyFolder(const std::string& path) {
         try {
             tree_.folders.push_back(Entry(EntryKind::Folder, path, root_ / PathOf(path)));
-        } catch (const ToolError& failure) {
+        } catch (const Error& failure) {
             Skip(path, failure.what(), true);
         }
     }

@@ -9,44 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "util/Entry.h"
+
 namespace qvhost {
 
 // The path of UTF-8 text, in the platform's own form.
 std::filesystem::path PathOf(const std::string& utf8);
 
-enum class EntryKind { File, Folder, Link };
-
-struct SourceEntry {
-    EntryKind kind = EntryKind::File;
-    std::string relativePath;  // '/'-separated, UTF-8
-    uint64_t size = 0;         // files
-    int64_t modifiedNs = 0;
-    uint32_t mode = 0;         // permission, set-ID and sticky bits
-    std::string linkTarget;    // links: the link's own text, never followed
-    uint64_t fileId = 0;       // the inode (the file index on Windows); 0 when unknown
-};
-
-// An entry that a backup does not keep. FIFOs, sockets and devices are
-// skipped by design; an entry that could not be read (or whose name a
-// restore would refuse) is `unreadable`, which a backup reports as a
-// failure unless told to skip such entries.
-struct SkippedEntry {
-    std::string relativePath;
-    std::string reason;
-    bool unreadable = false;
-};
-
-// What a backup keeps of a tree: regular files, empty folders (folders in
-// which nothing is kept) and symbolic links (as links, never followed),
-// each sorted by relative path; and what it skips.
-struct SourceTree {
-    std::vector<SourceEntry> files;
-    std::vector<SourceEntry> folders;
-    std::vector<SourceEntry> links;
-    std::vector<SkippedEntry> skipped;
-};
-
-// Throws ToolError (local file) when root is not a readable folder.
+// Throws Error (local file) when root is not a readable folder.
 SourceTree ScanTree(const std::string& root);
 
 // The absolute, normalised form of a path (the path itself when that fails).
@@ -60,7 +30,7 @@ int64_t ModifiedNs(const std::string& path);
 void SetModifiedNs(const std::string& path, int64_t modifiedNs);
 
 // A file open for reading; a symbolic link is not followed. Throws
-// ToolError (local file) on failure.
+// Error (local file) on failure.
 class InputFile {
 public:
     explicit InputFile(const std::string& path);
@@ -85,7 +55,7 @@ private:
     uint64_t position_ = 0;
 };
 
-// The size of a file (not following a link); throws ToolError (local file).
+// The size of a file (not following a link); throws Error (local file).
 uint64_t FileSize(const std::string& path);
 
 // A new file written from the start, for single-object commands; made (with

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "local/LocalFiles.h"
-#include "cli/Progress.h"
+#include "util/Progress.h"
 #include "repository/Repository.h"
+#include "repository/Source.h"
 
 namespace qvhost::repo {
 
@@ -19,7 +19,8 @@ struct BackupOptions {
     std::string host;
     std::vector<std::string> tags;
     bool ignoreParent = false;  // read every file, as if there were no parent
-    ProgressStyle progress = ProgressStyle::Silent;
+    bool dryRun = false;        // read and chunk, store nothing: the report says what would be added
+    ProgressSink* progress = nullptr;  // none: nothing is shown
 };
 
 struct BackupReport {
@@ -34,11 +35,13 @@ struct BackupReport {
     size_t packsWritten = 0;
     size_t packsAdopted = 0;  // packs of an interrupted backup, indexed now
     std::vector<SkippedEntry> skipped;  // by design or unreadable, sorted by path
+    std::vector<std::string> toRead;    // the files read (new or changed), in the order found
     size_t Unreadable() const;
 };
 
-// The caller holds a shared lock. Throws ToolError; what was stored until
-// then is garbage that the next backup adopts or `prune` removes.
-BackupReport RunBackup(Repository& repository, const std::string& source, const BackupOptions& options);
+// The caller holds a shared lock (none needed for a dry run). Throws
+// Error; what was stored until then is garbage that the next backup adopts
+// or `prune` removes.
+BackupReport RunBackup(Repository& repository, Source& source, const BackupOptions& options);
 
 }  // namespace qvhost::repo

@@ -8,13 +8,11 @@
 #include <cstring>
 #include <string>
 
-#include "util/ToolError.h"
+#include "util/Error.h"
 #include "repository/Crypto.h"
 
 namespace qvhost::repo {
 
-// Data from storage that is not what this tool writes.
-[[noreturn]] inline void Damaged(const std::string& what) { throw ToolError(kExitDamaged, what); }
 
 class ByteWriter {
 public:

@@ -15,7 +15,7 @@ constexpr size_t kMasterKeyBytes = 3 * 32;
 const uint8_t* Text(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
 
 [[noreturn]] void Unsupported(const std::string& what, uint64_t format) {
-    throw ToolError(kExitUnsupported, what + " is of repository format " + std::to_string(format) +
+    throw Error(ErrorKind::Unsupported, what + " is of repository format " + std::to_string(format) +
                                           "; this cloudplugin-host reads format " +
                                           std::to_string(kRepositoryFormat) + " only");
 }

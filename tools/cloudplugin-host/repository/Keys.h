@@ -49,13 +49,13 @@ struct RepositoryConfig {
 std::string EncodeKeyObject(const MasterKeys& keys, const std::string& password, const KdfParameters& kdf,
                             const std::string& created, const std::string& host);
 // The master keys, or nothing when the password does not open this key
-// object. Throws ToolError: damaged (not a key object), unsupported (a
+// object. Throws Error: damaged (not a key object), unsupported (a
 // format version this tool does not read).
 std::optional<MasterKeys> OpenKeyObject(const std::string& text, const std::string& password,
                                         const std::string& objectName);
 
 Bytes EncodeConfig(const MasterKeys& keys, const RepositoryConfig& config);
-// Throws ToolError: damaged, unsupported.
+// Throws Error: damaged, unsupported.
 RepositoryConfig DecodeConfig(const MasterKeys& keys, const Bytes& sealed);
 
 // Seals and opens the repository's own objects (config, index, snapshots,

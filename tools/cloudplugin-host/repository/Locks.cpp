@@ -4,7 +4,7 @@
 #include <ctime>
 #include <random>
 
-#include "cli/Commands.h"
+#include "util/Text.h"
 #include "util/Interrupt.h"
 #include "repository/BoundedJson.h"
 
@@ -48,7 +48,7 @@ std::optional<LockInfo> ReadLock(Repository& repository, const std::string& name
         lock.command = StringMember(json, "command", name);
         lock.exclusive = BoolMember(json, "exclusive", name);
         lock.time = SignedMember(json, "time", name);
-    } catch (const ToolError&) {
+    } catch (const Error&) {
         lock.readable = false;
     }
     return lock;
@@ -106,6 +106,16 @@ std::vector<LockInfo> ListLocks(Repository& repository, int64_t now, const Proce
     return locks;
 }
 
+std::vector<LockInfo> RemoveLocks(Repository& repository, bool all, int64_t now, const ProcessAlive& alive) {
+    std::vector<LockInfo> removed;
+    for (LockInfo& lock : ListLocks(repository, now, alive)) {
+        if (!lock.stale && !all) continue;
+        repository.store().Delete(lock.name);
+        removed.push_back(std::move(lock));
+    }
+    return removed;
+}
+
 RepositoryLock::RepositoryLock(Repository& repository, const std::string& command, bool exclusive,
                                int64_t waitSeconds, const ProcessAlive& alive)
     : repository_(repository), command_(command), exclusive_(exclusive) {
@@ -129,11 +139,10 @@ RepositoryLock::RepositoryLock(Repository& repository, const std::string& comman
         // and differently before trying again.
         const auto pause = std::chrono::milliseconds(std::min(200 << std::min(attempt, 4), 3000) + jitter() % 500);
         if (std::chrono::steady_clock::now() + pause > deadline) {
-            throw ToolError(kExitLocked, "the repository is locked: " + holder +
-                                             " ('cloudplugin-host locks' lists locks, 'unlock' removes stale ones)");
+            throw Error(ErrorKind::Locked, "the repository is locked: " + holder);
         }
         std::this_thread::sleep_for(pause);
-        if (Interrupted()) throw ToolError(kExitInterrupted, "interrupted");
+        if (Interrupted()) throw Error(ErrorKind::Interrupted, "interrupted");
     }
     refresher_ = std::thread([this] { Refresh(); });
 }

@@ -53,9 +53,13 @@ std::string HostName();
 // Every lock of the repository, with its staleness at `now`.
 std::vector<LockInfo> ListLocks(Repository& repository, int64_t now, const ProcessAlive& alive = ProcessRuns);
 
+// Removes the stale locks (with `all`, every lock: only for a repository
+// nobody works on); answers what it removed.
+std::vector<LockInfo> RemoveLocks(Repository& repository, bool all, int64_t now, const ProcessAlive& alive = ProcessRuns);
+
 class RepositoryLock {
 public:
-    // Takes the lock or throws ToolError (locked) naming the holder, after
+    // Takes the lock or throws Error (locked) naming the holder, after
     // waiting up to `waitSeconds` for it. Keeps it fresh from a thread of
     // its own until destroyed, which removes it.
     RepositoryLock(Repository& repository, const std::string& command, bool exclusive, int64_t waitSeconds,

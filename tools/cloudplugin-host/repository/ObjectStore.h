@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "util/ToolError.h"
+#include "util/Error.h"
 #include "repository/Crypto.h"
 
 namespace qvhost::repo {
@@ -47,31 +47,27 @@ public:
     virtual std::vector<StoredObject> List(const std::string& prefix) = 0;
     // An object that does not exist counts as deleted.
     virtual void Delete(const std::string& name) = 0;
+    // Moves the object to an access tier ("Hot", "Cool", "Cold", "Archive");
+    // from the Archive tier an online tier starts a rehydration at
+    // `priority` ("Standard" or "High"), which the storage finishes later.
+    virtual void SetTier(const std::string& name, const std::string& tier, const std::string& priority) = 0;
 };
 
 // Reading an object in the Archive tier: nothing of it can be read until it
 // is rehydrated.
-class ObjectArchived : public ToolError {
+class ObjectArchived : public Error {
 public:
     explicit ObjectArchived(const std::string& name)
-        : ToolError(kExitPluginFailed, "object " + name + " is in the Archive tier ('cloudplugin-host rehydrate' "
-                                       "brings it back to an online tier)"),
-          name_(name) {}
-    const std::string& name() const { return name_; }
-
-private:
-    std::string name_;
+        : Error(ErrorKind::Archived, "object " + name + " is in the Archive tier", name) {}
+    const std::string& name() const { return object(); }
 };
 
 // Reading an object that does not exist.
-class ObjectMissing : public ToolError {
+class ObjectMissing : public Error {
 public:
     explicit ObjectMissing(const std::string& name)
-        : ToolError(kExitDamaged, "object " + name + " does not exist"), name_(name) {}
-    const std::string& name() const { return name_; }
-
-private:
-    std::string name_;
+        : Error(ErrorKind::ObjectMissing, "object " + name + " does not exist", name) {}
+    const std::string& name() const { return object(); }
 };
 
 }  // namespace qvhost::repo

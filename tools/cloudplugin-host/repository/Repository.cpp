@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "cli/Commands.h"
+#include "util/Text.h"
 #include "repository/Binary.h"
 
 namespace qvhost::repo {
@@ -26,9 +26,9 @@ void Repository::Init(ObjectStore& store, const std::string& root, const std::st
                       const InitOptions& options, const std::string& host) {
     const RepositoryLayout layout{root};
     if (Exists(store, root) || !store.List(layout.KeysPrefix()).empty()) {
-        throw ToolError(kExitUsage, "a repository exists already under " + root);
+        throw Error(ErrorKind::Exists, "a repository exists already under " + root);
     }
-    if (password.empty()) throw ToolError(kExitWrongPassword, "refusing an empty password");
+    if (password.empty()) throw Error(ErrorKind::WrongPassword, "refusing an empty password");
     const MasterKeys keys = MasterKeys::Random();
     RepositoryConfig config;
     const Key256 id = RandomKey();
@@ -49,11 +49,10 @@ Repository::Repository(ObjectStore& store, const std::string& root, const std::s
     : store_(store), layout_{root} {
     std::vector<StoredObject> keyObjects = store.List(layout_.KeysPrefix());
     if (keyObjects.empty()) {
-        throw ToolError(kExitUnsupported,
-                        "no repository under " + root + " (make one with 'cloudplugin-host init')");
+        throw Error(ErrorKind::NoRepository, "no repository under " + root);
     }
     if (password.empty()) {
-        throw ToolError(kExitWrongPassword, "no password: set CLOUDPLUGIN_PASSWORD or give --password-file");
+        throw Error(ErrorKind::WrongPassword, "no password given");
     }
     std::sort(keyObjects.begin(), keyObjects.end(),
               [](const StoredObject& a, const StoredObject& b) { return a.name < b.name; });
@@ -64,7 +63,7 @@ Repository::Repository(ObjectStore& store, const std::string& root, const std::s
         opened = OpenKeyObject(std::string(text.begin(), text.end()), password, object.name);
         if (opened) break;
     }
-    if (!opened) throw ToolError(kExitWrongPassword, "wrong password: no key of the repository opens with it");
+    if (!opened) throw Error(ErrorKind::WrongPassword, "wrong password: no key of the repository opens with it");
     keys_ = *opened;
     try {
         config_ = DecodeConfig(keys_, store.ReadAll(layout_.Config(), kMaximumConfigSize));
@@ -118,7 +117,7 @@ Snapshot Repository::LoadSnapshot(const std::string& id) {
     try {
         sealed = store_.ReadAll(layout_.SnapshotsPrefix() + id, kMaximumSnapshotSize);
     } catch (const ObjectMissing&) {
-        throw ToolError(kExitNoSuchBackup, "no snapshot " + id);
+        throw Error(ErrorKind::NotFound, "no snapshot " + id);
     }
     if (IdHex(Sha256Id(sealed.data(), sealed.size())) != id) {
         Damaged("the snapshot " + id.substr(0, 8) + " does not match its name: it was changed");
@@ -164,11 +163,11 @@ std::vector<SnapshotInfo> Repository::ListSnapshotInfos() {
     return infos;
 }
 
-std::string Repository::FindSnapshot(const std::string& argument, const std::string& source) {
+std::string Repository::FindSnapshot(const std::string& argument, const SnapshotFilter& filter) {
     if (argument == "latest") {
         std::string latest;  // snapshots come oldest first
         for (const SnapshotInfo& snapshot : ListSnapshotInfos()) {
-            if (source.empty() || snapshot.source == source) latest = snapshot.id;
+            if (filter.Matches(snapshot)) latest = snapshot.id;
         }
         return latest;
     }
@@ -180,7 +179,7 @@ std::string Repository::FindSnapshot(const std::string& argument, const std::str
     for (const NamedObject& object : ListSnapshots()) {
         const std::string id = IdHex(object.id);
         if (id.compare(0, argument.size(), argument) != 0) continue;
-        if (!found.empty()) throw ToolError(kExitUsage, "more than one snapshot starts with " + argument);
+        if (!found.empty()) throw Error(ErrorKind::Usage, "more than one snapshot starts with " + argument);
         found = id;
     }
     return found;

@@ -24,6 +24,7 @@
 #include "repository/Keys.h"
 #include "repository/ObjectStore.h"
 #include "repository/Snapshot.h"
+#include "repository/SnapshotFilter.h"
 
 namespace qvhost::repo {
 
@@ -59,7 +60,7 @@ public:
                      const InitOptions& options, const std::string& host);
     // Whether a repository exists under `root` (its config object does).
     static bool Exists(ObjectStore& store, const std::string& root);
-    // Opens with the password. Throws ToolError: unsupported (no repository,
+    // Opens with the password. Throws Error: unsupported (no repository,
     // or a format this tool does not read), wrong password, damaged.
     Repository(ObjectStore& store, const std::string& root, const std::string& password);
 
@@ -91,9 +92,9 @@ public:
     // written to `written`).
     std::string SaveSnapshot(Snapshot& snapshot, uint64_t* written = nullptr);
     // The snapshot an argument names: a unique prefix of an id (4 hex digits
-    // at least), or "latest" (of `source` when given). Empty when none.
-    // Throws ToolError (usage) for an ambiguous prefix.
-    std::string FindSnapshot(const std::string& argument, const std::string& source = "");
+    // at least), or "latest" (the newest the filter selects). Empty when
+    // none. Throws Error (usage) for an ambiguous prefix.
+    std::string FindSnapshot(const std::string& argument, const SnapshotFilter& filter = {});
 
 private:
     ObjectStore& store_;

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "local/Destination.h"
-#include "cli/Progress.h"
+#include "repository/RestoreSink.h"
+#include "util/Progress.h"
 #include "repository/Repository.h"
 
 namespace qvhost::repo {
@@ -26,13 +26,7 @@ constexpr uint64_t kRestoreRangeBytes = 8u << 20;
 struct RestoreOptions {
     unsigned jobs = 4;
     std::string subPath;  // empty: the whole snapshot
-    ProgressStyle progress = ProgressStyle::Silent;
-};
-
-struct RestoreProblem {
-    std::string file;
-    std::string object;  // the pack, when one is to blame
-    std::string what;
+    ProgressSink* progress = nullptr;  // none: nothing is shown
 };
 
 struct RestoreReport {
@@ -46,14 +40,14 @@ struct RestoreReport {
 };
 
 // Picks the entries of `subPath` (a folder: what lies beneath it, relative
-// to it; a file: that file under its own name). Throws ToolError (no such
+// to it; a file: that file under its own name). Throws Error (no such
 // backup) when nothing lies there.
 Snapshot SelectSubPath(const Snapshot& snapshot, const std::string& subPath);
 
-// With a destination, a restore; without, a read-back. Throws ToolError for
+// With a target, a restore; without, a read-back. Throws Error for
 // what stops the whole restore (a plug-in failure other than a missing
 // object, an interrupt, a destination that cannot be written).
 RestoreReport RunRestore(Repository& repository, const MasterIndex& index, const Snapshot& snapshot,
-                         Destination* destination, const RestoreOptions& options);
+                         RestoreTarget* target, const RestoreOptions& options);
 
 }  // namespace qvhost::repo

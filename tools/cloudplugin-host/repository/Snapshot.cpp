@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include "cli/Commands.h"
-#include "platform/TextCodec.h"
+#include "util/Text.h"
 #include "repository/BoundedJson.h"
 #include "repository/Compression.h"
 #include "repository/Keys.h"
@@ -21,7 +20,7 @@ constexpr uint64_t kSnapshotVersion = 1;
 // characters, and every byte from 0x80 on when the name is not UTF-8), so
 // that a restore gives back the very same bytes.
 std::string Stored(const std::string& name) {
-    return PercentEscape(name, qvplatform::ToUtf8(qvplatform::FromUtf8(name)) != name);
+    return PercentEscape(name, !IsUtf8(name));
 }
 
 std::string NameMember(const Json& json, const char* member, const std::string& what) {
@@ -122,7 +121,7 @@ std::optional<SnapshotInfo> DecodeSnapshotInfo(const MasterKeys& keys, const std
             info.tags.push_back(tag.get<std::string>());
         }
         return info;
-    } catch (const ToolError&) {
+    } catch (const Error&) {
         return std::nullopt;
     }
 }
@@ -138,11 +137,11 @@ Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot) {
                              {"chunks", ChunksJson(file.chunks)}});
     }
     Json folders = Json::array();
-    for (const ManifestFolder& folder : snapshot.folders) {
+    for (const FolderRecord& folder : snapshot.folders) {
         folders.push_back(Json{{"path", Stored(folder.relativePath)}, {"mtime_ns", folder.modifiedNs}, {"mode", folder.mode}});
     }
     Json links = Json::array();
-    for (const ManifestLink& link : snapshot.links) {
+    for (const LinkRecord& link : snapshot.links) {
         links.push_back(Json{{"path", Stored(link.relativePath)}, {"target", Stored(link.target)}, {"mtime_ns", link.modifiedNs}});
     }
     const Json json = {{"version", kSnapshotVersion}, {"time", snapshot.time},     {"time_ns", snapshot.timeNs}, {"host", snapshot.host},
@@ -205,7 +204,7 @@ Snapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, const std::
     }
     for (const Json& link : ArrayMember(json, "links", what)) {
         if (!link.is_object()) Damaged(what + " is damaged: a link is not a JSON object");
-        ManifestLink entry{NameMember(link, "path", what), NameMember(link, "target", what),
+        LinkRecord entry{NameMember(link, "path", what), NameMember(link, "target", what),
                            SignedMember(link, "mtime_ns", what)};
         if (std::string why = WhyLinkTargetIsRefused(entry.target); !why.empty()) {
             Damaged(what + " is damaged: the link '" + Printable(entry.relativePath) + "' " + why);
@@ -216,8 +215,8 @@ Snapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, const std::
     if (summary != json.end() && summary->is_object()) snapshot.summary = *summary;
     std::vector<TreePath> paths;
     for (const SnapshotFile& file : snapshot.files) paths.push_back({file.path, false});
-    for (const ManifestFolder& folder : snapshot.folders) paths.push_back({folder.relativePath, true});
-    for (const ManifestLink& link : snapshot.links) paths.push_back({link.relativePath, false});
+    for (const FolderRecord& folder : snapshot.folders) paths.push_back({folder.relativePath, true});
+    for (const LinkRecord& link : snapshot.links) paths.push_back({link.relativePath, false});
     const auto [path, why] = FirstTreeProblem(paths, rules);
     if (!why.empty()) Damaged(what + " is damaged: the entry '" + Printable(path) + "' " + why);
     return snapshot;
@@ -235,10 +234,10 @@ std::vector<TreeChange> DiffSnapshots(const Snapshot& first, const Snapshot& sec
     auto entries = [](const Snapshot& snapshot) {
         std::map<std::string, Entry> out;
         for (const SnapshotFile& file : snapshot.files) out[file.path] = {'f', &file, "", file.modifiedNs, file.mode};
-        for (const ManifestFolder& folder : snapshot.folders) {
+        for (const FolderRecord& folder : snapshot.folders) {
             out[folder.relativePath] = {'d', nullptr, "", folder.modifiedNs, folder.mode};
         }
-        for (const ManifestLink& link : snapshot.links) out[link.relativePath] = {'l', nullptr, link.target, link.modifiedNs, 0};
+        for (const LinkRecord& link : snapshot.links) out[link.relativePath] = {'l', nullptr, link.target, link.modifiedNs, 0};
         return out;
     };
     const std::map<std::string, Entry> before = entries(first);

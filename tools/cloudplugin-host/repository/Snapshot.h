@@ -22,7 +22,8 @@
 #include <vector>
 
 #include "util/Json.h"
-#include "legacy/Manifest.h"
+#include "util/Entry.h"
+#include "util/PathRules.h"
 #include "repository/Crypto.h"
 
 namespace qvhost::repo {
@@ -51,8 +52,8 @@ struct Snapshot {
     std::vector<std::string> tags;
     std::string parent;
     std::vector<SnapshotFile> files;
-    std::vector<ManifestFolder> folders;
-    std::vector<ManifestLink> links;
+    std::vector<FolderRecord> folders;
+    std::vector<LinkRecord> links;
     Json summary = Json::object();
 
     uint64_t TotalBytes() const;

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/TextCodec.h"
-#include "util/TextSplit.h"
+#include "util/Text.h"
 
 namespace qvhost {
 

@@ -1,0 +1,105 @@
+// Forgetting by a policy: each group of snapshots on its own, only the
+// snapshots the filter selects, grouped by what --group-by names; and the
+// snapshot filter itself.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "repository/Forget.h"
+#include "util/Error.h"
+
+using namespace qvhost;
+using namespace qvhost::repo;
+
+namespace {
+
+SnapshotInfo Info(const std::string& id, const std::string& host, const std::string& source, int64_t day,
+                  std::vector<std::string> tags = {}) {
+    SnapshotInfo info;
+    info.id = id;
+    info.host = host;
+    info.source = source;
+    info.timeNs = (day * 86400 + 43200) * 1000000000;
+    info.tags = std::move(tags);
+    return info;
+}
+
+std::tm Utc(int64_t seconds) {
+    const auto moment = static_cast<std::time_t>(seconds);
+    std::tm civil{};
+    gmtime_r(&moment, &civil);
+    return civil;
+}
+
+std::vector<SnapshotInfo> TwoHostsThreeDays() {
+    return {Info("a1", "alpha", "/data", 1), Info("a2", "alpha", "/data", 2), Info("a3", "alpha", "/data", 3),
+            Info("b1", "beta", "/data", 1),  Info("b2", "beta", "/data", 2),  Info("b3", "beta", "/data", 3)};
+}
+
+RetentionPolicy KeepLast(unsigned last) {
+    RetentionPolicy policy;
+    policy.keepLast = last;
+    return policy;
+}
+
+std::vector<std::string> Sorted(std::vector<std::string> ids) {
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+TEST(Forget, APolicyAppliesToEachHostOnItsOwn) {
+    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(1), {}, kGroupByHost | kGroupByPaths, Utc);
+    ASSERT_EQ(plan.groups.size(), 2u);
+    EXPECT_EQ(Sorted(plan.forget), (std::vector<std::string>{"a1", "a2", "b1", "b2"}));
+}
+
+TEST(Forget, AHostFilterLeavesTheOtherHostsSnapshotsAlone) {
+    SnapshotFilter filter;
+    filter.hosts = {"alpha"};
+    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(1), filter, kGroupByHost | kGroupByPaths, Utc);
+    ASSERT_EQ(plan.groups.size(), 1u);
+    EXPECT_EQ(plan.groups[0].group.host, "alpha");
+    EXPECT_EQ(Sorted(plan.forget), (std::vector<std::string>{"a1", "a2"}));
+}
+
+TEST(Forget, GroupingByNothingMakesOneGroupOfAll) {
+    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(2), {}, 0, Utc);
+    ASSERT_EQ(plan.groups.size(), 1u);
+    EXPECT_EQ(plan.forget.size(), 4u);
+}
+
+TEST(Forget, GroupingByTagsKeepsEachTagSetApart) {
+    const std::vector<SnapshotInfo> snapshots = {Info("d1", "h", "/p", 1, {"daily"}), Info("d2", "h", "/p", 2, {"daily"}),
+                                                 Info("w1", "h", "/p", 1, {"weekly"})};
+    const ForgetPlan plan = PlanForget(snapshots, KeepLast(1), {}, kGroupByTags, Utc);
+    ASSERT_EQ(plan.groups.size(), 2u);
+    EXPECT_EQ(plan.forget, (std::vector<std::string>{"d1"}));
+}
+
+TEST(SnapshotFilter, TagsOfOneOptionAllMatchAndOptionsEither) {
+    SnapshotFilter filter;
+    filter.tagSets = {{"a", "b"}, {"c"}};
+    EXPECT_TRUE(filter.Matches(Info("1", "h", "/p", 1, {"b", "a"})));
+    EXPECT_TRUE(filter.Matches(Info("2", "h", "/p", 1, {"c"})));
+    EXPECT_FALSE(filter.Matches(Info("3", "h", "/p", 1, {"a"})));
+    filter = {};
+    filter.paths = {"/p"};
+    filter.hosts = {"h", "g"};
+    EXPECT_TRUE(filter.Matches(Info("4", "g", "/p", 1)));
+    EXPECT_FALSE(filter.Matches(Info("5", "g", "/q", 1)));
+    EXPECT_TRUE(SnapshotFilter{}.Matches(Info("6", "x", "/y", 1)));
+}
+
+TEST(SnapshotFilter, GroupByTakesItsThreeWordsAndRefusesOthers) {
+    EXPECT_EQ(ParseGroupBy("host,paths"), kGroupByHost | kGroupByPaths);
+    EXPECT_EQ(ParseGroupBy("tags"), kGroupByTags);
+    EXPECT_EQ(ParseGroupBy(""), 0u);
+    try {
+        ParseGroupBy("hosts,colour");
+        FAIL() << "accepted";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind(), ErrorKind::Usage);
+    }
+}
+
+}  // namespace

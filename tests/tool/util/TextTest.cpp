@@ -1,0 +1,70 @@
+// The small texts the tool shares: JSON output, sizes, ages, UTC times,
+// byte counts and durations, and text from storage made safe for a terminal.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "util/Json.h"
+#include "util/Text.h"
+
+using namespace qvhost;
+
+namespace {
+
+TEST(JsonOutput, ObjectsKeepTheirMemberOrderAndEscapeControlCharacters) {
+    Json json = Json{{"b", 1}, {"a", "x\"y\\z\n\x01"}};
+    json["list"] = Json::array({true, nullptr, 2.5});
+    EXPECT_EQ(JsonText(json), "{\"b\":1,\"a\":\"x\\\"y\\\\z\\n\\u0001\",\"list\":[true,null,2.5]}");
+}
+
+TEST(JsonOutput, NonAsciiTextPassesThroughAndBytesThatAreNotUtf8AreReplaced) {
+    EXPECT_EQ(JsonText(Json("Grüße 文件")), "\"Grüße 文件\"");
+    EXPECT_EQ(JsonText(Json("caf\xE9")), "\"caf\xEF\xBF\xBD\"");
+}
+
+TEST(ParseSize, AcceptsBinaryUnitsAndRefusesTheRest) {
+    EXPECT_EQ(ParseSize("4096"), 4096u);
+    EXPECT_EQ(ParseSize("512K"), 512u << 10);
+    EXPECT_EQ(ParseSize("64M"), 64u << 20);
+    EXPECT_EQ(ParseSize("64MiB"), 64u << 20);
+    EXPECT_EQ(ParseSize("2G"), 2ull << 30);
+    EXPECT_EQ(ParseSize(""), 0u);
+    EXPECT_EQ(ParseSize("M"), 0u);
+    EXPECT_EQ(ParseSize("-1"), 0u);
+    EXPECT_EQ(ParseSize("12X"), 0u);
+    EXPECT_EQ(ParseSize("99999999999999999999G"), 0u);
+}
+
+TEST(ParseAge, AcceptsSecondsMinutesHoursAndDaysAndZero) {
+    EXPECT_EQ(ParseAge("0"), 0);
+    EXPECT_EQ(ParseAge("90s"), 90);
+    EXPECT_EQ(ParseAge("30m"), 1800);
+    EXPECT_EQ(ParseAge("24h"), 86400);
+    EXPECT_EQ(ParseAge("7d"), 7 * 86400);
+    for (const char* bad : {"", "5", "h", "-1h", "1.5h", "3w", "1h2", "99999999999d"}) EXPECT_EQ(ParseAge(bad), -1) << bad;
+}
+
+TEST(UtcTimes, ParseTheFormTheToolWrites) {
+    EXPECT_EQ(ParseUtcTime("1970-01-01T00:00:00Z"), 0);
+    EXPECT_EQ(ParseUtcTime("2026-11-23T10:15:30Z"), 1795428930);
+    EXPECT_EQ(ParseUtcTime(UtcNow("%Y-%m-%dT%H:%M:%SZ")) / 60, std::time(nullptr) / 60);
+    for (const char* bad : {"", "2026-11-23", "2026-11-23T10:15:30", "2026-11-23T10:15:30+01", "garbage-garbage-gar"}) {
+        EXPECT_EQ(ParseUtcTime(bad), -1) << bad;
+    }
+}
+
+TEST(Printable, ControlCharactersFromStorageNeverReachTheTerminal) {
+    EXPECT_EQ(Printable("plain Grüße"), "plain Grüße");
+    EXPECT_EQ(Printable("a\x1b[2Jb\nc\x7f"), "a\\x1B[2Jb\\x0Ac\\x7F");
+}
+
+TEST(FormatBytes, FormatsSizesAndDurations) {
+    EXPECT_EQ(FormatBytes(0), "0 B");
+    EXPECT_EQ(FormatBytes(1536), "1.5 KiB");
+    EXPECT_EQ(FormatBytes(300.0 * 1048576), "300.0 MiB");
+    EXPECT_EQ(FormatDuration(65), "1:05");
+    EXPECT_EQ(FormatDuration(3725), "1:02:05");
+    EXPECT_EQ(FormatDuration(-1), "--:--");
+}
+
+}  // namespace

@@ -1,0 +1,127 @@
+// backup: a new snapshot of a folder; only what changed since its parent is
+// read, and only chunks the repository lacks are stored.
+#include "cli/RepositorySupport.h"
+#include "host/PluginObjectStore.h"
+#include "host/PluginSession.h"
+#include "local/LocalSource.h"
+#include "repository/Backup.h"
+#include "repository/Locks.h"
+#include "util/Text.h"
+
+namespace qvhost::cli {
+
+namespace {
+
+struct BackupCommandOptions {
+    std::string source;
+    std::string host;
+    std::vector<std::string> tags;
+    bool force = false;
+    bool dryRun = false;
+    bool skipUnreadable = false;
+};
+
+void SaySummary(Context& context, const repo::BackupReport& report, bool dryRun, double seconds) {
+    const repo::Snapshot& snapshot = report.snapshot;
+    const std::string would = dryRun ? "would store " : "stored ";
+    context.Say((dryRun ? std::string("dry run, nothing stored: ") : "snapshot " + ShortId(snapshot.id) + " ") +
+                "of " + Printable(snapshot.source) + ": " + std::to_string(snapshot.files.size()) + " files (" +
+                std::to_string(report.filesNew) + " new, " + std::to_string(report.filesChanged) + " changed, " +
+                std::to_string(report.filesUnmodified) + " unmodified), " +
+                FormatBytes(static_cast<double>(snapshot.TotalBytes())));
+    context.Say("read " + FormatBytes(static_cast<double>(report.bytesProcessed)) + " in " + FormatDuration(seconds) +
+                "; " + std::to_string(report.blobsNew) + " new chunks (" +
+                FormatBytes(static_cast<double>(report.blobBytesNew)) + "), " + would +
+                FormatBytes(static_cast<double>(report.bytesAdded)) + " in " + std::to_string(report.packsWritten) +
+                " packs" +
+                (report.packsAdopted ? "; " + std::to_string(report.packsAdopted) +
+                                           " packs of an interrupted backup reused"
+                                     : std::string()));
+}
+
+Json BackupJson(const repo::BackupReport& report, bool dryRun, double seconds, int status) {
+    const repo::Snapshot& snapshot = report.snapshot;
+    return Json{{"command", "backup"},
+                {"ok", status == kExitOk},
+                {"dry_run", dryRun},
+                {"snapshot", snapshot.id},
+                {"short_id", ShortId(snapshot.id)},
+                {"parent", snapshot.parent},
+                {"files", snapshot.files.size()},
+                {"files_new", report.filesNew},
+                {"files_changed", report.filesChanged},
+                {"files_unmodified", report.filesUnmodified},
+                {"bytes", snapshot.TotalBytes()},
+                {"bytes_processed", report.bytesProcessed},
+                {"bytes_added", report.bytesAdded},
+                {"blobs_new", report.blobsNew},
+                {"blob_bytes_new", report.blobBytesNew},
+                {"packs_written", report.packsWritten},
+                {"packs_adopted", report.packsAdopted},
+                {"seconds", seconds},
+                {"folders", snapshot.folders.size()},
+                {"links", snapshot.links.size()}};
+}
+
+CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
+    repo::Repository repository = OpenRepository(context);
+    LocalSource source(options.source);
+    repo::BackupOptions backup;
+    backup.jobs = context.options().host.jobs;
+    backup.host = options.host.empty() ? repo::HostName() : options.host;
+    backup.tags = options.tags;
+    backup.ignoreParent = options.force;
+    backup.dryRun = options.dryRun;
+    backup.progress = context.Display();
+    const double pluginBefore = context.Session().PluginSeconds();
+    repo::BackupReport report;
+    if (options.dryRun) {
+        report = repo::RunBackup(repository, source, backup);
+    } else {
+        repo::RepositoryLock lock(repository, "backup " + source.Path(), false, context.options().lockWaitSeconds);
+        report = repo::RunBackup(repository, source, backup);
+    }
+    for (const std::string& path : report.toRead) context.Verbose((options.dryRun ? "would read " : "read ") + Printable(path));
+    const Json skipped = ReportSkipped(context, report.skipped);
+    const double seconds = report.snapshot.summary.value("seconds", 0.0);
+    SaySummary(context, report, options.dryRun, seconds);
+    context.SayPluginShare(context.Session().PluginSeconds() - pluginBefore, seconds, backup.jobs);
+    CommandResult result;
+    result.status = report.Unreadable() && !options.skipUnreadable ? kExitLocalFile : kExitOk;
+    result.json = BackupJson(report, options.dryRun, seconds, result.status);
+    result.json["skipped"] = skipped;
+    result.json["unreadable"] = report.Unreadable();
+    if (options.dryRun) result.json["would_read"] = report.toRead;
+    return result;
+}
+
+}  // namespace
+
+void AddBackupCommand(CommandTable& table) {
+    auto options = std::make_shared<BackupCommandOptions>();
+    CLI::App* command = table.Add(
+        {"backup", "back up SOURCE_DIR as a new snapshot (only what changed is read and stored)",
+         "Backs up SOURCE_DIR as a new snapshot. A file whose size, modification time and inode are those of the "
+         "parent snapshot (the newest of the same host and source folder) is not read at all; the others are cut "
+         "into content-defined chunks, and only chunks the repository lacks are compressed, encrypted and "
+         "stored.\n\nWhat a backup keeps: regular files with their content, modification time and POSIX mode "
+         "bits; empty folders; symbolic links as links (their target text, never followed). FIFOs, sockets and "
+         "devices are skipped. Every skipped or unreadable entry is reported; a backup that could not read an "
+         "entry (or found a name a restore would refuse) saves its snapshot of everything else and ends with "
+         "exit status 4 unless --skip-unreadable is given.\n\nWith --dry-run the files are read and chunked as "
+         "for a backup, but nothing is stored: the summary says what the backup would add (with -v, which files "
+         "it would read)."},
+        [options](Context& context) { return RunBackup(context, *options); });
+    command->add_option("SOURCE_DIR", options->source, "the folder to back up")->required();
+    command->add_option("--host", options->host, "the host the snapshot names (default: this machine's name)")
+        ->type_name("NAME");
+    command->add_option("--tag", options->tags, "a tag of the snapshot (repeatable)")
+        ->type_name("TAG")
+        ->allow_extra_args(false);
+    command->add_flag("--force", options->force, "read every file, even those unchanged since the parent snapshot");
+    command->add_flag("-n,--dry-run", options->dryRun, "read and chunk, store nothing; say what would be added");
+    command->add_flag("--skip-unreadable", options->skipUnreadable,
+                      "entries that cannot be read do not make the exit status 4");
+}
+
+}  // namespace qvhost::cli

@@ -1,0 +1,110 @@
+// forget: remove snapshots, named or by a policy, each group on its own.
+#include "cli/RepositorySupport.h"
+#include "cli/PruneCommand.h"
+#include "repository/Forget.h"
+#include "repository/Locks.h"
+#include "util/Text.h"
+
+namespace qvhost::cli {
+
+namespace {
+
+struct ForgetCommandOptions {
+    std::vector<std::string> snapshots;
+    repo::RetentionPolicy policy;
+    repo::SnapshotFilter filter;
+    std::string groupBy = "host,paths";
+    bool dryRun = false;
+    bool prune = false;
+};
+
+std::string GroupText(const repo::SnapshotGroup& group) {
+    std::string text;
+    if (!group.host.empty()) text += "host " + Printable(group.host);
+    if (!group.source.empty()) text += (text.empty() ? "" : ", ") + std::string("path ") + Printable(group.source);
+    if (!group.tags.empty()) text += (text.empty() ? "" : ", ") + std::string("tags ") + TagsText(group.tags);
+    return text.empty() ? "all snapshots" : text;
+}
+
+Json SayPlan(Context& context, const repo::ForgetPlan& plan) {
+    Json groups = Json::array();
+    for (const repo::ForgetGroup& group : plan.groups) {
+        const repo::RetentionDecision& decision = group.decision;
+        context.Say(GroupText(group.group) + ": keeping " + std::to_string(decision.keep.size()) + ", forgetting " +
+                    std::to_string(decision.forget.size()));
+        for (const std::string& id : decision.keep) {
+            std::string reasons;
+            for (const std::string& reason : decision.reasons.at(id)) reasons += (reasons.empty() ? "" : ",") + reason;
+            context.Say("  keep   " + ShortId(id) + " (" + reasons + ")");
+        }
+        for (const std::string& id : decision.forget) context.Say("  forget " + ShortId(id));
+        groups.push_back(Json{{"host", group.group.host},
+                              {"source", group.group.source},
+                              {"tags", group.group.tags},
+                              {"keep", decision.keep},
+                              {"forget", decision.forget}});
+    }
+    return groups;
+}
+
+CommandResult RunForget(Context& context, const ForgetCommandOptions& options) {
+    if (options.policy.Empty() == options.snapshots.empty()) {
+        throw Error(ErrorKind::Usage, "forget takes either snapshots or a policy (--keep-last, --keep-daily, ...)");
+    }
+    const unsigned groupBy = repo::ParseGroupBy(options.groupBy);
+    repo::Repository repository = OpenRepository(context);
+    repo::RepositoryLock lock(repository, "forget", true, context.options().lockWaitSeconds);
+    std::vector<std::string> forget;
+    Json groups = Json::array();
+    if (!options.snapshots.empty()) {
+        for (const std::string& named : options.snapshots) forget.push_back(ResolveSnapshot(repository, named, options.filter));
+    } else {
+        const repo::ForgetPlan plan =
+            repo::PlanForget(repository.ListSnapshotInfos(), options.policy, options.filter, groupBy);
+        groups = SayPlan(context, plan);
+        forget = plan.forget;
+    }
+    if (!options.dryRun) repo::ApplyForget(repository, forget);
+    context.Say(std::string(options.dryRun ? "would forget " : "forgot ") + std::to_string(forget.size()) +
+                " snapshots");
+    CommandResult result;
+    result.json = Json{{"command", "forget"}, {"ok", true}, {"dry_run", options.dryRun}, {"forgotten", forget},
+                       {"groups", std::move(groups)}};
+    if (options.prune) result.json["prune"] = Prune(context, repository, options.dryRun);
+    return result;
+}
+
+void AddKeepOption(CLI::App* command, const std::string& name, unsigned& value, const std::string& help) {
+    command->add_option_function<std::string>(
+               name, [name, &value](const std::string& text) { value = CountArgument(name, text, 1000000); }, help)
+        ->type_name("N");
+}
+
+}  // namespace
+
+void AddForgetCommand(CommandTable& table) {
+    auto options = std::make_shared<ForgetCommandOptions>();
+    CLI::App* command = table.Add(
+        {"forget", "remove snapshots: the ones named, or those a --keep-* policy does not keep",
+         "Removes the snapshots named, or applies a policy to each group of snapshots (by default each host and "
+         "source folder on its own; --group-by host,paths,tags or any part of it, or '' for one group): the "
+         "newest N (--keep-last) and the newest snapshot of each of the last N hours, days, ISO weeks, months and "
+         "years that have one; days and weeks in local time. A snapshot kept by no rule is forgotten. --host, "
+         "--tag and --path limit which snapshots are considered at all. The data only forgotten snapshots used "
+         "stays until 'prune' (or --prune)."},
+        [options](Context& context) { return RunForget(context, *options); });
+    command->add_option("SNAPSHOT", options->snapshots, "snapshots to forget (ids, or 'latest')");
+    AddKeepOption(command, "--keep-last", options->policy.keepLast, "keep the N newest snapshots");
+    AddKeepOption(command, "--keep-hourly", options->policy.keepHourly, "keep the newest snapshot of each of the last N hours");
+    AddKeepOption(command, "--keep-daily", options->policy.keepDaily, "... of each of the last N days");
+    AddKeepOption(command, "--keep-weekly", options->policy.keepWeekly, "... of each of the last N weeks");
+    AddKeepOption(command, "--keep-monthly", options->policy.keepMonthly, "... of each of the last N months");
+    AddKeepOption(command, "--keep-yearly", options->policy.keepYearly, "... of each of the last N years");
+    AddFilterOptions(command, options->filter, "snapshots");
+    command->add_option("--group-by", options->groupBy, "group snapshots by host, paths, tags (default: host,paths)")
+        ->type_name("GROUPS");
+    command->add_flag("-n,--dry-run", options->dryRun, "say what would be forgotten, forget nothing");
+    command->add_flag("--prune", options->prune, "prune afterwards");
+}
+
+}  // namespace qvhost::cli

@@ -1,0 +1,214 @@
+// From the process's arguments to an exit status: the global options, the
+// parse, the command, and the one place where a failure becomes a line on
+// standard error (and a --json document) and an exit status.
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "cli/Cli.h"
+#include "cli/Help.h"
+#include "util/Interrupt.h"
+#include "util/Text.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
+namespace qvhost::cli {
+
+namespace {
+
+std::string ExecutableFolder() {
+#ifdef _WIN32
+    wchar_t path[32768];
+    const DWORD length = GetModuleFileNameW(nullptr, path, 32768);
+    return std::filesystem::path(std::wstring(path, length)).parent_path().u8string();
+#else
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    return error ? std::string(".") : self.parent_path().u8string();
+#endif
+}
+
+// The first line of the file, without its line end.
+std::string ReadPasswordFile(const std::string& path) {
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file) throw Error(ErrorKind::LocalFile, "cannot read the password file " + path);
+    std::string text;
+    char buffer[4096];
+    for (size_t read; (read = std::fread(buffer, 1, sizeof buffer, file)) > 0 && text.size() < 65536;) {
+        text.append(buffer, read);
+    }
+    std::fclose(file);
+    text = text.substr(0, text.find('\n'));
+    if (!text.empty() && text.back() == '\r') text.pop_back();
+    return text;
+}
+
+void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
+    const std::string group = "global options";
+    app.add_option("--connection", options.host.connectionString,
+                   "the storage library's init string (default: $CLOUDPLUGIN_CONNECTION)")
+        ->group(group);
+    app.add_option("-r,--repo", options.repo, "prefix of every object name the tool writes (default: cloudplugin-host)")
+        ->group(group)
+        ->each([](const std::string& value) {
+            if (value.empty() || value.back() == '/') {
+                throw Error(ErrorKind::Usage, "--repo takes a name without a trailing '/'");
+            }
+        });
+    app.add_option_function<std::string>(
+           "--password-file", [&options](const std::string& path) { options.password = ReadPasswordFile(path); },
+           "the repository's password: the first line of FILE (default: $CLOUDPLUGIN_PASSWORD)")
+        ->type_name("FILE")
+        ->group(group);
+    app.add_option_function<std::string>(
+           "-j,--jobs",
+           [&options](const std::string& text) { options.host.jobs = CountArgument("--jobs", text); },
+           "pieces of work in flight at once, one thread each (default: 4)")
+        ->type_name("N")
+        ->group(group);
+    app.add_option_function<std::string>(
+           "--lock-wait", [&options](const std::string& text) { options.lockWaitSeconds = AgeArgument("--lock-wait", text); },
+           "wait up to AGE for a lock another process holds (30s, 10m; default: 0)")
+        ->type_name("AGE")
+        ->group(group);
+    app.add_flag("--json", options.json, "machine-readable output on standard output")->group(group);
+    app.add_flag("-q,--quiet", options.quiet, "no progress and no summary")->group(group);
+    app.add_flag("-v,--verbose", options.verbose, "more detail (what a backup reads, and the like)")->group(group);
+    const std::string set = "set-up options";
+    app.add_option("--install", options.host.installFolder,
+                   "install folder holding Plugin/Azure/ (default: $CLOUDPLUGIN_INSTALL, else the folder above the "
+                   "tool's own)")
+        ->type_name("DIR")
+        ->group(set);
+    app.add_option("--plugin", options.host.pluginLibrary, "the plug-in library (default: DIR/Plugin/Azure/<library>)")
+        ->type_name("FILE")
+        ->group(set);
+    app.add_option("--java-home", options.host.javaHome,
+                   "the Java runtime (default: $JAVA_HOME, else the java on the PATH)")
+        ->type_name("DIR")
+        ->group(set);
+    app.add_option("--log-folder", options.host.logFolder,
+                   "the plug-in's log folder, also holding the Java library's log (default: DIR/Plugin/Azure/Log)")
+        ->type_name("DIR")
+        ->group(set);
+    app.add_option("--jvm-option", options.host.jvmOptions, "an extra JVM option, e.g. -Xmx2g (repeatable)")
+        ->type_name("OPTION")
+        ->allow_extra_args(false)
+        ->group(set);
+}
+
+void ReadEnvironment(GlobalOptions& options) {
+    if (const char* connection = std::getenv("CLOUDPLUGIN_CONNECTION")) options.host.connectionString = connection;
+    if (const char* install = std::getenv("CLOUDPLUGIN_INSTALL")) options.host.installFolder = install;
+    if (const char* password = std::getenv("CLOUDPLUGIN_PASSWORD")) options.password = password;
+}
+
+void Report(const Error& error, const std::string& command, const std::string& target, bool json, int& status) {
+    const ExitVerdict verdict = ExitFor(error, command, target);
+    std::fprintf(stderr, "cloudplugin-host%s%s: %s%s\n", command.empty() ? "" : " ", command.c_str(), error.what(),
+                 verdict.hint.empty() ? "" : (" (" + verdict.hint + ")").c_str());
+    if (json) {
+        std::printf("%s\n",
+                    JsonText(Json{{"command", command}, {"ok", false}, {"error", ErrorJson(error, verdict.status)}})
+                        .c_str());
+    }
+    status = verdict.status;
+}
+
+// The command an argument list names, for --help: its first words that are
+// a command (a group and its member), whatever options stand around them.
+const CommandTable::Entry* CommandNamed(const CommandTable& table, int argc, char** argv) {
+    const CommandTable::Entry* found = nullptr;
+    for (int i = 1; i < argc && std::string(argv[i]) != "--"; ++i) {
+        const std::string word = argv[i];
+        const std::string name = found ? found->text.name + " " + word : word;
+        if (const CommandTable::Entry* entry = table.Find(name)) {
+            found = entry;
+        } else if (found && word[0] != '-') {
+            break;
+        }
+    }
+    return found;
+}
+
+std::string MembersOf(const CommandTable& table, const std::string& group) {
+    std::string members;
+    for (const CommandTable::Entry& entry : table.entries()) {
+        if (entry.text.name.rfind(group + " ", 0) == 0) {
+            members += (members.empty() ? "" : ", ") + entry.text.name.substr(group.size() + 1);
+        }
+    }
+    return members;
+}
+
+bool AsksForHelp(int argc, char** argv) {
+    for (int i = 1; i < argc && std::string(argv[i]) != "--"; ++i) {
+        const std::string word = argv[i];
+        if (word == "-h" || word == "--help") return true;
+    }
+    return false;
+}
+
+// The first argument of the command, for hints that name it.
+std::string TargetOf(const CLI::App& command) {
+    for (const CLI::Option* option : command.get_options()) {
+        if (option->get_positional() && option->count() > 0) return option->results().front();
+    }
+    return "";
+}
+
+}  // namespace
+
+int Main(int argc, char** argv) {
+    GlobalOptions options;
+    ReadEnvironment(options);
+    CLI::App app("a backup program on the cloud-storage plug-in", "cloudplugin-host");
+    app.set_help_flag();  // help is written by Help.cpp
+    bool help = false;
+    bool version = false;
+    app.add_flag("-h,--help", help, "this text, or with a command that command's")->group("global options");
+    // Help needs no valid command line: 'backup --help' lacks SOURCE_DIR.
+    app.add_flag("--version", version, "the versions of the tool, the plug-in, the Java library and the repository format")
+        ->group("global options");
+    AddGlobalOptions(app, options);
+    CommandTable table(app);
+    AddCommands(table);
+    app.require_subcommand(0, 1);
+    std::string command;
+    int status = kExitOk;
+    if (AsksForHelp(argc, argv)) return PrintHelp(table, CommandNamed(table, argc, argv)), kExitOk;
+    try {
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            const CommandTable::Entry* selected = table.Selected();
+            if (selected) command = selected->text.name;
+            throw Error(ErrorKind::Usage, ParseErrorText(app, error, table));
+        }
+        const CommandTable::Entry* selected = table.Selected();
+        if (selected) command = selected->text.name;
+        if (version) return PrintVersion(), kExitOk;
+        if (!selected) throw Error(ErrorKind::Usage, "no command given");
+        if (!selected->runner) throw Error(ErrorKind::Usage, command + " takes a command: " + MembersOf(table, command));
+        if (options.host.installFolder.empty()) {
+            options.host.installFolder = std::filesystem::u8path(ExecutableFolder()).parent_path().u8string();
+        }
+        InstallInterruptHandler();
+        Context context(options);
+        const CommandResult result = selected->runner(context);
+        context.Close();
+        if (options.json) std::printf("%s\n", JsonText(result.json).c_str());
+        return result.status;
+    } catch (const Error& error) {
+        const CommandTable::Entry* selected = table.Selected();
+        Report(error, command, selected ? TargetOf(*selected->app) : "", options.json, status);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "cloudplugin-host %s: unexpected failure: %s\n", command.c_str(), error.what());
+        status = kExitLocalFile;
+    }
+    return status;
+}
+
+}  // namespace qvhost::cli

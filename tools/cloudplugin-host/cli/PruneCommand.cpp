@@ -1,0 +1,71 @@
+// prune: remove what no snapshot needs (a dry run shows the plan).
+#include "cli/PruneCommand.h"
+
+#include "cli/RepositorySupport.h"
+#include "repository/Locks.h"
+#include "util/Text.h"
+
+namespace qvhost::cli {
+
+namespace {
+
+struct PruneCommandOptions {
+    bool dryRun = false;
+};
+
+Json PruneJson(const repo::PruneReport& report) {
+    return Json{{"packs_kept", report.packsKept},
+                {"packs_deleted", report.packsDeleted},
+                {"packs_rewritten", report.packsRewritten},
+                {"packs_unindexed_deleted", report.packsUnindexed},
+                {"packs_written", report.packsWritten},
+                {"blobs_removed", report.blobsRemoved},
+                {"bytes_freed", report.bytesFreed},
+                {"bytes_rewritten", report.bytesRewritten},
+                {"index_objects_replaced", report.indexObjectsReplaced}};
+}
+
+CommandResult RunPruneCommand(Context& context, const PruneCommandOptions& options) {
+    repo::Repository repository = OpenRepository(context);
+    repo::RepositoryLock lock(repository, "prune", true, context.options().lockWaitSeconds);
+    CommandResult result;
+    result.json = Json{{"command", "prune"}, {"ok", true}, {"dry_run", options.dryRun}};
+    result.json.update(Prune(context, repository, options.dryRun));
+    return result;
+}
+
+}  // namespace
+
+Json Prune(Context& context, repo::Repository& repository, bool dryRun) {
+    const repo::PrunePlan plan = repo::PlanPrune(repository);
+    const repo::PruneReport& planned = plan.report;
+    context.Say(std::string(dryRun ? "would remove " : "removing ") + std::to_string(planned.blobsRemoved) +
+                " unused chunks: " + std::to_string(planned.packsDeleted + planned.packsUnindexed) +
+                " packs to delete (" + std::to_string(planned.packsUnindexed) + " of interrupted backups), " +
+                std::to_string(planned.packsRewritten) + " to rewrite, " + std::to_string(planned.packsKept) +
+                " kept; about " + FormatBytes(static_cast<double>(planned.bytesFreed)) + " to free");
+    if (dryRun) return PruneJson(planned);
+    repo::PruneOptions options;
+    options.jobs = context.options().host.jobs;
+    options.progress = context.Display();
+    const repo::PruneReport report = repo::ExecutePrune(repository, plan, options);
+    context.Say("removed " + std::to_string(report.blobsRemoved) + " unused chunks: " +
+                std::to_string(report.packsDeleted + report.packsUnindexed) + " packs deleted, " +
+                std::to_string(report.packsRewritten) + " rewritten into " + std::to_string(report.packsWritten) +
+                "; " + FormatBytes(static_cast<double>(report.bytesFreed)) + " freed");
+    return PruneJson(report);
+}
+
+void AddPruneCommand(CommandTable& table) {
+    auto options = std::make_shared<PruneCommandOptions>();
+    CLI::App* command = table.Add(
+        {"prune", "remove chunks no snapshot needs",
+         "Removes the chunks no snapshot needs: packs nothing uses are deleted, partly used ones rewritten (every "
+         "chunk copied is checked first), packs of interrupted backups deleted. It stops and deletes nothing if a "
+         "snapshot names data that no pack holds. It takes the exclusive lock: it waits for, or is refused by, "
+         "running backups, restores and checks. --dry-run shows the plan and changes nothing."},
+        [options](Context& context) { return RunPruneCommand(context, *options); });
+    command->add_flag("-n,--dry-run", options->dryRun, "say what would be removed, remove nothing");
+}
+
+}  // namespace qvhost::cli

@@ -1,0 +1,29 @@
+// What the repository's commands share: opening the repository, naming
+// snapshots, and the snapshot filter options.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cli/Cli.h"
+#include "cli/Reporting.h"
+#include "repository/Repository.h"
+#include "repository/SnapshotFilter.h"
+
+namespace qvhost::cli {
+
+// The repository under --repo, opened with the password.
+repo::Repository OpenRepository(Context& context);
+
+// The snapshot an argument names ("latest" is the newest the filter selects);
+// throws Error (not found) when none.
+std::string ResolveSnapshot(repo::Repository& repository, const std::string& argument,
+                            const repo::SnapshotFilter& filter = {});
+Json SnapshotJson(const repo::SnapshotInfo& snapshot);
+std::string TagsText(const std::vector<std::string>& tags);
+
+// --host, --tag and --path: which snapshots the command considers (for
+// 'latest' too).
+void AddFilterOptions(CLI::App* command, repo::SnapshotFilter& filter, const std::string& what);
+
+}  // namespace qvhost::cli

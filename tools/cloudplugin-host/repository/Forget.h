@@ -1,0 +1,33 @@
+// Forgetting snapshots: a plan (which snapshots each group keeps, by which
+// rules, and which go), then its application (the snapshot objects
+// removed). The data they alone used stays until `prune`.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "repository/Repository.h"
+#include "repository/Retention.h"
+#include "repository/SnapshotFilter.h"
+
+namespace qvhost::repo {
+
+struct ForgetGroup {
+    SnapshotGroup group;
+    RetentionDecision decision;
+};
+
+struct ForgetPlan {
+    std::vector<ForgetGroup> groups;  // in group order
+    std::vector<std::string> forget;  // every snapshot that goes
+};
+
+// The policy applied to each group of the snapshots the filter selects
+// (the others are neither kept nor forgotten: they are not considered).
+ForgetPlan PlanForget(const std::vector<SnapshotInfo>& snapshots, const RetentionPolicy& policy,
+                      const SnapshotFilter& filter, unsigned groupBy, const CivilTime& civil = LocalCivilTime);
+
+// Removes the snapshot objects of the plan. The caller holds the exclusive lock.
+void ApplyForget(Repository& repository, const std::vector<std::string>& snapshots);
+
+}  // namespace qvhost::repo

@@ -1,0 +1,203 @@
+#include "repository/Prune.h"
+
+#include <algorithm>
+#include <set>
+#include <unordered_set>
+
+#include "repository/Binary.h"
+#include "util/Error.h"
+
+namespace qvhost::repo {
+
+namespace {
+
+std::string Short(const Id& id) { return IdHex(id).substr(0, 16); }
+
+// What the snapshots need. A snapshot that does not open stops prune: what
+// it needs cannot be known.
+std::unordered_set<Id, IdHash> UsedBlobs(Repository& repository) {
+    std::unordered_set<Id, IdHash> used;
+    for (const Snapshot& snapshot : repository.LoadSnapshots()) {
+        for (const SnapshotFile& file : snapshot.files) used.insert(file.chunks.begin(), file.chunks.end());
+    }
+    return used;
+}
+
+// One copy of each used blob is kept: the first of an existing pack.
+void ChooseKeepers(const MasterIndex& index, const std::unordered_set<Id, IdHash>& used, PrunePlan& plan) {
+    for (const IndexedPack& pack : index.all()) {
+        if (!plan.stored.count(pack.pack)) continue;
+        auto& blobs = plan.packBlobs[pack.pack];
+        blobs.insert(blobs.end(), pack.blobs.begin(), pack.blobs.end());
+        for (const PackEntry& blob : pack.blobs) {
+            if (used.count(blob.id)) plan.keeper.emplace(blob.id, std::make_pair(pack.pack, blob));
+        }
+    }
+    size_t missing = 0;
+    for (const Id& id : used) missing += plan.keeper.count(id) ? 0 : 1;
+    if (missing) {
+        Damaged("prune stopped, nothing deleted: the snapshots name " + std::to_string(missing) +
+                " chunks that no stored pack holds");
+    }
+}
+
+// Each pack kept whole, rewritten (partly used) or removed (unused).
+void SortPacks(const MasterIndex& index, PrunePlan& plan) {
+    PruneReport& report = plan.report;
+    for (const auto& [pack, blobs] : plan.packBlobs) {
+        std::vector<PackEntry> needed;
+        std::set<Id> seen;
+        for (const PackEntry& blob : blobs) {
+            const auto found = plan.keeper.find(blob.id);
+            if (found != plan.keeper.end() && found->second.first == pack && seen.insert(blob.id).second) {
+                needed.push_back(blob);
+            }
+        }
+        std::set<uint32_t> offsets;
+        for (const PackEntry& blob : blobs) offsets.insert(blob.offset);
+        if (needed.empty()) {
+            plan.remove.push_back(pack);
+            ++report.packsDeleted;
+            report.blobsRemoved += offsets.size();
+        } else if (needed.size() == offsets.size()) {
+            plan.kept.push_back({pack, needed});
+            ++report.packsKept;
+        } else {
+            plan.rewrite.push_back(pack);
+            report.blobsRemoved += offsets.size() - needed.size();
+            ++report.packsRewritten;
+        }
+    }
+    for (const auto& [pack, size] : plan.stored) {
+        if (!index.HasPack(pack)) {
+            plan.remove.push_back(pack);
+            ++report.packsUnindexed;
+        }
+    }
+    for (const Id& pack : plan.remove) report.bytesFreed += plan.stored.at(pack);
+    for (const Id& pack : plan.rewrite) report.bytesFreed += plan.stored.at(pack);
+}
+
+// A whole pack, read and checked against its name.
+Bytes ReadPack(Repository& repository, const Id& pack) {
+    const std::string name = repository.layout().Pack(pack);
+    Bytes bytes = repository.store().ReadAll(name, kMaximumPackSize);
+    if (Sha256Id(bytes.data(), bytes.size()) != pack) Damaged("the pack " + name + " does not match its name");
+    return bytes;
+}
+
+// The used blobs of partly used packs, copied as they are (sealed) into
+// new packs, each checked on the way so that damage is not copied.
+class Rewriter {
+public:
+    Rewriter(Repository& repository, const PrunePlan& plan, PruneReport& report)
+        : repository_(repository), plan_(plan), report_(report) {}
+
+    std::vector<IndexedPack> Run(const PruneOptions& options) {
+        uint64_t rewriteBytes = 0;
+        for (const Id& pack : plan_.rewrite) rewriteBytes += plan_.stored.at(pack);
+        Progress progress(options.progress, "prune", rewriteBytes, plan_.rewrite.size());
+        for (const Id& pack : plan_.rewrite) {
+            const Bytes bytes = ReadPack(repository_, pack);
+            CopyKeptBlobs(pack, bytes);
+            progress.BytesDone(bytes.size());
+            progress.FileDone(Short(pack), bytes.size());
+        }
+        if (!builder_.empty()) Flush();
+        return std::move(written_);
+    }
+
+private:
+    void CopyKeptBlobs(const Id& pack, const Bytes& bytes) {
+        Bytes plain;
+        for (const PackEntry& blob : plan_.packBlobs.at(pack)) {
+            const auto found = plan_.keeper.find(blob.id);
+            if (found == plan_.keeper.end() || found->second.first != pack ||
+                found->second.second.offset != blob.offset) {
+                continue;
+            }
+            std::string why;
+            if (uint64_t{blob.offset} + blob.length > bytes.size() ||
+                !OpenBlob(repository_.keys(), blob, bytes.data() + blob.offset, blob.length, plain, why)) {
+                Damaged("prune stopped before deleting anything: in the pack " + repository_.layout().Pack(pack) +
+                        " the blob " + Short(blob.id) + " " + (why.empty() ? "lies past the pack's end" : why));
+            }
+            SealedBlob copy;
+            copy.id = blob.id;
+            copy.compressed = blob.compressed;
+            copy.plainLength = blob.plainLength;
+            copy.bytes.assign(bytes.begin() + blob.offset, bytes.begin() + blob.offset + blob.length);
+            builder_.Add(std::move(copy));
+            if (builder_.size() >= repository_.config().packSize) Flush();
+        }
+    }
+
+    void Flush() {
+        PackBuilder::Finished pack = builder_.Finish(repository_.keys());
+        repository_.WritePack(pack);
+        report_.bytesRewritten += pack.bytes.size();
+        report_.bytesFreed -= std::min<uint64_t>(report_.bytesFreed, pack.bytes.size());
+        written_.push_back({pack.id, std::move(pack.entries)});
+        ++report_.packsWritten;
+    }
+
+    Repository& repository_;
+    const PrunePlan& plan_;
+    PruneReport& report_;
+    PackBuilder builder_;
+    std::vector<IndexedPack> written_;
+};
+
+// The index of what stays, in objects of at most kBlobsPerIndexObject
+// blobs; answers their names.
+std::set<std::string> SaveIndex(Repository& repository, const std::vector<IndexedPack>& all) {
+    std::set<std::string> names;
+    std::vector<IndexedPack> part;
+    size_t blobs = 0;
+    for (const IndexedPack& pack : all) {
+        if (blobs + pack.blobs.size() > kBlobsPerIndexObject && !part.empty()) {
+            names.insert(repository.SaveIndex(part));
+            part.clear();
+            blobs = 0;
+        }
+        part.push_back(pack);
+        blobs += pack.blobs.size();
+    }
+    if (!part.empty()) names.insert(repository.SaveIndex(part));
+    return names;
+}
+
+}  // namespace
+
+PrunePlan PlanPrune(Repository& repository) {
+    PrunePlan plan;
+    const std::unordered_set<Id, IdHash> used = UsedBlobs(repository);
+    const MasterIndex index = repository.LoadIndex();
+    for (const NamedObject& object : repository.ListIds(repository.layout().DataPrefix())) {
+        plan.stored[object.id] = object.size;
+    }
+    ChooseKeepers(index, used, plan);
+    SortPacks(index, plan);
+    plan.indexObjects = index.objects;
+    return plan;
+}
+
+PruneReport ExecutePrune(Repository& repository, const PrunePlan& plan, const PruneOptions& options) {
+    PruneReport report = plan.report;
+    if (plan.Empty()) return report;
+    std::vector<IndexedPack> all = plan.kept;
+    for (IndexedPack& pack : Rewriter(repository, plan, report).Run(options)) all.push_back(std::move(pack));
+    // The new index first, then the old one goes, then the packs.
+    const std::set<std::string> newIndex = SaveIndex(repository, all);
+    for (const std::string& object : plan.indexObjects) {
+        if (!newIndex.count(object)) {
+            repository.store().Delete(object);
+            ++report.indexObjectsReplaced;
+        }
+    }
+    for (const Id& pack : plan.rewrite) repository.store().Delete(repository.layout().Pack(pack));
+    for (const Id& pack : plan.remove) repository.store().Delete(repository.layout().Pack(pack));
+    return report;
+}
+
+}  // namespace qvhost::repo

@@ -1,0 +1,60 @@
+// Removing what no snapshot needs: packs nothing uses are deleted, partly
+// used ones rewritten. First a plan (what goes, what is rewritten, what it
+// frees), then its execution with the repository locked (exclusive) by the
+// caller; a dry run shows the plan and executes nothing.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "repository/Repository.h"
+#include "util/Progress.h"
+
+namespace qvhost::repo {
+
+struct PruneOptions {
+    unsigned jobs = 4;
+    ProgressSink* progress = nullptr;  // none: nothing is shown
+};
+
+struct PruneReport {
+    size_t packsKept = 0;
+    size_t packsDeleted = 0;    // none of their blobs used
+    size_t packsRewritten = 0;  // partly used: their used blobs copied into new packs
+    size_t packsUnindexed = 0;  // of interrupted backups, deleted
+    size_t packsWritten = 0;
+    size_t blobsRemoved = 0;
+    uint64_t bytesFreed = 0;    // stored bytes gone (deleted less written)
+    uint64_t bytesRewritten = 0;
+    size_t indexObjectsReplaced = 0;
+};
+
+// What prune will do: the figures of its report (before any pack is
+// written) and the work itself.
+struct PrunePlan {
+    PruneReport report;
+    std::vector<IndexedPack> kept;    // packs kept whole, with the blobs the index keeps of them
+    std::vector<Id> rewrite;          // partly used packs
+    std::vector<Id> remove;           // unused or unindexed packs
+    std::map<Id, uint64_t> stored;    // every stored pack and its size
+    std::map<Id, std::vector<PackEntry>> packBlobs;  // every blob the index names, by pack
+    // For each used blob, the one copy kept: its pack and entry.
+    std::unordered_map<Id, std::pair<Id, PackEntry>, IdHash> keeper;
+    std::vector<std::string> indexObjects;  // the index objects the plan replaces
+
+    bool Empty() const { return rewrite.empty() && remove.empty(); }
+};
+
+// Throws Error (damaged), and plans nothing, when a snapshot or an index
+// does not open or a snapshot names data that is nowhere.
+PrunePlan PlanPrune(Repository& repository);
+// Rewrites, writes the new index, then deletes: a prune that stops anywhere
+// leaves every used blob named by some index. Answers the plan's report
+// with the packs written and the bytes really freed.
+PruneReport ExecutePrune(Repository& repository, const PrunePlan& plan, const PruneOptions& options);
+
+}  // namespace qvhost::repo

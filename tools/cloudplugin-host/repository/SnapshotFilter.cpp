@@ -1,0 +1,56 @@
+#include "repository/SnapshotFilter.h"
+
+#include <algorithm>
+#include <tuple>
+
+#include "util/Error.h"
+#include "util/Text.h"
+
+namespace qvhost::repo {
+
+namespace {
+
+bool Contains(const std::vector<std::string>& items, const std::string& item) {
+    return std::find(items.begin(), items.end(), item) != items.end();
+}
+
+}  // namespace
+
+bool SnapshotFilter::Matches(const SnapshotInfo& snapshot) const {
+    if (!hosts.empty() && !Contains(hosts, snapshot.host)) return false;
+    if (!paths.empty() && !Contains(paths, snapshot.source)) return false;
+    if (tagSets.empty()) return true;
+    return std::any_of(tagSets.begin(), tagSets.end(), [&](const std::vector<std::string>& set) {
+        return std::all_of(set.begin(), set.end(), [&](const std::string& tag) { return Contains(snapshot.tags, tag); });
+    });
+}
+
+unsigned ParseGroupBy(const std::string& text) {
+    unsigned groupBy = 0;
+    if (text.empty()) return groupBy;
+    for (const std::string& word : Split(text, ',')) {
+        if (word == "host") groupBy |= kGroupByHost;
+        else if (word == "paths" || word == "path") groupBy |= kGroupByPaths;
+        else if (word == "tags" || word == "tag") groupBy |= kGroupByTags;
+        else throw Error(ErrorKind::Usage, "--group-by takes host, paths and tags (or none of them), not " + word);
+    }
+    return groupBy;
+}
+
+bool SnapshotGroup::operator<(const SnapshotGroup& other) const {
+    return std::tie(host, source, tags) < std::tie(other.host, other.source, other.tags);
+}
+
+SnapshotGroup GroupOf(const SnapshotInfo& snapshot, unsigned groupBy) {
+    SnapshotGroup group;
+    if (groupBy & kGroupByHost) group.host = snapshot.host;
+    if (groupBy & kGroupByPaths) group.source = snapshot.source;
+    if (groupBy & kGroupByTags) {
+        group.tags = snapshot.tags;
+        std::sort(group.tags.begin(), group.tags.end());
+        group.tags.erase(std::unique(group.tags.begin(), group.tags.end()), group.tags.end());
+    }
+    return group;
+}
+
+}  // namespace qvhost::repo

@@ -1,0 +1,168 @@
+#include "util/Text.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include "platform/TextCodec.h"
+
+namespace qvhost {
+
+uint64_t ParseSize(const std::string& text) {
+    if (text.empty() || text[0] < '0' || text[0] > '9') return 0;
+    size_t used = 0;
+    uint64_t value = 0;
+    try {
+        value = std::stoull(text, &used);
+    } catch (const std::exception&) {
+        return 0;
+    }
+    std::string unit = text.substr(used);
+    if (!unit.empty() && (unit.back() == 'B' || unit.back() == 'b')) unit.pop_back();
+    if (!unit.empty() && (unit.back() == 'i')) unit.pop_back();
+    int shift = 0;
+    if (unit.empty()) shift = 0;
+    else if (unit == "K" || unit == "k") shift = 10;
+    else if (unit == "M" || unit == "m") shift = 20;
+    else if (unit == "G" || unit == "g") shift = 30;
+    else return 0;
+    if (value > (UINT64_MAX >> shift)) return 0;
+    return value << shift;
+}
+
+int64_t ParseAge(const std::string& text) {
+    if (text == "0") return 0;
+    if (text.size() < 2 || text.find_first_not_of("0123456789") != text.size() - 1) return -1;
+    int64_t unit = 0;
+    switch (text.back()) {
+    case 's': unit = 1; break;
+    case 'm': unit = 60; break;
+    case 'h': unit = 3600; break;
+    case 'd': unit = 86400; break;
+    default: return -1;
+    }
+    if (text.size() > 10) return -1;  // more than a century in any unit
+    return std::stoll(text.substr(0, text.size() - 1)) * unit;
+}
+
+namespace {
+
+std::string FormatUtc(std::time_t time, const char* format) {
+    std::tm parts{};
+#ifdef _WIN32
+    gmtime_s(&parts, &time);
+#else
+    gmtime_r(&time, &parts);
+#endif
+    char text[64];
+    std::strftime(text, sizeof text, format, &parts);
+    return text;
+}
+
+}  // namespace
+
+std::string UtcNow(const char* format) { return FormatUtc(std::time(nullptr), format); }
+
+std::string UtcTimeText(int64_t seconds) {
+    return seconds < 0 ? "unknown" : FormatUtc(static_cast<std::time_t>(seconds), "%Y-%m-%dT%H:%M:%SZ");
+}
+
+int64_t ParseUtcTime(const std::string& text) {
+    std::tm parts{};
+    char end = 0;
+    if (text.size() != 20 || std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c", &parts.tm_year, &parts.tm_mon,
+                                         &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &end) != 7 ||
+        end != 'Z') {
+        return -1;
+    }
+    parts.tm_year -= 1900;
+    parts.tm_mon -= 1;
+#ifdef _WIN32
+    return static_cast<int64_t>(_mkgmtime(&parts));
+#else
+    return static_cast<int64_t>(timegm(&parts));
+#endif
+}
+
+double MiBPerSecond(uint64_t bytes, double seconds) {
+    return seconds > 0 ? static_cast<double>(bytes) / (1024.0 * 1024.0) / seconds : 0;
+}
+
+std::string FormatBytes(double bytes) {
+    static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    int unit = 0;
+    while (bytes >= 1024 && unit < 4) bytes /= 1024, ++unit;
+    char text[32];
+    std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, kUnits[unit]);
+    return text;
+}
+
+std::string FormatDuration(double seconds) {
+    if (!(seconds >= 0) || seconds > 359999) return "--:--";
+    const long total = static_cast<long>(seconds + 0.5);
+    char text[32];
+    if (total >= 3600) {
+        std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", total / 3600, total / 60 % 60, total % 60);
+    } else {
+        std::snprintf(text, sizeof text, "%ld:%02ld", total / 60, total % 60);
+    }
+    return text;
+}
+
+std::string Printable(const std::string& text) {
+    std::string out;
+    for (const unsigned char c : text) {
+        if (c < 0x20 || c == 0x7F) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+            out += escaped;
+        } else {
+            out.push_back(static_cast<char>(c));
+        }
+    }
+    return out;
+}
+
+bool IsUtf8(const std::string& text) { return qvplatform::ToUtf8(qvplatform::FromUtf8(text)) == text; }
+
+namespace {
+
+int HexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
+
+}  // namespace
+
+std::string PercentEscape(const std::string& text, bool highBytes) {
+    std::string out;
+    for (unsigned char c : text) {
+        if (c == '%' || c < 0x20 || c == 0x7F || (highBytes && c >= 0x80)) {
+            char escaped[4];
+            std::snprintf(escaped, sizeof escaped, "%%%02X", c);
+            out += escaped;
+        } else {
+            out.push_back(static_cast<char>(c));
+        }
+    }
+    return out;
+}
+
+bool PercentUnescape(const std::string& text, std::string& out) {
+    out.clear();
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            out.push_back(text[i]);
+            continue;
+        }
+        const int high = i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
+        const int low = i + 2 < text.size() ? HexValue(text[i + 2]) : -1;
+        if (high < 0 || low < 0) return false;
+        out.push_back(static_cast<char>(high * 16 + low));
+        i += 2;
+    }
+    return true;
+}
+
+}  // namespace qvhost
