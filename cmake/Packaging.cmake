@@ -8,6 +8,9 @@
 #     bin/cloudplugin-host
 #     Plugin/Azure/libQVAzurePlugin.so
 #     Plugin/Azure/XNAzurePlugIn.jar
+#     share/man/man1/cloudplugin-host.1, share/bash-completion/completions/
+#     cloudplugin-host and share/zsh/site-functions/_cloudplugin-host (man-db
+#     and bash-completion find them beside the bin/ folder on the PATH)
 #   (the DEB installs them under /opt/qvazureplugin; cloudplugin-host takes
 #   its own folder's parent as the install folder).
 #

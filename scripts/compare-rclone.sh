@@ -15,7 +15,7 @@
 #   scripts/compare-rclone.sh                         the 1 GiB set, 5 rounds, 4 jobs
 #   scripts/compare-rclone.sh --set demo --rounds 3   the demo's set
 #   scripts/compare-rclone.sh --large 1x32M --medium 2x8M --small 50x256K --rounds 2
-#   scripts/compare-rclone.sh --tool-arg --part-size=16M
+#   scripts/compare-rclone.sh --tool-arg --jvm-option=-Xmx512m
 #
 # Run with --help for every option.
 set -euo pipefail
@@ -44,7 +44,7 @@ usage: scripts/compare-rclone.sh [options]
   --tool PATH         cloudplugin-host to run (default: build/demo/stage/bin/cloudplugin-host,
                       built with the demo preset first)
   --tool-arg ARG      an extra option for cloudplugin-host, before the command
-                      (repeatable; e.g. --tool-arg --part-size=16M)
+                      (repeatable; e.g. --tool-arg --jvm-option=-Xmx512m)
   --rclone-arg ARG    an extra option for rclone copy (repeatable)
   --credential sas|key  cloudplugin-host's credential: the same account SAS as rclone's (default),
                       or the account key (Shared Key signing of every request)
@@ -294,9 +294,9 @@ remote=benchaz:rclone-bench
 
 echo "==== command lines (round N; the data set is $source_dir)"
 echo "  CLOUDPLUGIN_CONNECTION='$CLOUDPLUGIN_CONNECTION'"
-echo "  $(quoted "${tool_cmd[@]}") --name bench-N --legacy backup SOURCE"
-echo "  $(quoted "${tool_cmd[@]}") restore bench-N DEST"
-echo "  $(quoted "${tool_cmd[@]}") delete bench-N                (not timed)"
+echo "  $(quoted "${tool_cmd[@]}") legacy backup SOURCE --name bench-N"
+echo "  $(quoted "${tool_cmd[@]}") legacy restore bench-N DEST"
+echo "  $(quoted "${tool_cmd[@]}") legacy delete bench-N         (not timed)"
 echo "  RCLONE_CONFIG=$RCLONE_CONFIG (empty) RCLONE_CONFIG_BENCHAZ_TYPE=azureblob"
 echo "  RCLONE_CONFIG_BENCHAZ_SAS_URL='$RCLONE_CONFIG_BENCHAZ_SAS_URL'"
 echo "  $(quoted "${rclone_cmd[@]}") SOURCE $remote/round-N"
@@ -356,10 +356,10 @@ compare() {
 
 round_tool() {  # ROUND
   rm -rf "$tool_restore"
-  run_timed cloudplugin-host backup "$1" "${tool_cmd[@]}" --name "bench-$1" --legacy backup "$source_dir"
-  run_timed cloudplugin-host restore "$1" "${tool_cmd[@]}" restore "bench-$1" "$tool_restore"
+  run_timed cloudplugin-host backup "$1" "${tool_cmd[@]}" legacy backup "$source_dir" --name "bench-$1"
+  run_timed cloudplugin-host restore "$1" "${tool_cmd[@]}" legacy restore "bench-$1" "$tool_restore"
   compare cloudplugin-host "$1" "$tool_restore" yes
-  "${tool_cmd[@]}" delete "bench-$1" >>"$logs/round$1-cloudplugin-host-delete.log" 2>&1 ||
+  "${tool_cmd[@]}" legacy delete "bench-$1" >>"$logs/round$1-cloudplugin-host-delete.log" 2>&1 ||
     fail "round $1: cloudplugin-host delete failed (log: $logs/round$1-cloudplugin-host-delete.log)"
   if [ $keep = no ] || [ "$1" -lt "$rounds" ]; then rm -rf "$tool_restore"; fi
 }

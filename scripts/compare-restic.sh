@@ -363,9 +363,9 @@ chmod +x "$rclone_wrapper"
 
 tool_cmd=("$tool" "${tool_args[@]}")
 restic_cmd=(restic -o "rclone.program=$rclone_wrapper" "${restic_args[@]}")
-tool_prefix=cloudplugin-host  # the tool's default --prefix
+tool_prefix=cloudplugin-host  # the tool's default --repo
 for arg in "${tool_args[@]}"; do
-  [[ $arg == --prefix=* ]] && tool_prefix=${arg#--prefix=}
+  [[ $arg == --repo=* ]] && tool_prefix=${arg#--repo=}
 done
 restic_repository() { echo "rclone:benchaz:$1/repo"; }
 

@@ -35,7 +35,7 @@ azurite_cpu() { awk -v hz="$(getconf CLK_TCK)" '{ printf "%.2f", ($14 + $15) / h
 
 hz=499
 for step in backup restore; do
-  if [ "$step" = backup ]; then command=(--name profiled --legacy backup "$source_dir"); else command=(restore profiled "$work/restored"); fi
+  if [ "$step" = backup ]; then command=(legacy backup "$source_dir" --name profiled); else command=(legacy restore profiled "$work/restored"); fi
   before=$(azurite_cpu)
   perf record -q -F "$hz" -g -o "$work/$step.data" -- "$tool" --quiet "$@" "${command[@]}"
   after=$(azurite_cpu)

@@ -62,7 +62,9 @@ if(PLATFORM STREQUAL "windows")
   list_archive(${zip} "" files)
   expect_files("the ZIP" "${files}" "Plugin/Azure/QVAzurePlugin.dll;Plugin/Azure/XNAzurePlugIn.jar")
 else()
-  set(linux_files bin/cloudplugin-host Plugin/Azure/libQVAzurePlugin.so Plugin/Azure/XNAzurePlugIn.jar)
+  set(linux_files bin/cloudplugin-host Plugin/Azure/libQVAzurePlugin.so Plugin/Azure/XNAzurePlugIn.jar
+      share/man/man1/cloudplugin-host.1 share/bash-completion/completions/cloudplugin-host
+      share/zsh/site-functions/_cloudplugin-host)
   make_package(TGZ tgz)
   get_filename_component(top ${tgz} NAME)
   string(REGEX REPLACE "\\.tar\\.gz$" "/" top "${top}")

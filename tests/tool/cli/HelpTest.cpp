@@ -4,6 +4,8 @@
 // them all, and a parse failure is one line naming the command.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "cli/Help.h"
 
 using namespace qvhost;
@@ -13,14 +15,11 @@ namespace {
 
 class HelpTest : public ::testing::Test {
 protected:
-    HelpTest() : app_("", "cloudplugin-host"), table_(app_) {
-        app_.set_help_flag();
-        app_.add_flag("--json")->group("global options");
-        AddCommands(table_);
-    }
+    HelpTest() : app_("", "cloudplugin-host"), table_(app_) { DefineCommandLine(app_, options_, table_); }
 
     std::string Help(const std::string& command) { return CommandHelp(table_, *table_.Find(command)); }
 
+    GlobalOptions options_;
     CLI::App app_;
     CommandTable table_;
 };
@@ -75,6 +74,18 @@ TEST_F(HelpTest, AnOptionACommandDoesNotTakeIsOneLineNamingTheCommand) {
         const std::string text = ParseErrorText(app_, error, table_);
         EXPECT_EQ(text, "backup does not take the option --keep-daily") << text;
     }
+}
+
+TEST_F(HelpTest, TheReadmesCommandReferenceIsTheOneHelpIsWrittenFrom) {
+    std::ifstream in(QV_SOURCE_DIR "/README.md", std::ios::binary);
+    const std::string readme((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string begin = "<!-- command reference -->\n";
+    const size_t start = readme.find(begin);
+    const size_t end = readme.find("<!-- end of command reference -->");
+    ASSERT_NE(start, std::string::npos);
+    ASSERT_NE(end, std::string::npos);
+    EXPECT_EQ(readme.substr(start + begin.size(), end - start - begin.size()), MarkdownReference(table_))
+        << "run: cloudplugin-host generate --reference - (and put it between the markers in README.md)";
 }
 
 }  // namespace

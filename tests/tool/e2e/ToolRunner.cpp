@@ -83,7 +83,7 @@ pid_t Spawn(const std::vector<std::string>& arguments, const std::string& outFil
     pid_t pid = -1;
     const int failed = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (failed) throw std::runtime_error("cannot start " + arguments[0]);
+    if (failed) throw std::runtime_error("cannot start " + arguments[0] + ": " + std::strerror(failed));
     return pid;
 }
 

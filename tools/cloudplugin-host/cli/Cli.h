@@ -35,6 +35,8 @@ struct GlobalOptions {
     bool json = false;
     bool quiet = false;
     int verbose = 0;
+    bool help = false;     // -h, --help
+    bool version = false;  // --version
 };
 
 // What a command answers: its --json document and its exit status.
@@ -145,8 +147,11 @@ void AddObjectCommands(CommandTable& table);
 void AddLegacyCommands(CommandTable& table);
 void AddHelpCommands(CommandTable& table);
 
-// The whole command line: parses, runs the command, reports; answers the
-// exit status.
+// The whole command line: the global options bound to `options`, and
+// every command in `table` (which must be made on `app`).
+void DefineCommandLine(CLI::App& app, GlobalOptions& options, CommandTable& table);
+
+// Parses, runs the command, reports; answers the exit status.
 int Main(int argc, char** argv);
 
 }  // namespace qvhost::cli

@@ -13,37 +13,29 @@ namespace qvhost::cli {
 
 const char* const kToolVersion = QV_TOOL_VERSION;
 
-namespace {
-
-constexpr size_t kWidth = 80;
-
-struct OptionText {
-    std::string left;   // "-n, --dry-run", "--keep-daily N", "SOURCE_DIR"
-    std::string help;
-    std::vector<std::string> names;  // "-n", "--dry-run"
-    bool positional = false;
-    bool takesValue = false;
-};
-
-std::vector<OptionText> OptionsOf(const CLI::App& app, const std::string& group = "") {
+std::vector<OptionText> OptionsOf(const CLI::App& app, const std::string& group) {
     std::vector<OptionText> out;
     for (const CLI::Option* option : app.get_options()) {
         if (!group.empty() && option->get_group() != group) continue;
         OptionText text;
         text.positional = option->get_positional();
         text.help = option->get_description();
-        text.takesValue = option->get_type_size_max() > 0;
         if (text.positional) {
             text.left = option->get_name();
         } else {
             text.names = Split(option->get_name(false, true), ',');
             for (const std::string& name : text.names) text.left += (text.left.empty() ? "" : ", ") + name;
-            if (text.takesValue) text.left += " " + option->get_type_name();
+            const std::string value = option->get_type_name();
+            if (option->get_type_size_max() > 0 && !value.empty()) text.left += " " + value;
         }
         out.push_back(std::move(text));
     }
     return out;
 }
+
+namespace {
+
+constexpr size_t kWidth = 80;
 
 // Words laid out in lines of at most kWidth columns, each starting with `indent`.
 std::string Wrapped(const std::string& text, size_t indent, size_t firstColumn) {

@@ -25,35 +25,9 @@ std::string Roff(const std::string& text) {
     return out;
 }
 
-struct Flag {
-    std::string left;
-    std::string help;
-    std::vector<std::string> names;
-    bool positional = false;
-};
-
-std::vector<Flag> FlagsOf(const CLI::App& app, const std::string& group = "") {
-    std::vector<Flag> flags;
-    for (const CLI::Option* option : app.get_options()) {
-        if (!group.empty() && option->get_group() != group) continue;
-        Flag flag;
-        flag.positional = option->get_positional();
-        flag.help = option->get_description();
-        if (flag.positional) {
-            flag.left = option->get_name();
-        } else {
-            flag.names = Split(option->get_name(false, true), ',');
-            for (const std::string& name : flag.names) flag.left += (flag.left.empty() ? "" : ", ") + name;
-            if (option->get_type_size_max() > 0) flag.left += " " + option->get_type_name();
-        }
-        flags.push_back(std::move(flag));
-    }
-    return flags;
-}
-
-std::string ManOptions(const std::vector<Flag>& flags) {
+std::string ManOptions(const std::vector<OptionText>& flags) {
     std::string out;
-    for (const Flag& flag : flags) out += ".TP\n.B " + Roff(flag.left) + "\n" + Roff(flag.help) + "\n";
+    for (const OptionText& flag : flags) out += ".TP\n.B " + Roff(flag.left) + "\n" + Roff(flag.help) + "\n";
     return out;
 }
 
@@ -79,7 +53,7 @@ std::string CommandWords(const CommandTable& table, const std::string& group) {
 
 std::string OptionWords(const CLI::App& app, const std::string& group = "") {
     std::string words;
-    for (const Flag& flag : FlagsOf(app, group)) {
+    for (const OptionText& flag : OptionsOf(app, group)) {
         for (const std::string& name : flag.names) words += (words.empty() ? "" : " ") + name;
     }
     return words;
@@ -99,7 +73,25 @@ struct GenerateOptions {
     std::string man;
     std::string bash;
     std::string zsh;
+    std::string reference;
 };
+
+// A command's arguments as its usage shows them: "SOURCE_DIR", "[PREFIX]".
+std::string ArgumentsOf(const CLI::App& app) {
+    std::string text;
+    for (const CLI::Option* option : app.get_options()) {
+        if (!option->get_positional()) continue;
+        const std::string name = option->get_name() + (option->get_items_expected_max() > 1 ? "..." : "");
+        text += (text.empty() ? "" : " ") + (option->get_required() ? name : "[" + name + "]");
+    }
+    return text;
+}
+
+std::string MarkdownCell(const std::string& text) {
+    std::string out;
+    for (const char c : text) out += c == '|' ? std::string("\\|") : std::string(1, c);
+    return out;
+}
 
 }  // namespace
 
@@ -117,10 +109,10 @@ std::string ManPage(const CommandTable& table) {
         if (!entry.runner) continue;
         out += ".SS \"" + Roff(entry.text.name) + "\"\n" +
                ManParagraphs(entry.text.description.empty() ? entry.text.summary : entry.text.description);
-        out += ManOptions(FlagsOf(*entry.app));
+        out += ManOptions(OptionsOf(*entry.app));
     }
-    out += ".SH GLOBAL OPTIONS\n" + ManOptions(FlagsOf(app, "global options"));
-    out += ".SH SET\\-UP OPTIONS\n" + ManOptions(FlagsOf(app, "set-up options"));
+    out += ".SH GLOBAL OPTIONS\n" + ManOptions(OptionsOf(app, "global options"));
+    out += ".SH SET\\-UP OPTIONS\n" + ManOptions(OptionsOf(app, "set-up options"));
     out += ".SH ENVIRONMENT\n.TP\n.B CLOUDPLUGIN_CONNECTION\nthe storage library's init string\n"
            ".TP\n.B CLOUDPLUGIN_PASSWORD\nthe repository's password\n"
            ".TP\n.B CLOUDPLUGIN_INSTALL\nthe install folder holding Plugin/Azure/\n";
@@ -187,6 +179,28 @@ std::string ZshCompletion(const CommandTable& table) {
            "compdef _cloudplugin_host_zsh cloudplugin-host\n";
 }
 
+std::string MarkdownReference(const CommandTable& table) {
+    std::string out = "| command | what it does | its options |\n|---|---|---|\n";
+    for (const CommandTable::Entry& entry : table.entries()) {
+        if (!entry.runner) continue;
+        const std::string arguments = ArgumentsOf(*entry.app);
+        std::string options;
+        for (const OptionText& flag : OptionsOf(*entry.app)) {
+            if (!flag.positional) options += (options.empty() ? "" : ", ") + ("`" + flag.left + "`");
+        }
+        out += "| `" + entry.text.name + (arguments.empty() ? "" : " " + arguments) + "` | " +
+               MarkdownCell(entry.text.summary) + " | " + MarkdownCell(options) + " |\n";
+    }
+    CLI::App& app = const_cast<CommandTable&>(table).app();
+    out += "\n| option (any command) | what it does |\n|---|---|\n";
+    for (const std::string group : {"global options", "set-up options"}) {
+        for (const OptionText& flag : OptionsOf(app, group)) {
+            out += "| `" + MarkdownCell(flag.left) + "` | " + MarkdownCell(flag.help) + " |\n";
+        }
+    }
+    return out;
+}
+
 void AddHelpCommands(CommandTable& table) {
     auto words = std::make_shared<std::vector<std::string>>();
     CLI::App* help = table.Add(
@@ -203,13 +217,15 @@ void AddHelpCommands(CommandTable& table) {
     help->add_option("COMMAND", *words, "the command (two words for 'object' and 'legacy' commands)");
     auto options = std::make_shared<GenerateOptions>();
     CLI::App* generate = table.Add(
-        {"generate", "write the man page and the bash and zsh completions",
-         "Writes the man page (roff) and the completion scripts for bash and zsh, each to a file ('-': standard "
-         "output). The packages install what the build generates with it."},
+        {"generate", "write the man page, the bash and zsh completions and the command reference",
+         "Writes the man page (roff), the completion scripts for bash and zsh and README's command reference "
+         "(Markdown), each to a file ('-': standard output). The packages install what the build generates with "
+         "it."},
         [&table, options](Context&) {
-            if (options->man.empty() && options->bash.empty() && options->zsh.empty()) {
-                throw Error(ErrorKind::Usage, "generate takes --man, --bash-completion or --zsh-completion");
+            if (options->man.empty() && options->bash.empty() && options->zsh.empty() && options->reference.empty()) {
+                throw Error(ErrorKind::Usage, "generate takes --man, --bash-completion, --zsh-completion or --reference");
             }
+            if (!options->reference.empty()) WriteTo(options->reference, MarkdownReference(table));
             if (!options->man.empty()) WriteTo(options->man, ManPage(table));
             if (!options->bash.empty()) WriteTo(options->bash, BashCompletion(table));
             if (!options->zsh.empty()) WriteTo(options->zsh, ZshCompletion(table));
@@ -218,6 +234,7 @@ void AddHelpCommands(CommandTable& table) {
     generate->add_option("--man", options->man, "the man page")->type_name("FILE");
     generate->add_option("--bash-completion", options->bash, "the bash completion script")->type_name("FILE");
     generate->add_option("--zsh-completion", options->zsh, "the zsh completion script")->type_name("FILE");
+    generate->add_option("--reference", options->reference, "README's command reference (Markdown)")->type_name("FILE");
 }
 
 }  // namespace qvhost::cli

@@ -161,23 +161,26 @@ std::string TargetOf(const CLI::App& command) {
 
 }  // namespace
 
+void DefineCommandLine(CLI::App& app, GlobalOptions& options, CommandTable& table) {
+    app.set_help_flag();  // help is written by Help.cpp
+    app.add_flag("-h,--help", options.help, "this text, or with a command that command's")->group("global options");
+    app.add_flag("--version", options.version,
+                 "the versions of the tool, the plug-in, the Java library and the repository format")
+        ->group("global options");
+    AddGlobalOptions(app, options);
+    AddCommands(table);
+    app.require_subcommand(0, 1);
+}
+
 int Main(int argc, char** argv) {
     GlobalOptions options;
     ReadEnvironment(options);
     CLI::App app("a backup program on the cloud-storage plug-in", "cloudplugin-host");
-    app.set_help_flag();  // help is written by Help.cpp
-    bool help = false;
-    bool version = false;
-    app.add_flag("-h,--help", help, "this text, or with a command that command's")->group("global options");
-    // Help needs no valid command line: 'backup --help' lacks SOURCE_DIR.
-    app.add_flag("--version", version, "the versions of the tool, the plug-in, the Java library and the repository format")
-        ->group("global options");
-    AddGlobalOptions(app, options);
     CommandTable table(app);
-    AddCommands(table);
-    app.require_subcommand(0, 1);
+    DefineCommandLine(app, options, table);
     std::string command;
     int status = kExitOk;
+    // Help needs no valid command line: 'backup --help' lacks SOURCE_DIR.
     if (AsksForHelp(argc, argv)) return PrintHelp(table, CommandNamed(table, argc, argv)), kExitOk;
     try {
         try {
@@ -189,7 +192,7 @@ int Main(int argc, char** argv) {
         }
         const CommandTable::Entry* selected = table.Selected();
         if (selected) command = selected->text.name;
-        if (version) return PrintVersion(), kExitOk;
+        if (options.version) return PrintVersion(), kExitOk;
         if (!selected) throw Error(ErrorKind::Usage, "no command given");
         if (!selected->runner) throw Error(ErrorKind::Usage, command + " takes a command: " + MembersOf(table, command));
         if (options.host.installFolder.empty()) {

@@ -47,135 +47,164 @@ std::vector<std::string> AffectedFiles(const std::vector<Snapshot>& snapshots, c
     }
     return affected;
 }
+// The work of one check: what it has loaded and what it found.
+class CheckRun {
+public:
+    CheckRun(Repository& repository, const CheckOptions& options)
+        : repository_(repository), options_(options), layout_(repository.layout()) {}
 
-}  // namespace
+    CheckReport Run() {
+        LoadIndex();
+        LoadSnapshots();
+        for (const NamedObject& object : repository_.ListIds(layout_.DataPrefix(), &strays_)) {
+            stored_[object.id] = object.size;
+        }
+        for (const std::string& stray : strays_) report_.warnings.push_back("an object of no known kind: " + stray);
+        CheckPacksExist();
+        CheckSnapshotsIndexed();
+        report_.packs = index_.packs().size();
+        report_.blobs = index_.BlobCount();
+        if (options_.readData) ReadData();
+        for (std::string& file : AffectedFiles(snapshots_, index_, badPacks_)) report_.affected.push_back(std::move(file));
+        std::sort(report_.errors.begin(), report_.errors.end());
+        std::sort(report_.affected.begin(), report_.affected.end());
+        report_.affected.erase(std::unique(report_.affected.begin(), report_.affected.end()), report_.affected.end());
+        return std::move(report_);
+    }
 
-CheckReport RunCheck(Repository& repository, const CheckOptions& options) {
-    CheckReport report;
-    const RepositoryLayout& layout = repository.layout();
+private:
     // Each index object on its own, so that one damaged object is named and
     // the rest still checked.
-    MasterIndex index;
-    std::vector<std::string> strays;
-    for (const NamedObject& object : repository.ListIds(layout.IndexPrefix(), &strays)) {
-        try {
-            const Bytes sealed = repository.store().ReadAll(object.name, kMaximumIndexSize);
-            if (Sha256Id(sealed.data(), sealed.size()) != object.id) Damaged("the index " + object.name + " does not match its name");
-            for (const IndexedPack& pack : DecodeIndex(repository.keys(), sealed, object.name)) index.Add(pack);
-            ++report.indexObjects;
-        } catch (const Error& failure) {
-            report.errors.push_back(failure.what());
+    void LoadIndex() {
+        for (const NamedObject& object : repository_.ListIds(layout_.IndexPrefix(), &strays_)) {
+            try {
+                const Bytes sealed = repository_.store().ReadAll(object.name, kMaximumIndexSize);
+                if (Sha256Id(sealed.data(), sealed.size()) != object.id) {
+                    Damaged("the index " + object.name + " does not match its name");
+                }
+                for (const IndexedPack& pack : DecodeIndex(repository_.keys(), sealed, object.name)) index_.Add(pack);
+                ++report_.indexObjects;
+            } catch (const Error& failure) {
+                report_.errors.push_back(failure.what());
+            }
         }
     }
-    std::vector<Snapshot> snapshots;
-    for (const NamedObject& object : repository.ListIds(layout.SnapshotsPrefix(), &strays)) {
-        try {
-            snapshots.push_back(repository.LoadSnapshot(IdHex(object.id)));
-        } catch (const Error& failure) {
-            report.errors.push_back(failure.what());
-        }
-    }
-    report.snapshots = snapshots.size();
-    std::set<Id> stored;
-    for (const NamedObject& object : repository.ListIds(layout.DataPrefix(), &strays)) stored.insert(object.id);
-    for (const std::string& stray : strays) report.warnings.push_back("an object of no known kind: " + stray);
 
-    std::set<Id> badPacks;
-    for (const Id& pack : index.packs()) {
-        if (!stored.count(pack)) {
-            report.errors.push_back("the pack " + layout.Pack(pack) + " is named by the index but missing");
-            badPacks.insert(pack);
+    void LoadSnapshots() {
+        for (const NamedObject& object : repository_.ListIds(layout_.SnapshotsPrefix(), &strays_)) {
+            try {
+                snapshots_.push_back(repository_.LoadSnapshot(IdHex(object.id)));
+            } catch (const Error& failure) {
+                report_.errors.push_back(failure.what());
+            }
+        }
+        report_.snapshots = snapshots_.size();
+    }
+
+    void CheckPacksExist() {
+        for (const Id& pack : index_.packs()) {
+            if (!stored_.count(pack)) {
+                report_.errors.push_back("the pack " + layout_.Pack(pack) + " is named by the index but missing");
+                badPacks_.insert(pack);
+            }
+        }
+        size_t unindexed = 0;
+        for (const auto& [pack, size] : stored_) unindexed += index_.HasPack(pack) ? 0 : 1;
+        if (unindexed) {
+            report_.warnings.push_back(std::to_string(unindexed) +
+                                       " packs are named by no index (left by a backup that did not finish): the next "
+                                       "backup uses them, a prune removes them");
         }
     }
-    size_t unindexed = 0;
-    for (const Id& pack : stored) unindexed += index.HasPack(pack) ? 0 : 1;
-    if (unindexed) {
-        report.warnings.push_back(std::to_string(unindexed) +
-                                  " packs are named by no index (left by a backup that did not finish): the next "
-                                  "backup uses them, 'prune' removes them");
-    }
-    for (const Snapshot& snapshot : snapshots) {
-        for (const SnapshotFile& file : snapshot.files) {
-            for (const Id& chunk : file.chunks) {
-                if (!index.Has(chunk)) {
-                    report.errors.push_back("the snapshot " + snapshot.id.substr(0, 8) + " names a chunk of '" +
-                                            Printable(file.path) + "' that no index holds (" + Short(chunk) + ")");
-                    report.affected.push_back(snapshot.id.substr(0, 8) + " " + file.path);
-                    break;
+
+    void CheckSnapshotsIndexed() {
+        for (const Snapshot& snapshot : snapshots_) {
+            for (const SnapshotFile& file : snapshot.files) {
+                for (const Id& chunk : file.chunks) {
+                    if (!index_.Has(chunk)) {
+                        report_.errors.push_back("the snapshot " + snapshot.id.substr(0, 8) + " names a chunk of '" +
+                                                 Printable(file.path) + "' that no index holds (" + Short(chunk) + ")");
+                        report_.affected.push_back(snapshot.id.substr(0, 8) + " " + file.path);
+                        break;
+                    }
                 }
             }
         }
     }
-    report.packs = index.packs().size();
-    report.blobs = index.BlobCount();
 
-    if (options.readData) {
-        std::map<Id, std::vector<PackEntry>> indexed;
-        for (const IndexedPack& pack : index.all()) {
-            auto& entries = indexed[pack.pack];
+    // Every indexed pack that exists, read whole: its name, its header, the
+    // index's entries against the header, and every blob opened.
+    void ReadData() {
+        for (const IndexedPack& pack : index_.all()) {
+            auto& entries = indexed_[pack.pack];
             entries.insert(entries.end(), pack.blobs.begin(), pack.blobs.end());
         }
         std::vector<Id> packs;
-        for (const auto& entry : indexed) {
-            if (stored.count(entry.first)) packs.push_back(entry.first);
-        }
         uint64_t total = 0;
-        for (const NamedObject& object : repository.ListIds(layout.DataPrefix())) {
-            if (indexed.count(object.id)) total += object.size;
+        for (const auto& [pack, entries] : indexed_) {
+            if (stored_.count(pack)) packs.push_back(pack), total += stored_.at(pack);
         }
-        std::mutex mutex;
-        Progress progress(options.progress, "check", total, packs.size());
-        try {
-            RunInParallel(std::max(1u, options.jobs), packs.size(), [&](size_t item, unsigned) {
-                const Id& pack = packs[item];
-                Bytes bytes;
-                Bytes plain;
-                std::string problem;
-                try {
-                    const std::vector<PackEntry> header = ReadWholePack(repository, pack, bytes);
-                    std::map<Id, PackEntry> byId;
-                    for (const PackEntry& entry : header) byId[entry.id] = entry;
-                    for (const PackEntry& entry : indexed[pack]) {
-                        const auto found = byId.find(entry.id);
-                        if (found == byId.end() || found->second.offset != entry.offset ||
-                            found->second.length != entry.length || found->second.plainLength != entry.plainLength ||
-                            found->second.compressed != entry.compressed) {
-                            Damaged("the pack " + layout.Pack(pack) + " does not hold the blob " + Short(entry.id) +
-                                    " where the index says");
-                        }
-                    }
-                    for (const PackEntry& entry : header) {
-                        std::string why;
-                        if (!OpenBlob(repository.keys(), entry, bytes.data() + entry.offset, entry.length, plain, why)) {
-                            Damaged("the pack " + layout.Pack(pack) + ": the blob " + Short(entry.id) + " " + why);
-                        }
-                    }
-                } catch (const ObjectMissing&) {
-                    problem = "the pack " + layout.Pack(pack) + " went missing while being checked";
-                } catch (const Error& failure) {
-                    if (failure.kind() != ErrorKind::Damaged) throw;
-                    problem = failure.what();
-                }
-                std::lock_guard<std::mutex> lock(mutex);
-                report.bytesRead += bytes.size();
-                progress.BytesDone(bytes.size());
-                progress.FileDone(IdHex(pack).substr(0, 16), bytes.size());
-                if (!problem.empty()) {
-                    report.errors.push_back(problem);
-                    badPacks.insert(pack);
-                }
-            });
-        } catch (...) {
-            progress.Finish();
-            throw;
-        }
-        progress.Finish();
+        Progress progress(options_.progress, "check", total, packs.size());
+        RunInParallel(std::max(1u, options_.jobs), packs.size(), [&](size_t item, unsigned) {
+            Bytes bytes;
+            const std::string problem = CheckPack(packs[item], bytes);
+            std::lock_guard<std::mutex> lock(mutex_);
+            report_.bytesRead += bytes.size();
+            progress.BytesDone(bytes.size());
+            progress.FileDone(Short(packs[item]), bytes.size());
+            if (!problem.empty()) {
+                report_.errors.push_back(problem);
+                badPacks_.insert(packs[item]);
+            }
+        });
     }
-    for (std::string& file : AffectedFiles(snapshots, index, badPacks)) report.affected.push_back(std::move(file));
-    std::sort(report.errors.begin(), report.errors.end());
-    std::sort(report.affected.begin(), report.affected.end());
-    report.affected.erase(std::unique(report.affected.begin(), report.affected.end()), report.affected.end());
-    return report;
-}
+
+    // Empty when the pack is whole; else what is wrong with it.
+    std::string CheckPack(const Id& pack, Bytes& bytes) {
+        Bytes plain;
+        try {
+            const std::vector<PackEntry> header = ReadWholePack(repository_, pack, bytes);
+            std::map<Id, PackEntry> byId;
+            for (const PackEntry& entry : header) byId[entry.id] = entry;
+            for (const PackEntry& entry : indexed_.at(pack)) {
+                const auto found = byId.find(entry.id);
+                if (found == byId.end() || found->second.offset != entry.offset ||
+                    found->second.length != entry.length || found->second.plainLength != entry.plainLength ||
+                    found->second.compressed != entry.compressed) {
+                    Damaged("the pack " + layout_.Pack(pack) + " does not hold the blob " + Short(entry.id) +
+                            " where the index says");
+                }
+            }
+            for (const PackEntry& entry : header) {
+                std::string why;
+                if (!OpenBlob(repository_.keys(), entry, bytes.data() + entry.offset, entry.length, plain, why)) {
+                    Damaged("the pack " + layout_.Pack(pack) + ": the blob " + Short(entry.id) + " " + why);
+                }
+            }
+        } catch (const ObjectMissing&) {
+            return "the pack " + layout_.Pack(pack) + " went missing while being checked";
+        } catch (const Error& failure) {
+            if (failure.kind() != ErrorKind::Damaged) throw;
+            return failure.what();
+        }
+        return "";
+    }
+
+    Repository& repository_;
+    const CheckOptions options_;
+    const RepositoryLayout& layout_;
+    CheckReport report_;
+    MasterIndex index_;
+    std::vector<Snapshot> snapshots_;
+    std::vector<std::string> strays_;
+    std::map<Id, uint64_t> stored_;  // pack -> size
+    std::map<Id, std::vector<PackEntry>> indexed_;
+    std::set<Id> badPacks_;
+    std::mutex mutex_;
+};
+
+}  // namespace
+
+CheckReport RunCheck(Repository& repository, const CheckOptions& options) { return CheckRun(repository, options).Run(); }
 
 }  // namespace qvhost::repo
