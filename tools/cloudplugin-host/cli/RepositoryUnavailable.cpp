@@ -16,6 +16,7 @@ void AddUnavailable(CommandTable& table, const std::string& name, const std::str
                                                           "' cannot run here; 'cloudplugin-host legacy' commands "
                                                           "keep backups in the version 2 layout");
               })
+        ->fallthrough(false)
         ->allow_extras();
 }
 
