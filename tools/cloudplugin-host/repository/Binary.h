@@ -26,6 +26,18 @@ public:
     }
     void Raw(const uint8_t* data, size_t size) { out_.insert(out_.end(), data, data + size); }
     void Id(const repo::Id& id) { Raw(id.data(), id.size()); }
+    // Seven bits a byte, low first, the high bit saying more follow.
+    void Varint(uint64_t value) {
+        while (value >= 0x80) {
+            out_.push_back(static_cast<uint8_t>(value | 0x80));
+            value >>= 7;
+        }
+        out_.push_back(static_cast<uint8_t>(value));
+    }
+    // Signed values as zigzag varints: small magnitudes stay short.
+    void Signed(int64_t value) {
+        Varint((static_cast<uint64_t>(value) << 1) ^ static_cast<uint64_t>(value >> 63));
+    }
 
 private:
     Bytes& out_;
@@ -54,6 +66,20 @@ public:
         return id;
     }
     const uint8_t* Raw(size_t size) { return Take(size); }
+    uint64_t Varint() {
+        uint64_t value = 0;
+        for (int shift = 0; shift < 64; shift += 7) {
+            const uint8_t byte = U8();
+            if (shift == 63 && byte > 1) break;
+            value |= static_cast<uint64_t>(byte & 0x7F) << shift;
+            if ((byte & 0x80) == 0) return value;
+        }
+        Fail("holds a number of more than 64 bits");
+    }
+    int64_t Signed() {
+        const uint64_t value = Varint();
+        return static_cast<int64_t>((value >> 1) ^ (~(value & 1) + 1));
+    }
     // A count of records of at least `recordSize` bytes each: refused when
     // the bytes left could not hold that many.
     uint32_t Count(size_t recordSize) {
