@@ -153,22 +153,38 @@ TEST(LocalFiles, OutputFileRefusesToReplaceUnlessTold) {
     EXPECT_EQ(fs::file_size(fs::u8path(path)), 0u);
 }
 
+// A node of the given kind with a mode and a modification time.
+repo::Node NodeOf(repo::NodeType type, uint32_t mode, int64_t modifiedNs, const std::string& target = "") {
+    repo::Node node;
+    node.type = type;
+    node.mode = mode;
+    node.modifiedNs = modifiedNs;
+    node.linkTarget = target;
+    return node;
+}
+
+repo::Node FileNode(uint32_t mode, int64_t modifiedNs) { return NodeOf(repo::NodeType::File, mode, modifiedNs); }
+repo::Node FolderNode(uint32_t mode, int64_t modifiedNs) { return NodeOf(repo::NodeType::Folder, mode, modifiedNs); }
+repo::Node LinkNode(const std::string& target, int64_t modifiedNs) {
+    return NodeOf(repo::NodeType::Link, 0777, modifiedNs, target);
+}
+
 class DestinationTest : public ::testing::Test {
 protected:
     std::string Root() const { return work_.PathUtf8() + "/dest"; }
     std::string Outside() const { return work_.PathUtf8() + "/outside"; }
 
     void Restore(Destination& destination, const std::string& path, const std::string& text, uint32_t mode = 0644) {
-        std::unique_ptr<repo::RestoredFile> file = destination.MakeFile(path);
+        std::unique_ptr<repo::RestoredFile> file = destination.MakeFile(path, FileNode(mode, 0));
         file->WriteAt(0, text.data(), text.size());
-        file->Commit(mode, 1234567890000000000);
+        file->Commit(FileNode(mode, 1234567890000000000));
     }
 
     testsupport::TempFolder work_;
 };
 
 TEST_F(DestinationTest, WritesFilesWithTheirModeAndTimeAndNoTemporaryLeft) {
-    Destination destination(Root(), false);
+    Destination destination(Root(), DestinationOptions{false, false});
     Restore(destination, "a/b/file", "content", 0751);
     EXPECT_EQ(ReadText(Root() + "/a/b/file"), "content");
     EXPECT_EQ(ModeOf(Root() + "/a/b/file"), 0751u);
@@ -177,11 +193,11 @@ TEST_F(DestinationTest, WritesFilesWithTheirModeAndTimeAndNoTemporaryLeft) {
 }
 
 TEST_F(DestinationTest, PartsMayArriveInAnyOrder) {
-    Destination destination(Root(), false);
-    std::unique_ptr<repo::RestoredFile> file = destination.MakeFile("f");
+    Destination destination(Root(), DestinationOptions{false, false});
+    std::unique_ptr<repo::RestoredFile> file = destination.MakeFile("f", FileNode(0644, 0));
     file->WriteAt(3, "def", 3);
     file->WriteAt(0, "abc", 3);
-    file->Commit(std::nullopt, 0);
+    file->Commit(FileNode(0644, 0));
     EXPECT_EQ(ReadText(Root() + "/f"), "abcdef");
 }
 
@@ -190,8 +206,8 @@ TEST_F(DestinationTest, WholeBlocksAndAnUnalignedTailMakeOneFile) {
     // system has it), then a 5-byte tail, which the cache takes.
     AlignedBuffer buffer;
     buffer.Reserve(8192);
-    Destination destination(Root(), false);
-    std::unique_ptr<repo::RestoredFile> file = destination.MakeFile("big");
+    Destination destination(Root(), DestinationOptions{false, false});
+    std::unique_ptr<repo::RestoredFile> file = destination.MakeFile("big", FileNode(0640, 0));
     std::string expected;
     for (const char fill : {'b', 'a'}) {
         std::memset(buffer.data(), fill, 8192);
@@ -199,21 +215,21 @@ TEST_F(DestinationTest, WholeBlocksAndAnUnalignedTailMakeOneFile) {
     }
     std::memcpy(buffer.data(), "tail!", 5);
     file->WriteAt(16384, buffer.data(), 5);
-    file->Commit(0640, 0);
+    file->Commit(FileNode(0640, 0));
     EXPECT_EQ(ReadText(Root() + "/big"), std::string(8192, 'a') + std::string(8192, 'b') + "tail!");
     EXPECT_EQ(ModeOf(Root() + "/big"), 0640u);
 }
 
 TEST_F(DestinationTest, SetIdBitsAreNeverRestored) {
-    Destination destination(Root(), false);
+    Destination destination(Root(), DestinationOptions{false, false});
     Restore(destination, "tool", "#!/bin/sh\n", 06755);
     EXPECT_EQ(ModeOf(Root() + "/tool"), 0755u);
 }
 
 TEST_F(DestinationTest, AFileThatIsNotCommittedLeavesNothing) {
-    Destination destination(Root(), false);
+    Destination destination(Root(), DestinationOptions{false, false});
     {
-        std::unique_ptr<repo::RestoredFile> file = destination.MakeFile("dir/abandoned");
+        std::unique_ptr<repo::RestoredFile> file = destination.MakeFile("dir/abandoned", FileNode(0644, 0));
         file->WriteAt(0, "x", 1);
     }
     EXPECT_TRUE(fs::is_empty(Root() + "/dir"));
@@ -224,31 +240,31 @@ TEST_F(DestinationTest, ALinkOnTheWayIsRefusedAndNothingIsWrittenThroughIt) {
     fs::create_directories(Root());
     fs::create_directory_symlink(Outside(), Root() + "/sub");
     for (const bool overwrite : {false, true}) {
-        Destination destination(Root(), overwrite);
+        Destination destination(Root(), DestinationOptions{overwrite, false});
         const auto [status, message] = Outcome([&] { destination.Check("sub/x", EntryKind::File); });
         EXPECT_EQ(status, ErrorKind::LocalFile);
         EXPECT_NE(message.find("symbolic link"), std::string::npos) << message;
         EXPECT_EQ(Outcome([&] { Restore(destination, "sub/x", "x"); }).first, ErrorKind::LocalFile);
-        EXPECT_EQ(Outcome([&] { destination.MakeFolder({"sub/folder", 0, 0755}); }).first, ErrorKind::LocalFile);
-        EXPECT_EQ(Outcome([&] { destination.MakeLink({"sub/link", "t", 0}); }).first, ErrorKind::LocalFile);
+        EXPECT_EQ(Outcome([&] { destination.MakeFolder("sub/folder", FolderNode(0755, 0)); }).first, ErrorKind::LocalFile);
+        EXPECT_EQ(Outcome([&] { destination.MakeLink("sub/link", LinkNode("t", 0)); }).first, ErrorKind::LocalFile);
     }
     EXPECT_TRUE(fs::is_empty(Outside()));
 }
 
 TEST_F(DestinationTest, AnExistingEntryIsRefusedUnlessOverwriting) {
     WriteText(Root() + "/f", "keep me");
-    Destination destination(Root(), false);
+    Destination destination(Root(), DestinationOptions{false, false});
     EXPECT_EQ(Outcome([&] { destination.Check("f", EntryKind::File); }).first, ErrorKind::LocalFile);
     EXPECT_EQ(Outcome([&] { Restore(destination, "f", "new"); }).first, ErrorKind::LocalFile);
     EXPECT_EQ(ReadText(Root() + "/f"), "keep me");
-    EXPECT_EQ(Outcome([&] { destination.MakeLink({"f", "t", 0}); }).first, ErrorKind::LocalFile);
+    EXPECT_EQ(Outcome([&] { destination.MakeLink("f", LinkNode("t", 0)); }).first, ErrorKind::LocalFile);
 }
 
 TEST_F(DestinationTest, OverwriteReplacesALinkItselfNeverItsTarget) {
     WriteText(Outside() + "/target", "outside stays");
     fs::create_directories(Root());
     fs::create_symlink(Outside() + "/target", Root() + "/f");
-    Destination destination(Root(), true);
+    Destination destination(Root(), DestinationOptions{true, false});
     destination.Check("f", EntryKind::File);
     Restore(destination, "f", "restored");
     EXPECT_FALSE(fs::is_symlink(Root() + "/f"));
@@ -258,7 +274,7 @@ TEST_F(DestinationTest, OverwriteReplacesALinkItselfNeverItsTarget) {
 
 TEST_F(DestinationTest, AFolderIsNeverReplaced) {
     fs::create_directories(Root() + "/d/inner");
-    Destination destination(Root(), true);
+    Destination destination(Root(), DestinationOptions{true, false});
     EXPECT_EQ(Outcome([&] { destination.Check("d", EntryKind::File); }).first, ErrorKind::LocalFile);
     EXPECT_EQ(Outcome([&] { destination.Check("d", EntryKind::Link); }).first, ErrorKind::LocalFile);
     EXPECT_EQ(Outcome([&] { destination.Check("d", EntryKind::Folder); }).first, std::nullopt);
@@ -267,9 +283,9 @@ TEST_F(DestinationTest, AFolderIsNeverReplaced) {
 }
 
 TEST_F(DestinationTest, LinksAndEmptyFoldersAreMadeAsTheBackupHasThem) {
-    Destination destination(Root(), false);
-    destination.MakeLink({"a/link", "../../elsewhere", 5000000000});
-    destination.MakeFolder({"a/empty", 6000000000, 0710});
+    Destination destination(Root(), DestinationOptions{false, false});
+    destination.MakeLink("a/link", LinkNode("../../elsewhere", 5000000000));
+    destination.MakeFolder("a/empty", FolderNode(0710, 6000000000));
     EXPECT_EQ(fs::read_symlink(Root() + "/a/link").string(), "../../elsewhere");
     EXPECT_EQ(ModifiedNs(Root() + "/a/link"), 5000000000);
     EXPECT_EQ(ModeOf(Root() + "/a/empty"), 0710u);

@@ -73,8 +73,7 @@ TEST_F(RepositoryTest, RestoreGivesBackTheTreeAndASubPath) {
     EXPECT_EQ(ReadFile(Folder("sub") + "/a.txt"), Bytes(70000, 'a'));
     EXPECT_TRUE(fs::exists(Folder("sub") + "/deep/b.bin"));
     EXPECT_FALSE(fs::exists(Folder("sub") + "/empty.txt"));
-    EXPECT_EQ(KindOf([&] { SelectSubPath(repository_->LoadSnapshot(report.snapshot.id), "nothing/here"); }),
-              ErrorKind::NotFound);
+    EXPECT_EQ(KindOf([&] { Restore(report.snapshot.id, Folder("none"), "nothing/here"); }), ErrorKind::NotFound);
 }
 
 TEST_F(RepositoryTest, ADamagedPackNamesEveryAffectedFileAndWritesNoneOfThem) {
@@ -84,8 +83,8 @@ TEST_F(RepositoryTest, ADamagedPackNamesEveryAffectedFileAndWritesNoneOfThem) {
     const BackupReport report = Backup(source);
     // One bit of one chunk of each file, in storage.
     const MasterIndex index = repository_->LoadIndex();
-    for (const SnapshotFile& file : report.snapshot.files) {
-        const BlobLocation* location = index.Find(file.chunks.back());
+    for (const auto& [path, file] : Files(report.snapshot.id)) {
+        const BlobLocation* location = index.Find(file.content.back());
         store_.objects()[repository_->layout().Pack(location->pack)][location->entry.offset + 40] ^= 0x04;
     }
     const RestoreReport restore = Restore(report.snapshot.id, Folder("restored"));
@@ -105,7 +104,7 @@ TEST_F(RepositoryTest, AMissingPackIsNamedByCheckAndRestore) {
     const std::string source = Folder("source");
     WriteFile(source + "/lost.bin", RandomBytes(100000, 11));
     const BackupReport report = Backup(source);
-    for (const std::string& pack : Names("repo/data/")) store_.Delete(pack);
+    for (const std::string& pack : DataPacks()) store_.Delete(pack);
     const RestoreReport restore = Restore(report.snapshot.id, Folder("restored"));
     ASSERT_EQ(restore.damaged.size(), 1u);
     EXPECT_NE(restore.damaged[0].what.find("missing"), std::string::npos);

@@ -18,7 +18,7 @@ SnapshotInfo Info(const std::string& id, const std::string& host, const std::str
     SnapshotInfo info;
     info.id = id;
     info.host = host;
-    info.source = source;
+    info.paths = {source};
     info.timeNs = (day * 86400 + 43200) * 1000000000;
     info.tags = std::move(tags);
     return info;

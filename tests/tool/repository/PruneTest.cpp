@@ -35,9 +35,16 @@ TEST_F(RepositoryTest, PruneDeletesNothingWhenASnapshotNamesMissingData) {
     const std::string source = Folder("source");
     WriteFile(source + "/a.bin", RandomBytes(100000, 32));
     Backup(source);
-    const std::vector<std::string> packs = Names("repo/data/");
-    store_.Delete(packs[0]);
-    const size_t objects = store_.objects().size();
+    // The pack of the file's chunks, then also the pack of the trees.
+    const std::vector<std::string> data = DataPacks();
+    std::vector<std::string> packs = Names("repo/data/");
+    ASSERT_EQ(data.size(), 1u);
+    store_.Delete(data[0]);
+    size_t objects = store_.objects().size();
+    EXPECT_EQ(KindOf([&] { Prune(*repository_); }), ErrorKind::Damaged);
+    EXPECT_EQ(store_.objects().size(), objects);
+    for (const std::string& pack : packs) store_.Delete(pack);
+    objects = store_.objects().size();
     EXPECT_EQ(KindOf([&] { Prune(*repository_); }), ErrorKind::Damaged);
     EXPECT_EQ(store_.objects().size(), objects);
 }

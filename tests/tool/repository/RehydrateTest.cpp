@@ -24,18 +24,22 @@ TEST(Rehydrate, AsksForArchivedObjectsAndCountsTheRest) {
     EXPECT_EQ(store.rehydrations(), (std::vector<std::string>{"a High"}));
 }
 
-TEST_F(RepositoryTest, ASnapshotsPacksAreOnlyThoseItsFilesNeed) {
+TEST_F(RepositoryTest, ASnapshotsPacksAreOnlyThoseItsTreesAndFilesNeed) {
     WriteFile(Folder("one") + "/a.bin", RandomBytes(300000, 40));
     WriteFile(Folder("two") + "/b.bin", RandomBytes(300000, 41));
     const BackupReport first = Backup(Folder("one"));
     const BackupReport second = Backup(Folder("two"));
+    // Each snapshot: the pack of its file's chunks and the pack of its trees.
     const std::vector<StoredObject> packs =
         PacksOf(*repository_, repository_->LoadSnapshot(first.snapshot.id), repository_->LoadIndex());
-    ASSERT_EQ(packs.size(), 1u);
+    ASSERT_EQ(packs.size(), 2u);
     const std::vector<StoredObject> others =
         PacksOf(*repository_, repository_->LoadSnapshot(second.snapshot.id), repository_->LoadIndex());
-    ASSERT_EQ(others.size(), 1u);
-    EXPECT_NE(packs[0].name, others[0].name);
+    ASSERT_EQ(others.size(), 2u);
+    for (const StoredObject& pack : packs) {
+        for (const StoredObject& other : others) EXPECT_NE(pack.name, other.name);
+    }
+    EXPECT_EQ(TreePacks(*repository_, repository_->LoadIndex()).size(), 2u);
     for (const StoredObject& object : OwnObjects(store_, repository_->layout())) {
         EXPECT_EQ(object.name.find("repo/data/"), std::string::npos) << object.name;
     }

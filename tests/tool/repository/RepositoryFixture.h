@@ -21,6 +21,7 @@
 #include "repository/MemoryStore.h"
 #include "repository/Prune.h"
 #include "repository/Restore.h"
+#include "repository/TreeReader.h"
 #include "support/TempFolder.h"
 #include "util/Error.h"
 
@@ -71,7 +72,7 @@ inline InitOptions SmallRepository() {
 
 // A backup of a local folder.
 inline BackupReport BackupFolder(Repository& repository, const std::string& folder, const BackupOptions& options) {
-    LocalSource source(folder);
+    LocalSource source({folder});
     return RunBackup(repository, source, options);
 }
 
@@ -98,9 +99,33 @@ protected:
     }
 
     RestoreReport Restore(const std::string& id, const std::string& destination, const std::string& subPath = "") {
-        const Snapshot snapshot = SelectSubPath(repository_->LoadSnapshot(id), subPath);
-        Destination target(destination, false);
-        return RunRestore(*repository_, repository_->LoadIndex(), snapshot, &target, RestoreOptions{2, "", nullptr});
+        const Snapshot snapshot = repository_->LoadSnapshot(id);
+        Destination target(destination, DestinationOptions{});
+        return RunRestore(*repository_, repository_->LoadIndex(), snapshot, &target, RestoreOptions{2, subPath, nullptr});
+    }
+
+    // Every file of a snapshot, by path.
+    std::vector<std::pair<std::string, Node>> Files(const std::string& snapshotId) {
+        const MasterIndex index = repository_->LoadIndex();
+        TreeReader reader(*repository_, index);
+        std::vector<std::pair<std::string, Node>> files;
+        WalkTree(reader, repository_->LoadSnapshot(snapshotId).tree, [&](const std::string& path, const Node& node) {
+            if (node.type == NodeType::File) files.push_back({path, node});
+            return true;
+        });
+        return files;
+    }
+
+    // The packs that hold chunks of files (not trees).
+    std::vector<std::string> DataPacks() {
+        std::vector<std::string> packs;
+        const MasterIndex index = repository_->LoadIndex();
+        for (const IndexedPack& pack : index.all()) {
+            if (!pack.blobs.empty() && pack.blobs[0].type == BlobType::Data) {
+                packs.push_back(repository_->layout().Pack(pack.pack));
+            }
+        }
+        return packs;
     }
 
     std::vector<std::string> Names(const std::string& prefix) {

@@ -1,8 +1,10 @@
 // The restore sink both layouts write through: every path checked before
-// the first write, pieces in any order, a damaged file removed and named,
-// set-ID bits reported, folders and links made after every file.
+// the first write, pieces in any order, a damaged file removed and named
+// (and its other names with it), set-ID bits reported, then hard links,
+// links and special files, and folders last, deepest first.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 
@@ -13,6 +15,14 @@ using namespace qvhost;
 using namespace qvhost::repo;
 
 namespace {
+
+Node Of(NodeType type, uint32_t mode, uint64_t size = 0) {
+    Node node;
+    node.type = type;
+    node.mode = mode;
+    node.size = size;
+    return node;
+}
 
 // A target that keeps what is made, in memory, and the order of events.
 class RecordingTarget : public RestoreTarget {
@@ -26,10 +36,10 @@ public:
             if (content.size() < offset + size) content.resize(offset + size);
             content.replace(offset, size, static_cast<const char*>(data), size);
         }
-        void Commit(std::optional<uint32_t> mode, int64_t) override {
+        void Commit(const Node& node) override {
             committed = true;
             target.files[path] = content;
-            target.Event("file " + path + " " + std::to_string(mode.value_or(0)));
+            target.Event("file " + path + " " + std::to_string(node.mode));
         }
         RecordingTarget& target;
         std::string path;
@@ -41,11 +51,16 @@ public:
         checked.push_back(path);
         if (path == refuse) throw Error(ErrorKind::LocalFile, "refusing " + path);
     }
-    std::unique_ptr<RestoredFile> MakeFile(const std::string& path) override {
+    std::unique_ptr<RestoredFile> MakeFile(const std::string& path, const Node&) override {
         return std::make_unique<File>(*this, path);
     }
-    void MakeFolder(const FolderRecord& folder) override { Event("folder " + folder.relativePath); }
-    void MakeLink(const LinkRecord& link) override { Event("link " + link.relativePath); }
+    void MakeFolder(const std::string& path, const Node&) override { Event("folder " + path); }
+    void MakeLink(const std::string& path, const Node&) override { Event("link " + path); }
+    void MakeSpecial(const std::string& path, const Node&) override { Event("special " + path); }
+    void MakeHardLink(const std::string& path, const std::string& existing) override {
+        Event("hard link " + path + " -> " + existing);
+    }
+    std::vector<std::string> TakeNotes() override { return {"a note"}; }
 
     void Event(const std::string& event) {
         std::lock_guard<std::mutex> lock(mutex);
@@ -59,15 +74,21 @@ public:
     std::mutex mutex;
 };
 
-RestoreSink TwoFiles(RecordingTarget* target) {
-    return RestoreSink(target, {{"a", 6, 0644, 0}, {"s", 2, 04755, 0}}, {{"dir", 0, 0700}}, {{"link", "a", 0}});
+RestorePlan Plan() {
+    RestorePlan plan;
+    plan.files = {{"a", Of(NodeType::File, 0644, 6)}, {"d/s", Of(NodeType::File, 04755, 2)}};
+    plan.folders = {{"d", Of(NodeType::Folder, 0700)}, {"d/e", Of(NodeType::Folder, 0755)}};
+    plan.links = {{"link", Of(NodeType::Link, 0777)}};
+    plan.specials = {{"d/pipe", Of(NodeType::Fifo, 0600)}};
+    plan.hardLinks = {{"d/also-a", "a"}};
+    return plan;
 }
 
-TEST(RestoreSink, PiecesInAnyOrderMakeTheFileAndFoldersAndLinksComeLast) {
+TEST(RestoreSink, PiecesInAnyOrderThenLinksAndSpecialsAndFoldersDeepestLast) {
     RecordingTarget target;
-    RestoreSink sink = TwoFiles(&target);
+    RestoreSink sink(&target, Plan());
     sink.CheckPaths();
-    EXPECT_EQ(target.checked, (std::vector<std::string>{"a", "s", "dir", "link"}));
+    EXPECT_EQ(target.checked, (std::vector<std::string>{"a", "d/s", "d/also-a", "d/pipe", "d", "d/e", "link"}));
     Progress progress(nullptr, "restore", sink.TotalBytes(), 2);
     sink.Expect(0, 2);
     sink.Expect(1, 1);
@@ -78,16 +99,18 @@ TEST(RestoreSink, PiecesInAnyOrderMakeTheFileAndFoldersAndLinksComeLast) {
     sink.PieceDone(0, progress);
     sink.Write(1, 0, "xy", 2);
     sink.PieceDone(1, progress);
-    sink.MakeFoldersAndLinks();
+    sink.MakeTheRest();
     EXPECT_EQ(target.files["a"], "abcdef");
-    EXPECT_EQ(target.events, (std::vector<std::string>{"file a 420", "file s 2541", "folder dir", "link link"}));
-    EXPECT_EQ(sink.SetIdDropped(), (std::vector<std::string>{"s"}));
+    EXPECT_EQ(target.events, (std::vector<std::string>{"file a 420", "file d/s 2541", "hard link d/also-a -> a",
+                                                       "link link", "special d/pipe", "folder d/e", "folder d"}));
+    EXPECT_EQ(sink.SetIdDropped(), (std::vector<std::string>{"d/s"}));
     EXPECT_TRUE(sink.Damaged().empty());
+    EXPECT_EQ(sink.Notes(), (std::vector<std::string>{"a note"}));
 }
 
-TEST(RestoreSink, AFailedPieceRemovesTheFileAndNamesItOnce) {
+TEST(RestoreSink, AFailedPieceRemovesTheFileAndNamesItAndItsOtherNames) {
     RecordingTarget target;
-    RestoreSink sink = TwoFiles(&target);
+    RestoreSink sink(&target, Plan());
     Progress progress(nullptr, "restore", sink.TotalBytes(), 2);
     sink.Expect(0, 2);
     sink.Write(0, 0, "abc", 3);
@@ -96,31 +119,40 @@ TEST(RestoreSink, AFailedPieceRemovesTheFileAndNamesItOnce) {
     sink.Fail(0, "pack-2", "a second reason");
     sink.PieceDone(0, progress);
     sink.FinishIdle(progress);  // the empty-handed second file is made empty
+    sink.MakeTheRest();
     EXPECT_EQ(target.files.count("a"), 0u);
-    ASSERT_EQ(sink.Damaged().size(), 1u);
-    EXPECT_EQ(sink.Damaged()[0].object, "pack-1");
-    EXPECT_EQ(sink.Damaged()[0].file, "a");
+    const std::vector<RestoreProblem> damaged = sink.Damaged();
+    ASSERT_EQ(damaged.size(), 2u);
+    EXPECT_EQ(damaged[0].file, "a");
+    EXPECT_EQ(damaged[0].object, "pack-1");
+    EXPECT_EQ(damaged[1].file, "d/also-a");
     EXPECT_NE(std::find(target.events.begin(), target.events.end(), "removed a"), target.events.end());
-    EXPECT_EQ(target.files["s"], "");
+    EXPECT_EQ(std::count_if(target.events.begin(), target.events.end(),
+                            [](const std::string& e) { return e.rfind("hard link", 0) == 0; }),
+              0);
+    EXPECT_EQ(target.files["d/s"], "");
 }
 
 TEST(RestoreSink, ARefusedPathStopsEverythingBeforeAnyWrite) {
     RecordingTarget target;
     target.refuse = "link";
-    RestoreSink sink = TwoFiles(&target);
+    RestoreSink sink(&target, Plan());
     EXPECT_THROW(sink.CheckPaths(), Error);
     EXPECT_TRUE(target.events.empty());
 }
 
 TEST(RestoreSink, WithoutATargetItOnlyChecks) {
-    RestoreSink sink(nullptr, {{"a", 3, 0644, 0}}, {}, {});
+    RestorePlan plan;
+    plan.files = {{"a", Of(NodeType::File, 0644, 3)}};
+    RestoreSink sink(nullptr, plan);
     sink.CheckPaths();
     Progress progress(nullptr, "verify", 3, 1);
     sink.Expect(0, 1);
     sink.Write(0, 0, "abc", 3);
     sink.PieceDone(0, progress);
-    sink.MakeFoldersAndLinks();
+    sink.MakeTheRest();
     EXPECT_TRUE(sink.Damaged().empty());
+    EXPECT_TRUE(sink.Notes().empty());
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ namespace qvhost::cli {
 namespace {
 
 struct BackupCommandOptions {
-    std::string source;
+    std::vector<std::string> sources;
     std::string host;
     std::vector<std::string> tags;
     bool force = false;
@@ -25,7 +25,7 @@ void SaySummary(Context& context, const repo::BackupReport& report, bool dryRun,
     const repo::Snapshot& snapshot = report.snapshot;
     const std::string would = dryRun ? "would store " : "stored ";
     context.Say((dryRun ? std::string("dry run, nothing stored: ") : "snapshot " + ShortId(snapshot.id) + " ") +
-                "of " + Printable(snapshot.source) + ": " + std::to_string(snapshot.files.size()) + " files (" +
+                "of " + repo::PathsText(snapshot.paths) + ": " + std::to_string(snapshot.Files()) + " files (" +
                 std::to_string(report.filesNew) + " new, " + std::to_string(report.filesChanged) + " changed, " +
                 std::to_string(report.filesUnmodified) + " unmodified), " +
                 FormatBytes(static_cast<double>(snapshot.TotalBytes())));
@@ -47,7 +47,8 @@ Json BackupJson(const repo::BackupReport& report, bool dryRun, double seconds, i
                 {"snapshot", snapshot.id},
                 {"short_id", ShortId(snapshot.id)},
                 {"parent", snapshot.parent},
-                {"files", snapshot.files.size()},
+                {"paths", snapshot.paths},
+                {"files", snapshot.Files()},
                 {"files_new", report.filesNew},
                 {"files_changed", report.filesChanged},
                 {"files_unmodified", report.filesUnmodified},
@@ -59,13 +60,15 @@ Json BackupJson(const repo::BackupReport& report, bool dryRun, double seconds, i
                 {"packs_written", report.packsWritten},
                 {"packs_adopted", report.packsAdopted},
                 {"seconds", seconds},
-                {"folders", snapshot.folders.size()},
-                {"links", snapshot.links.size()}};
+                {"trees_new", report.treesNew},
+                {"folders", snapshot.summary.value("folders", uint64_t{0})},
+                {"links", snapshot.summary.value("links", uint64_t{0})},
+                {"special_files", snapshot.summary.value("special_files", uint64_t{0})}};
 }
 
 CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     repo::Repository repository = OpenRepository(context);
-    LocalSource source(options.source);
+    LocalSource source(options.sources);
     repo::BackupOptions backup;
     backup.jobs = context.options().host.jobs;
     backup.host = options.host.empty() ? repo::HostName() : options.host;
@@ -78,7 +81,8 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     if (options.dryRun) {
         report = repo::RunBackup(repository, source, backup);
     } else {
-        repo::RepositoryLock lock(repository, "backup " + source.Path(), false, context.options().lockWaitSeconds);
+        repo::RepositoryLock lock(repository, "backup " + repo::PathsText(source.Paths()), false,
+                                  context.options().lockWaitSeconds);
         report = repo::RunBackup(repository, source, backup);
     }
     for (const std::string& path : report.toRead) context.Verbose((options.dryRun ? "would read " : "read ") + Printable(path));
@@ -100,19 +104,24 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
 void AddBackupCommand(CommandTable& table) {
     auto options = std::make_shared<BackupCommandOptions>();
     CLI::App* command = table.Add(
-        {"backup", "back up SOURCE_DIR as a new snapshot (only what changed is read and stored)",
-         "Backs up SOURCE_DIR as a new snapshot. A file whose size, modification time and inode are those of the "
-         "parent snapshot (the newest of the same host and source folder) is not read at all; the others are cut "
-         "into content-defined chunks, and only chunks the repository lacks are compressed, encrypted and "
-         "stored.\n\nWhat a backup keeps: regular files with their content, modification time and POSIX mode "
-         "bits; empty folders; symbolic links as links (their target text, never followed). FIFOs, sockets and "
-         "devices are skipped. Every skipped or unreadable entry is reported; a backup that could not read an "
-         "entry (or found a name a restore would refuse) saves its snapshot of everything else and ends with "
-         "exit status 4 unless --skip-unreadable is given.\n\nWith --dry-run the files are read and chunked as "
+        {"backup", "back up PATH... as a new snapshot (only what changed is read and stored)",
+         "Backs up the folders and files given as one snapshot; with one folder the snapshot is that folder, with "
+         "several the snapshot's root holds the folders on the way to each, by its absolute path. A file whose "
+         "size, modification and change times and inode are those of the parent snapshot (the newest of the same "
+         "host and paths) is not read at all; the others are cut into content-defined chunks, and only chunks the "
+         "repository lacks are compressed, encrypted and stored. Each folder is stored as a tree of its own, so "
+         "a folder that did not change costs nothing.\n\nWhat a backup keeps: every regular file with its "
+         "content, every folder, symbolic links as links (their text, never followed), FIFOs and device nodes; "
+         "for each its mode, modification and access times, owner and group (ids and names), extended attributes "
+         "(POSIX ACLs among them, up to 1 MiB an entry), hard links (one content, several names) and whether a "
+         "file is sparse. Sockets are skipped. Every skipped or unreadable entry is reported; a backup that could "
+         "not read an entry (or found a name a restore would refuse) saves its snapshot of everything else and "
+         "ends with exit status 4 unless --skip-unreadable is given.\n\nWith --dry-run the files are read and chunked as "
          "for a backup, but nothing is stored: the summary says what the backup would add (with -v, which files "
          "it would read)."},
         [options](Context& context) { return RunBackup(context, *options); });
-    command->add_option("SOURCE_DIR", options->source, "the folder to back up")->required();
+    command->add_option("PATH", options->sources, "the folders and files to back up, each kept with its absolute path")
+        ->required();
     command->add_option("--host", options->host, "the host the snapshot names (default: this machine's name)")
         ->type_name("NAME");
     command->add_option("--tag", options->tags, "a tag of the snapshot (repeatable)")

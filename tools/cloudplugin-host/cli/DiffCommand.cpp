@@ -2,6 +2,7 @@
 #include <map>
 
 #include "cli/RepositorySupport.h"
+#include "repository/Diff.h"
 #include "util/Text.h"
 
 namespace qvhost::cli {
@@ -21,7 +22,9 @@ CommandResult RunDiff(Context& context, const DiffOptions& options) {
     Json changes = Json::array();
     std::map<char, size_t> counts;
     int64_t added = 0, removed = 0;
-    for (const repo::TreeChange& change : repo::DiffSnapshots(first, second)) {
+    const repo::MasterIndex index = repository.LoadIndex();
+    repo::TreeReader reader(repository, index);
+    for (const repo::TreeChange& change : repo::DiffSnapshots(reader, first, second)) {
         context.Say(std::string(1, change.kind) + "  " + Printable(change.path));
         changes.push_back(Json{{"change", std::string(1, change.kind)}, {"path", change.path}, {"bytes", change.bytes}});
         ++counts[change.kind];
@@ -47,7 +50,7 @@ void AddDiffCommand(CommandTable& table) {
     CLI::App* command = table.Add(
         {"diff", "what changed between two snapshots",
          "Lists what differs between two snapshots, by path: + only in the second, - only in the first, M a file "
-         "whose content differs, T an entry of another kind, U the same content with another mode or time. "
+         "whose content differs, T an entry of another kind, U the same content with other metadata (mode, times, owner, extended attributes). "
          "'latest' is the newest snapshot that --host, --tag and --path select."},
         [options](Context& context) { return RunDiff(context, *options); });
     command->add_option("SNAPSHOT1", options->first, "the older snapshot")->required();

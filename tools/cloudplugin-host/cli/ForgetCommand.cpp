@@ -21,7 +21,7 @@ struct ForgetCommandOptions {
 std::string GroupText(const repo::SnapshotGroup& group) {
     std::string text;
     if (!group.host.empty()) text += "host " + Printable(group.host);
-    if (!group.source.empty()) text += (text.empty() ? "" : ", ") + std::string("path ") + Printable(group.source);
+    if (!group.paths.empty()) text += (text.empty() ? "" : ", ") + std::string("paths ") + repo::PathsText(group.paths);
     if (!group.tags.empty()) text += (text.empty() ? "" : ", ") + std::string("tags ") + TagsText(group.tags);
     return text.empty() ? "all snapshots" : text;
 }
@@ -39,7 +39,7 @@ Json SayPlan(Context& context, const repo::ForgetPlan& plan) {
         }
         for (const std::string& id : decision.forget) context.Say("  forget " + ShortId(id));
         groups.push_back(Json{{"host", group.group.host},
-                              {"source", group.group.source},
+                              {"paths", group.group.paths},
                               {"tags", group.group.tags},
                               {"keep", decision.keep},
                               {"forget", decision.forget}});

@@ -74,6 +74,7 @@ CommandResult RunRestore(Context& context, const LegacyOptions& options, bool wr
     const double pluginSeconds = context.Session().PluginSeconds() - pluginBefore;
     const Json damaged = ReportDamaged(context, report.damaged);
     ReportSetIdDropped(context, report.setIdDropped);
+    for (const std::string& note : report.notes) context.Warn(note);
     context.Say(std::string(writing ? "restored " : "verified ") + std::to_string(report.files - report.damaged.size()) +
                 " of " + std::to_string(report.files) + " files, " + FormatBytes(static_cast<double>(report.bytes)) +
                 " in " + FormatDuration(report.seconds) + " (" +

@@ -24,12 +24,20 @@ CommandResult RunRehydrate(Context& context, const RehydrateOptions& options) {
         context.Say("the repository's own objects (keys, config, index, snapshots) are coming back first: run "
                     "'cloudplugin-host rehydrate " + options.snapshot + "' again once they are online");
     } else {
-        stage = "packs";
         repo::Repository repository = OpenRepository(context);
-        const repo::Snapshot snapshot = repository.LoadSnapshot(ResolveSnapshot(repository, options.snapshot));
+        const repo::MasterIndex index = repository.LoadIndex();
+        stage = "trees";
         state.online = 0;
-        repo::RehydrateObjects(store, repo::PacksOf(repository, snapshot, repository.LoadIndex()), options.request,
-                               state);
+        repo::RehydrateObjects(store, repo::TreePacks(repository, index), options.request, state);
+        if (state.Ready()) {
+            stage = "packs";
+            const repo::Snapshot snapshot = repository.LoadSnapshot(ResolveSnapshot(repository, options.snapshot));
+            state.online = 0;
+            repo::RehydrateObjects(store, repo::PacksOf(repository, snapshot, index), options.request, state);
+        } else {
+            context.Say("the packs of the repository's trees are coming back next: run 'cloudplugin-host rehydrate " +
+                        options.snapshot + "' again once they are online");
+        }
     }
     return RehydrationResult(context, options.snapshot, stage, options.request, state);
 }

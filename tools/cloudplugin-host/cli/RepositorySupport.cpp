@@ -21,7 +21,9 @@ std::string ResolveSnapshot(repo::Repository& repository, const std::string& arg
 
 Json SnapshotJson(const repo::SnapshotInfo& snapshot) {
     return Json{{"snapshot", snapshot.id},   {"short_id", ShortId(snapshot.id)}, {"time", snapshot.time},
-                {"host", snapshot.host},     {"source", snapshot.source},        {"tags", snapshot.tags},
+                {"host", snapshot.host},     {"paths", snapshot.paths},
+                {"source", snapshot.paths.empty() ? std::string() : snapshot.paths.front()},
+                {"tags", snapshot.tags},
                 {"parent", snapshot.parent}, {"files", snapshot.files},          {"bytes", snapshot.bytes}};
 }
 

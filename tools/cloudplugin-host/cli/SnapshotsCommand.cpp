@@ -18,7 +18,7 @@ std::string SnapshotLine(const repo::SnapshotInfo& snapshot) {
     std::snprintf(line, sizeof line, "%-8s  %-20s  %-15s %6llu %11s  %s%s%s", ShortId(snapshot.id).c_str(),
                   Printable(snapshot.time).c_str(), Printable(snapshot.host).c_str(),
                   static_cast<unsigned long long>(snapshot.files), FormatBytes(static_cast<double>(snapshot.bytes)).c_str(),
-                  Printable(snapshot.source).c_str(), snapshot.tags.empty() ? "" : "  tags ",
+                  repo::PathsText(snapshot.paths).c_str(), snapshot.tags.empty() ? "" : "  tags ",
                   TagsText(snapshot.tags).c_str());
     return line;
 }
@@ -29,7 +29,7 @@ CommandResult RunSnapshots(Context& context, const SnapshotsOptions& options) {
     bool header = false;
     for (const repo::SnapshotInfo& snapshot : repository.ListSnapshotInfos()) {
         if (!options.filter.Matches(snapshot)) continue;
-        if (!header) context.Say("snapshot  time                  host             files        size  source");
+        if (!header) context.Say("snapshot  time                  host             files        size  paths");
         header = true;
         context.Say(SnapshotLine(snapshot));
         snapshots.push_back(SnapshotJson(snapshot));

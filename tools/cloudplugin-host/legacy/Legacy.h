@@ -99,6 +99,7 @@ struct RestoreReport {
     double seconds = 0;
     std::vector<repo::RestoreProblem> damaged;
     std::vector<std::string> setIdDropped;
+    std::vector<std::string> notes;  // what could not be kept
 };
 
 // Every part read back and checked against the manifest's hash of it, and

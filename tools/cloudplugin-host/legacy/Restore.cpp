@@ -44,20 +44,40 @@ Manifest ReadManifest(const Context& context, const std::string& backupId) {
     return manifest;
 }
 
-std::vector<repo::RestoreFile> FilesOf(const Manifest& manifest) {
-    std::vector<repo::RestoreFile> files;
-    files.reserve(manifest.files.size());
+// What the manifest holds as a restore makes it: no owners (the layout keeps
+// none), and for files of the oldest manifests, which kept no mode, 0644.
+repo::RestorePlan PlanOf(const Manifest& manifest) {
+    repo::RestorePlan plan;
     for (const ManifestFile& file : manifest.files) {
-        files.push_back({file.relativePath, file.size, file.mode, file.modifiedNs});
+        repo::Node node;
+        node.type = repo::NodeType::File;
+        node.size = file.size;
+        node.mode = file.mode.value_or(0644);
+        node.modifiedNs = file.modifiedNs;
+        plan.files.push_back({file.relativePath, std::move(node)});
     }
-    return files;
+    for (const ManifestFolder& folder : manifest.folders) {
+        repo::Node node;
+        node.type = repo::NodeType::Folder;
+        node.mode = folder.mode;
+        node.modifiedNs = folder.modifiedNs;
+        plan.folders.push_back({folder.relativePath, std::move(node)});
+    }
+    for (const ManifestLink& link : manifest.links) {
+        repo::Node node;
+        node.type = repo::NodeType::Link;
+        node.linkTarget = link.target;
+        node.modifiedNs = link.modifiedNs;
+        plan.links.push_back({link.relativePath, std::move(node)});
+    }
+    return plan;
 }
 
 class CheckRun {
 public:
     CheckRun(const Context& context, Manifest manifest, repo::RestoreTarget* target)
         : context_(context), manifest_(std::move(manifest)),
-          sink_(target, FilesOf(manifest_), manifest_.folders, manifest_.links) {}
+          sink_(target, PlanOf(manifest_)) {}
 
     RestoreReport Run(bool writing);
 
@@ -89,7 +109,7 @@ RestoreReport CheckRun::Run(bool writing) {
     });
     sink_.FinishIdle(progress);
     progress.Finish();
-    sink_.MakeFoldersAndLinks();
+    sink_.MakeTheRest();
     RestoreReport report;
     report.backupId = manifest_.backupId;
     report.files = manifest_.files.size();
@@ -99,6 +119,7 @@ RestoreReport CheckRun::Run(bool writing) {
     report.seconds = progress.Seconds();
     report.damaged = sink_.Damaged();
     report.setIdDropped = sink_.SetIdDropped();
+    report.notes = sink_.Notes();
     return report;
 }
 
@@ -162,7 +183,7 @@ bool CheckRun::CopyPart(size_t file, uint64_t part, AlignedBuffer& buffer, repo:
 RestoreReport Restore(const Context& context, const std::string& backupId, const std::string& destination,
                       bool overwrite) {
     Manifest manifest = ReadManifest(context, backupId);
-    Destination target(destination, overwrite);
+    Destination target(destination, DestinationOptions{overwrite, false});
     return CheckRun(context, std::move(manifest), &target).Run(true);
 }
 

@@ -11,9 +11,14 @@
 // multiple of 4 KiB) turns it off for that file, and so does a file system
 // that refuses it.
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -53,6 +58,8 @@ public:
 private:
     int fd_;
 };
+
+std::string ErrnoText() { return std::strerror(errno); }
 
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
     throw Error(ErrorKind::LocalFile, "refusing to restore " + where + ": " + why);
@@ -130,14 +137,92 @@ void Rename(int folder, const std::string& from, const std::string& to, bool rep
     Fail("move into place", shown);
 }
 
+// Gives an entry its metadata, as far as the system lets it. Files and
+// folders by their open descriptor; links and special files by their name
+// in their folder, never following them.
+class MetadataSetter {
+public:
+    MetadataSetter(Destination& destination, bool numericOwner)
+        : destination_(destination), numericOwner_(numericOwner), root_(geteuid() == 0) {}
+
+    void ByDescriptor(int fd, const repo::Node& node, const std::string& shown, bool folder) {
+        if (node.hasOwner && root_ && fchown(fd, Uid(node), Gid(node)) != 0) Note(shown, "its owner", ErrnoText());
+        if (!node.implicit && fchmod(fd, static_cast<mode_t>(node.mode & 01777)) != 0) Fail("set the mode of", shown);
+        for (const repo::Xattr& xattr : node.xattrs) {
+            if (fsetxattr(fd, xattr.name.c_str(), xattr.value.data(), xattr.value.size(), 0) != 0) {
+                Note(shown, "its extended attribute " + xattr.name, ErrnoText());
+            }
+        }
+        if (node.implicit) return;
+        const timespec times[2] = {Accessed(node), TimeOf(node.modifiedNs)};
+        if (futimens(fd, times) != 0) Fail("set the time of", shown);
+        (void)folder;
+    }
+
+    void ByName(int folder, const std::string& leaf, const repo::Node& node, const std::string& shown, bool link) {
+        if (node.hasOwner && root_ && fchownat(folder, leaf.c_str(), Uid(node), Gid(node), AT_SYMLINK_NOFOLLOW) != 0) {
+            Note(shown, "its owner", ErrnoText());
+        }
+        if (!link && fchmodat(folder, leaf.c_str(), static_cast<mode_t>(node.mode & 01777), 0) != 0) {
+            Fail("set the mode of", shown);
+        }
+        const std::string viaFolder = "/proc/self/fd/" + std::to_string(folder) + "/" + leaf;
+        for (const repo::Xattr& xattr : node.xattrs) {
+            if (lsetxattr(viaFolder.c_str(), xattr.name.c_str(), xattr.value.data(), xattr.value.size(), 0) != 0) {
+                Note(shown, "its extended attribute " + xattr.name, ErrnoText());
+            }
+        }
+        const timespec times[2] = {Accessed(node), TimeOf(node.modifiedNs)};
+        if (utimensat(folder, leaf.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) Fail("set the time of", shown);
+    }
+
+    bool root() const { return root_; }
+
+private:
+    static timespec Accessed(const repo::Node& node) {
+        return node.accessedNs ? TimeOf(node.accessedNs) : timespec{0, UTIME_OMIT};
+    }
+
+    // The owner by name where this machine knows the name, else by id.
+    uid_t Uid(const repo::Node& node) {
+        if (numericOwner_ || node.user.empty()) return node.uid;
+        char buffer[16384];
+        passwd entry;
+        passwd* found = nullptr;
+        return getpwnam_r(node.user.c_str(), &entry, buffer, sizeof buffer, &found) == 0 && found ? found->pw_uid
+                                                                                                 : node.uid;
+    }
+    gid_t Gid(const repo::Node& node) {
+        if (numericOwner_ || node.group.empty()) return node.gid;
+        char buffer[16384];
+        group entry;
+        group* found = nullptr;
+        return getgrnam_r(node.group.c_str(), &entry, buffer, sizeof buffer, &found) == 0 && found ? found->gr_gid
+                                                                                                  : node.gid;
+    }
+
+    void Note(const std::string& shown, const std::string& what, const std::string& why) {
+        destination_.Note("not kept for " + shown + ": " + what + " (" + why + ")");
+    }
+
+    Destination& destination_;
+    const bool numericOwner_;
+    const bool root_;
+};
+
 class PosixRestoredFile : public repo::RestoredFile {
 public:
-    PosixRestoredFile(Fd folder, std::string leaf, std::string shown, bool overwrite)
-        : folder_(std::move(folder)), leaf_(std::move(leaf)), shown_(std::move(shown)), overwrite_(overwrite) {
+    PosixRestoredFile(Fd folder, std::string leaf, std::string shown, bool overwrite, const repo::Node& node,
+                      MetadataSetter& setter)
+        : folder_(std::move(folder)), leaf_(std::move(leaf)), shown_(std::move(shown)), overwrite_(overwrite),
+          sparse_(node.sparse), setter_(setter) {
         constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+        // A sparse file is written through the cache: its holes are the
+        // blocks never written, whatever their alignment.
+        if (sparse_) direct_ = false;
         for (int attempt = 0; file_.get() < 0; ++attempt) {
             temporary_ = TemporaryName(leaf_);
-            file_ = Fd(openat(folder_.get(), temporary_.c_str(), kFlags | kDirect, 0600));
+            file_ = Fd(openat(folder_.get(), temporary_.c_str(), kFlags | (direct_ ? kDirect : 0), 0600));
             if (file_.get() < 0 && errno == EINVAL && kDirect) {
                 direct_ = false;
                 file_ = Fd(openat(folder_.get(), temporary_.c_str(), kFlags, 0600));
@@ -154,9 +239,24 @@ public:
 
     void WriteAt(uint64_t offset, const void* data, size_t size) override {
         const auto* bytes = static_cast<const uint8_t*>(data);
+        if (sparse_) return WriteLeavingHoles(offset, bytes, size);
         const bool aligned = offset % kDirectAlignment == 0 && size % kDirectAlignment == 0 &&
                              reinterpret_cast<uintptr_t>(data) % kDirectAlignment == 0;
         if (direct_ && !aligned) StopDirect();
+        Write(offset, bytes, size);
+    }
+
+    void Commit(const repo::Node& node) override {
+        // The size first: a sparse file may end in a hole.
+        if (sparse_ && ftruncate(file_.get(), static_cast<off_t>(node.size)) != 0) Fail("set the size of", shown_);
+        setter_.ByDescriptor(file_.get(), node, shown_, false);
+        if (file_.Reset() != 0) Fail("write", shown_);
+        Rename(folder_.get(), temporary_, leaf_, overwrite_, shown_);
+        committed_ = true;
+    }
+
+private:
+    void Write(uint64_t offset, const uint8_t* bytes, size_t size) {
         bool throughTheCache = !direct_;
         while (size > 0) {
             const ssize_t written = pwrite(file_.get(), bytes, size, static_cast<off_t>(offset));
@@ -171,16 +271,24 @@ public:
         }
     }
 
-    void Commit(std::optional<uint32_t> mode, int64_t modifiedNs) override {
-        if (mode && fchmod(file_.get(), static_cast<mode_t>(*mode & 01777)) != 0) Fail("set the mode of", shown_);
-        const timespec times[2] = {{0, UTIME_OMIT}, TimeOf(modifiedNs)};
-        if (futimens(file_.get(), times) != 0) Fail("set the time of", shown_);
-        if (file_.Reset() != 0) Fail("write", shown_);
-        Rename(folder_.get(), temporary_, leaf_, overwrite_, shown_);
-        committed_ = true;
+    // Only the blocks that hold something other than zeros are written.
+    void WriteLeavingHoles(uint64_t offset, const uint8_t* bytes, size_t size) {
+        constexpr size_t kBlock = 4096;
+        size_t at = 0;
+        while (at < size) {
+            const size_t block = std::min(kBlock - (offset + at) % kBlock, size - at);
+            const bool zeros = std::all_of(bytes + at, bytes + at + block, [](uint8_t b) { return b == 0; });
+            size_t run = block;
+            while (!zeros && at + run < size) {  // a run of blocks that hold data
+                const size_t next = std::min(kBlock, size - at - run);
+                if (std::all_of(bytes + at + run, bytes + at + run + next, [](uint8_t b) { return b == 0; })) break;
+                run += next;
+            }
+            if (!zeros) Write(offset + at, bytes + at, run);
+            at += run;
+        }
     }
 
-private:
     // Turns direct I/O off for the file; writes of other jobs on the way
     // work either way.
     void StopDirect() {
@@ -193,6 +301,8 @@ private:
     std::string leaf_;
     std::string shown_;
     bool overwrite_;
+    bool sparse_;
+    MetadataSetter& setter_;
     std::string temporary_;
     Fd file_;
     std::atomic<bool> direct_{kDirect != 0};
@@ -202,7 +312,10 @@ private:
 }  // namespace
 
 struct Destination::Handle {
+    Handle(Destination& destination, bool numericOwner) : setter(destination, numericOwner) {}
+
     Fd root;
+    MetadataSetter setter;
 
     // The folder holding the entry, every folder on the way opened without
     // following links (and made when `create`); sets `leaf` to the entry's
@@ -223,8 +336,8 @@ struct Destination::Handle {
     }
 };
 
-Destination::Destination(const std::string& root, bool overwrite)
-    : root_(root), overwrite_(overwrite), handle_(std::make_unique<Handle>()) {
+Destination::Destination(const std::string& root, const DestinationOptions& options)
+    : root_(root), options_(options), handle_(std::make_unique<Handle>(*this, options.numericOwner)) {
     MakeFolders(root);
     handle_->root = Fd(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (handle_->root.get() < 0) Fail("open the folder", root);
@@ -250,52 +363,98 @@ void Destination::Check(const std::string& relativePath, EntryKind kind) const {
         if (kind != EntryKind::Folder) Refuse(shown, "it is a folder, and a restore never replaces one");
     } else if (kind == EntryKind::Folder) {
         Refuse(shown, "it is not a folder");
-    } else if (!overwrite_) {
+    } else if (!options_.overwrite) {
         Refuse(shown, "it exists (--overwrite replaces it)");
     }
 }
 
-std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& relativePath) {
+std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& relativePath, const repo::Node& node) {
     std::string leaf;
     std::string shown;
     Fd folder = handle_->OpenParent(root_, relativePath, true, leaf, shown);
-    return std::make_unique<PosixRestoredFile>(std::move(folder), leaf, shown, overwrite_);
+    return std::make_unique<PosixRestoredFile>(std::move(folder), leaf, shown, options_.overwrite, node,
+                                               handle_->setter);
 }
 
-void Destination::MakeFolder(const FolderRecord& record) {
-    const std::string& relativePath = record.relativePath;
+void Destination::MakeFolder(const std::string& relativePath, const repo::Node& node) {
     std::string leaf;
     std::string shown;
     const Fd parent = handle_->OpenParent(root_, relativePath, true, leaf, shown);
     const Fd folder = OpenFolder(parent.get(), leaf, shown, true);
-    if (fchmod(folder.get(), static_cast<mode_t>(record.mode & 01777)) != 0) Fail("set the mode of", shown);
-    const timespec times[2] = {{0, UTIME_OMIT}, TimeOf(record.modifiedNs)};
-    if (futimens(folder.get(), times) != 0) Fail("set the time of", shown);
+    handle_->setter.ByDescriptor(folder.get(), node, shown, true);
 }
 
-void Destination::MakeLink(const LinkRecord& link) {
-    const std::string& relativePath = link.relativePath;
-    const std::string& target = link.target;
+namespace {
+
+// Makes an entry under a temporary name and moves it into place (replacing
+// what is there with --overwrite), or makes it in place.
+template <class Make>
+void MakeInPlace(int folder, const std::string& leaf, const std::string& shown, bool overwrite, Make make) {
+    if (!overwrite) {
+        if (make(leaf) != 0) {
+            if (errno == EEXIST) Refuse(shown, "it exists (--overwrite replaces it)");
+            Fail("create", shown);
+        }
+        return;
+    }
+    const std::string temporary = TemporaryName(leaf);
+    if (make(temporary) != 0) Fail("create", shown);
+    try {
+        Rename(folder, temporary, leaf, true, shown);
+    } catch (...) {
+        unlinkat(folder, temporary.c_str(), 0);
+        throw;
+    }
+}
+
+}  // namespace
+
+void Destination::MakeLink(const std::string& relativePath, const repo::Node& node) {
     std::string leaf;
     std::string shown;
     const Fd folder = handle_->OpenParent(root_, relativePath, true, leaf, shown);
-    if (!overwrite_) {
-        if (symlinkat(target.c_str(), folder.get(), leaf.c_str()) != 0) {
-            if (errno == EEXIST) Refuse(shown, "it exists (--overwrite replaces it)");
-            Fail("create the link", shown);
-        }
-    } else {
-        const std::string temporary = TemporaryName(leaf);
-        if (symlinkat(target.c_str(), folder.get(), temporary.c_str()) != 0) Fail("create the link", shown);
-        try {
-            Rename(folder.get(), temporary, leaf, true, shown);
-        } catch (...) {
-            unlinkat(folder.get(), temporary.c_str(), 0);
-            throw;
-        }
+    MakeInPlace(folder.get(), leaf, shown, options_.overwrite,
+                [&](const std::string& name) { return symlinkat(node.linkTarget.c_str(), folder.get(), name.c_str()); });
+    handle_->setter.ByName(folder.get(), leaf, node, shown, true);
+}
+
+void Destination::MakeSpecial(const std::string& relativePath, const repo::Node& node) {
+    const bool device = node.type == repo::NodeType::CharDevice || node.type == repo::NodeType::BlockDevice;
+    if (device && !handle_->setter.root()) {
+        return Note("not restored: " + root_ + "/" + relativePath + " (a device node; making one takes root)");
     }
-    const timespec times[2] = {{0, UTIME_OMIT}, TimeOf(link.modifiedNs)};
-    if (utimensat(folder.get(), leaf.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) Fail("set the time of", shown);
+    std::string leaf;
+    std::string shown;
+    const Fd folder = handle_->OpenParent(root_, relativePath, true, leaf, shown);
+    const mode_t kind = node.type == repo::NodeType::Fifo        ? S_IFIFO
+                        : node.type == repo::NodeType::CharDevice ? S_IFCHR
+                                                                  : S_IFBLK;
+    const dev_t number = static_cast<dev_t>(node.deviceNumber);
+    MakeInPlace(folder.get(), leaf, shown, options_.overwrite, [&](const std::string& name) {
+        return mknodat(folder.get(), name.c_str(), kind | 0600, device ? number : 0);
+    });
+    handle_->setter.ByName(folder.get(), leaf, node, shown, false);
+}
+
+void Destination::MakeHardLink(const std::string& relativePath, const std::string& existing) {
+    std::string leaf, shown, existingLeaf, existingShown;
+    const Fd folder = handle_->OpenParent(root_, relativePath, true, leaf, shown);
+    const Fd existingFolder = handle_->OpenParent(root_, existing, false, existingLeaf, existingShown);
+    MakeInPlace(folder.get(), leaf, shown, options_.overwrite, [&](const std::string& name) {
+        return linkat(existingFolder.get(), existingLeaf.c_str(), folder.get(), name.c_str(), 0);
+    });
+}
+
+void Destination::Note(const std::string& text) {
+    std::lock_guard<std::mutex> lock(notesMutex_);
+    notes_.push_back(text);
+}
+
+std::vector<std::string> Destination::TakeNotes() {
+    std::lock_guard<std::mutex> lock(notesMutex_);
+    std::vector<std::string> notes;
+    notes.swap(notes_);
+    return notes;
 }
 
 }  // namespace qvhost

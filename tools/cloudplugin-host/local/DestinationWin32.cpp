@@ -111,9 +111,9 @@ public:
         }
     }
 
-    void Commit(std::optional<uint32_t>, int64_t modifiedNs) override {
+    void Commit(const repo::Node& node) override {
         // Windows keeps no POSIX mode; the time is set on the open file.
-        const FILETIME time = FileTimeOf(modifiedNs);
+        const FILETIME time = FileTimeOf(node.modifiedNs);
         if (!SetFileTime(file_, nullptr, nullptr, &time)) Fail("set the time of", shown_);
         const BOOL closed = CloseHandle(file_);
         file_ = INVALID_HANDLE_VALUE;
@@ -134,8 +134,8 @@ private:
 
 struct Destination::Handle {};
 
-Destination::Destination(const std::string& root, bool overwrite)
-    : root_(root), overwrite_(overwrite), handle_(std::make_unique<Handle>()) {
+Destination::Destination(const std::string& root, const DestinationOptions& options)
+    : root_(root), options_(options), handle_(std::make_unique<Handle>()) {
     MakeFolders(root);
 }
 
@@ -157,19 +157,18 @@ void Destination::Check(const std::string& relativePath, EntryKind kind) const {
         const bool folder = (attributes & FILE_ATTRIBUTE_DIRECTORY) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT);
         if (folder && kind != EntryKind::Folder) Refuse(path, "it is a folder, and a restore never replaces one");
         if (!folder && kind == EntryKind::Folder) Refuse(path, "it is not a folder");
-        if (!folder && !overwrite_) Refuse(path, "it exists (--overwrite replaces it)");
+        if (!folder && !options_.overwrite) Refuse(path, "it exists (--overwrite replaces it)");
     }
 }
 
-std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& relativePath) {
+std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& relativePath, const repo::Node&) {
     std::string leaf;
     std::string shown;
     const std::string folder = ParentOf(root_, relativePath, true, leaf, shown);
-    return std::make_unique<Win32RestoredFile>(JoinPath(folder, TemporaryName(leaf)), shown, overwrite_);
+    return std::make_unique<Win32RestoredFile>(JoinPath(folder, TemporaryName(leaf)), shown, options_.overwrite);
 }
 
-void Destination::MakeFolder(const FolderRecord& record) {
-    const std::string& relativePath = record.relativePath;
+void Destination::MakeFolder(const std::string& relativePath, const repo::Node& node) {
     std::string leaf;
     std::string shown;
     ParentOf(root_, relativePath, true, leaf, shown);
@@ -177,26 +176,47 @@ void Destination::MakeFolder(const FolderRecord& record) {
         Fail("create the folder", shown);
     }
     if (AttributesOf(shown) & FILE_ATTRIBUTE_REPARSE_POINT) Refuse(shown, "it is a link or junction");
-    SetModifiedNs(shown, record.modifiedNs);
+    if (!node.implicit) SetModifiedNs(shown, node.modifiedNs);
 }
 
-void Destination::MakeLink(const LinkRecord& link) {
-    const std::string& relativePath = link.relativePath;
-    const std::string& target = link.target;
+void Destination::MakeLink(const std::string& relativePath, const repo::Node& node) {
     std::string leaf;
     std::string shown;
     const std::string folder = ParentOf(root_, relativePath, true, leaf, shown);
     const std::string temporary = JoinPath(folder, TemporaryName(leaf));
     std::error_code error;
-    std::filesystem::create_symlink(PathOf(target), PathOf(temporary), error);
+    std::filesystem::create_symlink(PathOf(node.linkTarget), PathOf(temporary), error);
     if (error) throw Error(ErrorKind::LocalFile, "cannot create the link " + shown + ": " + error.message());
     try {
-        MoveIntoPlace(temporary, shown, overwrite_);
+        MoveIntoPlace(temporary, shown, options_.overwrite);
     } catch (...) {
         DeleteFileW(Wide(temporary).c_str());
         throw;
     }
-    SetModifiedNs(shown, link.modifiedNs);
+    SetModifiedNs(shown, node.modifiedNs);
+}
+
+void Destination::MakeSpecial(const std::string& relativePath, const repo::Node&) {
+    Note("not restored: " + JoinPath(root_, relativePath) + " (a FIFO or device node, which Windows does not have)");
+}
+
+void Destination::MakeHardLink(const std::string& relativePath, const std::string& existing) {
+    std::string leaf, shown, existingLeaf, existingShown;
+    ParentOf(root_, relativePath, true, leaf, shown);
+    ParentOf(root_, existing, false, existingLeaf, existingShown);
+    if (!CreateHardLinkW(Wide(shown).c_str(), Wide(existingShown).c_str(), nullptr)) Fail("create the link", shown);
+}
+
+void Destination::Note(const std::string& text) {
+    std::lock_guard<std::mutex> lock(notesMutex_);
+    notes_.push_back(text);
+}
+
+std::vector<std::string> Destination::TakeNotes() {
+    std::lock_guard<std::mutex> lock(notesMutex_);
+    std::vector<std::string> notes;
+    notes.swap(notes_);
+    return notes;
 }
 
 }  // namespace qvhost

@@ -280,9 +280,25 @@ uint64_t FileSize(const std::string& path) {
     return (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
 }
 #else
+namespace {
+
 // O_NOFOLLOW: a file that became a link since the tree was listed is not
-// followed out of the tree.
-InputFile::InputFile(const std::string& path) : path_(path), fd_(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)) {
+// followed out of the tree. O_NOATIME: reading it leaves its access time as
+// the backup recorded it (and the next backup finds it unchanged); the
+// system allows that to the file's owner and root, so anyone else reads it
+// without.
+int OpenForReading(const std::string& path) {
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC;
+#ifdef O_NOATIME
+    const int fd = open(path.c_str(), kFlags | O_NOATIME);
+    if (fd >= 0 || errno != EPERM) return fd;
+#endif
+    return open(path.c_str(), kFlags);
+}
+
+}  // namespace
+
+InputFile::InputFile(const std::string& path) : path_(path), fd_(OpenForReading(path)) {
     if (fd_ < 0) Fail("open", path, ErrnoText());
 }
 

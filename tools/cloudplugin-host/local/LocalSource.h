@@ -1,8 +1,24 @@
-// A folder of the local file system as the tree a backup reads.
+// The local file system as the tree a backup reads.
+//
+// One path that is a folder: the tree is that folder. Several paths (or a
+// file): the tree's root holds the folders on the way to each path, named
+// by the path's absolute components, each with its own metadata, and only
+// the given paths are read whole.
+//
+// Every entry is read with lstat (a link is never followed) and keeps what
+// a restore needs to give it back: kind, mode, times, owner and group (ids
+// and names), size, inode and device (hard links, changes), link counts,
+// the link's text, device numbers, whether a file is sparse, and its
+// extended attributes (POSIX ACLs among them) up to kMaximumXattrBytes.
+// Sockets are left out with a line; names a restore would refuse are
+// reported as not backed up.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "repository/Source.h"
 
@@ -10,16 +26,32 @@ namespace qvhost {
 
 class LocalSource : public repo::Source {
 public:
-    explicit LocalSource(const std::string& root);
+    // Throws Error (local file) for a path that does not exist, and (usage)
+    // for none.
+    explicit LocalSource(const std::vector<std::string>& paths);
 
-    std::string Path() const override { return path_; }
-    SourceTree Scan() override;
-    std::unique_ptr<repo::SourceReader> Open(const SourceEntry& file) override;
-    bool Unchanged(const SourceEntry& file) override;
+    std::vector<std::string> Paths() const override { return paths_; }
+    repo::Listing List(const std::string& folder) override;
+    std::unique_ptr<repo::SourceReader> Open(const std::string& path) override;
+    bool Unchanged(const std::string& path, const repo::Node& file) override;
 
 private:
-    std::string root_;  // as given
-    std::string path_;  // absolute
+    std::string FullPath(const std::string& relative) const;
+    bool Given(const std::string& relative) const;  // a given path or beneath one
+    repo::Listing ListReal(const std::string& folder);
+    repo::Listing ListWay(const std::string& folder);
+    // Fills `node` from the entry at `full`; answers false (with the reason
+    // in `listing`) when it is left out.
+    bool ReadNode(const std::string& full, const std::string& relative, repo::Node& node, repo::Listing& listing);
+    void ReadOwner(repo::Node& node);
+    void ReadXattrs(const std::string& full, const std::string& relative, repo::Node& node, repo::Listing& listing);
+
+    std::vector<std::string> paths_;  // absolute, sorted, none beneath another
+    std::string root_;                // one folder: the tree's root; else "" ("/" is the root)
+    std::set<std::string> given_;     // several paths: each given path, relative to "/"
+    std::set<std::string> way_;       // ... and every folder on the way to one
+    std::map<uint32_t, std::string> users_;
+    std::map<uint32_t, std::string> groups_;
 };
 
 }  // namespace qvhost

@@ -1,7 +1,9 @@
-// A backup into a repository: the source tree scanned, every file that
-// changed since the parent snapshot (the newest of the same host and
-// source) cut into chunks, only chunks the repository lacks sealed into
-// packs and uploaded, then the index of the new packs, then the snapshot.
+// A backup into a repository: the source tree walked folder by folder
+// beside the parent snapshot's trees (the newest of the same host and
+// paths), every file that changed since cut into chunks, only chunks the
+// repository lacks sealed into packs and uploaded, then each folder's tree
+// (a folder that did not change is the blob it was), then the index of the
+// new packs, then the snapshot.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +29,8 @@ struct BackupReport {
     Snapshot snapshot;      // as stored, with its id
     size_t filesNew = 0;    // not in the parent
     size_t filesChanged = 0;
-    size_t filesUnmodified = 0;  // size, time and file id as in the parent: not read
+    size_t filesUnmodified = 0;  // size, times and inode as in the parent: not read
+    size_t treesNew = 0;         // tree blobs stored (folders new or changed)
     uint64_t bytesProcessed = 0;  // bytes read and cut into chunks
     uint64_t bytesAdded = 0;      // bytes stored: packs, index and snapshot
     uint64_t blobsNew = 0;

@@ -10,6 +10,7 @@
 #include "util/Text.h"
 #include "util/ParallelRunner.h"
 #include "repository/Binary.h"
+#include "repository/TreeReader.h"
 #include "util/Error.h"
 
 namespace qvhost::repo {
@@ -29,24 +30,6 @@ std::vector<PackEntry> ReadWholePack(Repository& repository, const Id& pack, Byt
     return DecodePackHeader(repository.keys(), bytes.data() + bytes.size() - 4 - length, length, bytes.size(), name);
 }
 
-// The files of every snapshot that need a blob of the given packs.
-std::vector<std::string> AffectedFiles(const std::vector<Snapshot>& snapshots, const MasterIndex& index,
-                                       const std::set<Id>& badPacks) {
-    std::vector<std::string> affected;
-    if (badPacks.empty()) return affected;
-    for (const Snapshot& snapshot : snapshots) {
-        for (const SnapshotFile& file : snapshot.files) {
-            for (const Id& chunk : file.chunks) {
-                const BlobLocation* location = index.Find(chunk);
-                if (location && badPacks.count(location->pack)) {
-                    affected.push_back(snapshot.id.substr(0, 8) + " " + file.path);
-                    break;
-                }
-            }
-        }
-    }
-    return affected;
-}
 // The work of one check: what it has loaded and what it found.
 class CheckRun {
 public:
@@ -61,11 +44,10 @@ public:
         }
         for (const std::string& stray : strays_) report_.warnings.push_back("an object of no known kind: " + stray);
         CheckPacksExist();
-        CheckSnapshotsIndexed();
         report_.packs = index_.packs().size();
         report_.blobs = index_.BlobCount();
         if (options_.readData) ReadData();
-        for (std::string& file : AffectedFiles(snapshots_, index_, badPacks_)) report_.affected.push_back(std::move(file));
+        WalkSnapshots();
         std::sort(report_.errors.begin(), report_.errors.end());
         std::sort(report_.affected.begin(), report_.affected.end());
         report_.affected.erase(std::unique(report_.affected.begin(), report_.affected.end()), report_.affected.end());
@@ -117,17 +99,50 @@ private:
         }
     }
 
-    void CheckSnapshotsIndexed() {
-        for (const Snapshot& snapshot : snapshots_) {
-            for (const SnapshotFile& file : snapshot.files) {
-                for (const Id& chunk : file.chunks) {
-                    if (!index_.Has(chunk)) {
-                        report_.errors.push_back("the snapshot " + snapshot.id.substr(0, 8) + " names a chunk of '" +
-                                                 Printable(file.path) + "' that no index holds (" + Short(chunk) + ")");
-                        report_.affected.push_back(snapshot.id.substr(0, 8) + " " + file.path);
-                        break;
-                    }
-                }
+    // Every snapshot's trees, each folder on its own so that one that does
+    // not open is named and the rest still checked: every tree and chunk
+    // indexed, none in a pack found damaged or missing.
+    void WalkSnapshots() {
+        TreeReader reader(repository_, index_);
+        for (const Snapshot& snapshot : snapshots_) WalkFolder(reader, snapshot, snapshot.tree, "");
+    }
+
+    void WalkFolder(TreeReader& reader, const Snapshot& snapshot, const std::vector<Id>& trees,
+                    const std::string& prefix) {
+        const std::string shortId = snapshot.id.substr(0, 8);
+        std::vector<Node> entries;
+        try {
+            for (const Id& tree : trees) {
+                const BlobLocation* location = index_.Find(tree);
+                if (location && badPacks_.count(location->pack)) Damaged("its pack is damaged or missing");
+            }
+            entries = reader.Entries(trees);
+        } catch (const Error& failure) {
+            if (failure.kind() != ErrorKind::Damaged && failure.kind() != ErrorKind::ObjectMissing) throw;
+            report_.errors.push_back("the snapshot " + shortId + ": the folder '" + Printable(prefix) + "' cannot be read: " +
+                                     failure.what());
+            report_.affected.push_back(shortId + " " + (prefix.empty() ? "." : prefix));
+            return;
+        }
+        for (const Node& node : entries) {
+            const std::string path = prefix.empty() ? node.name : prefix + "/" + node.name;
+            if (node.IsFolder()) WalkFolder(reader, snapshot, node.subtree, path);
+            if (node.type == NodeType::File) CheckFile(shortId, path, node);
+        }
+    }
+
+    void CheckFile(const std::string& shortId, const std::string& path, const Node& node) {
+        for (const Id& chunk : node.content) {
+            const BlobLocation* location = index_.Find(chunk);
+            if (!location) {
+                report_.errors.push_back("the snapshot " + shortId + " names a chunk of '" + Printable(path) +
+                                         "' that no index holds (" + Short(chunk) + ")");
+                report_.affected.push_back(shortId + " " + path);
+                return;
+            }
+            if (badPacks_.count(location->pack)) {
+                report_.affected.push_back(shortId + " " + path);
+                return;
             }
         }
     }

@@ -115,4 +115,38 @@ bool Decompress(const uint8_t* data, size_t size, size_t expectedSize, size_t li
     return true;
 }
 
+struct DecompressingBuffer::Context {
+    std::unique_ptr<ZSTD_DCtx, DecompressorFree> stream{ZSTD_createDCtx()};
+};
+
+DecompressingBuffer::DecompressingBuffer(const uint8_t* data, size_t size, uint64_t limit)
+    : context_(std::make_unique<Context>()), data_(data), size_(size), limit_(limit) {
+    if (!context_->stream) throw std::bad_alloc();
+    setg(buffer_, buffer_, buffer_);
+}
+
+DecompressingBuffer::~DecompressingBuffer() = default;
+
+DecompressingBuffer::int_type DecompressingBuffer::underflow() {
+    if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
+    while (!ended_ && !failed_) {
+        ZSTD_inBuffer in{data_, size_, consumed_};
+        ZSTD_outBuffer out{buffer_, sizeof buffer_, 0};
+        const size_t result = ZSTD_decompressStream(context_->stream.get(), &out, &in);
+        consumed_ = in.pos;
+        if (ZSTD_isError(result)) failed_ = true;
+        if (result == 0) ended_ = true;  // the frame is complete
+        produced_ += out.pos;
+        if (produced_ > limit_) failed_ = true;
+        if (ended_ && consumed_ != size_) failed_ = true;  // bytes after the frame
+        if (!ended_ && out.pos == 0 && consumed_ == size_) failed_ = true;  // the frame ends early
+        if (failed_) break;
+        if (out.pos > 0) {
+            setg(buffer_, buffer_, buffer_ + out.pos);
+            return traits_type::to_int_type(*gptr());
+        }
+    }
+    return traits_type::eof();
+}
+
 }  // namespace qvhost::repo

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <streambuf>
 
 #include "repository/Crypto.h"
 
@@ -23,5 +25,36 @@ bool Compress(const uint8_t* data, size_t size, Bytes& out, int level = 3);
 // anything else: an empty input, a damaged frame, a frame whose declared content size differs, a size over the
 // limit (checked before allocating), trailing bytes. `data` may lie inside `out`.
 bool Decompress(const uint8_t* data, size_t size, size_t expectedSize, size_t limit, Bytes& out);
+
+// One frame decompressed as it is read, for a reader that parses as it
+// goes (a snapshot's JSON): at most a buffer of the frame is ever held,
+// whatever the frame inflates to. Reading past `limit` bytes, a damaged
+// frame or bytes after the frame end the stream with the stream's failure
+// (failed() then says so).
+class DecompressingBuffer : public std::streambuf {
+public:
+    DecompressingBuffer(const uint8_t* data, size_t size, uint64_t limit);
+    ~DecompressingBuffer() override;
+    DecompressingBuffer(const DecompressingBuffer&) = delete;
+    DecompressingBuffer& operator=(const DecompressingBuffer&) = delete;
+
+    bool failed() const { return failed_; }
+    uint64_t produced() const { return produced_; }
+
+protected:
+    int_type underflow() override;
+
+private:
+    struct Context;
+    std::unique_ptr<Context> context_;
+    const uint8_t* data_;
+    size_t size_;
+    size_t consumed_ = 0;
+    uint64_t limit_;
+    uint64_t produced_ = 0;
+    bool failed_ = false;
+    bool ended_ = false;
+    char buffer_[64 * 1024];
+};
 
 }  // namespace qvhost::repo

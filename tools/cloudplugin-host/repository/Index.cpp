@@ -10,6 +10,9 @@ namespace {
 constexpr char kMagic[] = "CPHIDX01";
 constexpr size_t kPackRecord = 32 + 4;
 constexpr size_t kBlobRecord = 32 + 1 + 4 + 4 + 4;
+// The flags of a blob record.
+constexpr uint8_t kCompressed = 1;
+constexpr uint8_t kTree = 2;
 
 }  // namespace
 
@@ -23,7 +26,8 @@ Bytes EncodeIndex(const MasterKeys& keys, const std::vector<IndexedPack>& packs)
         writer.U32(static_cast<uint32_t>(pack.blobs.size()));
         for (const PackEntry& blob : pack.blobs) {
             writer.Id(blob.id);
-            writer.U8(blob.compressed ? 1 : 0);
+            writer.U8(static_cast<uint8_t>((blob.compressed ? kCompressed : 0) |
+                                           (blob.type == BlobType::Tree ? kTree : 0)));
             writer.U32(blob.offset);
             writer.U32(blob.length);
             writer.U32(blob.plainLength);
@@ -46,11 +50,12 @@ std::vector<IndexedPack> DecodeIndex(const MasterKeys& keys, const Bytes& sealed
             blob.offset = reader.U32();
             blob.length = reader.U32();
             blob.plainLength = reader.U32();
-            if (flags > 1 || blob.length < kSealOverhead || blob.length > kMaximumBlobSealedSize ||
+            if ((flags & ~(kCompressed | kTree)) != 0 || blob.length < kSealOverhead || blob.length > kMaximumBlobSealedSize ||
                 blob.plainLength > kMaximumBlobPlainSize || uint64_t{blob.offset} + blob.length > kMaximumPackSize) {
                 reader.Fail("names a blob that no pack could hold");
             }
-            blob.compressed = flags == 1;
+            blob.compressed = (flags & kCompressed) != 0;
+            blob.type = (flags & kTree) != 0 ? BlobType::Tree : BlobType::Data;
         }
     }
     reader.ExpectEnd();

@@ -4,8 +4,8 @@
 // Seal(encryption key, records, aad "cloudplugin-host index"), records
 // being, little-endian:
 //   "CPHIDX01", u32 pack count, per pack: 32-byte pack id, u32 blob count,
-//   per blob: 32-byte id, u8 flags (1: compressed), u32 offset, u32 sealed
-//   length, u32 plain length.
+//   per blob: 32-byte id, u8 flags (1: compressed, 2: a tree), u32 offset,
+//   u32 sealed length, u32 plain length.
 // A backup writes its index only after every pack it names is stored, and
 // its snapshot only after its index: whatever an index or a snapshot names
 // exists. Several index objects may name the same blob (concurrent backups,

@@ -14,9 +14,10 @@ constexpr uint8_t kCompressedFlag = 1;
 
 }  // namespace
 
-SealedBlob SealBlob(const MasterKeys& keys, const Id& id, const uint8_t* plain, size_t size) {
+SealedBlob SealBlob(const MasterKeys& keys, const Id& id, const uint8_t* plain, size_t size, BlobType type) {
     SealedBlob blob;
     blob.id = id;
+    blob.type = type;
     blob.plainLength = static_cast<uint32_t>(size);
     thread_local Bytes compressed;
     blob.compressed = Compress(plain, size, compressed);
@@ -56,6 +57,7 @@ bool OpenBlob(const MasterKeys& keys, const PackEntry& entry, const uint8_t* sea
 void PackBuilder::Add(SealedBlob&& blob) {
     PackEntry entry;
     entry.id = blob.id;
+    entry.type = blob.type;
     entry.compressed = blob.compressed;
     entry.offset = static_cast<uint32_t>(bytes_.size());
     entry.length = static_cast<uint32_t>(blob.bytes.size());
@@ -114,9 +116,10 @@ std::vector<PackEntry> DecodePackHeader(const MasterKeys& keys, const uint8_t* s
         entry.length = reader.U32();
         entry.plainLength = reader.U32();
         entry.id = reader.Id();
-        if (type != static_cast<uint8_t>(BlobType::Data) || (flags & ~kCompressedFlag) != 0) {
+        if (type > static_cast<uint8_t>(BlobType::Tree) || (flags & ~kCompressedFlag) != 0) {
             reader.Fail("names a blob of an unknown kind");
         }
+        entry.type = static_cast<BlobType>(type);
         entry.compressed = (flags & kCompressedFlag) != 0;
         if (entry.length < kSealOverhead || entry.length > kMaximumBlobSealedSize ||
             entry.plainLength > kMaximumBlobPlainSize || offset + entry.length > blobsEnd) {

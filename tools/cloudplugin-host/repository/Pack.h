@@ -25,7 +25,10 @@ namespace qvhost::repo {
 
 struct MasterKeys;
 
-enum class BlobType : uint8_t { Data = 0 };
+// Data: a chunk of a file. Tree: the entries of a folder (Tree.h). Trees
+// go into packs of their own, so that what a snapshot's structure needs
+// is read without the data beside it.
+enum class BlobType : uint8_t { Data = 0, Tree = 1 };
 
 // The most bytes a chunk may have: the chunker's maximum is 8 MiB; anything
 // larger in an index or a pack header is damage, not data.
@@ -48,13 +51,15 @@ struct PackEntry {
 // A sealed blob and what its header entry says of it.
 struct SealedBlob {
     Id id{};
+    BlobType type = BlobType::Data;
     bool compressed = false;
     uint32_t plainLength = 0;
     Bytes bytes;
 };
 
-// Compresses (where it pays) and seals one chunk whose id is `id`.
-SealedBlob SealBlob(const MasterKeys& keys, const Id& id, const uint8_t* plain, size_t size);
+// Compresses (where it pays) and seals one chunk (or tree) whose id is `id`.
+SealedBlob SealBlob(const MasterKeys& keys, const Id& id, const uint8_t* plain, size_t size,
+                    BlobType type = BlobType::Data);
 
 // Opens, decompresses and checks one blob against its entry: the content's
 // keyed hash must be the entry's id and its length the plain length.

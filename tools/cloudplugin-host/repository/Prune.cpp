@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "repository/Binary.h"
+#include "repository/TreeReader.h"
 #include "util/Error.h"
 
 namespace qvhost::repo {
@@ -13,12 +14,29 @@ namespace {
 
 std::string Short(const Id& id) { return IdHex(id).substr(0, 16); }
 
-// What the snapshots need. A snapshot that does not open stops prune: what
-// it needs cannot be known.
-std::unordered_set<Id, IdHash> UsedBlobs(Repository& repository) {
+// What the snapshots need: their trees and every chunk the trees name. A
+// snapshot or a tree that does not open stops prune: what it needs cannot
+// be known.
+std::unordered_set<Id, IdHash> UsedBlobs(Repository& repository, const MasterIndex& index) {
     std::unordered_set<Id, IdHash> used;
-    for (const Snapshot& snapshot : repository.LoadSnapshots()) {
-        for (const SnapshotFile& file : snapshot.files) used.insert(file.chunks.begin(), file.chunks.end());
+    TreeReader reader(repository, index);
+    std::vector<Id> pending;
+    for (const Snapshot& snapshot : repository.LoadSnapshots()) pending.insert(pending.end(), snapshot.tree.begin(), snapshot.tree.end());
+    while (!pending.empty()) {
+        const Id tree = pending.back();
+        pending.pop_back();
+        if (!used.insert(tree).second) continue;  // a folder shared by snapshots is walked once
+        Nodes nodes;
+        try {
+            nodes = reader.Load(tree);
+        } catch (const ObjectMissing& missing) {
+            Damaged("prune stopped, nothing deleted: the tree " + IdHex(tree).substr(0, 16) + " is in a pack that is "
+                    "missing (" + missing.name() + ")");
+        }
+        for (const Node& node : *nodes) {
+            used.insert(node.content.begin(), node.content.end());
+            pending.insert(pending.end(), node.subtree.begin(), node.subtree.end());
+        }
     }
     return used;
 }
@@ -171,8 +189,8 @@ std::set<std::string> SaveIndex(Repository& repository, const std::vector<Indexe
 
 PrunePlan PlanPrune(Repository& repository) {
     PrunePlan plan;
-    const std::unordered_set<Id, IdHash> used = UsedBlobs(repository);
     const MasterIndex index = repository.LoadIndex();
+    const std::unordered_set<Id, IdHash> used = UsedBlobs(repository, index);
     for (const NamedObject& object : repository.ListIds(repository.layout().DataPrefix())) {
         plan.stored[object.id] = object.size;
     }

@@ -32,7 +32,10 @@ void RehydrateObjects(ObjectStore& store, const std::vector<StoredObject>& objec
 // The repository's own objects (keys, config, index, snapshots): without
 // them nothing says which packs a snapshot needs, so they come first.
 std::vector<StoredObject> OwnObjects(ObjectStore& store, const RepositoryLayout& layout);
-// The packs a snapshot's files need.
+// The packs that hold trees: without them nothing says which packs a
+// snapshot's files need, so they come next.
+std::vector<StoredObject> TreePacks(Repository& repository, const MasterIndex& index);
+// The packs a snapshot's trees and files need (its trees read on the way).
 std::vector<StoredObject> PacksOf(Repository& repository, const Snapshot& snapshot, const MasterIndex& index);
 
 }  // namespace qvhost::repo

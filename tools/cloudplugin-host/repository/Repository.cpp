@@ -122,7 +122,20 @@ Snapshot Repository::LoadSnapshot(const std::string& id) {
     if (IdHex(Sha256Id(sealed.data(), sealed.size())) != id) {
         Damaged("the snapshot " + id.substr(0, 8) + " does not match its name: it was changed");
     }
-    return DecodeSnapshot(keys_, sealed, id);
+    DecodedSnapshot decoded = DecodeSnapshot(keys_, sealed, id);
+    if (!decoded.trees.empty()) {
+        std::lock_guard<std::mutex> lock(syntheticMutex_);
+        synthetic_.merge(decoded.trees);
+    }
+    return std::move(decoded.snapshot);
+}
+
+bool Repository::SyntheticTree(const Id& id, Bytes& plain) {
+    std::lock_guard<std::mutex> lock(syntheticMutex_);
+    const auto found = synthetic_.find(id);
+    if (found == synthetic_.end()) return false;
+    plain = found->second;
+    return true;
 }
 
 std::vector<Snapshot> Repository::LoadSnapshots() {

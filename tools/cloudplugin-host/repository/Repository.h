@@ -17,6 +17,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -82,7 +84,11 @@ public:
     void WritePack(const PackBuilder::Finished& pack);
 
     std::vector<NamedObject> ListSnapshots() { return ListIds(layout_.SnapshotsPrefix()); }
+    // A snapshot of format version 1 leaves the trees its lists became
+    // here (SyntheticTree).
     Snapshot LoadSnapshot(const std::string& id);
+    // The plain bytes of a tree that exists only in memory; false for any other.
+    bool SyntheticTree(const Id& id, Bytes& plain);
     // Every snapshot (sorted oldest first).
     std::vector<Snapshot> LoadSnapshots();
     // What a listing shows of every snapshot, from one listing where the
@@ -102,6 +108,8 @@ private:
     MasterKeys keys_;
     RepositoryConfig config_;
     GearTable gear_{};
+    std::mutex syntheticMutex_;
+    std::map<Id, Bytes> synthetic_;
 };
 
 }  // namespace qvhost::repo

@@ -34,21 +34,11 @@ struct Range {
     std::vector<const PlannedBlob*> blobs;
 };
 
-std::vector<RestoreFile> FilesOf(const Snapshot& snapshot) {
-    std::vector<RestoreFile> files;
-    files.reserve(snapshot.files.size());
-    for (const SnapshotFile& file : snapshot.files) {
-        files.push_back({file.path, file.size, file.mode, file.modifiedNs});
-    }
-    return files;
-}
-
 class RestoreRun {
 public:
-    RestoreRun(Repository& repository, const MasterIndex& index, const Snapshot& snapshot, RestoreTarget* target,
+    RestoreRun(Repository& repository, const MasterIndex& index, RestorePlan plan, RestoreTarget* target,
                const RestoreOptions& options)
-        : repository_(repository), index_(index), snapshot_(snapshot), options_(options),
-          sink_(target, FilesOf(snapshot), snapshot.folders, snapshot.links) {}
+        : repository_(repository), index_(index), options_(options), sink_(target, std::move(plan)) {}
 
     RestoreReport Run(bool writing);
 
@@ -58,7 +48,6 @@ private:
 
     Repository& repository_;
     const MasterIndex& index_;
-    const Snapshot& snapshot_;
     const RestoreOptions options_;
     RestoreSink sink_;
     std::map<Id, std::map<uint32_t, PlannedBlob>> packs_;  // pack -> offset -> blob
@@ -77,7 +66,7 @@ RestoreReport RestoreRun::Run(bool writing) {
     });
     sink_.FinishIdle(progress);
     progress.Finish();
-    sink_.MakeFoldersAndLinks();
+    sink_.MakeTheRest();
     RestoreReport report;
     report.files = sink_.files().size();
     report.bytes = sink_.TotalBytes();
@@ -86,6 +75,7 @@ RestoreReport RestoreRun::Run(bool writing) {
     report.seconds = progress.Seconds();
     report.damaged = sink_.Damaged();
     report.setIdDropped = sink_.SetIdDropped();
+    report.notes = sink_.Notes();
     return report;
 }
 
@@ -96,11 +86,11 @@ RestoreReport RestoreRun::Run(bool writing) {
 // up to its size, is damaged before anything is read.
 void RestoreRun::Plan() {
     std::vector<Id> order;
-    for (size_t file = 0; file < snapshot_.files.size(); ++file) {
-        const SnapshotFile& entry = snapshot_.files[file];
+    for (size_t file = 0; file < sink_.files().size(); ++file) {
+        const Node& entry = sink_.files()[file].node;
         std::vector<const BlobLocation*> locations;
         uint64_t total = 0;
-        for (const Id& chunk : entry.chunks) {
+        for (const Id& chunk : entry.content) {
             const BlobLocation* location = index_.Find(chunk);
             if (!location) {
                 sink_.Fail(file, "", "its chunk " + IdHex(chunk).substr(0, 16) + " is in no index");
@@ -169,50 +159,60 @@ void RestoreRun::RestoreRange(const Range& range, Bytes& buffer, Bytes& plain, P
     }
 }
 
-bool Within(const std::string& path, const std::string& folder) {
-    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == '/';
+// Adds an entry to the plan by its kind; a second name of a file the plan
+// has already becomes a hard link to it.
+void Place(RestorePlan& plan, std::map<std::pair<uint64_t, uint64_t>, size_t>& names, const std::string& path,
+           const Node& node) {
+    switch (node.type) {
+    case NodeType::File: {
+        if (node.links > 1 && node.inode != 0) {
+            const auto key = std::make_pair(node.device, node.inode);
+            const auto found = names.find(key);
+            if (found == names.end()) {
+                names[key] = plan.files.size();
+            } else if (const RestoreEntry& earlier = plan.files[found->second];
+                       earlier.node.content == node.content && earlier.node.size == node.size) {
+                return plan.hardLinks.push_back({path, earlier.relativePath});
+            }
+        }
+        return plan.files.push_back({path, node});
+    }
+    case NodeType::Folder: return plan.folders.push_back({path, node});
+    case NodeType::Link: return plan.links.push_back({path, node});
+    default: return plan.specials.push_back({path, node});
+    }
 }
 
 }  // namespace
 
-Snapshot SelectSubPath(const Snapshot& snapshot, const std::string& subPath) {
-    if (subPath.empty()) return snapshot;
+RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std::string& subPath) {
     std::string sub = subPath;
     while (!sub.empty() && sub.back() == '/') sub.pop_back();
     while (!sub.empty() && sub.front() == '/') sub.erase(0, 1);
-    Snapshot selected = snapshot;
-    selected.files.clear();
-    selected.folders.clear();
-    selected.links.clear();
-    const std::string name = sub.substr(sub.rfind('/') == std::string::npos ? 0 : sub.rfind('/') + 1);
-    auto relative = [&](const std::string& path) -> std::optional<std::string> {
-        if (path == sub) return name;
-        if (Within(path, sub)) return path.substr(sub.size() + 1);
-        return std::nullopt;
-    };
-    for (const SnapshotFile& file : snapshot.files) {
-        if (auto path = relative(file.path)) selected.files.push_back(file), selected.files.back().path = *path;
-    }
-    for (const FolderRecord& folder : snapshot.folders) {
-        if (folder.relativePath == sub) continue;  // the empty folder itself: the destination is it
-        if (auto path = relative(folder.relativePath)) {
-            selected.folders.push_back(folder), selected.folders.back().relativePath = *path;
+    RestorePlan plan;
+    std::map<std::pair<uint64_t, uint64_t>, size_t> names;
+    std::vector<Id> root = snapshot.tree;
+    if (!sub.empty()) {
+        const std::optional<Node> node = FindNode(reader, snapshot.tree, sub);
+        if (!node) throw Error(ErrorKind::NotFound, "the snapshot holds nothing at " + subPath);
+        if (!node->IsFolder()) {
+            Place(plan, names, node->name, *node);
+            return plan;
         }
+        root = node->subtree;
     }
-    for (const LinkRecord& link : snapshot.links) {
-        if (auto path = relative(link.relativePath)) selected.links.push_back(link), selected.links.back().relativePath = *path;
-    }
-    const bool emptyFolder = std::any_of(snapshot.folders.begin(), snapshot.folders.end(),
-                                         [&](const FolderRecord& f) { return f.relativePath == sub; });
-    if (selected.files.empty() && selected.folders.empty() && selected.links.empty() && !emptyFolder) {
-        throw Error(ErrorKind::NotFound, "the snapshot holds nothing at " + subPath);
-    }
-    return selected;
+    WalkTree(reader, root, [&](const std::string& path, const Node& node) {
+        Place(plan, names, path, node);
+        return true;
+    });
+    return plan;
 }
 
 RestoreReport RunRestore(Repository& repository, const MasterIndex& index, const Snapshot& snapshot,
                          RestoreTarget* target, const RestoreOptions& options) {
-    return RestoreRun(repository, index, snapshot, target, options).Run(target != nullptr);
+    TreeReader reader(repository, index);
+    RestorePlan plan = PlanRestore(reader, snapshot, options.subPath);
+    return RestoreRun(repository, index, std::move(plan), target, options).Run(target != nullptr);
 }
 
 }  // namespace qvhost::repo

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "repository/RestoreSink.h"
+#include "repository/TreeReader.h"
 #include "util/Progress.h"
 #include "repository/Repository.h"
 
@@ -37,12 +38,14 @@ struct RestoreReport {
     double seconds = 0;
     std::vector<RestoreProblem> damaged;  // sorted by file
     std::vector<std::string> setIdDropped;
+    std::vector<std::string> notes;  // what the target could not keep
 };
 
-// Picks the entries of `subPath` (a folder: what lies beneath it, relative
-// to it; a file: that file under its own name). Throws Error (no such
-// backup) when nothing lies there.
-Snapshot SelectSubPath(const Snapshot& snapshot, const std::string& subPath);
+// What a restore of `subPath` (empty: the whole snapshot) makes: a folder's
+// entries relative to it, a file under its own name. Other names of the
+// same file (hard links with the same content) become links to its first
+// name. Throws Error (not found) when nothing lies at `subPath`.
+RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std::string& subPath);
 
 // With a target, a restore; without, a read-back. Throws Error for
 // what stops the whole restore (a plug-in failure other than a missing

@@ -1,24 +1,33 @@
 #include "repository/RestoreSink.h"
 
 #include <algorithm>
+#include <set>
+
+#include "util/Error.h"
 
 namespace qvhost::repo {
 
-RestoreSink::RestoreSink(RestoreTarget* target, std::vector<RestoreFile> files, std::vector<FolderRecord> folders,
-                         std::vector<LinkRecord> links)
-    : target_(target), files_(std::move(files)), folders_(std::move(folders)), links_(std::move(links)),
-      states_(files_.size()) {}
+namespace {
+
+size_t Depth(const std::string& path) { return static_cast<size_t>(std::count(path.begin(), path.end(), '/')); }
+
+}  // namespace
+
+RestoreSink::RestoreSink(RestoreTarget* target, RestorePlan plan)
+    : target_(target), plan_(std::move(plan)), states_(plan_.files.size()) {}
 
 void RestoreSink::CheckPaths() const {
     if (!target_) return;
-    for (const RestoreFile& file : files_) target_->Check(file.relativePath, EntryKind::File);
-    for (const FolderRecord& folder : folders_) target_->Check(folder.relativePath, EntryKind::Folder);
-    for (const LinkRecord& link : links_) target_->Check(link.relativePath, EntryKind::Link);
+    for (const RestoreEntry& file : plan_.files) target_->Check(file.relativePath, EntryKind::File);
+    for (const RestoreHardLink& link : plan_.hardLinks) target_->Check(link.relativePath, EntryKind::File);
+    for (const RestoreEntry& special : plan_.specials) target_->Check(special.relativePath, EntryKind::File);
+    for (const RestoreEntry& folder : plan_.folders) target_->Check(folder.relativePath, EntryKind::Folder);
+    for (const RestoreEntry& link : plan_.links) target_->Check(link.relativePath, EntryKind::Link);
 }
 
 uint64_t RestoreSink::TotalBytes() const {
     uint64_t total = 0;
-    for (const RestoreFile& file : files_) total += file.size;
+    for (const RestoreEntry& file : plan_.files) total += file.node.size;
     return total;
 }
 
@@ -31,7 +40,7 @@ void RestoreSink::Write(size_t file, uint64_t offset, const void* data, size_t s
 void RestoreSink::Fail(size_t file, const std::string& object, const std::string& what) {
     FileState& state = states_[file];
     std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.failed.exchange(true)) state.problem = {files_[file].relativePath, object, what};
+    if (!state.failed.exchange(true)) state.problem = {plan_.files[file].relativePath, object, what};
 }
 
 void RestoreSink::PieceDone(size_t file, Progress& progress) {
@@ -44,10 +53,26 @@ void RestoreSink::FinishIdle(Progress& progress) {
     }
 }
 
-void RestoreSink::MakeFoldersAndLinks() {
+void RestoreSink::MakeTheRest() {
     if (!target_) return;
-    for (const FolderRecord& folder : folders_) target_->MakeFolder(folder);
-    for (const LinkRecord& link : links_) target_->MakeLink(link);
+    std::set<std::string> damaged;
+    for (const RestoreProblem& problem : Damaged()) damaged.insert(problem.file);
+    for (const RestoreHardLink& link : plan_.hardLinks) {
+        if (damaged.count(link.existing)) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            damaged_.push_back({link.relativePath, "", "its other name " + link.existing + " is damaged"});
+            continue;
+        }
+        target_->MakeHardLink(link.relativePath, link.existing);
+    }
+    for (const RestoreEntry& link : plan_.links) target_->MakeLink(link.relativePath, link.node);
+    for (const RestoreEntry& special : plan_.specials) target_->MakeSpecial(special.relativePath, special.node);
+    std::vector<const RestoreEntry*> folders;
+    for (const RestoreEntry& folder : plan_.folders) folders.push_back(&folder);
+    std::stable_sort(folders.begin(), folders.end(), [](const RestoreEntry* a, const RestoreEntry* b) {
+        return Depth(a->relativePath) > Depth(b->relativePath);
+    });
+    for (const RestoreEntry* folder : folders) target_->MakeFolder(folder->relativePath, folder->node);
 }
 
 std::vector<RestoreProblem> RestoreSink::Damaged() const {
@@ -65,11 +90,17 @@ std::vector<std::string> RestoreSink::SetIdDropped() const {
     return dropped;
 }
 
+std::vector<std::string> RestoreSink::Notes() {
+    std::vector<std::string> notes = target_ ? target_->TakeNotes() : std::vector<std::string>{};
+    std::sort(notes.begin(), notes.end());
+    return notes;
+}
+
 // The file's output, made by the first piece to get here.
 RestoredFile& RestoreSink::OutputOf(size_t file) {
     FileState& state = states_[file];
     std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.output) state.output = target_->MakeFile(files_[file].relativePath);
+    if (!state.output) state.output = target_->MakeFile(plan_.files[file].relativePath, plan_.files[file].node);
     return *state.output;
 }
 
@@ -78,7 +109,7 @@ RestoredFile& RestoreSink::OutputOf(size_t file) {
 void RestoreSink::Finish(size_t file, Progress& progress) {
     FileState& state = states_[file];
     if (state.finished.exchange(true)) return;
-    const RestoreFile& entry = files_[file];
+    const RestoreEntry& entry = plan_.files[file];
     if (state.failed) {
         {
             std::lock_guard<std::mutex> lock(state.mutex);
@@ -90,17 +121,17 @@ void RestoreSink::Finish(size_t file, Progress& progress) {
         return;
     }
     if (target_) {
-        OutputOf(file).Commit(entry.mode, entry.modifiedNs);
+        OutputOf(file).Commit(entry.node);
         {
             std::lock_guard<std::mutex> lock(state.mutex);
             state.output.reset();
         }
-        if (entry.mode && (*entry.mode & kSetIdBits)) {
+        if (entry.node.mode & kSetIdBits) {
             std::lock_guard<std::mutex> lock(mutex_);
             setIdDropped_.push_back(entry.relativePath);
         }
     }
-    progress.FileDone(entry.relativePath, entry.size);
+    progress.FileDone(entry.relativePath, entry.node.size);
 }
 
 }  // namespace qvhost::repo

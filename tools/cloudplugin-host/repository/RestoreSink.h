@@ -1,19 +1,19 @@
 // What every restore does around its data, whichever layout the data comes
 // from: each path checked against the target before anything is written;
 // each file written piece by piece, the pieces in any order and on any
-// job, and moved into place (with its mode and time) only when every piece
-// of it arrived and checked, else removed and named as damaged; set-user-ID
-// and set-group-ID bits reported as not restored; empty folders and links
-// made last, so that no file of the restore is ever written beneath a link
-// it made. Without a target the same work reads everything back and writes
-// nothing (verify, check).
+// job, and moved into place (with its metadata) only when every piece of it
+// arrived and checked, else removed and named as damaged; set-user-ID and
+// set-group-ID bits reported as not restored; then the other names of hard
+// links, the links, the FIFOs and devices, and last every folder's metadata,
+// deepest first, so that nothing written later changes what was set. Without
+// a target the same work reads everything back and writes nothing (verify,
+// check).
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,12 +22,25 @@
 
 namespace qvhost::repo {
 
-// A file a restore makes.
-struct RestoreFile {
+// An entry a restore makes: where, and what it was.
+struct RestoreEntry {
     std::string relativePath;
-    uint64_t size = 0;
-    std::optional<uint32_t> mode;  // none: as the target makes files
-    int64_t modifiedNs = 0;
+    Node node;
+};
+
+// A second name of a file restored under another (a hard link).
+struct RestoreHardLink {
+    std::string relativePath;
+    std::string existing;
+};
+
+// What a restore makes.
+struct RestorePlan {
+    std::vector<RestoreEntry> files;
+    std::vector<RestoreEntry> folders;
+    std::vector<RestoreEntry> links;
+    std::vector<RestoreEntry> specials;  // FIFOs and devices
+    std::vector<RestoreHardLink> hardLinks;
 };
 
 // A file that could not be restored, and why.
@@ -40,16 +53,15 @@ struct RestoreProblem {
 class RestoreSink {
 public:
     // `target` may be null: a read-back.
-    RestoreSink(RestoreTarget* target, std::vector<RestoreFile> files, std::vector<FolderRecord> folders,
-                std::vector<LinkRecord> links);
+    RestoreSink(RestoreTarget* target, RestorePlan plan);
 
     // Refuses (Error, local file) what the target would refuse, before
     // anything is written.
     void CheckPaths() const;
 
-    const std::vector<RestoreFile>& files() const { return files_; }
-    size_t FolderCount() const { return folders_.size(); }
-    size_t LinkCount() const { return links_.size(); }
+    const std::vector<RestoreEntry>& files() const { return plan_.files; }
+    size_t FolderCount() const { return plan_.folders.size(); }
+    size_t LinkCount() const { return plan_.links.size(); }
     uint64_t TotalBytes() const;
 
     // How many pieces the file waits for (0 unless set).
@@ -65,12 +77,14 @@ public:
     // Finishes the files that wait for no piece (empty ones, ones failed
     // before anything was read).
     void FinishIdle(Progress& progress);
-    // The empty folders, then the links.
-    void MakeFoldersAndLinks();
+    // Hard links, links, FIFOs and devices, then the folders deepest first.
+    void MakeTheRest();
 
     // Sorted by file.
     std::vector<RestoreProblem> Damaged() const;
     std::vector<std::string> SetIdDropped() const;
+    // What the target could not keep (owners, attributes, devices).
+    std::vector<std::string> Notes();
 
 private:
     struct FileState {
@@ -86,13 +100,12 @@ private:
     RestoredFile& OutputOf(size_t file);
 
     RestoreTarget* target_;
-    const std::vector<RestoreFile> files_;
-    const std::vector<FolderRecord> folders_;
-    const std::vector<LinkRecord> links_;
+    RestorePlan plan_;
     std::vector<FileState> states_;
     mutable std::mutex mutex_;  // guards what follows
     std::vector<RestoreProblem> damaged_;
     std::vector<std::string> setIdDropped_;
+    std::vector<std::string> notes_;
 };
 
 }  // namespace qvhost::repo

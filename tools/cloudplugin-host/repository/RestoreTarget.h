@@ -1,13 +1,18 @@
 // Where a restore writes, as the restore sees it. The tool's own target is
 // a destination folder that nothing read from storage can leave
 // (local/Destination.h); tests may give others.
+//
+// What the target cannot keep of an entry's metadata (an owner when not
+// running as root, an extended attribute the file system refuses, a device
+// node without the right to make one) it notes, and goes on.
 #pragma once
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
+#include <vector>
 
+#include "repository/Tree.h"
 #include "util/Entry.h"
 
 namespace qvhost::repo {
@@ -18,10 +23,9 @@ public:
     virtual ~RestoredFile() = default;
     // Writes `size` bytes at `offset` (pieces of one file may arrive in any order).
     virtual void WriteAt(uint64_t offset, const void* data, size_t size) = 0;
-    // Sets the mode (permission and sticky bits; set-user-ID and
-    // set-group-ID are never restored) and the time, then moves the file
-    // into place.
-    virtual void Commit(std::optional<uint32_t> mode, int64_t modifiedNs) = 0;
+    // Sets the file's size, mode (set-user-ID and set-group-ID never),
+    // owner, extended attributes and times, then moves it into place.
+    virtual void Commit(const Node& metadata) = 0;
 };
 
 class RestoreTarget {
@@ -31,9 +35,18 @@ public:
     // Refuses, before anything is written, what the restore could not do
     // safely (throws Error, local file, naming the entry).
     virtual void Check(const std::string& relativePath, EntryKind kind) const = 0;
-    virtual std::unique_ptr<RestoredFile> MakeFile(const std::string& relativePath) = 0;
-    virtual void MakeFolder(const FolderRecord& folder) = 0;
-    virtual void MakeLink(const LinkRecord& link) = 0;
+    // A file; a sparse one is written with holes where its data is zeros.
+    virtual std::unique_ptr<RestoredFile> MakeFile(const std::string& relativePath, const Node& node) = 0;
+    // The folder (made when missing) and its metadata: called once
+    // everything beneath it is in place.
+    virtual void MakeFolder(const std::string& relativePath, const Node& node) = 0;
+    virtual void MakeLink(const std::string& relativePath, const Node& node) = 0;
+    // A FIFO or a device node.
+    virtual void MakeSpecial(const std::string& relativePath, const Node& node) = 0;
+    // Another name for a file restored already.
+    virtual void MakeHardLink(const std::string& relativePath, const std::string& existing) = 0;
+    // What could not be kept, one line each, since the last call.
+    virtual std::vector<std::string> TakeNotes() = 0;
 };
 
 }  // namespace qvhost::repo

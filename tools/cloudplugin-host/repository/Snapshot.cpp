@@ -1,27 +1,27 @@
 #include "repository/Snapshot.h"
 
 #include <algorithm>
-#include <map>
+#include <istream>
+#include <set>
+#include <sstream>
 
-#include "util/Text.h"
+#include "repository/Binary.h"
 #include "repository/BoundedJson.h"
 #include "repository/Compression.h"
 #include "repository/Keys.h"
 #include "repository/Pack.h"
+#include "util/Entry.h"
+#include "util/Text.h"
 
 namespace qvhost::repo {
 
 namespace {
 
-constexpr uint64_t kSnapshotVersion = 1;
-
 // Names are bytes on POSIX, not always UTF-8, and JSON holds only UTF-8:
 // paths, link targets and the source are stored %-escaped ('%' and control
 // characters, and every byte from 0x80 on when the name is not UTF-8), so
 // that a restore gives back the very same bytes.
-std::string Stored(const std::string& name) {
-    return PercentEscape(name, !IsUtf8(name));
-}
+std::string Stored(const std::string& name) { return PercentEscape(name, !IsUtf8(name)); }
 
 std::string NameMember(const Json& json, const char* member, const std::string& what) {
     std::string name;
@@ -29,63 +29,295 @@ std::string NameMember(const Json& json, const char* member, const std::string& 
     return name;
 }
 
-Json ChunksJson(const std::vector<Id>& chunks) {
+Json StoredList(const std::vector<std::string>& names) {
     Json list = Json::array();
-    for (const Id& chunk : chunks) list.push_back(IdHex(chunk));
+    for (const std::string& name : names) list.push_back(Stored(name));
     return list;
 }
 
-SnapshotFile DecodeFile(const Json& json, const std::string& what) {
-    if (!json.is_object()) Damaged(what + " is damaged: a file is not a JSON object");
-    SnapshotFile file;
-    file.path = NameMember(json, "path", what);
-    const std::string entry = what + " (file '" + Printable(file.path) + "')";
-    file.size = NumberMember(json, "size", entry);
-    file.modifiedNs = SignedMember(json, "mtime_ns", entry);
-    file.mode = static_cast<uint32_t>(NumberMember(json, "mode", entry) & kModeBits);
-    file.fileId = NumberMember(json, "file_id", entry);
-    const Json& chunks = ArrayMember(json, "chunks", entry);
-    file.chunks.resize(chunks.size());
-    for (size_t i = 0; i < chunks.size(); ++i) {
-        if (!chunks[i].is_string() || !IdFromHex(chunks[i].get<std::string>(), file.chunks[i])) {
-            Damaged(entry + " is damaged: a chunk id is not 64 hex digits");
+std::vector<std::string> NameList(const Json& json, const char* member, const std::string& what) {
+    std::vector<std::string> names;
+    for (const Json& item : ArrayMember(json, member, what)) {
+        std::string name;
+        if (!item.is_string() || !PercentUnescape(item.get<std::string>(), name)) {
+            Damaged(what + " is damaged: " + member + " holds something other than a name");
         }
+        names.push_back(std::move(name));
     }
-    // Every chunk holds 1 to kMaximumBlobPlainSize bytes.
-    if ((file.size == 0) != file.chunks.empty() || file.chunks.size() > file.size ||
-        file.size / kMaximumBlobPlainSize > file.chunks.size()) {
-        Damaged(entry + " is damaged: " + std::to_string(file.chunks.size()) + " chunks for " +
-                std::to_string(file.size) + " bytes");
-    }
-    return file;
+    return names;
 }
-
-}  // namespace
-
-uint64_t Snapshot::TotalBytes() const {
-    uint64_t total = 0;
-    for (const SnapshotFile& file : files) total += file.size;
-    return total;
-}
-
-int64_t Snapshot::Seconds() const { return ParseUtcTime(time); }
-
-namespace {
 
 constexpr size_t kMaximumInfoText = 4096;
 
 std::string InfoAad(const std::string& id) { return "cloudplugin-host snapshot info " + id; }
 
+// ---- decoding: the members used, everything else skipped unbuilt
+
+const std::set<std::string> kTopMembers = {"version", "time",  "time_ns", "host",  "source",  "paths", "tags",
+                                           "parent",  "tree",  "files",   "folders", "links", "summary"};
+const std::set<std::string> kFileMembers = {"path", "size", "mtime_ns", "mode", "file_id", "chunks"};
+const std::set<std::string> kFolderMembers = {"path", "mtime_ns", "mode"};
+const std::set<std::string> kLinkMembers = {"path", "target", "mtime_ns"};
+
+// Which member of which level is kept: the levels of the document are the
+// snapshot object (keys at depth 1), its lists (entries at depth 2, their
+// keys at depth 3) and the summary's scalars (keys at depth 2).
+class MemberFilter {
+public:
+    bool operator()(int depth, Json::parse_event_t event, Json& parsed) {
+        if (event == Json::parse_event_t::key) {
+            const std::string key = parsed.get<std::string>();
+            if (depth == 1) return top_ = key, kTopMembers.count(key) != 0;
+            if (depth == 2) return top_ == "summary";
+            if (depth == 3) return EntryMembers().count(key) != 0;
+            return false;
+        }
+        if (event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start) {
+            // Lists of entries, and the chunk lists inside file entries.
+            if (depth <= 1) return true;
+            if (depth == 2) return top_ == "files" || top_ == "folders" || top_ == "links";
+            return depth == 3 && top_ == "files" && event == Json::parse_event_t::array_start;
+        }
+        return true;
+    }
+
+private:
+    const std::set<std::string>& EntryMembers() const {
+        static const std::set<std::string> none;
+        if (top_ == "files") return kFileMembers;
+        if (top_ == "folders") return kFolderMembers;
+        if (top_ == "links") return kLinkMembers;
+        return none;
+    }
+
+    std::string top_;
+};
+
+Json ParseSnapshotJson(std::istream& in, const std::string& what) {
+    MemberFilter filter;
+    Json json;
+    try {
+        json = Json::parse(in, std::ref(filter));
+    } catch (const std::exception& failure) {
+        Damaged(what + " is damaged: not JSON (" + failure.what() + ")");
+    }
+    if (!json.is_object()) Damaged(what + " is damaged: not a JSON object");
+    return json;
+}
+
+// No text of a snapshot is longer than this (a path takes at most 32 KiB,
+// escaped three times that): a longer one is damage, refused before the
+// parser holds it.
+constexpr size_t kMaximumText = 1u << 20;
+
+// Passes JSON on from another buffer, ending it (failed) at a text longer
+// than kMaximumText.
+class TextBoundingBuffer : public std::streambuf {
+public:
+    explicit TextBoundingBuffer(std::streambuf& source) : source_(source) {}
+    bool failed() const { return failed_; }
+
+protected:
+    int_type underflow() override {
+        if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
+        const std::streamsize got = failed_ ? 0 : source_.sgetn(buffer_, sizeof buffer_);
+        for (std::streamsize i = 0; i < got; ++i) Track(buffer_[i]);
+        if (got <= 0 || failed_) return traits_type::eof();
+        setg(buffer_, buffer_, buffer_ + got);
+        return traits_type::to_int_type(*gptr());
+    }
+
+private:
+    void Track(char c) {
+        if (!inText_) {
+            if (c == '"') inText_ = true, length_ = 0;
+            return;
+        }
+        if (escaped_) {
+            escaped_ = false;
+        } else if (c == '\\') {
+            escaped_ = true;
+        } else if (c == '"') {
+            inText_ = false;
+        }
+        if (++length_ > kMaximumText) failed_ = true;
+    }
+
+    std::streambuf& source_;
+    char buffer_[64 * 1024];
+    bool inText_ = false;
+    bool escaped_ = false;
+    size_t length_ = 0;
+    bool failed_ = false;
+};
+
+Json ParseSnapshotJson(std::streambuf& source, const std::string& what) {
+    TextBoundingBuffer bounded(source);
+    std::istream in(&bounded);
+    Json json;
+    try {
+        json = ParseSnapshotJson(in, what);
+    } catch (const Error&) {
+        if (bounded.failed()) Damaged(what + " is damaged: it holds a text longer than any snapshot has");
+        throw;
+    }
+    return json;
+}
+
+// The snapshot's JSON, decompressed as it is parsed.
+Json ReadSnapshotJson(const Bytes& plain, const std::string& what) {
+    ByteReader reader(plain.data(), plain.size(), what);
+    const uint64_t header = reader.U64();
+    const bool stored = (header >> 63) != 0;
+    const uint64_t length = header & ~(1ull << 63);
+    if (length > kMaximumSnapshotPlainSize) reader.Fail("claims " + std::to_string(length) + " bytes");
+    const size_t left = reader.Left();
+    const uint8_t* data = reader.Raw(left);
+    if (stored) {
+        if (length != left) reader.Fail("does not hold its length");
+        std::stringbuf text(std::string(reinterpret_cast<const char*>(data), left));
+        return ParseSnapshotJson(text, what);
+    }
+    DecompressingBuffer buffer(data, left, length);
+    Json json = ParseSnapshotJson(buffer, what);
+    if (buffer.failed() || buffer.produced() != length) reader.Fail("does not decompress to its length");
+    return json;
+}
+
+std::vector<Id> IdList(const Json& json, const char* member, const std::string& what) {
+    const Json& list = ArrayMember(json, member, what);
+    std::vector<Id> ids(list.size());
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (!list[i].is_string() || !IdFromHex(list[i].get<std::string>(), ids[i])) {
+            Damaged(what + " is damaged: an id in " + member + " is not 64 hex digits");
+        }
+    }
+    return ids;
+}
+
+// ---- format version 1: the lists become trees
+
+struct Placed {
+    std::string folder;  // the entry's folder, "" for the root
+    Node node;
+    std::string path;  // as the snapshot names it (checked before anything is built of it)
+};
+
+std::string FolderOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "" : path.substr(0, slash);
+}
+
+std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+Node FileNodeV1(const Json& json, const std::string& path, const std::string& what) {
+    const std::string entry = what + " (file '" + Printable(path) + "')";
+    Node node;
+    node.type = NodeType::File;
+    node.size = NumberMember(json, "size", entry);
+    node.modifiedNs = SignedMember(json, "mtime_ns", entry);
+    node.mode = static_cast<uint32_t>(NumberMember(json, "mode", entry) & kModeBits);
+    node.inode = NumberMember(json, "file_id", entry);
+    node.content = IdList(json, "chunks", entry);
+    return node;
+}
+
+std::vector<Placed> EntriesV1(const Json& json, const std::string& what) {
+    std::vector<Placed> entries;
+    for (const Json& file : ArrayMember(json, "files", what)) {
+        if (!file.is_object()) Damaged(what + " is damaged: a file is not a JSON object");
+        const std::string path = NameMember(file, "path", what);
+        entries.push_back({FolderOf(path), FileNodeV1(file, path, what), path});
+        entries.back().node.name = NameOf(path);
+    }
+    for (const Json& folder : ArrayMember(json, "folders", what)) {
+        if (!folder.is_object()) Damaged(what + " is damaged: a folder is not a JSON object");
+        const std::string path = NameMember(folder, "path", what);
+        Node node;
+        node.name = NameOf(path);
+        node.type = NodeType::Folder;
+        node.modifiedNs = SignedMember(folder, "mtime_ns", what);
+        node.mode = static_cast<uint32_t>(NumberMember(folder, "mode", what) & kModeBits);
+        entries.push_back({FolderOf(path), std::move(node), path});
+    }
+    for (const Json& link : ArrayMember(json, "links", what)) {
+        if (!link.is_object()) Damaged(what + " is damaged: a link is not a JSON object");
+        const std::string path = NameMember(link, "path", what);
+        Node node;
+        node.name = NameOf(path);
+        node.type = NodeType::Link;
+        node.linkTarget = NameMember(link, "target", what);
+        node.modifiedNs = SignedMember(link, "mtime_ns", what);
+        entries.push_back({FolderOf(path), std::move(node), path});
+    }
+    return entries;
+}
+
+// Version 1 lists every file, link and empty folder by its path; the
+// folders on the way are implicit. Each folder's entries become its tree,
+// deepest first, so that a folder's node names its entries' trees.
+std::vector<Id> TreesOfV1(const MasterKeys& keys, std::vector<Placed> entries, std::map<Id, Bytes>& trees,
+                          const std::string& what, PathRules rules) {
+    std::vector<TreePath> paths;
+    for (const Placed& entry : entries) paths.push_back({entry.path, entry.node.IsFolder()});
+    const auto [path, why] = FirstTreeProblem(paths, rules);
+    if (!why.empty()) Damaged(what + " is damaged: the entry '" + Printable(path) + "' " + why);
+    std::map<std::string, std::vector<Node>> folders;  // folder path -> its entries
+    folders[""];
+    for (Placed& entry : entries) {
+        for (std::string folder = entry.folder; !folders.count(folder); folder = FolderOf(folder)) {
+            folders[folder];
+            Node implicit;
+            implicit.name = NameOf(folder);
+            implicit.type = NodeType::Folder;
+            implicit.mode = 0755;
+            implicit.implicit = true;
+            entries.push_back({FolderOf(folder), implicit, folder});
+        }
+        if (entry.node.IsFolder()) folders[(entry.folder.empty() ? "" : entry.folder + "/") + entry.node.name];
+    }
+    for (Placed& entry : entries) folders[entry.folder].push_back(std::move(entry.node));
+    std::vector<std::string> order;
+    for (const auto& [folder, nodes] : folders) order.push_back(folder);
+    std::sort(order.begin(), order.end(), [](const std::string& a, const std::string& b) {
+        return std::count(a.begin(), a.end(), '/') + !a.empty() > std::count(b.begin(), b.end(), '/') + !b.empty();
+    });
+    std::map<std::string, std::vector<Id>> subtrees;
+    for (const std::string& folder : order) {
+        std::vector<Node>& nodes = folders[folder];
+        std::sort(nodes.begin(), nodes.end(), [](const Node& a, const Node& b) { return a.name < b.name; });
+        for (Node& node : nodes) {
+            if (node.IsFolder()) node.subtree = subtrees[(folder.empty() ? "" : folder + "/") + node.name];
+        }
+        for (const Bytes& plain : EncodeTree(nodes)) {
+            const Id id = KeyedHash(keys.mac, plain.data(), plain.size());
+            trees.emplace(id, plain);
+            subtrees[folder].push_back(id);
+        }
+    }
+    return subtrees[""];
+}
+
 }  // namespace
 
+uint64_t Snapshot::Files() const { return summary.value("files", uint64_t{0}); }
+uint64_t Snapshot::TotalBytes() const { return summary.value("bytes", uint64_t{0}); }
+int64_t Snapshot::Seconds() const { return ParseUtcTime(time); }
+
+std::string PathsText(const std::vector<std::string>& paths) {
+    std::string text;
+    for (const std::string& path : paths) text += (text.empty() ? "" : ", ") + Printable(path);
+    return text;
+}
+
 SnapshotInfo InfoOf(const Snapshot& snapshot) {
-    return {snapshot.id,     snapshot.time,   snapshot.timeNs,        snapshot.host,      snapshot.source,
-            snapshot.tags,   snapshot.parent, snapshot.files.size(), snapshot.TotalBytes()};
+    return {snapshot.id,   snapshot.time,   snapshot.timeNs,  snapshot.host,  snapshot.paths,
+            snapshot.tags, snapshot.parent, snapshot.Files(), snapshot.TotalBytes()};
 }
 
 std::string EncodeSnapshotInfo(const MasterKeys& keys, const SnapshotInfo& info) {
     const Json json = {{"time", info.time},     {"time_ns", info.timeNs}, {"host", info.host},
-                       {"source", Stored(info.source)}, {"tags", info.tags}, {"parent", info.parent},
+                       {"paths", StoredList(info.paths)}, {"tags", info.tags}, {"parent", info.parent},
                        {"files", info.files},   {"bytes", info.bytes}};
     const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
     const std::string aad = InfoAad(info.id);
@@ -112,7 +344,9 @@ std::optional<SnapshotInfo> DecodeSnapshotInfo(const MasterKeys& keys, const std
         info.time = StringMember(json, "time", what);
         info.timeNs = SignedMember(json, "time_ns", what);
         info.host = StringMember(json, "host", what);
-        info.source = NameMember(json, "source", what);
+        // Listings written before snapshots had several paths name one source.
+        info.paths = json.contains("paths") ? NameList(json, "paths", what)
+                                            : std::vector<std::string>{NameMember(json, "source", what)};
         info.parent = StringMember(json, "parent", what);
         info.files = NumberMember(json, "files", what);
         info.bytes = NumberMember(json, "bytes", what);
@@ -127,26 +361,11 @@ std::optional<SnapshotInfo> DecodeSnapshotInfo(const MasterKeys& keys, const std
 }
 
 Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot) {
-    Json files = Json::array();
-    for (const SnapshotFile& file : snapshot.files) {
-        files.push_back(Json{{"path", Stored(file.path)},
-                             {"size", file.size},
-                             {"mtime_ns", file.modifiedNs},
-                             {"mode", file.mode & kModeBits},
-                             {"file_id", file.fileId},
-                             {"chunks", ChunksJson(file.chunks)}});
-    }
-    Json folders = Json::array();
-    for (const FolderRecord& folder : snapshot.folders) {
-        folders.push_back(Json{{"path", Stored(folder.relativePath)}, {"mtime_ns", folder.modifiedNs}, {"mode", folder.mode}});
-    }
-    Json links = Json::array();
-    for (const LinkRecord& link : snapshot.links) {
-        links.push_back(Json{{"path", Stored(link.relativePath)}, {"target", Stored(link.target)}, {"mtime_ns", link.modifiedNs}});
-    }
-    const Json json = {{"version", kSnapshotVersion}, {"time", snapshot.time},     {"time_ns", snapshot.timeNs}, {"host", snapshot.host},
-                       {"source", Stored(snapshot.source)},   {"tags", snapshot.tags},     {"parent", snapshot.parent},
-                       {"files", std::move(files)},   {"folders", std::move(folders)}, {"links", std::move(links)},
+    Json tree = Json::array();
+    for (const Id& id : snapshot.tree) tree.push_back(IdHex(id));
+    const Json json = {{"version", kSnapshotVersion}, {"time", snapshot.time},     {"time_ns", snapshot.timeNs},
+                       {"host", snapshot.host},       {"paths", StoredList(snapshot.paths)},
+                       {"tags", snapshot.tags},       {"parent", snapshot.parent}, {"tree", std::move(tree)},
                        {"summary", snapshot.summary}};
     // Host and tags are the user's text; anything in them that is not UTF-8 is replaced.
     const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
@@ -162,105 +381,42 @@ Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot) {
     return SealObject(keys, "snapshot", plain);
 }
 
-Snapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, const std::string& id, PathRules rules) {
+DecodedSnapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, const std::string& id,
+                               PathRules rules) {
     const std::string what = "the snapshot " + id.substr(0, 8);
-    const Bytes plain = OpenObject(keys, "snapshot", sealed, id.substr(0, 8));
-    ByteReader reader(plain.data(), plain.size(), what);
-    const uint64_t header = reader.U64();
-    const bool stored = (header >> 63) != 0;
-    const uint64_t length = header & ~(1ull << 63);
-    if (length > kMaximumSnapshotPlainSize) reader.Fail("claims " + std::to_string(length) + " bytes");
-    std::string text;
-    if (stored) {
-        if (length != reader.Left()) reader.Fail("does not hold its length");
-        text.assign(reinterpret_cast<const char*>(reader.Raw(length)), length);
-    } else {
-        Bytes inflated;
-        const size_t left = reader.Left();
-        if (!Decompress(reader.Raw(left), left, static_cast<size_t>(length), kMaximumSnapshotPlainSize, inflated)) {
-            reader.Fail("does not decompress");
-        }
-        text.assign(inflated.begin(), inflated.end());
-    }
-    const Json json = ParseBoundedJson(text, what);
-    if (NumberMember(json, "version", what) != kSnapshotVersion) Damaged(what + " is of an unknown version");
-    Snapshot snapshot;
+    const Json json = ReadSnapshotJson(OpenObject(keys, "snapshot", sealed, id.substr(0, 8)), what);
+    DecodedSnapshot decoded;
+    Snapshot& snapshot = decoded.snapshot;
     snapshot.id = id;
+    snapshot.version = NumberMember(json, "version", what);
+    if (snapshot.version != 1 && snapshot.version != kSnapshotVersion) Damaged(what + " is of an unknown version");
     snapshot.time = StringMember(json, "time", what);
     if (ParseUtcTime(snapshot.time) < 0) Damaged(what + " is damaged: its time is not a UTC time");
     snapshot.timeNs = SignedMember(json, "time_ns", what);
     snapshot.host = StringMember(json, "host", what);
-    snapshot.source = NameMember(json, "source", what);
     snapshot.parent = StringMember(json, "parent", what);
     for (const Json& tag : ArrayMember(json, "tags", what)) {
         if (!tag.is_string()) Damaged(what + " is damaged: a tag is not text");
         snapshot.tags.push_back(tag.get<std::string>());
     }
-    for (const Json& file : ArrayMember(json, "files", what)) snapshot.files.push_back(DecodeFile(file, what));
-    for (const Json& folder : ArrayMember(json, "folders", what)) {
-        if (!folder.is_object()) Damaged(what + " is damaged: a folder is not a JSON object");
-        snapshot.folders.push_back({NameMember(folder, "path", what), SignedMember(folder, "mtime_ns", what),
-                                    static_cast<uint32_t>(NumberMember(folder, "mode", what) & kModeBits)});
-    }
-    for (const Json& link : ArrayMember(json, "links", what)) {
-        if (!link.is_object()) Damaged(what + " is damaged: a link is not a JSON object");
-        LinkRecord entry{NameMember(link, "path", what), NameMember(link, "target", what),
-                           SignedMember(link, "mtime_ns", what)};
-        if (std::string why = WhyLinkTargetIsRefused(entry.target); !why.empty()) {
-            Damaged(what + " is damaged: the link '" + Printable(entry.relativePath) + "' " + why);
-        }
-        snapshot.links.push_back(std::move(entry));
-    }
     const auto summary = json.find("summary");
     if (summary != json.end() && summary->is_object()) snapshot.summary = *summary;
-    std::vector<TreePath> paths;
-    for (const SnapshotFile& file : snapshot.files) paths.push_back({file.path, false});
-    for (const FolderRecord& folder : snapshot.folders) paths.push_back({folder.relativePath, true});
-    for (const LinkRecord& link : snapshot.links) paths.push_back({link.relativePath, false});
-    const auto [path, why] = FirstTreeProblem(paths, rules);
-    if (!why.empty()) Damaged(what + " is damaged: the entry '" + Printable(path) + "' " + why);
-    return snapshot;
-}
-
-std::vector<TreeChange> DiffSnapshots(const Snapshot& first, const Snapshot& second) {
-    // Each entry as one comparable record: kind, content and metadata.
-    struct Entry {
-        char kind;
-        const SnapshotFile* file = nullptr;
-        std::string target;
-        int64_t modifiedNs = 0;
-        uint32_t mode = 0;
-    };
-    auto entries = [](const Snapshot& snapshot) {
-        std::map<std::string, Entry> out;
-        for (const SnapshotFile& file : snapshot.files) out[file.path] = {'f', &file, "", file.modifiedNs, file.mode};
-        for (const FolderRecord& folder : snapshot.folders) {
-            out[folder.relativePath] = {'d', nullptr, "", folder.modifiedNs, folder.mode};
+    if (snapshot.version == 1) {
+        snapshot.paths = {NameMember(json, "source", what)};
+        std::vector<Placed> entries = EntriesV1(json, what);
+        uint64_t bytes = 0, files = 0;
+        for (const Placed& entry : entries) {
+            if (entry.node.type == NodeType::File) bytes += entry.node.size, ++files;
         }
-        for (const LinkRecord& link : snapshot.links) out[link.relativePath] = {'l', nullptr, link.target, link.modifiedNs, 0};
-        return out;
-    };
-    const std::map<std::string, Entry> before = entries(first);
-    const std::map<std::string, Entry> after = entries(second);
-    auto size = [](const Entry& entry) { return entry.file ? static_cast<int64_t>(entry.file->size) : 0; };
-    std::vector<TreeChange> changes;
-    for (const auto& [path, was] : before) {
-        const auto now = after.find(path);
-        if (now == after.end()) {
-            changes.push_back({'-', path, size(was)});
-        } else if (now->second.kind != was.kind) {
-            changes.push_back({'T', path, size(now->second) - size(was)});
-        } else if ((was.file && was.file->chunks != now->second.file->chunks) || was.target != now->second.target) {
-            changes.push_back({'M', path, size(now->second) - size(was)});
-        } else if (was.modifiedNs != now->second.modifiedNs || was.mode != now->second.mode) {
-            changes.push_back({'U', path, 0});
-        }
+        snapshot.summary["files"] = files;
+        snapshot.summary["bytes"] = bytes;
+        snapshot.tree = TreesOfV1(keys, std::move(entries), decoded.trees, what, rules);
+    } else {
+        snapshot.paths = NameList(json, "paths", what);
+        snapshot.tree = IdList(json, "tree", what);
     }
-    for (const auto& [path, now] : after) {
-        if (!before.count(path)) changes.push_back({'+', path, size(now)});
-    }
-    std::sort(changes.begin(), changes.end(), [](const TreeChange& a, const TreeChange& b) { return a.path < b.path; });
-    return changes;
+    if (snapshot.paths.empty()) Damaged(what + " is damaged: it names no path");
+    return decoded;
 }
 
 }  // namespace qvhost::repo

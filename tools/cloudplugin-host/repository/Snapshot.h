@@ -1,30 +1,38 @@
-// A snapshot: one backup of one source folder, with its whole tree.
+// A snapshot: one backup of one or more source paths, naming the tree of
+// its root (Tree.h).
 //
 // A snapshot object `<root>/snapshots/<SHA-256 of its stored bytes>` is
 // Seal(encryption key, u64 plain length + zstd frame of the JSON below,
 // aad "cloudplugin-host snapshot"):
-//   {"version":1, "time":"<UTC, ISO 8601>", "time_ns":..., "host":..., "source":"<absolute path>", "tags":[...],
-//    "parent":"<snapshot id or empty>",
-//    "files":[{"path":..., "size":..., "mtime_ns":..., "mode":..., "file_id":..., "chunks":["<hex id>", ...]}],
-//    "folders":[{"path":..., "mtime_ns":..., "mode":...}],          (empty folders)
-//    "links":[{"path":..., "target":..., "mtime_ns":...}],
-//    "summary":{...the backup's figures...}}
-// The tree is kept whole in the snapshot rather than as blobs: it is small
-// beside the data (some 100 bytes a file plus 64 a chunk before
-// compression) and one object is one request. Everything decoded is
-// checked like a manifest: paths, links, no entry beneath a file or a link,
-// chunk counts that fit the sizes.
+//   {"version":2, "time":"<UTC, ISO 8601>", "time_ns":..., "host":..., "paths":["<absolute path>", ...],
+//    "tags":[...], "parent":"<snapshot id or empty>", "tree":["<hex id of a tree blob>", ...],
+//    "summary":{...the backup's figures, with "files" and "bytes"...}}
+// Paths are %-escaped (names need not be UTF-8). With one path the root
+// tree holds that folder's entries; with several, the root holds the
+// folders on the way to each path (by its absolute components).
+//
+// Snapshots of format version 1 held the whole tree in the snapshot
+// itself ("source", and "files", "folders" and "links" lists of relative
+// paths). They are still read: decoding one turns its lists into trees,
+// which the repository then serves from memory (Repository::LoadTree).
+//
+// Decoding is bounded by what is used, not by what is stored: the frame is
+// decompressed as the JSON is parsed, and members this tool does not use
+// are skipped without being built. Everything kept is checked: paths,
+// links, no entry beneath a file or a link, chunk counts that fit the
+// sizes.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "util/Json.h"
-#include "util/Entry.h"
-#include "util/PathRules.h"
 #include "repository/Crypto.h"
+#include "repository/Tree.h"
+#include "util/Json.h"
+#include "util/PathRules.h"
 
 namespace qvhost::repo {
 
@@ -33,43 +41,28 @@ struct MasterKeys;
 // The largest snapshot object read, and the most its JSON may inflate to.
 constexpr uint64_t kMaximumSnapshotSize = 256ull << 20;
 constexpr uint64_t kMaximumSnapshotPlainSize = 512ull << 20;
-
-struct SnapshotFile {
-    std::string path;
-    uint64_t size = 0;
-    int64_t modifiedNs = 0;
-    uint32_t mode = 0644;
-    uint64_t fileId = 0;  // inode (file index on Windows): with size and time, says a file is unchanged
-    std::vector<Id> chunks;
-};
+// The snapshot format this tool writes.
+constexpr uint64_t kSnapshotVersion = 2;
 
 struct Snapshot {
-    std::string id;  // 64 hex digits; empty until stored
+    std::string id;       // 64 hex digits; empty until stored
+    uint64_t version = kSnapshotVersion;
     std::string time;     // UTC, ISO 8601, to the second
     int64_t timeNs = 0;   // the same in nanoseconds since 1970: orders snapshots made within a second
     std::string host;
-    std::string source;
+    std::vector<std::string> paths;  // absolute
     std::vector<std::string> tags;
     std::string parent;
-    std::vector<SnapshotFile> files;
-    std::vector<FolderRecord> folders;
-    std::vector<LinkRecord> links;
+    std::vector<Id> tree;  // the root's tree blobs
     Json summary = Json::object();
 
+    uint64_t Files() const;  // from the summary
     uint64_t TotalBytes() const;
     int64_t Seconds() const;  // of `time`
 };
 
-// What differs between two snapshots, by path: '+' only in the second, '-'
-// only in the first, 'M' a file whose content differs, 'T' an entry of
-// another kind, 'U' the same content with another mode or time. Sorted by
-// path.
-struct TreeChange {
-    char kind = 'M';
-    std::string path;
-    int64_t bytes = 0;  // the size added (+), removed (-) or the change (M)
-};
-std::vector<TreeChange> DiffSnapshots(const Snapshot& first, const Snapshot& second);
+// The text that names a snapshot's paths in one line ("/a, /b").
+std::string PathsText(const std::vector<std::string>& paths);
 
 // What a listing of snapshots shows, without the tree: kept sealed in the
 // snapshot object's `info` property (Seal(encryption key, JSON, aad
@@ -82,7 +75,7 @@ struct SnapshotInfo {
     std::string time;
     int64_t timeNs = 0;
     std::string host;
-    std::string source;
+    std::vector<std::string> paths;
     std::vector<std::string> tags;
     std::string parent;
     uint64_t files = 0;
@@ -95,8 +88,15 @@ std::string EncodeSnapshotInfo(const MasterKeys& keys, const SnapshotInfo& info)
 std::optional<SnapshotInfo> DecodeSnapshotInfo(const MasterKeys& keys, const std::string& text, const std::string& id);
 
 Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot);
+
+// A decoded snapshot and, for one of format version 1, the plain bytes of
+// the trees its lists became (by id).
+struct DecodedSnapshot {
+    Snapshot snapshot;
+    std::map<Id, Bytes> trees;
+};
 // Throws Damaged naming the snapshot.
-Snapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, const std::string& id,
-                        PathRules rules = kNativePathRules);
+DecodedSnapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, const std::string& id,
+                               PathRules rules = kNativePathRules);
 
 }  // namespace qvhost::repo

@@ -18,7 +18,9 @@ bool Contains(const std::vector<std::string>& items, const std::string& item) {
 
 bool SnapshotFilter::Matches(const SnapshotInfo& snapshot) const {
     if (!hosts.empty() && !Contains(hosts, snapshot.host)) return false;
-    if (!paths.empty() && !Contains(paths, snapshot.source)) return false;
+    if (!std::all_of(paths.begin(), paths.end(), [&](const std::string& path) { return Contains(snapshot.paths, path); })) {
+        return false;
+    }
     if (tagSets.empty()) return true;
     return std::any_of(tagSets.begin(), tagSets.end(), [&](const std::vector<std::string>& set) {
         return std::all_of(set.begin(), set.end(), [&](const std::string& tag) { return Contains(snapshot.tags, tag); });
@@ -38,13 +40,13 @@ unsigned ParseGroupBy(const std::string& text) {
 }
 
 bool SnapshotGroup::operator<(const SnapshotGroup& other) const {
-    return std::tie(host, source, tags) < std::tie(other.host, other.source, other.tags);
+    return std::tie(host, paths, tags) < std::tie(other.host, other.paths, other.tags);
 }
 
 SnapshotGroup GroupOf(const SnapshotInfo& snapshot, unsigned groupBy) {
     SnapshotGroup group;
     if (groupBy & kGroupByHost) group.host = snapshot.host;
-    if (groupBy & kGroupByPaths) group.source = snapshot.source;
+    if (groupBy & kGroupByPaths) group.paths = snapshot.paths;
     if (groupBy & kGroupByTags) {
         group.tags = snapshot.tags;
         std::sort(group.tags.begin(), group.tags.end());

@@ -10,7 +10,7 @@
 namespace qvhost::repo {
 
 // Snapshots of any of `hosts`, carrying every tag of any one of `tagSets`,
-// and of any of `paths`; an empty list does not narrow.
+// and holding every one of `paths`; an empty list does not narrow.
 struct SnapshotFilter {
     std::vector<std::string> hosts;
     std::vector<std::vector<std::string>> tagSets;  // each set from one --tag a,b: all of its tags
@@ -29,7 +29,7 @@ unsigned ParseGroupBy(const std::string& text);
 // The group of a snapshot: only the members grouped by are filled in.
 struct SnapshotGroup {
     std::string host;
-    std::string source;
+    std::vector<std::string> paths;
     std::vector<std::string> tags;  // sorted
 
     bool operator<(const SnapshotGroup& other) const;

@@ -1,12 +1,15 @@
-// The tree a backup reads, as the backup sees it. The tool's own source is
-// a folder of the local file system (local/LocalSource.h); tests may give
+// The tree a backup reads, as the backup sees it: one folder at a time, each
+// entry with everything a restore needs to give it back. The tool's own
+// source is the local file system (local/LocalSource.h); tests may give
 // others.
 #pragma once
 
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "repository/Tree.h"
 #include "util/Entry.h"
 
 namespace qvhost::repo {
@@ -19,21 +22,32 @@ public:
     virtual size_t Read(void* buffer, size_t size) = 0;
 };
 
+// One folder of the tree: its entries (files without content, folders
+// without entries: the backup fills those in) sorted by name, and what it
+// leaves out (paths relative to the tree's root).
+struct Listing {
+    std::vector<Node> nodes;
+    std::vector<SkippedEntry> skipped;
+};
+
 class Source {
 public:
     virtual ~Source() = default;
 
-    // Where the tree is, as a snapshot records it (an absolute path).
-    virtual std::string Path() const = 0;
-    // What the tree holds and what a backup leaves out of it. Throws Error
-    // (local file) when the tree cannot be read at all.
-    virtual SourceTree Scan() = 0;
-    // Opens a file the scan found (a link is never followed). Throws Error
-    // (local file).
-    virtual std::unique_ptr<SourceReader> Open(const SourceEntry& file) = 0;
-    // Whether the file is still as the scan found it (size and time): one
-    // that changed while it was read is not kept. Throws Error (local file).
-    virtual bool Unchanged(const SourceEntry& file) = 0;
+    // The absolute paths the tree is made of, as a snapshot records them.
+    virtual std::vector<std::string> Paths() const = 0;
+    // A folder of the tree ("" for its root, else a '/'-separated relative
+    // path). Throws Error (local file) when the root cannot be read at all;
+    // a folder below it that cannot be read is listed empty, with the
+    // reason among `skipped`.
+    virtual Listing List(const std::string& folder) = 0;
+    // Opens a file the listing gave (a link is never followed). Throws
+    // Error (local file).
+    virtual std::unique_ptr<SourceReader> Open(const std::string& path) = 0;
+    // Whether the file is still as its listing found it (size and times):
+    // one that changed while it was read is not kept. Throws Error (local
+    // file).
+    virtual bool Unchanged(const std::string& path, const Node& file) = 0;
 };
 
 }  // namespace qvhost::repo

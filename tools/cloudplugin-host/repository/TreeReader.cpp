@@ -1,0 +1,88 @@
+#include "repository/TreeReader.h"
+
+#include "util/Text.h"
+
+namespace qvhost::repo {
+
+TreeReader::TreeReader(Repository& repository, const MasterIndex& index, size_t cachedTrees)
+    : repository_(repository), index_(index), capacity_(std::max<size_t>(1, cachedTrees)) {}
+
+Nodes TreeReader::Load(const Id& id) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = cache_.find(id);
+        if (found != cache_.end()) {
+            recent_.splice(recent_.begin(), recent_, found->second.second);
+            return found->second.first;
+        }
+    }
+    const std::string what = "the tree " + IdHex(id).substr(0, 16);
+    Bytes plain;
+    if (!repository_.SyntheticTree(id, plain)) {
+        const BlobLocation* location = index_.Find(id);
+        if (!location || location->entry.type != BlobType::Tree) Damaged(what + " is in no index");
+        Bytes sealed;
+        repository_.store().ReadRange(repository_.layout().Pack(location->pack), location->entry.offset,
+                                      location->entry.length, sealed);
+        std::string why;
+        if (sealed.size() != location->entry.length ||
+            !OpenBlob(repository_.keys(), location->entry, sealed.data(), sealed.size(), plain, why)) {
+            Damaged(what + " " + (why.empty() ? "ends early" : why));
+        }
+    }
+    const Nodes nodes = std::make_shared<const std::vector<Node>>(DecodeTree(plain.data(), plain.size(), what));
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!cache_.count(id)) {
+        recent_.push_front(id);
+        cache_[id] = {nodes, recent_.begin()};
+        if (cache_.size() > capacity_) {
+            cache_.erase(recent_.back());
+            recent_.pop_back();
+        }
+    }
+    return nodes;
+}
+
+std::vector<Node> TreeReader::Entries(const std::vector<Id>& trees) {
+    std::vector<Node> entries;
+    for (const Id& id : trees) {
+        const Nodes nodes = Load(id);
+        entries.insert(entries.end(), nodes->begin(), nodes->end());
+    }
+    return entries;
+}
+
+namespace {
+
+void WalkFolder(TreeReader& reader, const std::vector<Id>& trees, const std::string& prefix, const TreeVisitor& visit) {
+    for (const Id& id : trees) {
+        const Nodes nodes = reader.Load(id);
+        for (const Node& node : *nodes) {
+            const std::string path = prefix.empty() ? node.name : prefix + "/" + node.name;
+            if (visit(path, node) && node.IsFolder()) WalkFolder(reader, node.subtree, path, visit);
+        }
+    }
+}
+
+}  // namespace
+
+void WalkTree(TreeReader& reader, const std::vector<Id>& root, const TreeVisitor& visit) {
+    WalkFolder(reader, root, "", visit);
+}
+
+std::optional<Node> FindNode(TreeReader& reader, const std::vector<Id>& root, const std::string& path) {
+    std::vector<Id> trees = root;
+    const std::vector<std::string> names = Split(path, '/');
+    for (size_t i = 0; i < names.size(); ++i) {
+        std::optional<Node> found;
+        for (const Node& node : reader.Entries(trees)) {
+            if (node.name == names[i]) found = node;
+        }
+        if (!found || i + 1 == names.size()) return found;
+        if (!found->IsFolder()) return std::nullopt;
+        trees = found->subtree;
+    }
+    return std::nullopt;
+}
+
+}  // namespace qvhost::repo
