@@ -79,7 +79,7 @@ TEST_F(HostToolTest, PruneLeavesCompleteBackupsAlone) {
     EXPECT_EQ(Tool({"legacy", "verify", id}).status, 0);
 }
 
-TEST_F(HostToolTest, AStoppedStorageServiceEndsABackupWithStatusThreeAndFewLines) {
+TEST_F(HostToolTest, AStoppedStorageServiceEndsABackupWithStatusEightAndFewLines) {
     Azurite own;  // this test stops it
     const std::string root = Folder("source");
     for (int i = 0; i < 200; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(1 << 20, i));
@@ -93,7 +93,7 @@ TEST_F(HostToolTest, AStoppedStorageServiceEndsABackupWithStatusThreeAndFewLines
         return Count(list.out, "\"name\"") >= 8;
     }));
     own.Kill();
-    EXPECT_EQ(WaitTool(tool), 3);
+    EXPECT_EQ(WaitTool(tool), 8);
     const std::string err = ReadFile(errors);
     EXPECT_LE(LineCount(err), 10u) << err;
     EXPECT_EQ(Count(err, "java.util.logging"), 0u) << err;

@@ -134,11 +134,11 @@ TEST_F(RepositoryToolTest, AWrongPasswordIsOneLineAndItsOwnExitStatus) {
     BackupOk(MakeTree());
     WriteFile(Folder("wrong"), "not the password\n");
     const ToolRun wrong = Tool({"--password-file", Folder("wrong"), "snapshots"});
-    EXPECT_EQ(wrong.status, 7);
+    EXPECT_EQ(wrong.status, 12);
     EXPECT_EQ(LineCount(wrong.err), 1u) << wrong.err;
     EXPECT_NE(wrong.err.find("wrong password"), std::string::npos) << wrong.err;
     const ToolRun none = Tool({"restore", "latest", Folder("restored")});
-    EXPECT_EQ(none.status, 7) << none.err;
+    EXPECT_EQ(none.status, 12) << none.err;
     EXPECT_FALSE(fs::exists(Folder("restored")));
 }
 
@@ -224,7 +224,7 @@ TEST_F(RepositoryToolTest, PruneWhileABackupRunsDeletesNothingItNeeds) {
     ASSERT_TRUE(WaitFor([&] { return ReadFile(Folder("progress.txt")).find("backup f2") != std::string::npos; }))
         << ReadFile(Folder("progress.txt"));
     const ToolRun prune = Repo({"prune"});
-    EXPECT_EQ(prune.status, 8) << prune.err;
+    EXPECT_EQ(prune.status, 11) << prune.err;
     EXPECT_NE(prune.err.find("locked"), std::string::npos) << prune.err;
     EXPECT_EQ(WaitTool(backup), 0) << ReadFile(Folder("progress.txt"));
     // Once the backup is done, prune runs and leaves it whole.
@@ -309,7 +309,7 @@ TEST_F(RepositoryToolTest, ARestoreOfArchivedDataIsRefusedInOneLineAndRehydrateB
     for (const std::string& pack : packs) ASSERT_EQ(Tool({"object", "tier", pack, "Archive"}).status, 0);
 
     const ToolRun refused = Repo({"restore", "latest", Folder("restored")});
-    EXPECT_EQ(refused.status, 3);
+    EXPECT_EQ(refused.status, 8);
     EXPECT_EQ(LineCount(refused.err), 1u) << refused.err;
     EXPECT_NE(refused.err.find("'cloudplugin-host rehydrate latest'"), std::string::npos) << refused.err;
     EXPECT_TRUE(!fs::exists(Folder("restored")) || qvhost::ScanTree(Folder("restored")).files.empty());
@@ -344,7 +344,7 @@ TEST_F(RepositoryToolTest, AnArchivedVersion2BackupIsRefusedInOneLineAndRehydrat
         ASSERT_EQ(Tool({"object", "tier", part, "Archive"}).status, 0);
     }
     const ToolRun refused = Tool({"legacy", "restore", legacy, Folder("restored")});
-    EXPECT_EQ(refused.status, 3);
+    EXPECT_EQ(refused.status, 8);
     EXPECT_EQ(LineCount(refused.err), 1u) << refused.err;
     EXPECT_NE(refused.err.find("'cloudplugin-host legacy rehydrate " + legacy + "'"), std::string::npos) << refused.err;
     const ToolRun asked = Tool({"legacy", "rehydrate", legacy});

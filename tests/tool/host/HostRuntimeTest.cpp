@@ -48,9 +48,9 @@ TEST(PluginError, NamesTheOperationTheObjectAndTheCode) {
     EXPECT_STREQ(error.what(),
                  "the plug-in's ReadObjectByName of object 'cloudplugin-host/backups/b/000001.0000' failed with "
                  "result code 7");
-    EXPECT_EQ(ExitFor(error).status, kExitPluginFailed);
+    EXPECT_EQ(ExitFor(error).status, kExitStorage);
     EXPECT_EQ(JsonText(ErrorJson(error, ExitFor(error).status)),
-              "{\"status\":3,\"message\":\"the plug-in's ReadObjectByName of object "
+              "{\"status\":8,\"message\":\"the plug-in's ReadObjectByName of object "
               "'cloudplugin-host/backups/b/000001.0000' failed with result code 7\",\"kind\":\"storage\","
               "\"object\":\"cloudplugin-host/backups/b/000001.0000\",\"operation\":\"ReadObjectByName\",\"code\":7}");
 }

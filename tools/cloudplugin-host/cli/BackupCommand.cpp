@@ -91,7 +91,7 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     SaySummary(context, report, options.dryRun, seconds);
     context.SayPluginShare(context.Session().PluginSeconds() - pluginBefore, seconds, backup.jobs);
     CommandResult result;
-    result.status = report.Unreadable() && !options.skipUnreadable ? kExitLocalFile : kExitOk;
+    result.status = report.Unreadable() && !options.skipUnreadable ? kExitIncomplete : kExitOk;
     result.json = BackupJson(report, options.dryRun, seconds, result.status);
     result.json["skipped"] = skipped;
     result.json["unreadable"] = report.Unreadable();
@@ -116,7 +116,7 @@ void AddBackupCommand(CommandTable& table) {
          "(POSIX ACLs among them, up to 1 MiB an entry), hard links (one content, several names) and whether a "
          "file is sparse. Sockets are skipped. Every skipped or unreadable entry is reported; a backup that could "
          "not read an entry (or found a name a restore would refuse) saves its snapshot of everything else and "
-         "ends with exit status 4 unless --skip-unreadable is given.\n\nWith --dry-run the files are read and chunked as "
+         "ends with exit status 3 (restic's number for it) unless --skip-unreadable is given.\n\nWith --dry-run the files are read and chunked as "
          "for a backup, but nothing is stored: the summary says what the backup would add (with -v, which files "
          "it would read)."},
         [options](Context& context) { return RunBackup(context, *options); });
@@ -130,7 +130,7 @@ void AddBackupCommand(CommandTable& table) {
     command->add_flag("--force", options->force, "read every file, even those unchanged since the parent snapshot");
     command->add_flag("-n,--dry-run", options->dryRun, "read and chunk, store nothing; say what would be added");
     command->add_flag("--skip-unreadable", options->skipUnreadable,
-                      "entries that cannot be read do not make the exit status 4");
+                      "entries that cannot be read do not make the exit status 3");
 }
 
 }  // namespace qvhost::cli

@@ -19,13 +19,13 @@ constexpr KindRow kKinds[] = {
     {ErrorKind::NotFound, kExitNoSuchBackup, "not_found"},
     {ErrorKind::WrongPassword, kExitWrongPassword, "wrong_password"},
     {ErrorKind::Locked, kExitLocked, "locked"},
-    {ErrorKind::NoRepository, kExitUnsupported, "no_repository"},
+    {ErrorKind::NoRepository, kExitNoRepository, "no_repository"},
     {ErrorKind::Unsupported, kExitUnsupported, "unsupported"},
     {ErrorKind::Exists, kExitUsage, "exists"},
     {ErrorKind::LocalFile, kExitLocalFile, "local_file"},
-    {ErrorKind::Storage, kExitPluginFailed, "storage"},
+    {ErrorKind::Storage, kExitStorage, "storage"},
     {ErrorKind::ObjectMissing, kExitDamaged, "object_missing"},
-    {ErrorKind::Archived, kExitPluginFailed, "archived"},
+    {ErrorKind::Archived, kExitStorage, "archived"},
     {ErrorKind::SetUp, kExitSetUpFailed, "set_up"},
     {ErrorKind::Interrupted, kExitInterrupted, "interrupted"},
 };
@@ -63,17 +63,20 @@ std::string HintFor(const Error& error, const std::string& command, const std::s
 const std::vector<std::pair<int, std::string>>& ExitStatusTable() {
     static const std::vector<std::pair<int, std::string>> table = {
         {kExitOk, "done"},
-        {kExitDamaged, "damaged data found (restore, check, verify: the files named were not restored)"},
+        {kExitFailed, "the command failed: damaged data found (restore, check, verify: the files named were not "
+                      "restored), or a failure of no other kind"},
         {kExitUsage, "a bad command line"},
-        {kExitPluginFailed, "the plug-in answered an operation with a non-zero result code (the storage refused "
-                            "or could not be reached)"},
-        {kExitLocalFile, "a local file or folder could not be read or written (a backup that could not read an "
-                         "entry ends with 4 after saving its snapshot, unless --skip-unreadable)"},
+        {kExitIncomplete, "a backup saved its snapshot (or manifest), but some source entries could not be read "
+                          "and are not in it (not with --skip-unreadable)"},
+        {kExitLocalFile, "a local file or folder could not be read or written"},
         {kExitSetUpFailed, "the JVM or the plug-in could not be set up"},
         {kExitNoSuchBackup, "no such snapshot, backup or path"},
-        {kExitWrongPassword, "no password, or a wrong one"},
+        {kExitStorage, "the plug-in answered an operation with a non-zero result code: the storage refused or "
+                       "could not be reached, or an object is archived and must be rehydrated first"},
+        {kExitUnsupported, "a repository of a format this tool does not read, or a command this build lacks"},
+        {kExitNoRepository, "no repository under --repo"},
         {kExitLocked, "the repository is locked by another process"},
-        {kExitUnsupported, "no repository, or one of a format this tool does not read"},
+        {kExitWrongPassword, "no password, or a wrong one"},
         {kExitInterrupted, "interrupted (Ctrl-C, SIGTERM)"},
     };
     return table;

@@ -11,17 +11,24 @@
 
 namespace qvhost {
 
+// Where restic's table gives a number a meaning (0, 1, 3, 10, 11, 12, 130),
+// the number means the same here, so that a wrapper written for restic
+// reads this tool right; the tool's own meanings take numbers restic leaves
+// unassigned. 7 is not used: it meant a wrong password until that moved to 12.
 enum ExitStatus : int {
     kExitOk = 0,
-    kExitDamaged = 1,        // verify, restore or check found data that does not match its hashes
-    kExitUsage = 2,          // bad command line
-    kExitPluginFailed = 3,   // the plug-in answered an operation with a non-zero result code
+    kExitFailed = 1,         // the command failed: damaged data found, or a failure of no other kind
+    kExitDamaged = kExitFailed,  // verify, restore or check found data that does not match its hashes
+    kExitUsage = 2,          // bad command line (restic's 2, a Go runtime error, has no counterpart here)
+    kExitIncomplete = 3,     // a backup saved its snapshot, but some source entries could not be read
     kExitLocalFile = 4,      // a local file or folder could not be read or written
     kExitSetUpFailed = 5,    // the JVM or the plug-in could not be loaded or created
     kExitNoSuchBackup = 6,   // the named backup or snapshot does not exist
-    kExitWrongPassword = 7,  // no password given, or no key of the repository opens with it
-    kExitLocked = 8,         // another process holds a lock that the command cannot share
-    kExitUnsupported = 9,    // a repository of a format version this tool does not read, or none at all
+    kExitStorage = 8,        // the plug-in answered an operation with a non-zero result code (storage, archive tier)
+    kExitUnsupported = 9,    // a repository of a format this tool does not read
+    kExitNoRepository = 10,  // no repository under --repo
+    kExitLocked = 11,        // another process holds a lock that the command cannot share
+    kExitWrongPassword = 12, // no password given, or no key of the repository opens with it
     kExitInterrupted = 130,  // stopped by Ctrl-C or SIGTERM
 };
 

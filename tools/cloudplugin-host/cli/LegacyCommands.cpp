@@ -47,7 +47,7 @@ CommandResult RunBackup(Context& context, const LegacyOptions& options) {
                 " of them unreadable");
     context.SayPluginShare(pluginSeconds, report.seconds, context.options().host.jobs);
     CommandResult result;
-    result.status = report.Unreadable() && !options.skipUnreadable ? kExitLocalFile : kExitOk;
+    result.status = report.Unreadable() && !options.skipUnreadable ? kExitIncomplete : kExitOk;
     result.json = Json{{"command", "legacy backup"},
                        {"ok", result.status == kExitOk},
                        {"backup", backupId},
@@ -218,7 +218,7 @@ void AddBackupAndRestore(CommandTable& table) {
              "object size files are split into (default: 8M); the JVM's heap is sized from it and --jobs")
         ->type_name("SIZE");
     command->add_flag("--skip-unreadable", options->skipUnreadable,
-                      "entries that cannot be read do not make the exit status 4");
+                      "entries that cannot be read do not make the exit status 3");
     command = AddLegacy(table,
                         {"legacy restore", "restore a version 2 backup into DEST_DIR, checking every hash",
                          "Restores every file of the backup, each part checked against the manifest's hash before "

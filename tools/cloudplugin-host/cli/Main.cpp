@@ -209,7 +209,7 @@ int Main(int argc, char** argv) {
         Report(error, command, selected ? TargetOf(*selected->app) : "", options.json, status);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "cloudplugin-host %s: unexpected failure: %s\n", command.c_str(), error.what());
-        status = kExitLocalFile;
+        status = kExitFailed;
     }
     return status;
 }
