@@ -28,6 +28,8 @@ TEST(ParseSize, AcceptsBinaryUnitsAndRefusesTheRest) {
     EXPECT_EQ(ParseSize("64M"), 64u << 20);
     EXPECT_EQ(ParseSize("64MiB"), 64u << 20);
     EXPECT_EQ(ParseSize("2G"), 2ull << 30);
+    EXPECT_EQ(ParseSize("2T"), 2ull << 40);  // restic's --exclude-larger-than takes t/T too
+    EXPECT_EQ(ParseSize("1t"), 1ull << 40);
     EXPECT_EQ(ParseSize(""), 0u);
     EXPECT_EQ(ParseSize("M"), 0u);
     EXPECT_EQ(ParseSize("-1"), 0u);

@@ -73,7 +73,7 @@ const char* SkippedKind(fs::file_type type) {
 // reported and the rest of the tree still kept.
 class TreeScanner {
 public:
-    explicit TreeScanner(const std::string& root) : root_(PathOf(root)) {}
+    TreeScanner(const std::string& root, const ScanFilter& filter) : root_(PathOf(root)), filter_(filter) {}
 
     SourceTree Scan() {
         std::vector<std::string> pending = {""};
@@ -115,13 +115,19 @@ private:
     // Answers whether the entry is kept (a subfolder counts as kept).
     bool Add(const std::string& path, const fs::path& full, const fs::file_status& status,
              const std::error_code& error, std::vector<std::string>& pending) {
+        const ScanChoice choice =
+            filter_ ? filter_({path, full, error ? fs::file_type::none : status.type()}) : ScanChoice::Keep;
+        if (choice == ScanChoice::Exclude) return false;
         if (error) return Skip(path, "cannot read its status: " + error.message(), true);
         if (std::string why = WhyPathIsRefused(path); !why.empty()) {
             return Skip(path, "its path " + why + ", which a restore would refuse", true);
         }
         try {
             switch (status.type()) {
-            case fs::file_type::directory: pending.push_back(path); return true;
+            case fs::file_type::directory:
+                if (choice == ScanChoice::KeepEmpty) AddEmptyFolder(path);  // not listed
+                else pending.push_back(path);
+                return true;
             case fs::file_type::regular: return AddFile(path, full);
             case fs::file_type::symlink: return AddLink(path, full);
             default: return Skip(path, std::string("is ") + SkippedKind(status.type()), false);
@@ -183,6 +189,7 @@ private:
     }
 
     fs::path root_;
+    const ScanFilter& filter_;
     SourceTree tree_;
 };
 
@@ -190,10 +197,10 @@ private:
 
 std::filesystem::path PathOf(const std::string& utf8) { return fs::u8path(utf8); }
 
-SourceTree ScanTree(const std::string& root) {
+SourceTree ScanTree(const std::string& root, const ScanFilter& filter) {
     std::error_code error;
     if (!fs::is_directory(PathOf(root), error)) Fail("back up", root, "not a folder");
-    return TreeScanner(root).Scan();
+    return TreeScanner(root, filter).Scan();
 }
 
 std::string AbsolutePath(const std::string& path) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,8 +17,20 @@ namespace qvhost {
 // The path of UTF-8 text, in the platform's own form.
 std::filesystem::path PathOf(const std::string& utf8);
 
-// Throws Error (local file) when root is not a readable folder.
-SourceTree ScanTree(const std::string& root);
+// What a scan does with an entry it meets, asked before anything of the
+// entry is read: keep it, leave it out (a folder is then not listed), or
+// keep a folder without listing it (as an empty folder).
+enum class ScanChoice { Keep, Exclude, KeepEmpty };
+struct ScanCandidate {
+    const std::string& relativePath;
+    const std::filesystem::path& path;     // the root joined with the relative path
+    std::filesystem::file_type type;       // not following a link; none when unknown
+};
+using ScanFilter = std::function<ScanChoice(const ScanCandidate&)>;
+
+// Throws Error (local file) when root is not a readable folder. Without a
+// filter everything is kept.
+SourceTree ScanTree(const std::string& root, const ScanFilter& filter = {});
 
 // The absolute, normalised form of a path (the path itself when that fails).
 std::string AbsolutePath(const std::string& path);

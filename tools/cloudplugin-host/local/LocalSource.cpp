@@ -18,6 +18,8 @@
 
 namespace qvhost {
 
+namespace fs = std::filesystem;
+
 namespace {
 
 using repo::Node;
@@ -133,6 +135,7 @@ repo::Listing LocalSource::List(const std::string& folder) {
 
 repo::Listing LocalSource::ListReal(const std::string& folder) {
     repo::Listing listing;
+    if (keptEmpty_.count(folder)) return listing;
     std::string error;
     const std::string full = FullPath(folder);
     const std::vector<std::string> names = Names(full, error);
@@ -144,9 +147,22 @@ repo::Listing LocalSource::ListReal(const std::string& folder) {
         Node node;
         node.name = name;
         const std::string relative = Join(folder, name);
+        if (Filtered(FullPath(relative), relative)) continue;
         if (ReadNode(FullPath(relative), relative, node, listing)) listing.nodes.push_back(std::move(node));
     }
     return listing;
+}
+
+// Whether the filter leaves the entry out; a folder it keeps empty is
+// remembered so that it is never listed.
+bool LocalSource::Filtered(const std::string& full, const std::string& relative) {
+    if (!filter_) return false;
+    std::error_code error;
+    const fs::file_status status = fs::symlink_status(PathOf(full), error);
+    const fs::path path = PathOf(full);
+    const ScanChoice choice = filter_({relative, path, error ? fs::file_type::none : status.type()});
+    if (choice == ScanChoice::KeepEmpty) keptEmpty_.insert(relative);
+    return choice == ScanChoice::Exclude;
 }
 
 // A folder on the way to the given paths: only the entries on the way.

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "local/LocalFiles.h"
 #include "repository/Source.h"
 
 namespace qvhost {
@@ -30,6 +31,14 @@ public:
     // for none.
     explicit LocalSource(const std::vector<std::string>& paths);
 
+    // The folder the tree's relative paths start from: the one folder given,
+    // else "/".
+    std::string Root() const { return root_.empty() ? "/" : root_; }
+    // What the listing leaves out (local/Excludes.h), asked about each entry
+    // of a given path before anything of it is read; the folders on the way
+    // to several paths are never left out. None: everything is kept.
+    void SetFilter(ScanFilter filter) { filter_ = std::move(filter); }
+
     std::vector<std::string> Paths() const override { return paths_; }
     repo::Listing List(const std::string& folder) override;
     std::unique_ptr<repo::SourceReader> Open(const std::string& path) override;
@@ -39,6 +48,7 @@ private:
     std::string FullPath(const std::string& relative) const;
     bool Given(const std::string& relative) const;  // a given path or beneath one
     repo::Listing ListReal(const std::string& folder);
+    bool Filtered(const std::string& full, const std::string& relative);
     repo::Listing ListWay(const std::string& folder);
     // Fills `node` from the entry at `full`; answers false (with the reason
     // in `listing`) when it is left out.
@@ -52,6 +62,8 @@ private:
     std::set<std::string> way_;       // ... and every folder on the way to one
     std::map<uint32_t, std::string> users_;
     std::map<uint32_t, std::string> groups_;
+    ScanFilter filter_;
+    std::set<std::string> keptEmpty_;  // folders the filter keeps without their entries
 };
 
 }  // namespace qvhost

@@ -24,6 +24,7 @@ uint64_t ParseSize(const std::string& text) {
     else if (unit == "K" || unit == "k") shift = 10;
     else if (unit == "M" || unit == "m") shift = 20;
     else if (unit == "G" || unit == "g") shift = 30;
+    else if (unit == "T" || unit == "t") shift = 40;
     else return 0;
     if (value > (UINT64_MAX >> shift)) return 0;
     return value << shift;

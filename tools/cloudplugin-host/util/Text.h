@@ -23,7 +23,7 @@ inline std::vector<std::string> Split(const std::string& text, char separator) {
     }
 }
 
-// "64M", "1G", "4096", "512K" (binary units); 0 for text that is not a size.
+// "64M", "1G", "2T", "4096", "512K" (binary units); 0 for text that is not a size.
 uint64_t ParseSize(const std::string& text);
 // "30m", "24h", "7d", "90s" or "0"; -1 for text that is not an age.
 int64_t ParseAge(const std::string& text);
