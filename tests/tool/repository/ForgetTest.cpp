@@ -24,11 +24,18 @@ SnapshotInfo Info(const std::string& id, const std::string& host, const std::str
     return info;
 }
 
-std::tm Utc(int64_t seconds) {
-    const auto moment = static_cast<std::time_t>(seconds);
-    std::tm civil{};
-    gmtime_r(&moment, &civil);
-    return civil;
+// UTC, and a "now" after every snapshot of these tests.
+RetentionClock Utc() {
+    RetentionClock clock;
+    clock.now = 400 * 86400;
+    clock.civil = [](int64_t seconds) {
+        const auto moment = static_cast<std::time_t>(seconds);
+        std::tm civil{};
+        gmtime_r(&moment, &civil);
+        return civil;
+    };
+    clock.moment = [](std::tm civil) { return static_cast<int64_t>(timegm(&civil)); };
+    return clock;
 }
 
 std::vector<SnapshotInfo> TwoHostsThreeDays() {
@@ -48,7 +55,7 @@ std::vector<std::string> Sorted(std::vector<std::string> ids) {
 }
 
 TEST(Forget, APolicyAppliesToEachHostOnItsOwn) {
-    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(1), {}, kGroupByHost | kGroupByPaths, Utc);
+    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(1), {}, kGroupByHost | kGroupByPaths, Utc());
     ASSERT_EQ(plan.groups.size(), 2u);
     EXPECT_EQ(Sorted(plan.forget), (std::vector<std::string>{"a1", "a2", "b1", "b2"}));
 }
@@ -56,14 +63,14 @@ TEST(Forget, APolicyAppliesToEachHostOnItsOwn) {
 TEST(Forget, AHostFilterLeavesTheOtherHostsSnapshotsAlone) {
     SnapshotFilter filter;
     filter.hosts = {"alpha"};
-    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(1), filter, kGroupByHost | kGroupByPaths, Utc);
+    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(1), filter, kGroupByHost | kGroupByPaths, Utc());
     ASSERT_EQ(plan.groups.size(), 1u);
     EXPECT_EQ(plan.groups[0].group.host, "alpha");
     EXPECT_EQ(Sorted(plan.forget), (std::vector<std::string>{"a1", "a2"}));
 }
 
 TEST(Forget, GroupingByNothingMakesOneGroupOfAll) {
-    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(2), {}, 0, Utc);
+    const ForgetPlan plan = PlanForget(TwoHostsThreeDays(), KeepLast(2), {}, 0, Utc());
     ASSERT_EQ(plan.groups.size(), 1u);
     EXPECT_EQ(plan.forget.size(), 4u);
 }
@@ -71,9 +78,39 @@ TEST(Forget, GroupingByNothingMakesOneGroupOfAll) {
 TEST(Forget, GroupingByTagsKeepsEachTagSetApart) {
     const std::vector<SnapshotInfo> snapshots = {Info("d1", "h", "/p", 1, {"daily"}), Info("d2", "h", "/p", 2, {"daily"}),
                                                  Info("w1", "h", "/p", 1, {"weekly"})};
-    const ForgetPlan plan = PlanForget(snapshots, KeepLast(1), {}, kGroupByTags, Utc);
+    const ForgetPlan plan = PlanForget(snapshots, KeepLast(1), {}, kGroupByTags, Utc());
     ASSERT_EQ(plan.groups.size(), 2u);
     EXPECT_EQ(plan.forget, (std::vector<std::string>{"d1"}));
+}
+
+TEST(Forget, KeepTagKeepsTaggedSnapshotsOfEachGroup) {
+    const std::vector<SnapshotInfo> snapshots = {Info("a1", "alpha", "/data", 1, {"keep"}), Info("a2", "alpha", "/data", 2),
+                                                 Info("a3", "alpha", "/data", 3), Info("b1", "beta", "/data", 1),
+                                                 Info("b2", "beta", "/data", 2, {"keep", "x"})};
+    RetentionPolicy policy = KeepLast(1);
+    policy.keepTags = {{"keep"}};
+    const ForgetPlan plan = PlanForget(snapshots, policy, {}, kGroupByHost | kGroupByPaths, Utc());
+    EXPECT_EQ(Sorted(plan.forget), (std::vector<std::string>{"a2", "b1"}));
+}
+
+// restic's manual: forget fails when all snapshots of a group would be
+// removed because none has the tags of --keep-tag.
+TEST(Forget, APolicyThatWouldForgetAWholeGroupIsRefusedAndForgetsNothing) {
+    RetentionPolicy policy;
+    policy.keepTags = {{"keep"}};
+    std::vector<SnapshotInfo> snapshots = TwoHostsThreeDays();
+    snapshots[0].tags = {"keep"};  // alpha keeps one; beta none
+    try {
+        PlanForget(snapshots, policy, {}, kGroupByHost | kGroupByPaths, Utc());
+        FAIL() << "planned";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind(), ErrorKind::Usage);
+        EXPECT_NE(std::string(error.what()).find("host beta, path /data"), std::string::npos) << error.what();
+    }
+    SnapshotFilter alphaOnly;
+    alphaOnly.hosts = {"alpha"};
+    EXPECT_EQ(Sorted(PlanForget(snapshots, policy, alphaOnly, kGroupByHost | kGroupByPaths, Utc()).forget),
+              (std::vector<std::string>{"a2", "a3"}));
 }
 
 TEST(SnapshotFilter, TagsOfOneOptionAllMatchAndOptionsEither) {

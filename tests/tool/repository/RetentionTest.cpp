@@ -1,10 +1,14 @@
-// Which snapshots `forget` keeps, on UTC civil time so that the results do not
-// depend on the machine's time zone.
+// Which snapshots `forget` keeps, on UTC civil time and a fixed "now" so that
+// the results depend neither on the machine's time zone nor on the day the
+// tests run. The examples of restic's manual ("Removing snapshots according
+// to a policy") are among them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <map>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -13,7 +17,10 @@
 #include "repository/Retention.h"
 
 using qvhost::repo::ApplyRetention;
+using qvhost::repo::CalendarSpan;
 using qvhost::repo::DatedSnapshot;
+using qvhost::repo::ParseCalendarSpan;
+using qvhost::repo::RetentionClock;
 using qvhost::repo::LocalCivilTime;
 using qvhost::repo::RetentionDecision;
 using qvhost::repo::RetentionPolicy;
@@ -51,8 +58,24 @@ std::tm UtcCivilTime(int64_t seconds) {
     return civil;
 }
 
-RetentionDecision Apply(const std::vector<DatedSnapshot>& snapshots, const RetentionPolicy& policy) {
-    return ApplyRetention(snapshots, policy, UtcCivilTime);
+// A clock of UTC whose "now" is fixed: by default far after every snapshot.
+RetentionClock UtcClock(int64_t now = DaysFromCivil(2200, 1, 1) * 86400) {
+    RetentionClock clock;
+    clock.now = now;
+    clock.civil = UtcCivilTime;
+    clock.moment = [](std::tm civil) { return static_cast<int64_t>(timegm(&civil)); };
+    return clock;
+}
+
+RetentionDecision Apply(const std::vector<DatedSnapshot>& snapshots, const RetentionPolicy& policy,
+                        const RetentionClock& clock = UtcClock()) {
+    return ApplyRetention(snapshots, policy, clock);
+}
+
+CalendarSpan Span(const std::string& text) {
+    const std::optional<CalendarSpan> span = ParseCalendarSpan(text);
+    EXPECT_TRUE(span.has_value()) << text;
+    return span.value_or(CalendarSpan{});
 }
 
 RetentionPolicy Policy(unsigned last, unsigned hourly, unsigned daily, unsigned weekly, unsigned monthly,
@@ -150,7 +173,11 @@ TEST(Retention, KeepDailyKeepsTheNewestOfEachDayAcrossAMonth) {
 
     const RetentionDecision month = Apply(snapshots, Policy(0, 0, 31, 0, 0, 0));
     ExpectConsistent(month, snapshots.size());
-    EXPECT_EQ(month.keep, lastOfEachDay) << "29 days have snapshots: the newest of each";
+    Ids newestOfEachAndTheOldest = lastOfEachDay;
+    newestOfEachAndTheOldest.push_back("2021-03-01 00:01");
+    EXPECT_EQ(month.keep, newestOfEachAndTheOldest)
+        << "29 days have snapshots: the newest of each, and as 31 were asked for, the oldest snapshot too";
+    EXPECT_EQ(month.reasons.at("2021-03-01 00:01"), Reasons{"oldest daily"});
 }
 
 TEST(Retention, KeepWeeklyFollowsIsoWeeksAcrossTheYearBoundary) {
@@ -159,9 +186,10 @@ TEST(Retention, KeepWeeklyFollowsIsoWeeksAcrossTheYearBoundary) {
                                                    At(2021, 1, 3),   At(2021, 1, 4),   At(2021, 1, 10)};
     const RetentionDecision decision2020 = Apply(turnOf2020, Policy(0, 0, 0, 10, 0, 0));
     ExpectConsistent(decision2020, turnOf2020.size());
-    EXPECT_EQ(decision2020.keep, (Ids{"2021-01-10 12:00", "2021-01-03 12:00"}));
-    EXPECT_EQ(decision2020.forget,
-              (Ids{"2021-01-04 12:00", "2021-01-01 12:00", "2020-12-31 12:00", "2020-12-28 12:00"}));
+    // Two weeks have snapshots, ten were asked for: the oldest snapshot is kept as well.
+    EXPECT_EQ(decision2020.keep, (Ids{"2021-01-10 12:00", "2021-01-03 12:00", "2020-12-28 12:00"}));
+    EXPECT_EQ(decision2020.forget, (Ids{"2021-01-04 12:00", "2021-01-01 12:00", "2020-12-31 12:00"}));
+    EXPECT_EQ(decision2020.reasons.at("2020-12-28 12:00"), Reasons{"oldest weekly"});
     EXPECT_EQ(decision2020.reasons.at("2021-01-03 12:00"), Reasons{"weekly"});
 
     // 2016-01-02 is in week 53 of 2015 (a year that is not a leap year).
@@ -289,6 +317,185 @@ TEST(Retention, LocalCivilTimeIsTheMachinesLocalTime) {
         std::tm civil = LocalCivilTime(moment);
         EXPECT_EQ(static_cast<int64_t>(std::mktime(&civil)), moment) << "mktime undoes it for " << moment;
     }
+}
+
+// restic's manual: a backup every Sunday for 12 weeks; --keep-daily 4 keeps
+// the last four Sundays and removes the other eight.
+TEST(RetentionFromResticsManual, KeepDailyFourOfTwelveSundays) {
+    const char* ids[] = {"0a1f9759", "46cfe4d5", "f6b1f037", "eb430a5d", "8cf1cb9a", "5d33b116",
+                         "b9553125", "e1a7b58b", "8f8018c0", "59403279", "dfee9fb4", "e1ae2f40"};
+    std::vector<DatedSnapshot> snapshots;
+    for (int week = 0; week < 12; ++week) {
+        snapshots.push_back({ids[week], (DaysFromCivil(2019, 9, 1) + 7 * week) * 86400 + 11 * 3600});
+    }
+    const RetentionDecision decision = Apply(snapshots, Policy(0, 0, 4, 0, 0, 0));
+    EXPECT_EQ(decision.keep, (Ids{"e1ae2f40", "dfee9fb4", "59403279", "8f8018c0"}));
+    EXPECT_EQ(decision.forget, (Ids{"e1a7b58b", "b9553125", "5d33b116", "8cf1cb9a", "eb430a5d", "f6b1f037",
+                                    "46cfe4d5", "0a1f9759"}));
+}
+
+// restic's manual: a backup every day for 100 years and --keep-daily 7
+// --keep-weekly 5 --keep-monthly 12 --keep-yearly 75 keep the 7 newest
+// days, 4 more week ends (the dailies hold one), 11 or 12 more month ends and
+// 74 or 75 more year ends. Here the newest day is Sunday 31 December, so it
+// ends a week, a month and a year: 11 and 74.
+TEST(RetentionFromResticsManual, OneHundredYearsOfDailyBackups) {
+    std::vector<DatedSnapshot> snapshots;
+    for (int64_t day = DaysFromCivil(1924, 1, 1); day <= DaysFromCivil(2023, 12, 31); ++day) {
+        snapshots.push_back({"d" + std::to_string(day), day * 86400 + 43200});
+    }
+    const RetentionDecision decision = Apply(snapshots, Policy(0, 0, 7, 5, 12, 75));
+    ExpectConsistent(decision, snapshots.size());
+    std::map<std::string, size_t> byRule;
+    size_t weeklyOnly = 0, monthlyOnly = 0, yearlyOnly = 0;
+    for (const auto& [id, reasons] : decision.reasons) {
+        for (const std::string& reason : reasons) ++byRule[reason];
+        weeklyOnly += reasons == Reasons{"weekly"};
+        monthlyOnly += reasons == Reasons{"monthly"};
+        yearlyOnly += reasons == Reasons{"yearly"};
+    }
+    EXPECT_EQ(byRule, (std::map<std::string, size_t>{{"daily", 7}, {"weekly", 5}, {"monthly", 12}, {"yearly", 75}}));
+    EXPECT_EQ(weeklyOnly, 4u);
+    EXPECT_EQ(monthlyOnly, 11u);
+    EXPECT_EQ(yearlyOnly, 74u);
+    EXPECT_EQ(decision.keep.size(), 7u + 4u + 11u + 74u);
+    EXPECT_EQ(decision.keep.back(), "d" + std::to_string(DaysFromCivil(1949, 12, 31)));
+}
+
+// restic's manual: --keep-within 2y5m7d3h keeps every snapshot made in the
+// two years, five months, seven days and three hours before the newest.
+TEST(RetentionFromResticsManual, KeepWithinCountsBackOnTheCalendarFromTheNewestSnapshot) {
+    std::vector<DatedSnapshot> snapshots;
+    for (int64_t day = DaysFromCivil(2021, 1, 1); day <= DaysFromCivil(2024, 6, 30); ++day) {
+        const std::tm civil = UtcCivilTime(day * 86400);
+        snapshots.push_back(At(civil.tm_year + 1900, civil.tm_mon + 1, civil.tm_mday, 12));
+    }
+    RetentionPolicy policy;
+    policy.within = Span("2y5m7d3h");
+    // 2024-06-30 12:00 less 2 years, 5 months and 7 days is 2022-01-23 12:00, less 3 hours 09:00.
+    const RetentionDecision decision = Apply(snapshots, policy, UtcClock(DaysFromCivil(2030, 1, 1) * 86400));
+    ExpectConsistent(decision, snapshots.size());
+    EXPECT_EQ(decision.keep.front(), "2024-06-30 12:00");
+    EXPECT_EQ(decision.keep.back(), "2022-01-23 12:00");
+    EXPECT_EQ(decision.forget.front(), "2022-01-22 12:00");
+    EXPECT_EQ(decision.reasons.at("2023-03-01 12:00"), Reasons{"within"});
+    EXPECT_EQ(decision.keep.size(), static_cast<size_t>(DaysFromCivil(2024, 6, 30) - DaysFromCivil(2022, 1, 23) + 1));
+
+    // A month back from 31 March is "31 February", that is 3 March (as mktime
+    // and restic count); a snapshot just at the limit is no longer within.
+    const std::vector<DatedSnapshot> march = {At(2021, 3, 31), At(2021, 3, 3, 12, 1), At(2021, 3, 3), At(2021, 3, 2)};
+    policy.within = Span("1m");
+    EXPECT_EQ(Apply(march, policy).keep, (Ids{"2021-03-31 12:00", "2021-03-03 12:01"}));
+    policy.within = Span("25h");
+    EXPECT_EQ(Apply({At(2021, 3, 5, 12), At(2021, 3, 4, 11, 1), At(2021, 3, 4, 11)}, policy).keep,
+              (Ids{"2021-03-05 12:00", "2021-03-04 11:01"}));
+}
+
+// restic's manual, for irregular backups: --keep-within-daily 7d
+// --keep-within-weekly 1m --keep-within-monthly 1y --keep-within-yearly 75y
+// keeps daily snapshots for the last week, weekly ones for the last month,
+// monthly ones for the last year and yearly ones for the last 75 years.
+TEST(RetentionFromResticsManual, KeepWithinDailyWeeklyMonthlyAndYearly) {
+    std::vector<DatedSnapshot> snapshots;
+    for (int64_t day = DaysFromCivil(2021, 7, 1); day <= DaysFromCivil(2024, 6, 30); ++day) {
+        const std::tm civil = UtcCivilTime(day * 86400);
+        for (const int hour : {8, 18}) snapshots.push_back(At(civil.tm_year + 1900, civil.tm_mon + 1, civil.tm_mday, hour));
+    }
+    RetentionPolicy policy;
+    policy.withinDaily = Span("7d");
+    policy.withinWeekly = Span("1m");
+    policy.withinMonthly = Span("1y");
+    policy.withinYearly = Span("75y");
+    const RetentionDecision decision = Apply(snapshots, policy);
+    ExpectConsistent(decision, snapshots.size());
+    Ids expected;
+    for (unsigned day = 30; day >= 24; --day) expected.push_back(At(2024, 6, day, 18).id);  // the last 7 days
+    for (unsigned day : {23u, 16u, 9u, 2u}) expected.push_back(At(2024, 6, day, 18).id);   // Sundays of the last month
+    for (unsigned month = 5; month >= 1; --month) {
+        expected.push_back(At(2024, month, month == 2 ? 29 : (month == 4 ? 30 : 31), 18).id);
+    }
+    for (unsigned month = 12; month >= 7; --month) {
+        expected.push_back(At(2023, month, month == 9 || month == 11 ? 30 : 31, 18).id);
+    }
+    expected.push_back(At(2022, 12, 31, 18).id);
+    expected.push_back(At(2021, 12, 31, 18).id);
+    expected.push_back(At(2021, 7, 1, 8).id);  // 75 years were asked for: the oldest too
+    EXPECT_EQ(decision.keep, expected);
+    EXPECT_EQ(decision.reasons.at("2024-06-30 18:00"),
+              (Reasons{"within-daily", "within-weekly", "within-monthly", "within-yearly"}));
+    EXPECT_EQ(decision.reasons.at("2024-06-23 18:00"), Reasons{"within-weekly"});
+    EXPECT_EQ(decision.reasons.at("2021-07-01 08:00"), Reasons{"oldest within-yearly"});
+    EXPECT_EQ(std::count(decision.forget.begin(), decision.forget.end(), "2024-06-30 08:00"), 1);
+}
+
+TEST(RetentionFromResticsManual, KeepTagKeepsEverySnapshotWithAllTagsOfOneOption) {
+    std::vector<DatedSnapshot> snapshots = {At(2021, 1, 5), At(2021, 1, 4), At(2021, 1, 3), At(2021, 1, 2),
+                                            At(2021, 1, 1)};
+    snapshots[1].tags = {"a"};
+    snapshots[2].tags = {"b", "c"};
+    snapshots[3].tags = {"b"};
+    snapshots[4].tags = {"c", "a"};
+    RetentionPolicy policy;
+    policy.keepTags = {{"a"}};
+    EXPECT_EQ(Apply(snapshots, policy).keep, (Ids{"2021-01-04 12:00", "2021-01-01 12:00"}));
+    policy.keepTags = {{"b", "c"}};
+    EXPECT_EQ(Apply(snapshots, policy).keep, (Ids{"2021-01-03 12:00"}));
+    policy.keepTags = {{"b", "c"}, {"a"}};
+    EXPECT_EQ(Apply(snapshots, policy).keep, (Ids{"2021-01-04 12:00", "2021-01-03 12:00", "2021-01-01 12:00"}));
+    policy.keepTags = {{""}};  // --keep-tag '': the untagged ones only
+    EXPECT_EQ(Apply(snapshots, policy).keep, (Ids{"2021-01-05 12:00"}));
+    policy.keepLast = 1;
+    policy.keepTags = {{"b"}};
+    const RetentionDecision both = Apply(snapshots, policy);
+    EXPECT_EQ(both.keep, (Ids{"2021-01-05 12:00", "2021-01-03 12:00", "2021-01-02 12:00"}));
+    EXPECT_EQ(both.reasons.at("2021-01-02 12:00"), Reasons{"tag"});
+    policy.keepTags = {{"nobody"}};
+    EXPECT_FALSE(policy.Empty());
+}
+
+// restic's manual: a rule that could keep more periods than have snapshots
+// keeps the oldest snapshot as well.
+TEST(RetentionFromResticsManual, ARuleNotFilledKeepsTheOldestSnapshotToo) {
+    const std::vector<DatedSnapshot> oneDay = {At(2023, 4, 1, 9), At(2023, 4, 1, 12), At(2023, 4, 1, 18)};
+    const RetentionDecision decision = Apply(oneDay, Policy(0, 0, 7, 0, 0, 0));
+    EXPECT_EQ(decision.keep, (Ids{"2023-04-01 18:00", "2023-04-01 09:00"}));
+    EXPECT_EQ(decision.reasons.at("2023-04-01 09:00"), Reasons{"oldest daily"});
+    // A rule that is filled does not.
+    EXPECT_EQ(Apply(oneDay, Policy(0, 0, 1, 0, 0, 0)).keep, (Ids{"2023-04-01 18:00"}));
+    EXPECT_EQ(Apply(oneDay, Policy(1, 0, 0, 0, 0, 0)).keep, (Ids{"2023-04-01 18:00"})) << "keep-last is no calendar";
+}
+
+// restic's manual: the duration rules ignore snapshots dated in the future
+// (relative to when forget runs), which are hence not removed.
+TEST(RetentionFromResticsManual, SnapshotsInTheFutureAreKeptAndCountForNoRule) {
+    const int64_t now = DaysFromCivil(2023, 4, 10) * 86400;
+    const std::vector<DatedSnapshot> snapshots = {At(2023, 4, 12), At(2023, 4, 9), At(2023, 4, 8), At(2023, 1, 1)};
+    RetentionPolicy policy = Policy(1, 0, 0, 0, 0, 0);
+    policy.within = Span("1d");
+    const RetentionDecision decision = Apply(snapshots, policy, UtcClock(now));
+    EXPECT_EQ(decision.keep, (Ids{"2023-04-12 12:00", "2023-04-09 12:00"}));
+    EXPECT_EQ(decision.reasons.at("2023-04-12 12:00"), Reasons{"future"});
+    EXPECT_EQ(decision.reasons.at("2023-04-09 12:00"), (Reasons{"last", "within"}))
+        << "the newest snapshot not in the future is the one within counts from";
+    EXPECT_EQ(decision.forget, (Ids{"2023-04-08 12:00", "2023-01-01 12:00"}));
+}
+
+TEST(Retention, SpansAreWrittenAsResticWritesThem) {
+    const CalendarSpan span = Span("2y5m7d3h");
+    EXPECT_EQ(span.years, 2);
+    EXPECT_EQ(span.months, 5);
+    EXPECT_EQ(span.days, 7);
+    EXPECT_EQ(span.hours, 3);
+    EXPECT_EQ(span.Text(), "2y5m7d3h");
+    EXPECT_EQ(Span("7d").Text(), "7d");
+    EXPECT_EQ(Span("3h1y").Text(), "1y3h");
+    EXPECT_EQ(Span("0d12h").Text(), "12h");
+    for (const char* text : {"", "1w", "7", "d", "0d", "1y1y", "1.5d", "-1d", "1d ", "1234567d", "y1"}) {
+        EXPECT_FALSE(ParseCalendarSpan(text).has_value()) << text;
+    }
+    RetentionPolicy policy;
+    policy.withinMonthly = Span("1y");
+    EXPECT_FALSE(policy.Empty());
 }
 
 }  // namespace

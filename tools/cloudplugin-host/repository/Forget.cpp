@@ -2,19 +2,40 @@
 
 #include <map>
 
+#include "util/Error.h"
+
 namespace qvhost::repo {
 
+namespace {
+
+std::string GroupName(const SnapshotGroup& group) {
+    std::string text;
+    if (!group.host.empty()) text += "host " + group.host;
+    if (!group.source.empty()) text += (text.empty() ? "" : ", ") + std::string("path ") + group.source;
+    std::string tags;
+    for (const std::string& tag : group.tags) tags += (tags.empty() ? "" : ",") + tag;
+    if (!tags.empty()) text += (text.empty() ? "tags " : ", tags ") + tags;
+    return text.empty() ? "all snapshots" : text;
+}
+
+}  // namespace
+
 ForgetPlan PlanForget(const std::vector<SnapshotInfo>& snapshots, const RetentionPolicy& policy,
-                      const SnapshotFilter& filter, unsigned groupBy, const CivilTime& civil) {
+                      const SnapshotFilter& filter, unsigned groupBy, const RetentionClock& clock) {
     std::map<SnapshotGroup, std::vector<DatedSnapshot>> byGroup;
     for (const SnapshotInfo& snapshot : snapshots) {
         if (filter.Matches(snapshot)) {
-            byGroup[GroupOf(snapshot, groupBy)].push_back({snapshot.id, snapshot.timeNs / 1000000000});
+            byGroup[GroupOf(snapshot, groupBy)].push_back({snapshot.id, snapshot.timeNs / 1000000000, snapshot.tags});
         }
     }
     ForgetPlan plan;
     for (auto& [group, dated] : byGroup) {
-        ForgetGroup entry{group, ApplyRetention(std::move(dated), policy, civil)};
+        ForgetGroup entry{group, ApplyRetention(std::move(dated), policy, clock)};
+        if (entry.decision.keep.empty() && !entry.decision.forget.empty()) {
+            throw Error(ErrorKind::Usage, "the policy would forget every snapshot of " + GroupName(group) + " (" +
+                                              std::to_string(entry.decision.forget.size()) +
+                                              "; none carries the tags of --keep-tag): nothing was forgotten");
+        }
         plan.forget.insert(plan.forget.end(), entry.decision.forget.begin(), entry.decision.forget.end());
         plan.groups.push_back(std::move(entry));
     }

@@ -24,8 +24,10 @@ struct ForgetPlan {
 
 // The policy applied to each group of the snapshots the filter selects
 // (the others are neither kept nor forgotten: they are not considered).
+// Throws Error (usage) when the policy would forget every snapshot of a
+// group (a --keep-tag that no snapshot of it carries): nothing is planned.
 ForgetPlan PlanForget(const std::vector<SnapshotInfo>& snapshots, const RetentionPolicy& policy,
-                      const SnapshotFilter& filter, unsigned groupBy, const CivilTime& civil = LocalCivilTime);
+                      const SnapshotFilter& filter, unsigned groupBy, const RetentionClock& clock = LocalClock());
 
 // Removes the snapshot objects of the plan. The caller holds the exclusive lock.
 void ApplyForget(Repository& repository, const std::vector<std::string>& snapshots);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <iterator>
 #include <set>
 #include <stdexcept>
@@ -54,23 +55,159 @@ Period Week(const std::tm& civil) {
 Period Month(const std::tm& civil) { return {civil.tm_year + 1900L, civil.tm_mon, 0}; }
 Period Year(const std::tm& civil) { return {civil.tm_year + 1900L, 0, 0}; }
 
-// Keeps the newest snapshot of each of the `count` most recent periods that
-// have one: walking newest first, the first snapshot seen in a period is the
-// newest of it.
+// Keeps the newest snapshot of each period: of the `count` most recent
+// periods that have one, or of the periods of snapshots made after
+// `cutoff`. Walking newest first, the first snapshot seen in a period is
+// the newest of it.
 struct PeriodRule {
-    const char* name;
-    unsigned count;
-    Period (*periodOf)(const std::tm&);
+    std::string name;
+    unsigned count = 0;
+    std::optional<int64_t> cutoff;  // the within- rules
+    Period (*periodOf)(const std::tm&) = nullptr;
     std::set<Period> seen;
 
-    bool Open() const { return seen.size() < count; }
+    bool Open(int64_t time) const { return cutoff ? time > *cutoff : seen.size() < count; }
+    bool Used() const { return cutoff || count > 0; }
 };
+
+// The moment `span` before `latest`, in civil time: years, months and days
+// on the calendar (31 March less a month is 3 March, as mktime normalises
+// 31 February), then hours.
+int64_t Before(int64_t latest, const CalendarSpan& span, const RetentionClock& clock) {
+    std::tm civil = clock.civil(latest);
+    civil.tm_year -= span.years;
+    civil.tm_mon -= span.months;
+    civil.tm_mday -= span.days;
+    civil.tm_isdst = -1;
+    return clock.moment(civil) - int64_t{span.hours} * 3600;
+}
+
+std::vector<PeriodRule> PeriodRules(const RetentionPolicy& policy, int64_t latest, const RetentionClock& clock) {
+    const std::pair<const char*, Period (*)(const std::tm&)> kinds[] = {
+        {"hourly", Hour}, {"daily", Day}, {"weekly", Week}, {"monthly", Month}, {"yearly", Year}};
+    const unsigned counts[] = {policy.keepHourly, policy.keepDaily, policy.keepWeekly, policy.keepMonthly,
+                               policy.keepYearly};
+    const CalendarSpan* spans[] = {&policy.withinHourly, &policy.withinDaily, &policy.withinWeekly,
+                                   &policy.withinMonthly, &policy.withinYearly};
+    std::vector<PeriodRule> rules;
+    for (size_t i = 0; i < 5; ++i) rules.push_back({kinds[i].first, counts[i], std::nullopt, kinds[i].second, {}});
+    for (size_t i = 0; i < 5; ++i) {
+        std::optional<int64_t> cutoff;
+        if (!spans[i]->Empty()) cutoff = Before(latest, *spans[i], clock);
+        rules.push_back({std::string("within-") + kinds[i].first, 0, cutoff, kinds[i].second, {}});
+    }
+    return rules;
+}
+
+bool HasTags(const DatedSnapshot& snapshot, const std::vector<std::vector<std::string>>& tagSets) {
+    const auto has = [&](const std::string& tag) {
+        return std::find(snapshot.tags.begin(), snapshot.tags.end(), tag) != snapshot.tags.end();
+    };
+    return std::any_of(tagSets.begin(), tagSets.end(), [&](const std::vector<std::string>& set) {
+        if (set.size() == 1 && set[0].empty()) return snapshot.tags.empty();
+        return !set.empty() && std::all_of(set.begin(), set.end(), has);
+    });
+}
+
+// The rules of a policy over the snapshots that are not in the future,
+// newest first.
+class RetentionRun {
+public:
+    RetentionRun(const RetentionPolicy& policy, const std::vector<const DatedSnapshot*>& past,
+                 const RetentionClock& clock)
+        : policy_(policy), past_(past), clock_(clock),
+          rules_(past.empty() ? std::vector<PeriodRule>{} : PeriodRules(policy, past.front()->time, clock)) {
+        if (!past.empty() && !policy.within.Empty()) within_ = Before(past.front()->time, policy.within, clock);
+    }
+
+    // Why the i-th snapshot is kept; empty: it is not.
+    std::vector<std::string> Reasons(size_t i) {
+        const DatedSnapshot& snapshot = *past_[i];
+        std::vector<std::string> why;
+        if (i < policy_.keepLast) why.emplace_back("last");
+        std::optional<std::tm> civil;  // asked for only while some calendar rule still counts
+        ApplyPeriods(0, 5, i, civil, why);
+        if (within_ && snapshot.time > *within_) why.emplace_back("within");
+        ApplyPeriods(5, rules_.size(), i, civil, why);
+        if (!policy_.keepTags.empty() && HasTags(snapshot, policy_.keepTags)) why.emplace_back("tag");
+        return why;
+    }
+
+private:
+    void ApplyPeriods(size_t first, size_t end, size_t i, std::optional<std::tm>& civil,
+                      std::vector<std::string>& why) {
+        const int64_t time = past_[i]->time;
+        for (size_t rule = first; rule < end; ++rule) {
+            PeriodRule& period = rules_[rule];
+            if (!period.Used() || !period.Open(time)) continue;
+            if (!civil) civil = clock_.civil(time);
+            if (period.seen.insert(period.periodOf(*civil)).second) {
+                why.push_back(period.name);
+            } else if (i + 1 == past_.size()) {
+                why.push_back("oldest " + period.name);  // a rule not filled keeps the oldest snapshot too
+            }
+        }
+    }
+
+    const RetentionPolicy& policy_;
+    const std::vector<const DatedSnapshot*>& past_;
+    const RetentionClock& clock_;
+    std::vector<PeriodRule> rules_;
+    std::optional<int64_t> within_;
+};
+
+void SortNewestFirst(std::vector<DatedSnapshot>& snapshots) {
+    std::sort(snapshots.begin(), snapshots.end(), [](const DatedSnapshot& a, const DatedSnapshot& b) {
+        return a.time != b.time ? a.time > b.time : a.id < b.id;
+    });
+    std::set<std::string_view> ids;
+    for (const DatedSnapshot& snapshot : snapshots) {
+        if (!ids.insert(snapshot.id).second) {
+            throw std::invalid_argument("snapshot " + snapshot.id + " is listed twice");
+        }
+    }
+}
 
 }  // namespace
 
+std::string CalendarSpan::Text() const {
+    std::string text;
+    const std::pair<int, char> parts[] = {{years, 'y'}, {months, 'm'}, {days, 'd'}, {hours, 'h'}};
+    for (const auto& [value, unit] : parts) {
+        if (value != 0) text += std::to_string(value) + unit;
+    }
+    return text;
+}
+
+std::optional<CalendarSpan> ParseCalendarSpan(const std::string& text) {
+    CalendarSpan span;
+    std::string units;  // seen
+    size_t i = 0;
+    while (i < text.size()) {
+        size_t digits = 0;
+        while (i + digits < text.size() && std::isdigit(static_cast<unsigned char>(text[i + digits]))) ++digits;
+        if (digits == 0 || digits > 6 || i + digits == text.size()) return std::nullopt;
+        const int value = std::stoi(text.substr(i, digits));
+        const char unit = text[i + digits];
+        if (units.find(unit) != std::string::npos) return std::nullopt;
+        units += unit;
+        switch (unit) {
+        case 'y': span.years = value; break;
+        case 'm': span.months = value; break;
+        case 'd': span.days = value; break;
+        case 'h': span.hours = value; break;
+        default: return std::nullopt;
+        }
+        i += digits + 1;
+    }
+    if (span.Empty()) return std::nullopt;
+    return span;
+}
+
 bool RetentionPolicy::Empty() const {
     return keepLast == 0 && keepHourly == 0 && keepDaily == 0 && keepWeekly == 0 && keepMonthly == 0 &&
-           keepYearly == 0;
+           keepYearly == 0 && within.Empty() && withinHourly.Empty() && withinDaily.Empty() &&
+           withinWeekly.Empty() && withinMonthly.Empty() && withinYearly.Empty() && keepTags.empty();
 }
 
 std::tm LocalCivilTime(int64_t seconds) {
@@ -93,56 +230,36 @@ std::tm LocalCivilTime(int64_t seconds) {
     return civil;
 }
 
-RetentionDecision ApplyRetention(std::vector<DatedSnapshot> snapshots, const RetentionPolicy& policy,
-                                 const CivilTime& civil) {
-    std::sort(snapshots.begin(), snapshots.end(), [](const DatedSnapshot& a, const DatedSnapshot& b) {
-        return a.time != b.time ? a.time > b.time : a.id < b.id;
-    });
-    {
-        std::set<std::string_view> ids;
-        for (const DatedSnapshot& snapshot : snapshots) {
-            if (!ids.insert(snapshot.id).second) {
-                throw std::invalid_argument("snapshot " + snapshot.id + " is listed twice");
-            }
-        }
-    }
+RetentionClock LocalClock() {
+    RetentionClock clock;
+    clock.now = static_cast<int64_t>(std::time(nullptr));
+    clock.civil = LocalCivilTime;
+    clock.moment = [](std::tm civil) { return static_cast<int64_t>(std::mktime(&civil)); };
+    return clock;
+}
 
+RetentionDecision ApplyRetention(std::vector<DatedSnapshot> snapshots, const RetentionPolicy& policy,
+                                 const RetentionClock& clock) {
+    SortNewestFirst(snapshots);
     RetentionDecision decision;
     if (policy.Empty()) {
-        for (const DatedSnapshot& snapshot : snapshots) {
-            decision.keep.push_back(snapshot.id);
-        }
+        for (const DatedSnapshot& snapshot : snapshots) decision.keep.push_back(snapshot.id);
         return decision;
     }
-
-    PeriodRule rules[] = {
-        {"hourly", policy.keepHourly, Hour, {}},
-        {"daily", policy.keepDaily, Day, {}},
-        {"weekly", policy.keepWeekly, Week, {}},
-        {"monthly", policy.keepMonthly, Month, {}},
-        {"yearly", policy.keepYearly, Year, {}},
-    };
-    for (size_t i = 0; i < snapshots.size(); ++i) {
-        const DatedSnapshot& snapshot = snapshots[i];
-        std::vector<std::string> why;
-        if (i < policy.keepLast) {
-            why.emplace_back("last");
-        }
-        // The civil time is asked for only while some rule still counts.
-        if (std::any_of(std::begin(rules), std::end(rules), [](const PeriodRule& rule) { return rule.Open(); })) {
-            const std::tm time = civil(snapshot.time);
-            for (PeriodRule& rule : rules) {
-                if (rule.Open() && rule.seen.insert(rule.periodOf(time)).second) {
-                    why.emplace_back(rule.name);
-                }
-            }
-        }
-        if (why.empty()) {
-            decision.forget.push_back(snapshot.id);
-        } else {
+    std::vector<const DatedSnapshot*> past;
+    for (const DatedSnapshot& snapshot : snapshots) {
+        if (snapshot.time > clock.now) {
             decision.keep.push_back(snapshot.id);
-            decision.reasons.emplace(snapshot.id, std::move(why));
+            decision.reasons[snapshot.id] = {"future"};
+        } else {
+            past.push_back(&snapshot);
         }
+    }
+    RetentionRun run(policy, past, clock);
+    for (size_t i = 0; i < past.size(); ++i) {
+        std::vector<std::string> why = run.Reasons(i);
+        (why.empty() ? decision.forget : decision.keep).push_back(past[i]->id);
+        if (!why.empty()) decision.reasons.emplace(past[i]->id, std::move(why));
     }
     return decision;
 }
