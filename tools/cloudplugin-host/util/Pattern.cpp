@@ -4,6 +4,7 @@
 #include <locale.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "util/Error.h"
 #include "util/Text.h"
@@ -88,11 +89,15 @@ bool PathPattern::ComponentMatches(const Component& component, const std::string
 // reach[k]: the components so far can match the first k components of the
 // path. The pattern matches when it can match any first part of the path
 // (the path itself or a folder above it).
-bool PathPattern::Matches(const std::string& path) const {
+std::vector<std::string> PathPattern::Components(const std::string& path) {
     std::vector<std::string> names;
-    for (const std::string& name : Split(path, '/')) {
-        if (!name.empty()) names.push_back(name);
+    for (std::string& name : Split(path, '/')) {
+        if (!name.empty()) names.push_back(std::move(name));
     }
+    return names;
+}
+
+bool PathPattern::MatchesComponents(const std::vector<std::string>& names) const {
     std::vector<char> reach(names.size() + 1, 0), next(names.size() + 1, 0);
     reach[0] = 1;
     for (const Component& component : components_) {
@@ -113,8 +118,10 @@ bool PathPattern::Matches(const std::string& path) const {
 }
 
 const PathPattern* PatternList::Match(const std::string& path) const {
+    if (patterns_.empty()) return nullptr;
+    const std::vector<std::string> names = PathPattern::Components(path);
     for (auto pattern = patterns_.rbegin(); pattern != patterns_.rend(); ++pattern) {
-        if (pattern->Matches(path)) return pattern->negated() ? nullptr : &*pattern;
+        if (pattern->MatchesComponents(names)) return pattern->negated() ? nullptr : &*pattern;
     }
     return nullptr;
 }

@@ -35,7 +35,11 @@ public:
 
     // Whether the pattern (its negation aside) matches the absolute path
     // or a folder above it.
-    bool Matches(const std::string& path) const;
+    bool Matches(const std::string& path) const { return MatchesComponents(Components(path)); }
+    // The same for a path already cut into its components.
+    bool MatchesComponents(const std::vector<std::string>& names) const;
+    // "/a//b/" is {"a", "b"}.
+    static std::vector<std::string> Components(const std::string& path);
 
     bool negated() const { return negated_; }
     bool ignoresCase() const { return ignoreCase_; }
