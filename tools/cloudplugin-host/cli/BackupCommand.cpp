@@ -3,6 +3,7 @@
 #include "cli/RepositorySupport.h"
 #include "host/PluginObjectStore.h"
 #include "host/PluginSession.h"
+#include "local/Excludes.h"
 #include "local/LocalSource.h"
 #include "repository/Backup.h"
 #include "repository/Locks.h"
@@ -19,6 +20,7 @@ struct BackupCommandOptions {
     bool force = false;
     bool dryRun = false;
     bool skipUnreadable = false;
+    ExcludeOptions excludes;
 };
 
 void SaySummary(Context& context, const repo::BackupReport& report, bool dryRun, double seconds) {
@@ -66,9 +68,36 @@ Json BackupJson(const repo::BackupReport& report, bool dryRun, double seconds, i
                 {"special_files", snapshot.summary.value("special_files", uint64_t{0})}};
 }
 
+// What the excludes left out: with -v each entry and why; in --json how
+// many (and, for a dry run, which).
+void ReportExcluded(Context& context, const Excludes& excludes, bool dryRun, Json& json) {
+    Json entries = Json::array();
+    for (const ExcludedEntry& entry : excludes.excluded()) {
+        context.Verbose("excluded " + Printable(entry.relativePath) + " (" + entry.reason + ")");
+        if (dryRun) entries.push_back(Json{{"path", entry.relativePath}, {"reason", entry.reason}});
+    }
+    if (!excludes.excluded().empty()) {
+        context.Say("excluded " + std::to_string(excludes.excluded().size()) +
+                    " entries (not what lies beneath an excluded folder; -v names them)");
+    }
+    json["excluded"] = excludes.excluded().size();
+    if (dryRun) json["excluded_entries"] = std::move(entries);
+}
+
+repo::BackupReport Back(Context& context, repo::Repository& repository, LocalSource& source,
+                        const BackupCommandOptions& options, const repo::BackupOptions& backup) {
+    if (options.dryRun) return repo::RunBackup(repository, source, backup);
+    repo::RepositoryLock lock(repository, "backup " + repo::PathsText(source.Paths()), false, context.options().lockWaitSeconds);
+    return repo::RunBackup(repository, source, backup);
+}
+
 CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
-    repo::Repository repository = OpenRepository(context);
+    // Before the plug-in starts: a missing path, a bad pattern or exclude
+    // file fails at once.
     LocalSource source(options.sources);
+    Excludes excludes(options.excludes, source.Root());
+    source.SetFilter(excludes.Filter());
+    repo::Repository repository = OpenRepository(context);
     repo::BackupOptions backup;
     backup.jobs = context.options().host.jobs;
     backup.host = options.host.empty() ? repo::HostName() : options.host;
@@ -77,15 +106,12 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     backup.dryRun = options.dryRun;
     backup.progress = context.Display();
     const double pluginBefore = context.Session().PluginSeconds();
-    repo::BackupReport report;
-    if (options.dryRun) {
-        report = repo::RunBackup(repository, source, backup);
-    } else {
-        repo::RepositoryLock lock(repository, "backup " + repo::PathsText(source.Paths()), false,
-                                  context.options().lockWaitSeconds);
-        report = repo::RunBackup(repository, source, backup);
+    const repo::BackupReport report = Back(context, repository, source, options, backup);
+    Json excluded = Json::object();
+    ReportExcluded(context, excludes, options.dryRun, excluded);
+    for (const std::string& path : report.toRead) {
+        context.Verbose((options.dryRun ? "would read " : "read ") + Printable(path));
     }
-    for (const std::string& path : report.toRead) context.Verbose((options.dryRun ? "would read " : "read ") + Printable(path));
     const Json skipped = ReportSkipped(context, report.skipped);
     const double seconds = report.snapshot.summary.value("seconds", 0.0);
     SaySummary(context, report, options.dryRun, seconds);
@@ -95,8 +121,41 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     result.json = BackupJson(report, options.dryRun, seconds, result.status);
     result.json["skipped"] = skipped;
     result.json["unreadable"] = report.Unreadable();
+    result.json.update(excluded);
     if (options.dryRun) result.json["would_read"] = report.toRead;
     return result;
+}
+
+void AddExcludeOptions(CLI::App* command, ExcludeOptions& excludes) {
+    command->add_option("--exclude", excludes.patterns, "leave out what matches PATTERN (repeatable)")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false);
+    command->add_option("--iexclude", excludes.caselessPatterns, "the same, ignoring case (repeatable)")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false);
+    command->add_option("--exclude-file", excludes.patternFiles,
+                        "leave out what matches a pattern of FILE, one a line (repeatable)")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    command->add_option("--iexclude-file", excludes.caselessFiles, "the same, ignoring case (repeatable)")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    command->add_flag("--exclude-caches", excludes.caches,
+                      "leave out the content of folders holding a CACHEDIR.TAG with its signature (the tag is kept)");
+    command->add_option("--exclude-if-present", excludes.ifPresent,
+                        "leave out the content of folders holding a file NAME (starting with HEADER, if given; the "
+                        "file is kept; repeatable)")
+        ->type_name("NAME[:HEADER]")
+        ->allow_extra_args(false);
+    command->add_flag("-x,--one-file-system", excludes.oneFileSystem,
+                      "stay on the source folder's file system: mount points are kept as empty folders");
+    command->add_option_function<std::string>(
+               "--exclude-larger-than",
+               [&excludes](const std::string& text) {
+                   excludes.largerThan = SizeArgument("--exclude-larger-than", text, 1, UINT64_MAX);
+               },
+               "leave out files larger than SIZE (2048, 500K, 1M, 2G, 1T)")
+        ->type_name("SIZE");
 }
 
 }  // namespace
@@ -116,9 +175,16 @@ void AddBackupCommand(CommandTable& table) {
          "(POSIX ACLs among them, up to 1 MiB an entry), hard links (one content, several names) and whether a "
          "file is sparse. Sockets are skipped. Every skipped or unreadable entry is reported; a backup that could "
          "not read an entry (or found a name a restore would refuse) saves its snapshot of everything else and "
-         "ends with exit status 3 (restic's number for it) unless --skip-unreadable is given.\n\nWith --dry-run the files are read and chunked as "
-         "for a backup, but nothing is stored: the summary says what the backup would add (with -v, which files "
-         "it would read)."},
+         "ends with exit status 3 (restic's number for it) unless --skip-unreadable is given.\n\n"
+         "What it leaves out: "
+         "patterns (--exclude, --iexclude, and one a line in --exclude-file) match the absolute path of each "
+         "entry: * and ? within one component, [a-z] sets, ** any number of components; a pattern matches whole "
+         "components at any depth (node_modules, *.o), or from the root with a leading / (/home/me/tmp); a "
+         "leading ! takes back a match of the patterns before it. An excluded folder is not read at all. "
+         "--exclude-caches and --exclude-if-present leave out the content of tagged folders, -x other file "
+         "systems, --exclude-larger-than large files. What is left out is not in the snapshot, even when the "
+         "parent holds it; -v names it.\n\nWith --dry-run the files are read and chunked as for a backup, but "
+         "nothing is stored: the summary says what the backup would add (with -v, which files it would read)."},
         [options](Context& context) { return RunBackup(context, *options); });
     command->add_option("PATH", options->sources, "the folders and files to back up, each kept with its absolute path")
         ->required();
@@ -131,6 +197,7 @@ void AddBackupCommand(CommandTable& table) {
     command->add_flag("-n,--dry-run", options->dryRun, "read and chunk, store nothing; say what would be added");
     command->add_flag("--skip-unreadable", options->skipUnreadable,
                       "entries that cannot be read do not make the exit status 3");
+    AddExcludeOptions(command, options->excludes);
 }
 
 }  // namespace qvhost::cli

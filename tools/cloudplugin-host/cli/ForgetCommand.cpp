@@ -42,14 +42,16 @@ Json SayPlan(Context& context, const repo::ForgetPlan& plan) {
                               {"paths", group.group.paths},
                               {"tags", group.group.tags},
                               {"keep", decision.keep},
-                              {"forget", decision.forget}});
+                              {"forget", decision.forget},
+                              {"reasons", decision.reasons}});
     }
     return groups;
 }
 
 CommandResult RunForget(Context& context, const ForgetCommandOptions& options) {
     if (options.policy.Empty() == options.snapshots.empty()) {
-        throw Error(ErrorKind::Usage, "forget takes either snapshots or a policy (--keep-last, --keep-daily, ...)");
+        throw Error(ErrorKind::Usage,
+                    "forget takes either snapshots or a policy (--keep-last, --keep-daily, --keep-within, ...)");
     }
     const unsigned groupBy = repo::ParseGroupBy(options.groupBy);
     repo::Repository repository = OpenRepository(context);
@@ -80,6 +82,46 @@ void AddKeepOption(CLI::App* command, const std::string& name, unsigned& value, 
         ->type_name("N");
 }
 
+void AddSpanOption(CLI::App* command, const std::string& name, repo::CalendarSpan& span, const std::string& help) {
+    command->add_option_function<std::string>(
+               name,
+               [name, &span](const std::string& text) {
+                   const std::optional<repo::CalendarSpan> parsed = repo::ParseCalendarSpan(text);
+                   if (!parsed) {
+                       throw Error(ErrorKind::Usage, name + " takes a span of years, months, days and hours such "
+                                                            "as 1y5m7d2h or 7d (no weeks), not " + text);
+                   }
+                   span = *parsed;
+               },
+               help)
+        ->type_name("DURATION");
+}
+
+void AddPolicyOptions(CLI::App* command, repo::RetentionPolicy& policy) {
+    AddKeepOption(command, "--keep-last", policy.keepLast, "keep the N newest snapshots");
+    AddKeepOption(command, "--keep-hourly", policy.keepHourly, "keep the newest snapshot of each of the last N hours");
+    AddKeepOption(command, "--keep-daily", policy.keepDaily, "... of each of the last N days");
+    AddKeepOption(command, "--keep-weekly", policy.keepWeekly, "... of each of the last N weeks");
+    AddKeepOption(command, "--keep-monthly", policy.keepMonthly, "... of each of the last N months");
+    AddKeepOption(command, "--keep-yearly", policy.keepYearly, "... of each of the last N years");
+    AddSpanOption(command, "--keep-within", policy.within,
+                  "keep every snapshot made less than DURATION (1y5m7d2h) before the newest");
+    AddSpanOption(command, "--keep-within-hourly", policy.withinHourly,
+                  "keep the newest snapshot of each hour within DURATION before the newest");
+    AddSpanOption(command, "--keep-within-daily", policy.withinDaily, "... of each day within DURATION");
+    AddSpanOption(command, "--keep-within-weekly", policy.withinWeekly, "... of each week within DURATION");
+    AddSpanOption(command, "--keep-within-monthly", policy.withinMonthly, "... of each month within DURATION");
+    AddSpanOption(command, "--keep-within-yearly", policy.withinYearly, "... of each year within DURATION");
+    command->add_option_function<std::vector<std::string>>(
+               "--keep-tag",
+               [&policy](const std::vector<std::string>& values) {
+                   for (const std::string& value : values) policy.keepTags.push_back(Split(value, ','));
+               },
+               "keep every snapshot with these tags (a,b: both; repeatable: either; '': untagged ones)")
+        ->type_name("TAG[,TAG]")
+        ->allow_extra_args(false);
+}
+
 }  // namespace
 
 void AddForgetCommand(CommandTable& table) {
@@ -88,18 +130,17 @@ void AddForgetCommand(CommandTable& table) {
         {"forget", "remove snapshots: the ones named, or those a --keep-* policy does not keep",
          "Removes the snapshots named, or applies a policy to each group of snapshots (by default each host and "
          "source folder on its own; --group-by host,paths,tags or any part of it, or '' for one group): the "
-         "newest N (--keep-last) and the newest snapshot of each of the last N hours, days, ISO weeks, months and "
-         "years that have one; days and weeks in local time. A snapshot kept by no rule is forgotten. --host, "
-         "--tag and --path limit which snapshots are considered at all. The data only forgotten snapshots used "
-         "stays until 'prune' (or --prune)."},
+         "newest N (--keep-last); the newest snapshot of each of the last N hours, days, ISO weeks, months and "
+         "years that have one (days and weeks in local time; a rule that asks for more periods than there are "
+         "also keeps the oldest snapshot); every snapshot made within a span of the newest (--keep-within 1y5m7d2h) "
+         "or the newest of each hour, day, week, month or year within it (--keep-within-daily 7d ...); every "
+         "snapshot with the tags of a --keep-tag. A snapshot kept by no rule is forgotten; one dated in the "
+         "future is kept; a policy that would forget every snapshot of a group is refused. --host, --tag and "
+         "--path limit which snapshots are considered at all. The data only forgotten snapshots used stays "
+         "until 'prune' (or --prune)."},
         [options](Context& context) { return RunForget(context, *options); });
     command->add_option("SNAPSHOT", options->snapshots, "snapshots to forget (ids, or 'latest')");
-    AddKeepOption(command, "--keep-last", options->policy.keepLast, "keep the N newest snapshots");
-    AddKeepOption(command, "--keep-hourly", options->policy.keepHourly, "keep the newest snapshot of each of the last N hours");
-    AddKeepOption(command, "--keep-daily", options->policy.keepDaily, "... of each of the last N days");
-    AddKeepOption(command, "--keep-weekly", options->policy.keepWeekly, "... of each of the last N weeks");
-    AddKeepOption(command, "--keep-monthly", options->policy.keepMonthly, "... of each of the last N months");
-    AddKeepOption(command, "--keep-yearly", options->policy.keepYearly, "... of each of the last N years");
+    AddPolicyOptions(command, options->policy);
     AddFilterOptions(command, options->filter, "snapshots");
     command->add_option("--group-by", options->groupBy, "group snapshots by host, paths, tags (default: host,paths)")
         ->type_name("GROUPS");

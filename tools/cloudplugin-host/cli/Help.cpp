@@ -124,6 +124,7 @@ std::string OverviewHelp(const CommandTable& table) {
     out += "\nset-up options (the plug-in, the JVM, the storage):\n" + OptionLines(OptionsOf(app, "set-up options"));
     out += "\nenvironment: CLOUDPLUGIN_CONNECTION, CLOUDPLUGIN_PASSWORD, CLOUDPLUGIN_INSTALL, JAVA_HOME\n";
     out += "\nexit status:\n" + ExitStatusLines();
+    out += "  (0, 1, 3, 10, 11, 12 and 130 mean what they mean in restic's table)\n";
     return out;
 }
 
