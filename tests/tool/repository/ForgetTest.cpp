@@ -105,7 +105,7 @@ TEST(Forget, APolicyThatWouldForgetAWholeGroupIsRefusedAndForgetsNothing) {
         FAIL() << "planned";
     } catch (const Error& error) {
         EXPECT_EQ(error.kind(), ErrorKind::Usage);
-        EXPECT_NE(std::string(error.what()).find("host beta, path /data"), std::string::npos) << error.what();
+        EXPECT_NE(std::string(error.what()).find("host beta, paths /data"), std::string::npos) << error.what();
     }
     SnapshotFilter alphaOnly;
     alphaOnly.hosts = {"alpha"};

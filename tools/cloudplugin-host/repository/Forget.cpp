@@ -11,7 +11,7 @@ namespace {
 std::string GroupName(const SnapshotGroup& group) {
     std::string text;
     if (!group.host.empty()) text += "host " + group.host;
-    if (!group.source.empty()) text += (text.empty() ? "" : ", ") + std::string("path ") + group.source;
+    if (!group.paths.empty()) text += (text.empty() ? "" : ", ") + std::string("paths ") + PathsText(group.paths);
     std::string tags;
     for (const std::string& tag : group.tags) tags += (tags.empty() ? "" : ",") + tag;
     if (!tags.empty()) text += (text.empty() ? "tags " : ", tags ") + tags;
