@@ -231,6 +231,68 @@ std::string Azurite::SasConnectionString(const std::string& container) const {
            ";Container=" + container;
 }
 
+#ifdef QV_FAULT_PROXY_JAR
+FaultProxy::FaultProxy(const Azurite& azurite, const std::vector<std::string>& faults, const std::string& bindAddress)
+    : host_(bindAddress.empty() ? "127.0.0.1" : bindAddress) {
+    static int instances = 0;
+    folder_ = RunFolder() + "/proxy" + std::to_string(++instances);
+    std::filesystem::create_directories(folder_);
+    const std::string portFile = folder_ + "/port";
+    std::vector<std::string> command = {QV_JAVA_PATH, "-cp", QV_FAULT_PROXY_JAR, "com.qv.AzureLibrary.FaultProxyLauncher",
+                                        "--upstream", std::to_string(azurite.port()), "--port-file", portFile,
+                                        "--log", folder_ + "/requests.log"};
+    if (!bindAddress.empty()) command.insert(command.end(), {"--bind", bindAddress});
+    command.insert(command.end(), faults.begin(), faults.end());
+    const pid_t pid = Spawn(command, folder_ + "/proxy.out", folder_ + "/proxy.err");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (std::filesystem::exists(portFile)) {
+            port_ = std::stoi(ReadWhole(portFile));
+            pid_ = pid;
+            return;
+        }
+        int status = 0;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            throw std::runtime_error("the fault proxy ended at its start: " + ReadWhole(folder_ + "/proxy.err"));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    throw std::runtime_error("the fault proxy did not start; see " + folder_);
+}
+
+FaultProxy::~FaultProxy() {
+    if (pid_ > 0) {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+std::string FaultProxy::ConnectionString(const std::string& container, const std::string& extra) const {
+    return std::string("DefaultEndpointsProtocol=http;AccountName=devstoreaccount1;AccountKey=") + kDevelopmentKey +
+           ";BlobEndpoint=http://" + host_ + ":" + std::to_string(port_) + "/devstoreaccount1;Container=" + container +
+           (extra.empty() ? "" : ";" + extra);
+}
+
+std::vector<std::string> FaultProxy::Requests() const {
+    std::vector<std::string> lines;
+    std::istringstream in(ReadWhole(folder_ + "/requests.log"));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+size_t FaultProxy::Count(const std::vector<std::string>& parts) const {
+    size_t count = 0;
+    for (const std::string& line : Requests()) {
+        bool all = true;
+        for (const std::string& part : parts) all = all && line.find(part) != std::string::npos;
+        count += all ? 1 : 0;
+    }
+    return count;
+}
+#endif
+
 ToolRun RunToolUnder(const std::vector<std::string>& wrapper, const std::vector<std::string>& arguments) {
     static std::atomic<int> runs{0};
     const std::string stem = RunFolder() + "/run" + std::to_string(++runs);

@@ -40,6 +40,38 @@ private:
     std::string folder_;
 };
 
+// The Java library's fault proxy (FaultProxyLauncher in the library's
+// tests) as a process of its own in front of an Azurite, with the faults
+// given (see the launcher for their forms, e.g. "cut-body:1000000",
+// "busy:15", "status:403:KeyBasedAuthenticationNotPermitted"). It listens
+// on loopback, or on `bindAddress`; stopped when destroyed. Not for the
+// Windows build.
+class FaultProxy {
+public:
+    FaultProxy(const Azurite& azurite, const std::vector<std::string>& faults, const std::string& bindAddress = "");
+    ~FaultProxy();
+    FaultProxy(const FaultProxy&) = delete;
+    FaultProxy& operator=(const FaultProxy&) = delete;
+
+    int port() const { return port_; }
+    // Azurite's connection string for the container, through the proxy,
+    // with `extra` ("Key=Value;...") after it.
+    std::string ConnectionString(const std::string& container, const std::string& extra = "") const;
+    // A line for each request the proxy is done with:
+    // "METHOD PATH?QUERY range=... if-match=... fault=KIND reply=STATUS".
+    std::vector<std::string> Requests() const;
+    // The requests whose line holds every one of `parts`.
+    size_t Count(const std::vector<std::string>& parts) const;
+    // A folder of the proxy's own (for a hold-get fault's handshake).
+    const std::string& folder() const { return folder_; }
+
+private:
+    pid_t pid_ = -1;
+    int port_ = 0;
+    std::string host_;
+    std::string folder_;
+};
+
 struct ToolRun {
     int status = -1;  // the exit status, or 128 + signal
     std::string out;  // standard output

@@ -82,6 +82,8 @@ final class FaultProxy implements AutoCloseable {
         private final CountDownLatch served = new CountDownLatch(1);
         /** The head of the service's answer, once forwarded: status line under "", then the headers. */
         volatile Map<String, String> reply;
+        /** The kind of fault a rule applied to the request; null when it was forwarded unchanged. */
+        volatile Fault.Kind fault;
 
         Request(String method, String path, String query, Map<String, String> headers) {
             this.method = method;
@@ -167,6 +169,8 @@ final class FaultProxy implements AutoCloseable {
         final Runnable action;
         /** What makes the body of a generated answer ({@link #generated}). */
         final java.util.function.Function<Request, byte[]> maker;
+        /** Where a cut answer's body stops, in bytes ({@link #cutBodyAfter}); -1: halfway. */
+        private long cutAt = -1;
 
         private Fault(Kind kind, int status, String code, long delayMillis, Map<String, String> extra,
                       byte[] body, Runnable action, java.util.function.Function<Request, byte[]> maker) {
@@ -198,6 +202,16 @@ final class FaultProxy implements AutoCloseable {
          */
         static Fault cutBody() {
             return new Fault(Kind.CUT_BODY, 0, null, 0);
+        }
+
+        /**
+         * As {@link #cutBody}, the body stopping after {@code bytes} bytes;
+         * a body no longer than that is still cut, halfway.
+         */
+        static Fault cutBodyAfter(long bytes) {
+            Fault f = new Fault(Kind.CUT_BODY, 0, null, 0);
+            f.cutAt = bytes;
+            return f;
         }
 
         /**
@@ -366,6 +380,7 @@ final class FaultProxy implements AutoCloseable {
     });
     private final List<Rule> rules = new CopyOnWriteArrayList<>();
     private final List<Request> seen = new CopyOnWriteArrayList<>();
+    private volatile java.util.function.Consumer<Request> listener;
 
     /** Starts a proxy on a free loopback port in front of the service on {@code upstreamPort}. */
     FaultProxy(int upstreamPort) throws IOException {
@@ -389,13 +404,23 @@ final class FaultProxy implements AutoCloseable {
      * buffers are small against what is to be sent.
      */
     FaultProxy(int upstreamPort, SSLContext tls, int receiveBuffer) throws IOException {
+        this(upstreamPort, tls, receiveBuffer, InetAddress.getLoopbackAddress(), 0);
+    }
+
+    /**
+     * A proxy listening on {@code address} (say, an address of this machine
+     * other than loopback, for a client that must take it for another
+     * machine) and {@code port} (0: a free one). It still forwards to the
+     * service on loopback.
+     */
+    FaultProxy(int upstreamPort, SSLContext tls, int receiveBuffer, InetAddress address, int port) throws IOException {
         this.upstreamPort = upstreamPort;
         this.tls = tls;
         this.server = new ServerSocket();
         if (receiveBuffer > 0) {
             server.setReceiveBufferSize(receiveBuffer);
         }
-        server.bind(new InetSocketAddress(InetAddress.getLoopbackAddress(), 0), 50);
+        server.bind(new InetSocketAddress(address, port), 50);
         workers.execute(this::acceptLoop);
     }
 
@@ -452,6 +477,11 @@ final class FaultProxy implements AutoCloseable {
         Rule r = new Rule(match, times, fault);
         rules.add(r);
         return r;
+    }
+
+    /** Called with each request once the proxy is done with it (answered, dropped, reset). */
+    void onServed(java.util.function.Consumer<Request> listener) {
+        this.listener = listener;
     }
 
     /** Removes every rule and forgets the requests seen. */
@@ -551,6 +581,10 @@ final class FaultProxy implements AutoCloseable {
             serve(raw, c, in, req);
         } finally {
             req.served.countDown();
+            java.util.function.Consumer<Request> l = listener;
+            if (l != null) {
+                l.accept(req);
+            }
         }
     }
 
@@ -560,6 +594,7 @@ final class FaultProxy implements AutoCloseable {
         for (Rule r : rules) {
             if (r.take(req)) {
                 fault = r.fault;
+                req.fault = fault.kind;
                 break;
             }
         }
@@ -625,7 +660,9 @@ final class FaultProxy implements AutoCloseable {
                 case CUT_BODY:
                     byte[] whole = forward(req);
                     int start = Math.max(headEnd(whole), 0);
-                    out.write(whole, 0, start + (whole.length - start) / 2);
+                    int length = whole.length - start;
+                    long kept = fault.cutAt >= 0 && fault.cutAt < length ? fault.cutAt : length / 2;
+                    out.write(whole, 0, start + (int) kept);
                     out.flush();
                     return; // closed cleanly by the caller
                 case BEFORE_FORWARD:
