@@ -55,4 +55,26 @@ TEST(PluginError, NamesTheOperationTheObjectAndTheCode) {
               "\"object\":\"cloudplugin-host/backups/b/000001.0000\",\"operation\":\"ReadObjectByName\",\"code\":7}");
 }
 
+TEST(JavaLog, TheLastFailureOfThisRunIsFoundAfterWhereTheRunBegan) {
+    testsupport::TempFolder folder;
+    const std::string log = folder.PathUtf8() + "/XNAzurePlugIn.log";
+    EXPECT_EQ(JavaLogSize(log), 0u) << "no log yet";
+    EXPECT_EQ(LastJavaFailure(log, 0), "");
+    const std::string before = "2026-01-01T00:00:00Z WARNING [main] ReadObject: NOT_FOUND: of an earlier run\n";
+    WriteText(log, before);
+    const uint64_t start = JavaLogSize(log);
+    EXPECT_EQ(start, before.size());
+    EXPECT_EQ(LastJavaFailure(log, start), "") << "nothing of this run";
+    std::ofstream(std::filesystem::u8path(log), std::ios::binary | std::ios::app)
+        << "2026-01-01T00:00:01Z INFO [main] AzureInit: connected: somewhere\n"
+        << "2026-01-01T00:00:02Z WARNING [main] AzureInit: INVALID_CREDENTIALS: no Shared Key here\r\n"
+        << "2026-01-01T00:00:03Z FINE [main] a detail\n";
+    EXPECT_EQ(LastJavaFailure(log, start), "AzureInit: INVALID_CREDENTIALS: no Shared Key here");
+    std::ofstream(std::filesystem::u8path(log), std::ios::binary | std::ios::app)
+        << "2026-01-01T00:00:04Z SEVERE [worker-2] WriteObject: unexpected failure | java.lang.IllegalStateException: x "
+           "at A.b(A.java:1)\n";
+    EXPECT_EQ(LastJavaFailure(log, start), "WriteObject: unexpected failure") << "the exception is left out";
+    EXPECT_EQ(LastJavaFailure(log, 0), "WriteObject: unexpected failure");
+}
+
 }  // namespace

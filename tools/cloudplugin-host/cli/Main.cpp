@@ -7,6 +7,7 @@
 
 #include "cli/Cli.h"
 #include "cli/Help.h"
+#include "host/PluginSession.h"
 #include "util/Interrupt.h"
 #include "util/Text.h"
 
@@ -105,14 +106,18 @@ void ReadEnvironment(GlobalOptions& options) {
     if (const char* password = std::getenv("CLOUDPLUGIN_PASSWORD")) options.password = password;
 }
 
-void Report(const Error& error, const std::string& command, const std::string& target, bool json, int& status) {
+// `detail`: for a plug-in failure, the storage library's own reason (from
+// its log), which the result code alone does not give.
+void Report(const Error& error, const std::string& command, const std::string& target, bool json,
+            const std::string& detail, int& status) {
     const ExitVerdict verdict = ExitFor(error, command, target);
-    std::fprintf(stderr, "cloudplugin-host%s%s: %s%s\n", command.empty() ? "" : " ", command.c_str(), error.what(),
+    std::fprintf(stderr, "cloudplugin-host%s%s: %s%s%s\n", command.empty() ? "" : " ", command.c_str(), error.what(),
+                 detail.empty() ? "" : (": " + detail).c_str(),
                  verdict.hint.empty() ? "" : (" (" + verdict.hint + ")").c_str());
     if (json) {
-        std::printf("%s\n",
-                    JsonText(Json{{"command", command}, {"ok", false}, {"error", ErrorJson(error, verdict.status)}})
-                        .c_str());
+        Json failure = ErrorJson(error, verdict.status);
+        if (!detail.empty()) failure["detail"] = detail;
+        std::printf("%s\n", JsonText(Json{{"command", command}, {"ok", false}, {"error", std::move(failure)}}).c_str());
     }
     status = verdict.status;
 }
@@ -180,6 +185,9 @@ int Main(int argc, char** argv) {
     DefineCommandLine(app, options, table);
     std::string command;
     int status = kExitOk;
+    // Where the Java library's records of this run begin in its log.
+    std::string javaLog;
+    uint64_t javaLogStart = 0;
     // Help needs no valid command line: 'backup --help' lacks SOURCE_DIR.
     if (AsksForHelp(argc, argv)) return PrintHelp(table, CommandNamed(table, argc, argv)), kExitOk;
     try {
@@ -199,6 +207,8 @@ int Main(int argc, char** argv) {
             options.host.installFolder = std::filesystem::u8path(ExecutableFolder()).parent_path().u8string();
         }
         InstallInterruptHandler();
+        javaLog = JavaLogFileOf(options.host);
+        javaLogStart = JavaLogSize(javaLog);
         Context context(options);
         const CommandResult result = selected->runner(context);
         context.Close();
@@ -206,7 +216,9 @@ int Main(int argc, char** argv) {
         return result.status;
     } catch (const Error& error) {
         const CommandTable::Entry* selected = table.Selected();
-        Report(error, command, selected ? TargetOf(*selected->app) : "", options.json, status);
+        const bool plugin = dynamic_cast<const PluginError*>(&error) != nullptr;
+        const std::string detail = plugin && !javaLog.empty() ? LastJavaFailure(javaLog, javaLogStart) : "";
+        Report(error, command, selected ? TargetOf(*selected->app) : "", options.json, detail, status);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "cloudplugin-host %s: unexpected failure: %s\n", command.c_str(), error.what());
         status = kExitFailed;

@@ -1,6 +1,7 @@
 // object put, get, delete, list and tier: single objects of the container,
 // as the plug-in stores them (no repository, no encryption).
 #include <algorithm>
+#include <filesystem>
 
 #include "cli/Cli.h"
 #include "host/PluginSession.h"
@@ -37,20 +38,34 @@ CommandResult RunPut(Context& context, const ObjectOptions& options) {
     return result;
 }
 
-// Read in slices straight into the file: an object of any size fits.
+// Read in slices straight into a file beside FILE: an object of any size
+// fits. Only an object read whole is renamed to FILE; a read that fails
+// leaves FILE as it was (absent, or what it held before) and no partial
+// file behind.
 CommandResult RunGet(Context& context, const ObjectOptions& options) {
     const std::string& name = options.name;
     constexpr uint64_t kSlice = 4u << 20;
     std::vector<uint8_t> slice(kSlice);
-    OutputFile output(options.file, true);
+    const std::string partial = options.file + ".cloudplugin-partial";
     uint64_t total = 0;
-    for (;;) {
-        const uint64_t read = std::min(context.Session().Read(name, slice.data(), total, kSlice), kSlice);
-        output.Write(slice.data(), static_cast<size_t>(read));
-        total += read;
-        if (read < kSlice) break;
+    try {
+        OutputFile output(partial, true);
+        for (;;) {
+            const uint64_t read = std::min(context.Session().Read(name, slice.data(), total, kSlice), kSlice);
+            output.Write(slice.data(), static_cast<size_t>(read));
+            total += read;
+            if (read < kSlice) break;
+        }
+        output.Close();
+        std::error_code renamed;
+        std::filesystem::rename(PathOf(partial), PathOf(options.file), renamed);
+        if (renamed) throw Error(ErrorKind::LocalFile, "cannot rename " + partial + " to " + options.file + ": " +
+                                                           renamed.message());
+    } catch (...) {
+        std::error_code ignored;
+        std::filesystem::remove(PathOf(partial), ignored);
+        throw;
     }
-    output.Close();
     context.Say("read " + name + " (" + FormatBytes(static_cast<double>(total)) + ") into " + options.file);
     CommandResult result;
     result.json = Json{{"command", "object get"}, {"ok", true}, {"object", name}, {"bytes", total}};

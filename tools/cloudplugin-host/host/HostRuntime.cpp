@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 
 #include "local/LocalFiles.h"
@@ -98,6 +99,36 @@ std::vector<std::string> ToolJvmOptions(unsigned jobs, uint64_t partSize) {
 std::string LogFolderOf(const HostSettings& settings) {
     if (!settings.logFolder.empty()) return settings.logFolder;
     return Utf8Of(PathOf(settings.installFolder) / "Plugin" / "Azure" / "Log");
+}
+
+std::string JavaLogFileOf(const HostSettings& settings) {
+    return Utf8Of(PathOf(LogFolderOf(settings)) / kJavaLogFileName);
+}
+
+uint64_t JavaLogSize(const std::string& logFile) {
+    std::error_code error;
+    const uintmax_t size = fs::file_size(PathOf(logFile), error);
+    return error ? 0 : static_cast<uint64_t>(size);
+}
+
+std::string LastJavaFailure(const std::string& logFile, uint64_t from) {
+    std::ifstream in(PathOf(logFile), std::ios::binary);
+    if (!in || !in.seekg(static_cast<std::streamoff>(from))) return "";
+    std::string last;
+    for (std::string line; std::getline(in, line);) {
+        // "<time> <LEVEL> [<thread>] <text>[ | <exception> at <frames>]"
+        size_t level = line.find(' ');
+        if (level == std::string::npos) continue;
+        ++level;
+        if (line.compare(level, 9, "WARNING [") != 0 && line.compare(level, 8, "SEVERE [") != 0) continue;
+        const size_t text = line.find("] ", level);
+        if (text == std::string::npos) continue;
+        last = line.substr(text + 2, line.find(" | ", text) - text - 2);
+    }
+    while (!last.empty() && (last.back() == '\r' || last.back() == ' ')) last.pop_back();
+    constexpr size_t kLongest = 600;
+    if (last.size() > kLongest) last = last.substr(0, kLongest) + "...";
+    return last;
 }
 
 const char* PluginLibraryFileName() {

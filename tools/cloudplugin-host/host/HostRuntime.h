@@ -5,6 +5,7 @@
 // the reverse order: DeInit, Release, the JVM destroyed.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,19 @@ constexpr const char* kJavaLogFileName = "XNAzurePlugIn.log";
 
 // The plug-in's log folder: the one given, else <install>/Plugin/Azure/Log.
 std::string LogFolderOf(const HostSettings& settings);
+
+// The Java library's log file for these settings, and its size now (0 when
+// there is none yet): where the records of a run that starts now begin.
+std::string JavaLogFileOf(const HostSettings& settings);
+uint64_t JavaLogSize(const std::string& logFile);
+
+// The text of the last failure the Java library logged (a WARNING or SEVERE
+// record: the operation, the error id and the library's reason, e.g.
+// "AzureInit: INVALID_CREDENTIALS: the storage account does not permit
+// Shared Key authorization ...") after byte `from` of its log file; empty
+// when there is none. The plug-in answers only a number; this is what
+// tells a user why.
+std::string LastJavaFailure(const std::string& logFile, uint64_t from);
 
 // The JVM options the tool sets itself, before any the user gives (which
 // win): a heap bounded by the calls in flight (each carries a Java array of
