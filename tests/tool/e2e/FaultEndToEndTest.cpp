@@ -74,6 +74,19 @@ protected:
     int stored_ = 0;
 };
 
+TEST_F(FaultTest, AReadCutOffCleanlyMidBodyIsResumedAndTheObjectComesBackWhole) {
+    const std::string data = Bytes(3000000, 41);
+    Stored("cut/whole", data);
+    FaultProxy proxy(Azurite::Shared(), {"cut-body:1000000"});
+    const ToolRun get = Through(proxy, "", {"object", "get", "cut/whole", Folder("back")});
+    ASSERT_EQ(get.status, 0) << get.err;
+    EXPECT_EQ(Member(get.out, "bytes"), "3000000");
+    EXPECT_TRUE(ReadFile(Folder("back")) == data) << "the bytes differ";
+    // The cut answer, then one going on from its millionth byte on the same version.
+    EXPECT_EQ(proxy.Count({"GET ", "/cut/whole", "fault=CUT_BODY"}), 1u);
+    EXPECT_EQ(proxy.Count({"GET ", "/cut/whole", "range=bytes=1000000-", "if-match=\""}), 1u);
+}
+
 TEST_F(FaultTest, AReadCutOffWithoutRetriesExitsNonZeroAndLeavesNoHalfObject) {
     Stored("cut/no-retry", Bytes(3000000, 42));
     FaultProxy proxy(Azurite::Shared(), {"cut-body:1000000"});
@@ -89,6 +102,51 @@ TEST_F(FaultTest, AReadCutOffWithoutRetriesExitsNonZeroAndLeavesNoHalfObject) {
     size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : fs::directory_iterator(work_.PathUtf8())) ++entries;
     EXPECT_EQ(entries, 3u) << "kept, logs and the stored file";
+}
+
+class BusyTest : public FaultTest, public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(BusyTest, FifteenSecondsOfServerBusyAreRiddenOut) {
+    const std::string data = Bytes(200000, 43);
+    WriteFile(Folder("busy.bin"), data);
+    std::vector<std::string> fault = {"busy:15"};
+    if (!GetParam().empty()) fault[0] += ":" + GetParam();
+    FaultProxy proxy(Azurite::Shared(), fault);
+    const auto start = std::chrono::steady_clock::now();
+    const ToolRun put = Through(proxy, "", {"object", "put", "busy/object", Folder("busy.bin")});
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_EQ(put.status, 0) << put.err;
+    EXPECT_GE(seconds, 15.0);
+    const size_t busy = proxy.Count({"fault=STATUS"});
+    EXPECT_GE(busy, 3u);
+    EXPECT_LE(busy, 14u) << "within the default 15 sends";
+    EXPECT_GE(proxy.Count({"reply=HTTP/1.1_201"}), 1u) << "then forwarded";
+    // Stored whole: read back past the proxy.
+    ASSERT_EQ(Tool({"object", "get", "busy/object", Folder("back")}).status, 0);
+    EXPECT_TRUE(ReadFile(Folder("back")) == data);
+    std::printf("[ figures ] %s: %zu answers of 503 ServerBusy, put done in %.1f s\n",
+                GetParam().empty() ? "no Retry-After" : ("Retry-After " + GetParam()).c_str(), busy, seconds);
+}
+
+INSTANTIATE_TEST_SUITE_P(RetryAfter, BusyTest, ::testing::Values("", "2"),
+                         [](const ::testing::TestParamInfo<std::string>& info) {
+                             return info.param.empty() ? std::string("WithoutRetryAfter")
+                                                       : "WithRetryAfter" + info.param + "s";
+                         });
+
+TEST_F(FaultTest, MetadataNamesA1AndA_1TogetherAreAccepted) {
+    WriteFile(Folder("meta.txt"), "metadata names");
+    const ToolRun put = Tool({"object", "put", "meta/object", Folder("meta.txt"), "--metadata", "a1=one", "--metadata",
+                              "a_1=two", "--metadata", "qv2=three", "--metadata", "qv_x=four"});
+    ASSERT_EQ(put.status, 0) << put.err;
+    const ToolRun list = Tool({"object", "list", "meta/"});
+    ASSERT_EQ(list.status, 0) << list.err;
+    EXPECT_EQ(Member(list.out, "a1"), "\"one\"") << list.out;
+    EXPECT_EQ(Member(list.out, "a_1"), "\"two\"") << list.out;
+    EXPECT_EQ(Member(list.out, "qv2"), "\"three\"") << list.out;
+    EXPECT_EQ(Member(list.out, "qv_x"), "\"four\"") << list.out;
+    ASSERT_EQ(Tool({"object", "get", "meta/object", Folder("back")}).status, 0);
+    EXPECT_EQ(ReadFile(Folder("back")), "metadata names");
 }
 
 TEST_F(FaultTest, AnAccountThatRefusesSharedKeyGivesInvalidCredentialsNamingSharedKey) {
@@ -151,6 +209,24 @@ TEST_F(FaultTest, AKeyOverPlainHttpToAnotherMachineIsRefusedUnlessAllowed) {
     const ToolRun allowed = Through(proxy, "AllowInsecureHttp=true", {"object", "put", "http/object", Folder("file")});
     ASSERT_EQ(allowed.status, 0) << allowed.err;
     EXPECT_GE(proxy.Count({"PUT ", "/http/object", "reply=HTTP/1.1_201"}), 1u);
+}
+
+TEST_F(FaultTest, ARepositoryRestoreThroughCutOffReadsGivesBackTheSameFiles) {
+    const std::string passwordFile = Folder("password");
+    WriteFile(passwordFile, "a password\n");
+    const std::string source = Folder("source");
+    WriteFile(source + "/small.txt", "small");
+    WriteFile(source + "/big.bin", Bytes(3u << 20, 47));
+    for (int i = 0; i < 10; ++i) WriteFile(source + "/many/f" + std::to_string(i), Bytes(50000 + i, 48 + i));
+    ASSERT_EQ(Tool({"--password-file", passwordFile, "init", "--kdf-memory", "1M", "--pack-size", "1M"}).status, 0);
+    const ToolRun backup = Tool({"--password-file", passwordFile, "backup", source});
+    ASSERT_EQ(backup.status, 0) << backup.err;
+    FaultProxy proxy(Azurite::Shared(), {"cut-body:100000:6"});
+    const ToolRun restore =
+        Through(proxy, "", {"--password-file", passwordFile, "restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    EXPECT_EQ(proxy.Count({"fault=CUT_BODY"}), 6u);
+    ExpectSameTree(source, Folder("restored"));
 }
 
 }  // namespace
