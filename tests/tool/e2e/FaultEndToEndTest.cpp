@@ -93,7 +93,7 @@ TEST_F(FaultTest, AReadCutOffWithoutRetriesExitsNonZeroAndLeavesNoHalfObject) {
     const std::string file = Folder("kept");
     WriteFile(file, "what was there before");
     const ToolRun get = Through(proxy, "RetryMaxAttempts=1", {"object", "get", "cut/no-retry", file});
-    EXPECT_EQ(get.status, 3) << get.err;
+    EXPECT_EQ(get.status, 8) << get.err;
     EXPECT_EQ(Code(get), std::to_string(kResultNetworkError)) << get.out;
     EXPECT_EQ(proxy.Count({"GET ", "/cut/no-retry", "fault=CUT_BODY"}), 1u);
     EXPECT_EQ(proxy.Count({"GET ", "/cut/no-retry"}), 1u) << "not sent again";
@@ -153,7 +153,7 @@ TEST_F(FaultTest, AnAccountThatRefusesSharedKeyGivesInvalidCredentialsNamingShar
     FaultProxy proxy(Azurite::Shared(), {"status:403:KeyBasedAuthenticationNotPermitted"});
     WriteFile(Folder("file"), "refused");
     const ToolRun put = Through(proxy, "", {"object", "put", "refused", Folder("file")});
-    EXPECT_EQ(put.status, 3) << put.err;
+    EXPECT_EQ(put.status, 8) << put.err;
     EXPECT_EQ(Code(put), std::to_string(kResultInvalidCredentials)) << put.out;
     EXPECT_EQ(Member(put.out, "operation"), "\"Init\"") << put.out;
     EXPECT_NE(put.err.find("does not permit Shared Key authorization"), std::string::npos) << put.err;
@@ -175,7 +175,7 @@ TEST_F(FaultTest, AnObjectReplacedBetweenTwoRangeReadsIsItsOwnErrorNeverMixedByt
     ASSERT_TRUE(WaitFor([&] { return fs::exists(hold + "/held"); })) << ReadFile(Folder("get.err"));
     Stored("replaced/object", Bytes(12u << 20, 45));
     WriteFile(hold + "/release", "");
-    EXPECT_EQ(WaitTool(get), 3) << ReadFile(Folder("get.err"));
+    EXPECT_EQ(WaitTool(get), 8) << ReadFile(Folder("get.err"));
     EXPECT_NE(ReadFile(Folder("get.err")).find("result code " + std::to_string(kResultConditionNotMet)),
               std::string::npos)
         << ReadFile(Folder("get.err"));
@@ -190,7 +190,7 @@ TEST_F(FaultTest, ACorruptedByteInAWholeDownloadIsReportedNotReturned) {
     FaultProxy proxy(Azurite::Shared(), {"corrupt-get"});
     const std::string file = Folder("damaged.bin");
     const ToolRun get = Through(proxy, "", {"object", "get", "damaged/object", file});
-    EXPECT_EQ(get.status, 3) << get.err;
+    EXPECT_EQ(get.status, 8) << get.err;
     EXPECT_EQ(Code(get), std::to_string(kResultChecksumMismatch)) << get.out;
     EXPECT_GE(proxy.Count({"GET ", "/damaged/object", "fault=CORRUPT_REPLY"}), 1u);
     EXPECT_FALSE(fs::exists(file)) << "the damaged bytes were not handed over";
@@ -202,7 +202,7 @@ TEST_F(FaultTest, AKeyOverPlainHttpToAnotherMachineIsRefusedUnlessAllowed) {
     FaultProxy proxy(Azurite::Shared(), {}, address);
     WriteFile(Folder("file"), "over plain http");
     const ToolRun refused = Through(proxy, "", {"object", "put", "http/object", Folder("file")});
-    EXPECT_EQ(refused.status, 3) << refused.err;
+    EXPECT_EQ(refused.status, 8) << refused.err;
     EXPECT_EQ(Code(refused), std::to_string(kResultInvalidArgument)) << refused.out;
     EXPECT_NE(refused.err.find("AllowInsecureHttp"), std::string::npos) << refused.err;
     EXPECT_EQ(proxy.Requests().size(), 0u) << "nothing was sent";
