@@ -6,7 +6,9 @@
 namespace qvhost::cli {
 
 repo::Repository OpenRepository(Context& context) {
-    return repo::Repository(context.Store(), context.options().repo, context.options().password);
+    repo::RepositoryOptions options;
+    options.warn = [&context](const std::string& text) { context.Warn("warning: " + Printable(text)); };
+    return repo::Repository(context.Store(), context.options().repo, context.options().password, std::move(options));
 }
 
 std::string ResolveSnapshot(repo::Repository& repository, const std::string& argument,

@@ -44,32 +44,39 @@ std::string EncodeKeyObject(const MasterKeys& keys, const std::string& password,
     return json.dump(2) + "\n";
 }
 
-std::optional<MasterKeys> OpenKeyObject(const std::string& text, const std::string& password,
-                                        const std::string& objectName) {
+KeyObject ParseKeyObject(const std::string& text, const std::string& objectName) {
     const std::string what = "the key " + objectName;
     const Json json = ParseBoundedJson(text, what);
     const uint64_t format = NumberMember(json, "format", what);
     if (format != kRepositoryFormat) Unsupported(what, format);
     if (StringMember(json, "kdf", what) != "scrypt") Damaged(what + " names an unknown key derivation");
-    KdfParameters kdf;
-    kdf.n = NumberMember(json, "n", what);
+    KeyObject key;
+    key.kdf.n = NumberMember(json, "n", what);
     const uint64_t r = NumberMember(json, "r", what);
     const uint64_t p = NumberMember(json, "p", what);
     if (r > UINT32_MAX || p > UINT32_MAX) Damaged(what + " is damaged: bad scrypt parameters");
-    kdf.r = static_cast<uint32_t>(r);
-    kdf.p = static_cast<uint32_t>(p);
-    Bytes sealed;
-    if (!FromBase64(StringMember(json, "salt", what), kdf.salt) || !FromBase64(StringMember(json, "keys", what), sealed)) {
+    key.kdf.r = static_cast<uint32_t>(r);
+    key.kdf.p = static_cast<uint32_t>(p);
+    if (!FromBase64(StringMember(json, "salt", what), key.kdf.salt) ||
+        !FromBase64(StringMember(json, "keys", what), key.sealed)) {
         Damaged(what + " is damaged: bad base64");
     }
     // The parameters decide how much memory the derivation takes: bounded
     // before anything is allocated.
-    if (const std::string why = WhyKdfParametersAreRefused(kdf); !why.empty()) {
+    if (const std::string why = WhyKdfParametersAreRefused(key.kdf); !why.empty()) {
         Damaged(what + " has key derivation parameters this tool refuses: " + why);
     }
-    if (sealed.size() != kMasterKeyBytes + kSealOverhead) Damaged(what + " is damaged: the sealed keys' size");
+    if (key.sealed.size() != kMasterKeyBytes + kSealOverhead) Damaged(what + " is damaged: the sealed keys' size");
+    const auto created = json.find("created");
+    if (created != json.end() && created->is_string()) key.created = created->get<std::string>();
+    const auto host = json.find("host");
+    if (host != json.end() && host->is_string()) key.host = host->get<std::string>();
+    return key;
+}
+
+std::optional<MasterKeys> UnsealKeyObject(const KeyObject& key, const Key256& wrapping) {
     Bytes raw;
-    if (!Open(DeriveKey(password, kdf), sealed.data(), sealed.size(), Text(kKeyAad), sizeof kKeyAad - 1, raw)) {
+    if (!Open(wrapping, key.sealed.data(), key.sealed.size(), Text(kKeyAad), sizeof kKeyAad - 1, raw)) {
         return std::nullopt;
     }
     MasterKeys keys;
@@ -77,6 +84,12 @@ std::optional<MasterKeys> OpenKeyObject(const std::string& text, const std::stri
     std::memcpy(keys.mac.data(), raw.data() + 32, 32);
     std::memcpy(keys.chunker.data(), raw.data() + 64, 32);
     return keys;
+}
+
+std::optional<MasterKeys> OpenKeyObject(const std::string& text, const std::string& password,
+                                        const std::string& objectName) {
+    const KeyObject key = ParseKeyObject(text, objectName);
+    return UnsealKeyObject(key, DeriveKey(password, key.kdf));
 }
 
 Bytes SealObject(const MasterKeys& keys, const std::string& kind, const Bytes& plain) {

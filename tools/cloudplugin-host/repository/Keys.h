@@ -48,9 +48,22 @@ struct RepositoryConfig {
 // The key object's text for `keys` under `password`.
 std::string EncodeKeyObject(const MasterKeys& keys, const std::string& password, const KdfParameters& kdf,
                             const std::string& created, const std::string& host);
-// The master keys, or nothing when the password does not open this key
-// object. Throws Error: damaged (not a key object), unsupported (a
-// format version this tool does not read).
+
+// A key object as read, before anything is derived: its parameters are
+// checked against the format's bounds (WhyKdfParametersAreRefused).
+struct KeyObject {
+    KdfParameters kdf;
+    Bytes sealed;         // the sealed master keys
+    std::string created;  // as written; empty when absent
+    std::string host;
+};
+// Throws Error: damaged (not a key object, or parameters out of bounds),
+// unsupported (a format version this tool does not read).
+KeyObject ParseKeyObject(const std::string& text, const std::string& objectName);
+// The master keys, or nothing when `wrapping` (the password's derived key)
+// does not open them.
+std::optional<MasterKeys> UnsealKeyObject(const KeyObject& key, const Key256& wrapping);
+// Both, with the derivation in between.
 std::optional<MasterKeys> OpenKeyObject(const std::string& text, const std::string& password,
                                         const std::string& objectName);
 

@@ -1,18 +1,18 @@
 #include "repository/Repository.h"
 
 #include <algorithm>
+#include <mutex>
 
 #include "util/Text.h"
 #include "repository/Binary.h"
 
 namespace qvhost::repo {
 
-namespace {
-
-// Key objects tried at most: each costs a key derivation.
-constexpr size_t kMaximumKeysTried = 20;
-
-}  // namespace
+struct Repository::WarningLog {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+    WarningSink sink;
+};
 
 bool Repository::Exists(ObjectStore& store, const std::string& root) {
     const RepositoryLayout layout{root};
@@ -45,32 +45,41 @@ void Repository::Init(ObjectStore& store, const std::string& root, const std::st
     store.Write(layout.Config(), sealed.data(), sealed.size());
 }
 
-Repository::Repository(ObjectStore& store, const std::string& root, const std::string& password)
-    : store_(store), layout_{root} {
+Repository::Repository(ObjectStore& store, const std::string& root, const std::string& password,
+                       RepositoryOptions options)
+    : store_(store), layout_{root}, warnings_(std::make_shared<WarningLog>()) {
+    warnings_->sink = std::move(options.warn);
     std::vector<StoredObject> keyObjects = store.List(layout_.KeysPrefix());
     if (keyObjects.empty()) {
-        throw Error(ErrorKind::NoRepository, "no repository under " + root);
+        if (!Exists(store, root)) throw Error(ErrorKind::NoRepository, "no repository under " + root);
+        Damaged("the repository under " + root + " has no key object (nothing under " + layout_.KeysPrefix() +
+                "): without one nothing in it can be opened; put back a copy of a key object if one was kept");
     }
     if (password.empty()) {
         throw Error(ErrorKind::WrongPassword, "no password given");
     }
-    std::sort(keyObjects.begin(), keyObjects.end(),
-              [](const StoredObject& a, const StoredObject& b) { return a.name < b.name; });
-    if (keyObjects.size() > kMaximumKeysTried) keyObjects.resize(kMaximumKeysTried);
-    std::optional<MasterKeys> opened;
-    for (const StoredObject& object : keyObjects) {
-        const Bytes text = store.ReadAll(object.name, kMaximumKeyObjectSize);
-        opened = OpenKeyObject(std::string(text.begin(), text.end()), password, object.name);
-        if (opened) break;
-    }
-    if (!opened) throw Error(ErrorKind::WrongPassword, "wrong password: no key of the repository opens with it");
-    keys_ = *opened;
+    OpenedKey opened = OpenKeyRing(store, std::move(keyObjects), password, options.limits,
+                                   [this](const std::string& text) { Warn(text); });
+    keys_ = opened.keys;
+    keyName_ = opened.name;
+    keyKdf_ = opened.kdf;
     try {
         config_ = DecodeConfig(keys_, store.ReadAll(layout_.Config(), kMaximumConfigSize));
     } catch (const ObjectMissing&) {
         Damaged("the repository under " + root + " has keys but no config object");
     }
     gear_ = GearTableFor(keys_.chunker);
+}
+
+void Repository::Warn(const std::string& text) {
+    std::lock_guard<std::mutex> lock(warnings_->mutex);
+    warnings_->lines.push_back(text);
+    if (warnings_->sink) warnings_->sink(text);
+}
+
+std::vector<std::string> Repository::warnings() const {
+    std::lock_guard<std::mutex> lock(warnings_->mutex);
+    return warnings_->lines;
 }
 
 std::vector<NamedObject> Repository::ListIds(const std::string& prefix, std::vector<std::string>* strays) {

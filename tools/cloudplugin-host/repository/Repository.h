@@ -18,11 +18,13 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "repository/Index.h"
+#include "repository/KeyRing.h"
 #include "repository/Keys.h"
 #include "repository/ObjectStore.h"
 #include "repository/Snapshot.h"
@@ -48,6 +50,14 @@ struct InitOptions {
     ChunkerParameters chunker;
 };
 
+// How a repository is opened.
+struct RepositoryOptions {
+    KeyDerivationLimits limits = KeyDerivationLimits::OfThisMachine();
+    // Where warnings go as they happen (damaged key objects skipped); they
+    // are also kept (warnings()).
+    WarningSink warn;
+};
+
 // A listed pack, index or snapshot object: its id from its name.
 struct NamedObject {
     Id id{};
@@ -62,15 +72,25 @@ public:
                      const InitOptions& options, const std::string& host);
     // Whether a repository exists under `root` (its config object does).
     static bool Exists(ObjectStore& store, const std::string& root);
-    // Opens with the password. Throws Error: unsupported (no repository,
-    // or a format this tool does not read), wrong password, damaged.
-    Repository(ObjectStore& store, const std::string& root, const std::string& password);
+    // Opens with the password (KeyRing.h says how the key objects are
+    // tried). Throws Error: no repository, unsupported (a format this tool
+    // does not read, a key derivation refused), wrong password, damaged (a
+    // config without a key object, keys without a config, no usable key).
+    Repository(ObjectStore& store, const std::string& root, const std::string& password,
+               RepositoryOptions options = {});
 
     ObjectStore& store() { return store_; }
     const RepositoryLayout& layout() const { return layout_; }
     const MasterKeys& keys() const { return keys_; }
     const RepositoryConfig& config() const { return config_; }
     const GearTable& gear() const { return gear_; }
+    // The key object the password opened, and its derivation's parameters.
+    const std::string& keyName() const { return keyName_; }
+    const KdfParameters& keyKdf() const { return keyKdf_; }
+
+    // A warning: kept, and given to the options' sink. Thread-safe.
+    void Warn(const std::string& text);
+    std::vector<std::string> warnings() const;
 
     // Listings of `prefix` objects whose names are ids; anything else under
     // the prefix is left alone (reported by `check`).
@@ -110,6 +130,10 @@ private:
     GearTable gear_{};
     std::mutex syntheticMutex_;
     std::map<Id, Bytes> synthetic_;
+    std::string keyName_;
+    KdfParameters keyKdf_;
+    struct WarningLog;
+    std::shared_ptr<WarningLog> warnings_;
 };
 
 }  // namespace qvhost::repo
