@@ -1,5 +1,6 @@
 // The key objects: every one tried (damaged and planted ones skipped), a
 // missing key named as such, derivations bounded by the machine.
+#include "repository/KeyAdmin.h"
 #include "repository/KeyRing.h"
 #include "repository/RepositoryFixture.h"
 
@@ -95,6 +96,67 @@ TEST_F(KeysTest, AKeyDerivationBeyondTheMachinesLimitsIsRefusedBeforeItRuns) {
         << "anything more is timed";
     EXPECT_LE(KeyDerivationLimits::OfThisMachine().memoryBytes, kKdfMaximumMemory);
     EXPECT_GT(KeyDerivationLimits::OfThisMachine().memoryBytes, 0u);
+}
+
+// ---- key list, add, passwd, remove
+
+TEST_F(KeysTest, AnAddedPasswordOpensTheSameRepositoryAndTheOldOneStillDoes) {
+    const std::string id = AddKey(*repository_, "second password", NewKdfParameters(4u << 20), "host-b");
+    const Repository second(store_, "repo", "second password");
+    EXPECT_EQ(second.config().id, repository_->config().id);
+    EXPECT_EQ(second.keyName(), "repo/keys/" + id);
+    EXPECT_EQ(second.keyKdf().n, 2 * repository_->keyKdf().n) << "the new key has its own derivation";
+    EXPECT_EQ(Repository(store_, "repo", kPassword).keyName(), repository_->keyName());
+    const std::vector<KeyInfo> keys = ListKeys(*repository_);
+    ASSERT_EQ(keys.size(), 2u);
+    size_t current = 0;
+    for (const KeyInfo& key : keys) {
+        current += key.current ? 1 : 0;
+        EXPECT_TRUE(key.damage.empty()) << key.damage;
+        if (key.id == id) {
+            EXPECT_EQ(key.host, "host-b");
+        }
+    }
+    EXPECT_EQ(current, 1u);
+    EXPECT_EQ(KindOf([&] { AddKey(*repository_, "", NewKdfParameters(1u << 20), "h"); }), ErrorKind::WrongPassword);
+}
+
+TEST_F(KeysTest, APasswordChangeReplacesTheKeyInUseOnly) {
+    AddKey(*repository_, "other", NewKdfParameters(1u << 20), "h");
+    const std::string old = repository_->keyName();
+    const std::string id = ChangePassword(*repository_, "new password", NewKdfParameters(1u << 20), "h");
+    EXPECT_EQ(store_.objects().count(old), 0u);
+    EXPECT_EQ(Repository(store_, "repo", "new password").keyName(), "repo/keys/" + id);
+    EXPECT_EQ(KindOf([&] { Repository(store_, "repo", kPassword); }), ErrorKind::WrongPassword);
+    EXPECT_EQ(Repository(store_, "repo", "other").config().id, repository_->config().id);
+}
+
+TEST_F(KeysTest, RemovalKeepsTheLastKeyAndTheOneInUseUnlessForced) {
+    const std::string current = repository_->keyName().substr(std::string("repo/keys/").size());
+    EXPECT_EQ(KindOf([&] { RemoveKey(*repository_, current, true); }), ErrorKind::Usage) << "the last key";
+    PutText("repo/keys/0000damaged", "{}x");
+    EXPECT_EQ(KindOf([&] { RemoveKey(*repository_, current, true); }), ErrorKind::Usage)
+        << "a damaged object does not count as another key";
+    const std::string other = AddKey(*repository_, "other", NewKdfParameters(1u << 20), "h");
+    const std::string failure = FailureOf([&] { RemoveKey(*repository_, current, false); });
+    EXPECT_NE(failure.find("--force"), std::string::npos) << failure;
+    EXPECT_EQ(RemoveKey(*repository_, other.substr(0, 6), false), other);
+    EXPECT_EQ(RemoveKey(*repository_, "0000damaged", false), "0000damaged");
+    EXPECT_EQ(KindOf([&] { RemoveKey(*repository_, "ffffffff", false); }), ErrorKind::NotFound);
+    EXPECT_EQ(KindOf([&] { RemoveKey(*repository_, "ab", false); }), ErrorKind::Usage);
+    AddKey(*repository_, "other", NewKdfParameters(1u << 20), "h");
+    EXPECT_EQ(RemoveKey(*repository_, current, true), current);
+    EXPECT_EQ(Repository(store_, "repo", "other").config().id, repository_->config().id);
+}
+
+TEST_F(KeysTest, ListingNamesADamagedKeyObjectAndWhy) {
+    PutText("repo/keys/0000damaged", "{}x");
+    const std::vector<KeyInfo> keys = ListKeys(*repository_);
+    ASSERT_EQ(keys.size(), 2u);
+    EXPECT_EQ(keys[0].id, "0000damaged");
+    EXPECT_FALSE(keys[0].damage.empty());
+    EXPECT_TRUE(keys[1].current);
+    EXPECT_EQ(keys[1].created.size(), 20u) << keys[1].created;
 }
 
 }  // namespace

@@ -130,6 +130,10 @@ unsigned CountArgument(const std::string& option, const std::string& text, unsig
 // An age such as 30m, 24h, 7d.
 int64_t AgeArgument(const std::string& option, const std::string& text);
 
+// A password from a file: its first line, without the line end. Throws
+// Error (local file) when the file cannot be read.
+std::string ReadPasswordFile(const std::string& path);
+
 // ---- the commands, one function per file of cli/
 
 void AddInitCommand(CommandTable& table);
@@ -141,6 +145,7 @@ void AddForgetCommand(CommandTable& table);
 void AddPruneCommand(CommandTable& table);
 void AddDiffCommand(CommandTable& table);
 void AddLocksCommands(CommandTable& table);
+void AddKeyCommands(CommandTable& table);
 void AddRehydrateCommand(CommandTable& table);
 void AddInfoCommands(CommandTable& table);
 void AddObjectCommands(CommandTable& table);

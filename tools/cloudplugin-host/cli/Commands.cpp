@@ -13,6 +13,7 @@ void AddCommands(CommandTable& table) {
     AddForgetCommand(table);
     AddPruneCommand(table);
     AddLocksCommands(table);
+    AddKeyCommands(table);
     AddRehydrateCommand(table);
     AddLegacyCommands(table);
     AddInfoCommands(table);

@@ -17,21 +17,6 @@
 
 namespace qvhost::cli {
 
-namespace {
-
-std::string ExecutableFolder() {
-#ifdef _WIN32
-    wchar_t path[32768];
-    const DWORD length = GetModuleFileNameW(nullptr, path, 32768);
-    return std::filesystem::path(std::wstring(path, length)).parent_path().u8string();
-#else
-    std::error_code error;
-    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
-    return error ? std::string(".") : self.parent_path().u8string();
-#endif
-}
-
-// The first line of the file, without its line end.
 std::string ReadPasswordFile(const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (!file) throw Error(ErrorKind::LocalFile, "cannot read the password file " + path);
@@ -44,6 +29,20 @@ std::string ReadPasswordFile(const std::string& path) {
     text = text.substr(0, text.find('\n'));
     if (!text.empty() && text.back() == '\r') text.pop_back();
     return text;
+}
+
+namespace {
+
+std::string ExecutableFolder() {
+#ifdef _WIN32
+    wchar_t path[32768];
+    const DWORD length = GetModuleFileNameW(nullptr, path, 32768);
+    return std::filesystem::path(std::wstring(path, length)).parent_path().u8string();
+#else
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    return error ? std::string(".") : self.parent_path().u8string();
+#endif
 }
 
 void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {

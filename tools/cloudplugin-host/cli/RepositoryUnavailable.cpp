@@ -34,6 +34,13 @@ void AddLocksCommands(CommandTable& table) {
     AddUnavailable(table, "locks", "the repository's locks");
     AddUnavailable(table, "unlock", "remove stale locks");
 }
+void AddKeyCommands(CommandTable& table) {
+    table.Group("key", "the repository's passwords", "The repository's key objects, one per password.");
+    AddUnavailable(table, "key list", "the repository's keys");
+    AddUnavailable(table, "key add", "add a password");
+    AddUnavailable(table, "key passwd", "change the password");
+    AddUnavailable(table, "key remove", "remove a key");
+}
 void AddRehydrateCommand(CommandTable& table) { AddUnavailable(table, "rehydrate", "rehydrate a snapshot"); }
 
 }  // namespace qvhost::cli
