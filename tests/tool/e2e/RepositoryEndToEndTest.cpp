@@ -4,6 +4,7 @@
 // writers at once, prune beside a running backup, a backup killed outright.
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -175,6 +176,78 @@ TEST_F(RepositoryToolTest, AChangedBitInAPackIsFoundByCheckAndRestore) {
     EXPECT_EQ(restore.status, 1) << restore.err;
     EXPECT_NE(restore.out.find("\"damaged\":[{\"file\":\"victim.bin\""), std::string::npos) << restore.out;
     EXPECT_FALSE(fs::exists(Folder("restored/victim.bin")));
+}
+
+TEST_F(RepositoryToolTest, ADamagedCopyOfAPackIsNotAdoptedAndPruneKeepsTheIntactOne) {
+    WriteFile(Folder("source/victim.bin"), Bytes(300000, 7));
+    BackupOk(Folder("source"));
+    const std::vector<std::string> packs = DataPacks();
+    ASSERT_EQ(packs.size(), 1u);
+    ASSERT_EQ(Tool({"object", "get", packs[0], Folder("pack")}).status, 0);
+    std::string bytes = ReadFile(Folder("pack"));
+    bytes[1000] = static_cast<char>(bytes[1000] ^ 0x04);
+    WriteFile(Folder("pack"), bytes);
+    // Named by the SHA-256 of its own bytes: its name checks out.
+    const std::string copy = "cloudplugin-host/data/" + qvhost::ToHex(qvhost::Sha256Of(bytes.data(), bytes.size()));
+    ASSERT_EQ(Tool({"object", "put", copy, Folder("pack")}).status, 0);
+    for (const std::string& index : ObjectNames(Tool({"object", "list", "cloudplugin-host/index/"}).out)) {
+        ASSERT_EQ(Tool({"object", "delete", index}).status, 0);
+    }
+
+    const std::string next = BackupOk(Folder("source"));
+    EXPECT_EQ(Member(next, "packs_refused"), "1") << next;
+    EXPECT_EQ(Member(next, "blobs_new"), "0") << next;
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(Folder("source"), Folder("restored"));
+    const ToolRun prune = Repo({"prune"});
+    ASSERT_EQ(prune.status, 0) << prune.err;
+    const std::vector<std::string> left = Packs();
+    EXPECT_NE(std::find(left.begin(), left.end(), packs[0]), left.end()) << "the intact pack stays";
+    EXPECT_EQ(std::find(left.begin(), left.end(), copy), left.end()) << "the damaged copy goes";
+    const ToolRun check = Repo({"check", "--read-data"});
+    EXPECT_EQ(check.status, 0) << check.out;
+}
+
+TEST_F(RepositoryToolTest, PasswordsAreAddedChangedAndRemovedWithTheKeyCommands) {
+    BackupOk(MakeTree());
+    WriteFile(Folder("second"), "second secret\n");
+    const ToolRun add = Repo({"key", "add", "--new-password-file", Folder("second"), "--kdf-memory", "2M"});
+    ASSERT_EQ(add.status, 0) << add.err;
+    const std::string second = Unquoted(Member(add.out, "id"));
+    const ToolRun list = Repo({"key", "list"});
+    ASSERT_EQ(list.status, 0) << list.err;
+    EXPECT_EQ(ObjectNames(Tool({"object", "list", "cloudplugin-host/keys/"}).out).size(), 2u);
+    EXPECT_NE(list.out.find("\"id\":\"" + second + "\""), std::string::npos) << list.out;
+    EXPECT_NE(list.out.find("\"current\":true"), std::string::npos) << list.out;
+    EXPECT_EQ(Tool({"--password-file", Folder("second"), "snapshots"}).status, 0);
+
+    WriteFile(Folder("third"), "third secret\n");
+    const ToolRun passwd = Repo({"key", "passwd", "--new-password-file", Folder("third")});
+    ASSERT_EQ(passwd.status, 0) << passwd.err;
+    EXPECT_EQ(Unquoted(Member(passwd.out, "removed")).size(), 32u) << "the key in use was replaced";
+    EXPECT_EQ(Repo({"snapshots"}).status, 7) << "the old password no longer opens";
+    auto As = [&](const std::string& password, std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--password-file", Folder(password)});
+        return Tool(std::move(arguments));
+    };
+    EXPECT_EQ(As("third", {"snapshots"}).status, 0);
+    const ToolRun inUse = As("second", {"key", "remove", second});
+    EXPECT_NE(inUse.status, 0);
+    EXPECT_NE(inUse.err.find("--force"), std::string::npos) << inUse.err;
+    const ToolRun removed = As("second", {"key", "remove", second, "--force"});
+    ASSERT_EQ(removed.status, 0) << removed.err;
+    EXPECT_EQ(As("second", {"snapshots"}).status, 7);
+    const std::vector<std::string> keys = ObjectNames(Tool({"object", "list", "cloudplugin-host/keys/"}).out);
+    ASSERT_EQ(keys.size(), 1u);
+    const std::string last = keys[0].substr(keys[0].rfind('/') + 1);
+    const ToolRun refused = As("third", {"key", "remove", last, "--force"});
+    EXPECT_NE(refused.status, 0);
+    EXPECT_NE(refused.err.find("last"), std::string::npos) << refused.err;
+    EXPECT_EQ(As("third", {"snapshots"}).status, 0);
+    const ToolRun help = Tool({"key", "add", "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("--new-password-file"), std::string::npos) << help.out;
 }
 
 TEST_F(RepositoryToolTest, AMissingPackIsFoundByCheckAndRestore) {

@@ -38,6 +38,9 @@ void SaySummary(Context& context, const repo::BackupReport& report, bool dryRun,
                 " packs" +
                 (report.packsAdopted ? "; " + std::to_string(report.packsAdopted) +
                                            " packs of an interrupted backup reused"
+                                     : std::string()) +
+                (report.packsRefused ? "; " + std::to_string(report.packsRefused) +
+                                           " packs no index names did not verify and were not used (see check)"
                                      : std::string()));
 }
 
@@ -61,6 +64,7 @@ Json BackupJson(const repo::BackupReport& report, bool dryRun, double seconds, i
                 {"blob_bytes_new", report.blobBytesNew},
                 {"packs_written", report.packsWritten},
                 {"packs_adopted", report.packsAdopted},
+                {"packs_refused", report.packsRefused},
                 {"seconds", seconds},
                 {"trees_new", report.treesNew},
                 {"folders", snapshot.summary.value("folders", uint64_t{0})},

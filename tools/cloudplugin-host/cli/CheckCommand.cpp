@@ -40,7 +40,9 @@ CommandResult RunCheck(Context& context, const CheckCommandOptions& options) {
                        {"bytes_read", report.bytesRead},
                        {"errors", report.errors},
                        {"warnings", report.warnings},
-                       {"affected", report.affected}};
+                       {"affected", report.affected},
+                       {"damaged_copies", report.damagedCopies},
+                       {"blobs_lost", report.blobsLost}};
     return result;
 }
 

@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "repository/PackVerify.h"
 #include "repository/TreeReader.h"
 #include "util/Error.h"
 #include "util/Interrupt.h"
@@ -279,26 +280,21 @@ void BackupRun::FinishSnapshot(double seconds) {
 }
 
 // Packs that no index names were stored by a backup that did not finish
-// (or by one running now). Their headers say what they hold: indexed with
-// this backup, their blobs are not uploaded again.
+// (or by one running now), or by anyone else who can write to the
+// container: each is read whole and verified (PackVerify.h) before its
+// blobs are indexed with this backup and not uploaded again.
 void BackupRun::AdoptInterruptedPacks() {
     for (const NamedObject& object : repository_.ListIds(repository_.layout().DataPrefix())) {
         if (index_.HasPack(object.id) || object.size < 4 || object.size > kMaximumPackSize) continue;
         try {
-            Bytes tail;
-            repository_.store().ReadRange(object.name, object.size - 4, 4, tail);
-            if (tail.size() != 4) continue;
-            const uint32_t length = PackHeaderLength(tail.data(), object.size, object.name);
-            repository_.store().ReadRange(object.name, object.size - 4 - length, length, tail);
-            if (tail.size() != length) continue;
-            IndexedPack pack{object.id, DecodePackHeader(repository_.keys(), tail.data(), tail.size(), object.size,
-                                                         object.name)};
+            IndexedPack pack{object.id, ReadVerifiedPack(repository_, object.id)};
             index_.Add(pack);
             newPacks_.push_back(std::move(pack));
             ++report_.packsAdopted;
-        } catch (const Error&) {
-            // Not a pack of ours that can be used (or removed meanwhile):
-            // left to prune and check.
+        } catch (const Error& failure) {
+            // Damaged, not ours, or removed meanwhile: left to check and prune.
+            if (failure.kind() != ErrorKind::Damaged && failure.kind() != ErrorKind::ObjectMissing) throw;
+            ++report_.packsRefused;
         }
     }
 }

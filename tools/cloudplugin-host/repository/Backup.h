@@ -37,6 +37,7 @@ struct BackupReport {
     uint64_t blobBytesNew = 0;  // plain bytes of the new blobs
     size_t packsWritten = 0;
     size_t packsAdopted = 0;  // packs of an interrupted backup, indexed now
+    size_t packsRefused = 0;  // packs no index names that did not verify: not adopted
     std::vector<SkippedEntry> skipped;  // by design or unreadable, sorted by path
     std::vector<std::string> toRead;    // the files read (new or changed), in the order found
     size_t Unreadable() const;

@@ -10,6 +10,7 @@
 #include "util/Text.h"
 #include "util/ParallelRunner.h"
 #include "repository/Binary.h"
+#include "repository/PackVerify.h"
 #include "repository/TreeReader.h"
 #include "util/Error.h"
 
@@ -18,17 +19,6 @@ namespace qvhost::repo {
 namespace {
 
 std::string Short(const Id& id) { return IdHex(id).substr(0, 16); }
-
-// A whole pack, read and checked: its name is the SHA-256 of its bytes, its
-// header opens and covers it. Answers the header's entries; throws Damaged.
-std::vector<PackEntry> ReadWholePack(Repository& repository, const Id& pack, Bytes& bytes) {
-    const std::string name = repository.layout().Pack(pack);
-    bytes = repository.store().ReadAll(name, kMaximumPackSize);
-    if (Sha256Id(bytes.data(), bytes.size()) != pack) Damaged("the pack " + name + " does not match its name");
-    if (bytes.size() < 4) Damaged("the pack " + name + " is too short");
-    const uint32_t length = PackHeaderLength(bytes.data() + bytes.size() - 4, bytes.size(), name);
-    return DecodePackHeader(repository.keys(), bytes.data() + bytes.size() - 4 - length, length, bytes.size(), name);
-}
 
 // The work of one check: what it has loaded and what it found.
 class CheckRun {
@@ -46,8 +36,12 @@ public:
         CheckPacksExist();
         report_.packs = index_.packs().size();
         report_.blobs = index_.BlobCount();
+        for (const IndexedPack& pack : index_.all()) {
+            for (const PackEntry& blob : pack.blobs) copies_[blob.id].insert(pack.pack);
+        }
         if (options_.readData) ReadData();
         WalkSnapshots();
+        ReportDamagedPacks();
         std::sort(report_.errors.begin(), report_.errors.end());
         std::sort(report_.affected.begin(), report_.affected.end());
         report_.affected.erase(std::unique(report_.affected.begin(), report_.affected.end()), report_.affected.end());
@@ -114,7 +108,7 @@ private:
         try {
             for (const Id& tree : trees) {
                 const BlobLocation* location = index_.Find(tree);
-                if (location && badPacks_.count(location->pack)) Damaged("its pack is damaged or missing");
+                if (location && badPacks_.count(location->pack) && !GoodCopy(tree)) Damaged("its pack is damaged or missing");
             }
             entries = reader.Entries(trees);
         } catch (const Error& failure) {
@@ -140,9 +134,38 @@ private:
                 report_.affected.push_back(shortId + " " + path);
                 return;
             }
-            if (badPacks_.count(location->pack)) {
+            if (badPacks_.count(location->pack) && !GoodCopy(chunk)) {
                 report_.affected.push_back(shortId + " " + path);
                 return;
+            }
+        }
+    }
+
+    // A stored pack holding the blob that was not found damaged; null when none.
+    const Id* GoodCopy(const Id& blob) const {
+        const auto found = copies_.find(blob);
+        if (found == copies_.end()) return nullptr;
+        for (const Id& pack : found->second) {
+            if (stored_.count(pack) && !badPacks_.count(pack)) return &pack;
+        }
+        return nullptr;
+    }
+
+    // Each damaged pack, told apart: a damaged copy whose every blob has a
+    // good copy elsewhere (prune drops it), or one whose loss is data lost.
+    void ReportDamagedPacks() {
+        for (const auto& [pack, problem] : damage_) {
+            size_t lost = 0;
+            for (const PackEntry& blob : indexed_.at(pack)) lost += GoodCopy(blob.id) ? 0 : 1;
+            if (lost == 0) {
+                report_.damagedCopies.push_back(layout_.Pack(pack));
+                report_.errors.push_back(problem + "; a damaged copy: a good copy of each of its blobs exists in "
+                                         "another pack ('cloudplugin-host prune' keeps the good copies and removes "
+                                         "this pack)");
+            } else {
+                report_.blobsLost += lost;
+                report_.errors.push_back(problem + "; data lost: " + std::to_string(lost) +
+                                         " of its blobs have no good copy elsewhere (the affected files are named)");
             }
         }
     }
@@ -168,7 +191,7 @@ private:
             progress.BytesDone(bytes.size());
             progress.FileDone(Short(packs[item]), bytes.size());
             if (!problem.empty()) {
-                report_.errors.push_back(problem);
+                damage_[packs[item]] = problem;
                 badPacks_.insert(packs[item]);
             }
         });
@@ -176,7 +199,6 @@ private:
 
     // Empty when the pack is whole; else what is wrong with it.
     std::string CheckPack(const Id& pack, Bytes& bytes) {
-        Bytes plain;
         try {
             const std::vector<PackEntry> header = ReadWholePack(repository_, pack, bytes);
             std::map<Id, PackEntry> byId;
@@ -190,11 +212,8 @@ private:
                             " where the index says");
                 }
             }
-            for (const PackEntry& entry : header) {
-                std::string why;
-                if (!OpenBlob(repository_.keys(), entry, bytes.data() + entry.offset, entry.length, plain, why)) {
-                    Damaged("the pack " + layout_.Pack(pack) + ": the blob " + Short(entry.id) + " " + why);
-                }
+            if (const std::string why = WhyBlobsDoNotOpen(repository_, pack, header, bytes); !why.empty()) {
+                Damaged(why);
             }
         } catch (const ObjectMissing&) {
             return "the pack " + layout_.Pack(pack) + " went missing while being checked";
@@ -215,6 +234,8 @@ private:
     std::map<Id, uint64_t> stored_;  // pack -> size
     std::map<Id, std::vector<PackEntry>> indexed_;
     std::set<Id> badPacks_;
+    std::map<Id, std::string> damage_;  // pack -> what read-data found wrong
+    std::unordered_map<Id, std::set<Id>, IdHash> copies_;  // blob -> the packs the index says hold it
     std::mutex mutex_;
 };
 

@@ -28,6 +28,10 @@ struct CheckReport {
     std::vector<std::string> errors;    // damage: the repository does not hold what it names
     std::vector<std::string> warnings;  // garbage: packs no index names, objects of unknown names
     std::vector<std::string> affected;  // "<snapshot> <path>" of files whose data is damaged or missing
+    // read-data: damaged packs whose every blob has a good copy in another
+    // pack (nothing lost), and blobs of damaged packs with no good copy.
+    std::vector<std::string> damagedCopies;
+    size_t blobsLost = 0;
 };
 
 CheckReport RunCheck(Repository& repository, const CheckOptions& options);

@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "repository/Binary.h"
+#include "repository/PackVerify.h"
 #include "repository/TreeReader.h"
 #include "util/Error.h"
 
@@ -41,21 +42,61 @@ std::unordered_set<Id, IdHash> UsedBlobs(Repository& repository, const MasterInd
     return used;
 }
 
-// One copy of each used blob is kept: the first of an existing pack.
-void ChooseKeepers(const MasterIndex& index, const std::unordered_set<Id, IdHash>& used, PrunePlan& plan) {
+using Copies = std::vector<std::pair<Id, PackEntry>>;
+
+// Whether the pack passes every check of PackVerify.h.
+bool Verifies(Repository& repository, const Id& pack) {
+    try {
+        ReadVerifiedPack(repository, pack);
+        return true;
+    } catch (const Error& failure) {
+        if (failure.kind() != ErrorKind::Damaged && failure.kind() != ErrorKind::ObjectMissing) throw;
+        return false;
+    }
+}
+
+// Every stored copy of each used blob, one a pack, in the index's order.
+std::unordered_map<Id, Copies, IdHash> UsedCopies(const MasterIndex& index, const std::unordered_set<Id, IdHash>& used,
+                                                  PrunePlan& plan) {
+    std::unordered_map<Id, Copies, IdHash> copies;
     for (const IndexedPack& pack : index.all()) {
         if (!plan.stored.count(pack.pack)) continue;
         auto& blobs = plan.packBlobs[pack.pack];
         blobs.insert(blobs.end(), pack.blobs.begin(), pack.blobs.end());
         for (const PackEntry& blob : pack.blobs) {
-            if (used.count(blob.id)) plan.keeper.emplace(blob.id, std::make_pair(pack.pack, blob));
+            if (!used.count(blob.id)) continue;
+            Copies& list = copies[blob.id];
+            const bool seen = std::any_of(list.begin(), list.end(), [&](const auto& c) { return c.first == pack.pack; });
+            if (!seen) list.emplace_back(pack.pack, blob);
         }
     }
-    size_t missing = 0;
-    for (const Id& id : used) missing += plan.keeper.count(id) ? 0 : 1;
-    if (missing) {
-        Damaged("prune stopped, nothing deleted: the snapshots name " + std::to_string(missing) +
+    return copies;
+}
+
+// One copy of each used blob is kept. The only copy is kept as it is (a
+// rewrite still opens it before copying); of several, the first in a pack
+// that verifies (PackVerify.h), so that a damaged or planted copy never
+// displaces a good one; when none verifies, every copy is kept.
+void ChooseKeepers(Repository& repository, const MasterIndex& index, const std::unordered_set<Id, IdHash>& used,
+                   PrunePlan& plan) {
+    const std::unordered_map<Id, Copies, IdHash> copies = UsedCopies(index, used, plan);
+    if (copies.size() < used.size()) {
+        Damaged("prune stopped, nothing deleted: the snapshots name " + std::to_string(used.size() - copies.size()) +
                 " chunks that no stored pack holds");
+    }
+    std::map<Id, bool> verified;
+    for (const auto& [blob, list] : copies) {
+        const std::pair<Id, PackEntry>* chosen = list.size() == 1 ? &list.front() : nullptr;
+        for (size_t i = 0; !chosen && i < list.size(); ++i) {
+            auto verdict = verified.find(list[i].first);
+            if (verdict == verified.end()) verdict = verified.emplace(list[i].first, Verifies(repository, list[i].first)).first;
+            if (verdict->second) chosen = &list[i];
+        }
+        if (!chosen) {
+            for (const auto& copy : list) plan.keepWhole.insert(copy.first);
+            chosen = &list.front();
+        }
+        plan.keeper.emplace(blob, *chosen);
     }
 }
 
@@ -65,14 +106,19 @@ void SortPacks(const MasterIndex& index, PrunePlan& plan) {
     for (const auto& [pack, blobs] : plan.packBlobs) {
         std::vector<PackEntry> needed;
         std::set<Id> seen;
+        const bool whole = plan.keepWhole.count(pack) != 0;
         for (const PackEntry& blob : blobs) {
             const auto found = plan.keeper.find(blob.id);
-            if (found != plan.keeper.end() && found->second.first == pack && seen.insert(blob.id).second) {
-                needed.push_back(blob);
-            }
+            const bool keeper = found != plan.keeper.end() && found->second.first == pack;
+            if ((whole || keeper) && seen.insert(blob.id).second) needed.push_back(blob);
         }
         std::set<uint32_t> offsets;
         for (const PackEntry& blob : blobs) offsets.insert(blob.offset);
+        if (whole) {
+            plan.kept.push_back({pack, needed});
+            ++report.packsKept;
+            continue;
+        }
         if (needed.empty()) {
             plan.remove.push_back(pack);
             ++report.packsDeleted;
@@ -96,12 +142,11 @@ void SortPacks(const MasterIndex& index, PrunePlan& plan) {
     for (const Id& pack : plan.rewrite) report.bytesFreed += plan.stored.at(pack);
 }
 
-// A whole pack, read and checked against its name.
+// A whole pack. It need not match its name: every blob copied out of it
+// is opened and checked against its id first, so the good blobs of a
+// damaged pack are saved and nothing damaged is copied.
 Bytes ReadPack(Repository& repository, const Id& pack) {
-    const std::string name = repository.layout().Pack(pack);
-    Bytes bytes = repository.store().ReadAll(name, kMaximumPackSize);
-    if (Sha256Id(bytes.data(), bytes.size()) != pack) Damaged("the pack " + name + " does not match its name");
-    return bytes;
+    return repository.store().ReadAll(repository.layout().Pack(pack), kMaximumPackSize);
 }
 
 // The used blobs of partly used packs, copied as they are (sealed) into
@@ -194,7 +239,7 @@ PrunePlan PlanPrune(Repository& repository) {
     for (const NamedObject& object : repository.ListIds(repository.layout().DataPrefix())) {
         plan.stored[object.id] = object.size;
     }
-    ChooseKeepers(index, used, plan);
+    ChooseKeepers(repository, index, used, plan);
     SortPacks(index, plan);
     plan.indexObjects = index.objects;
     return plan;

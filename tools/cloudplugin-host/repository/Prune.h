@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -44,6 +45,9 @@ struct PrunePlan {
     std::map<Id, std::vector<PackEntry>> packBlobs;  // every blob the index names, by pack
     // For each used blob, the one copy kept: its pack and entry.
     std::unordered_map<Id, std::pair<Id, PackEntry>, IdHash> keeper;
+    // Packs holding a copy of a used blob none of whose several copies
+    // verified: kept as they are, every copy with them.
+    std::set<Id> keepWhole;
     std::vector<std::string> indexObjects;  // the index objects the plan replaces
 
     bool Empty() const { return rewrite.empty() && remove.empty(); }
