@@ -285,7 +285,9 @@ void BackupRun::FinishSnapshot(double seconds) {
 // blobs are indexed with this backup and not uploaded again.
 void BackupRun::AdoptInterruptedPacks() {
     for (const NamedObject& object : repository_.ListIds(repository_.layout().DataPrefix())) {
-        if (index_.HasPack(object.id) || object.size < 4 || object.size > kMaximumPackSize) continue;
+        // The listed size is not trusted either (an object written by
+        // other means may list none): the whole read decides.
+        if (index_.HasPack(object.id) || object.size > kMaximumPackSize) continue;
         try {
             IndexedPack pack{object.id, ReadVerifiedPack(repository_, object.id)};
             index_.Add(pack);
