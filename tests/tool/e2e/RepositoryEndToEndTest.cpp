@@ -226,7 +226,7 @@ TEST_F(RepositoryToolTest, PasswordsAreAddedChangedAndRemovedWithTheKeyCommands)
     const ToolRun passwd = Repo({"key", "passwd", "--new-password-file", Folder("third")});
     ASSERT_EQ(passwd.status, 0) << passwd.err;
     EXPECT_EQ(Unquoted(Member(passwd.out, "removed")).size(), 32u) << "the key in use was replaced";
-    EXPECT_EQ(Repo({"snapshots"}).status, 7) << "the old password no longer opens";
+    EXPECT_EQ(Repo({"snapshots"}).status, 12) << "the old password no longer opens";
     auto As = [&](const std::string& password, std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {"--password-file", Folder(password)});
         return Tool(std::move(arguments));
@@ -237,7 +237,7 @@ TEST_F(RepositoryToolTest, PasswordsAreAddedChangedAndRemovedWithTheKeyCommands)
     EXPECT_NE(inUse.err.find("--force"), std::string::npos) << inUse.err;
     const ToolRun removed = As("second", {"key", "remove", second, "--force"});
     ASSERT_EQ(removed.status, 0) << removed.err;
-    EXPECT_EQ(As("second", {"snapshots"}).status, 7);
+    EXPECT_EQ(As("second", {"snapshots"}).status, 12);
     const std::vector<std::string> keys = ObjectNames(Tool({"object", "list", "cloudplugin-host/keys/"}).out);
     ASSERT_EQ(keys.size(), 1u);
     const std::string last = keys[0].substr(keys[0].rfind('/') + 1);
