@@ -56,6 +56,7 @@ public:
     void MakeSpecial(const std::string& relativePath, const repo::Node& node) override;
     void MakeHardLink(const std::string& relativePath, const std::string& existing) override;
     std::vector<std::string> TakeNotes() override;
+    bool KeepsOwners() const override;
 
     const std::string& root() const { return root_; }
 

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "local/Destination.h"
+#include "util/Entry.h"
 #include "util/Text.h"
 #include "util/Error.h"
 
@@ -146,8 +147,12 @@ public:
         : destination_(destination), numericOwner_(numericOwner), root_(geteuid() == 0) {}
 
     void ByDescriptor(int fd, const repo::Node& node, const std::string& shown, bool folder) {
-        if (node.hasOwner && root_ && fchown(fd, Uid(node), Gid(node)) != 0) Note(shown, "its owner", ErrnoText());
-        if (!node.implicit && fchmod(fd, static_cast<mode_t>(node.mode & 01777)) != 0) Fail("set the mode of", shown);
+        bool owned = node.hasOwner && root_;
+        if (owned && fchown(fd, Uid(node), Gid(node)) != 0) {
+            Note(shown, "its owner", ErrnoText());
+            owned = false;
+        }
+        if (!node.implicit && fchmod(fd, Mode(node, owned, shown)) != 0) Fail("set the mode of", shown);
         for (const repo::Xattr& xattr : node.xattrs) {
             if (fsetxattr(fd, xattr.name.c_str(), xattr.value.data(), xattr.value.size(), 0) != 0) {
                 Note(shown, "its extended attribute " + xattr.name, ErrnoText());
@@ -160,10 +165,12 @@ public:
     }
 
     void ByName(int folder, const std::string& leaf, const repo::Node& node, const std::string& shown, bool link) {
-        if (node.hasOwner && root_ && fchownat(folder, leaf.c_str(), Uid(node), Gid(node), AT_SYMLINK_NOFOLLOW) != 0) {
+        bool owned = node.hasOwner && root_;
+        if (owned && fchownat(folder, leaf.c_str(), Uid(node), Gid(node), AT_SYMLINK_NOFOLLOW) != 0) {
             Note(shown, "its owner", ErrnoText());
+            owned = false;
         }
-        if (!link && fchmodat(folder, leaf.c_str(), static_cast<mode_t>(node.mode & 01777), 0) != 0) {
+        if (!link && fchmodat(folder, leaf.c_str(), Mode(node, owned, shown), 0) != 0) {
             Fail("set the mode of", shown);
         }
         const std::string viaFolder = "/proc/self/fd/" + std::to_string(folder) + "/" + leaf;
@@ -179,6 +186,17 @@ public:
     bool root() const { return root_; }
 
 private:
+    // The set-user-ID and set-group-ID bits only on an entry whose owner
+    // was restored: on anyone else's file they would hand that user's
+    // rights to the program.
+    mode_t Mode(const repo::Node& node, bool owned, const std::string& shown) {
+        if (owned || !(node.mode & kSetIdBits)) return static_cast<mode_t>(node.mode & 07777);
+        // Without an owner to restore the restore reports them as dropped;
+        // here the owner could not be set.
+        if (node.hasOwner && root_) Note(shown, "its set-user-ID and set-group-ID bits", "its owner was not restored");
+        return static_cast<mode_t>(node.mode & 01777);
+    }
+
     static timespec Accessed(const repo::Node& node) {
         return node.accessedNs ? TimeOf(node.accessedNs) : timespec{0, UTIME_OMIT};
     }
@@ -449,6 +467,8 @@ void Destination::Note(const std::string& text) {
     std::lock_guard<std::mutex> lock(notesMutex_);
     notes_.push_back(text);
 }
+
+bool Destination::KeepsOwners() const { return geteuid() == 0; }
 
 std::vector<std::string> Destination::TakeNotes() {
     std::lock_guard<std::mutex> lock(notesMutex_);

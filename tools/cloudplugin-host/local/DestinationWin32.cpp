@@ -212,6 +212,8 @@ void Destination::Note(const std::string& text) {
     notes_.push_back(text);
 }
 
+bool Destination::KeepsOwners() const { return false;  // owners are not restored on Windows }
+
 std::vector<std::string> Destination::TakeNotes() {
     std::lock_guard<std::mutex> lock(notesMutex_);
     std::vector<std::string> notes;

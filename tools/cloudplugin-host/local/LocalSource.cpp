@@ -199,7 +199,9 @@ bool LocalSource::ReadNode(const std::string& full, const std::string& relative,
     }
     node.mode = static_cast<uint32_t>(info.st_mode) & 07777;
     node.modifiedNs = Nanoseconds(info.st_mtim);
-    node.accessedNs = Nanoseconds(info.st_atim);
+    // Reading a link's text sets its access time, so a link's is not kept:
+    // it would differ in every backup.
+    node.accessedNs = node.type == NodeType::Link ? 0 : Nanoseconds(info.st_atim);
     node.changedNs = Nanoseconds(info.st_ctim);
     node.hasOwner = true;
     node.uid = info.st_uid;

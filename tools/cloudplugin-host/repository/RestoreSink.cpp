@@ -126,7 +126,7 @@ void RestoreSink::Finish(size_t file, Progress& progress) {
             std::lock_guard<std::mutex> lock(state.mutex);
             state.output.reset();
         }
-        if (entry.node.mode & kSetIdBits) {
+        if ((entry.node.mode & kSetIdBits) && !(entry.node.hasOwner && target_->KeepsOwners())) {
             std::lock_guard<std::mutex> lock(mutex_);
             setIdDropped_.push_back(entry.relativePath);
         }

@@ -47,6 +47,9 @@ public:
     virtual void MakeHardLink(const std::string& relativePath, const std::string& existing) = 0;
     // What could not be kept, one line each, since the last call.
     virtual std::vector<std::string> TakeNotes() = 0;
+    // Whether entries get their recorded owners (a POSIX restore as root):
+    // only then are set-user-ID and set-group-ID bits restored.
+    virtual bool KeepsOwners() const { return false; }
 };
 
 }  // namespace qvhost::repo
