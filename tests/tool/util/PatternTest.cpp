@@ -158,3 +158,26 @@ TEST(Pattern, TheLastPatternThatMatchesDecides) {
 }
 
 }  // namespace
+
+namespace {
+
+bool MatchesWhole(const std::string& pattern, const std::string& path) {
+    return PathPattern(pattern).MatchesWhole(PathPattern::Components(path));
+}
+
+}  // namespace
+
+TEST(PatternWhole, AWordMatchesTheNameNotAFolderAbove) {
+    EXPECT_TRUE(MatchesWhole("foo", "/dir/foo"));
+    EXPECT_TRUE(MatchesWhole("*.txt", "/a/b/notes.txt"));
+    EXPECT_FALSE(MatchesWhole("foo", "/dir1/foo/dir2/file"));
+    EXPECT_FALSE(MatchesWhole("*.txt", "/a/notes.txt/inner"));
+}
+
+TEST(PatternWhole, APathPatternMatchesTheWholePath) {
+    EXPECT_TRUE(MatchesWhole("b/*.txt", "/a/b/c.txt"));
+    EXPECT_FALSE(MatchesWhole("b/*.txt", "/a/x/c.txt"));
+    EXPECT_TRUE(MatchesWhole("/a/**", "/a/b/c"));
+    EXPECT_TRUE(MatchesWhole("/a/**/c", "/a/c"));
+    EXPECT_FALSE(MatchesWhole("/b", "/a/b"));
+}

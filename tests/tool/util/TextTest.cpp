@@ -70,3 +70,21 @@ TEST(FormatBytes, FormatsSizesAndDurations) {
 }
 
 }  // namespace
+
+TEST(TimeTexts, Rfc3339KeepsTheFractionOnlyWhenThereIsOne) {
+    EXPECT_EQ(Rfc3339Nanos(0), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(Rfc3339Nanos(1700000000500000000), "2023-11-14T22:13:20.5Z");
+    EXPECT_EQ(Rfc3339Nanos(1700000000000000123), "2023-11-14T22:13:20.000000123Z");
+    EXPECT_EQ(Rfc3339Nanos(-1), "1969-12-31T23:59:59.999999999Z");
+}
+
+TEST(TimeTexts, LocalTimesReadBackAsTheyAreShown) {
+    const int64_t seconds = 1700000000;
+    EXPECT_EQ(ParseLocalTime(LocalTimeText(seconds)), seconds);
+    EXPECT_EQ(ParseLocalTime(LocalTimeText(seconds).substr(0, 16)), seconds - seconds % 60);
+    EXPECT_EQ(ParseLocalTime("2023-11-14T22:13:20Z"), seconds);
+    EXPECT_GT(ParseLocalTime("2023-11-14"), seconds - 2 * 86400);
+    EXPECT_EQ(ParseLocalTime("2023-13-01"), -1);
+    EXPECT_EQ(ParseLocalTime("yesterday"), -1);
+    EXPECT_EQ(ParseLocalTime("2023-11-14 22"), -1);
+}

@@ -97,7 +97,7 @@ std::vector<std::string> PathPattern::Components(const std::string& path) {
     return names;
 }
 
-bool PathPattern::MatchesComponents(const std::vector<std::string>& names) const {
+std::vector<char> PathPattern::Reach(const std::vector<std::string>& names) const {
     std::vector<char> reach(names.size() + 1, 0), next(names.size() + 1, 0);
     reach[0] = 1;
     for (const Component& component : components_) {
@@ -112,10 +112,17 @@ bool PathPattern::MatchesComponents(const std::vector<std::string>& names) const
             }
         }
         reach.swap(next);
-        if (std::none_of(reach.begin(), reach.end(), [](char c) { return c != 0; })) return false;
+        if (std::none_of(reach.begin(), reach.end(), [](char c) { return c != 0; })) break;
     }
-    return true;
+    return reach;
 }
+
+bool PathPattern::MatchesComponents(const std::vector<std::string>& names) const {
+    const std::vector<char> reach = Reach(names);
+    return std::any_of(reach.begin(), reach.end(), [](char c) { return c != 0; });
+}
+
+bool PathPattern::MatchesWhole(const std::vector<std::string>& names) const { return Reach(names).back() != 0; }
 
 const PathPattern* PatternList::Match(const std::string& path) const {
     if (patterns_.empty()) return nullptr;

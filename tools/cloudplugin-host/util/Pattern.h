@@ -38,6 +38,10 @@ public:
     bool Matches(const std::string& path) const { return MatchesComponents(Components(path)); }
     // The same for a path already cut into its components.
     bool MatchesComponents(const std::vector<std::string>& names) const;
+    // Whether the pattern matches the path itself, down to its last
+    // component (not only a folder above it): what `find` asks. An
+    // unanchored pattern of one component so matches the entry's name.
+    bool MatchesWhole(const std::vector<std::string>& names) const;
     // "/a//b/" is {"a", "b"}.
     static std::vector<std::string> Components(const std::string& path);
 
@@ -53,6 +57,8 @@ private:
         bool ascii = false;
     };
     bool ComponentMatches(const Component& component, const std::string& name) const;
+    // reach[k]: the pattern can match the first k components of the path.
+    std::vector<char> Reach(const std::vector<std::string>& names) const;
 
     std::string text_;  // as given
     std::vector<Component> components_;  // an unanchored pattern starts with "**"

@@ -84,6 +84,49 @@ int64_t ParseUtcTime(const std::string& text) {
 #endif
 }
 
+std::string Rfc3339Nanos(int64_t nanoseconds) {
+    int64_t seconds = nanoseconds / 1000000000;
+    int64_t fraction = nanoseconds % 1000000000;
+    if (fraction < 0) fraction += 1000000000, --seconds;
+    std::string text = FormatUtc(static_cast<std::time_t>(seconds), "%Y-%m-%dT%H:%M:%S");
+    if (fraction != 0) {
+        char digits[16];
+        std::snprintf(digits, sizeof digits, ".%09lld", static_cast<long long>(fraction));
+        std::string part = digits;
+        while (part.back() == '0') part.pop_back();
+        text += part;
+    }
+    return text + "Z";
+}
+
+std::string LocalTimeText(int64_t seconds) {
+    const std::time_t time = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+#ifdef _WIN32
+    localtime_s(&parts, &time);
+#else
+    localtime_r(&time, &parts);
+#endif
+    char text[64];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
+    return text;
+}
+
+int64_t ParseLocalTime(const std::string& text) {
+    if (text.size() == 20 && text.back() == 'Z') return ParseUtcTime(text);
+    std::tm parts{};
+    char rest = 0;
+    const int read = std::sscanf(text.c_str(), "%4d-%2d-%2d %2d:%2d:%2d%c", &parts.tm_year, &parts.tm_mon,
+                                 &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &rest);
+    const bool shaped = (read == 3 && text.size() == 10) || (read == 5 && text.size() == 16) ||
+                        (read == 6 && text.size() == 19);
+    if (!shaped || parts.tm_mon < 1 || parts.tm_mon > 12 || parts.tm_mday < 1 || parts.tm_mday > 31) return -1;
+    parts.tm_year -= 1900;
+    parts.tm_mon -= 1;
+    parts.tm_isdst = -1;
+    return static_cast<int64_t>(std::mktime(&parts));
+}
+
 double MiBPerSecond(uint64_t bytes, double seconds) {
     return seconds > 0 ? static_cast<double>(bytes) / (1024.0 * 1024.0) / seconds : 0;
 }

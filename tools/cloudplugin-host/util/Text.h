@@ -35,6 +35,16 @@ std::string UtcTimeText(int64_t seconds);
 // UTC time of "YYYY-MM-DDTHH:MM:SSZ" in seconds since 1970; -1 if the text is not one.
 int64_t ParseUtcTime(const std::string& text);
 
+// RFC 3339 in UTC of nanoseconds since 1970: "2024-03-05T10:20:30.5Z"
+// (the fraction only when there is one, without trailing zeros).
+std::string Rfc3339Nanos(int64_t nanoseconds);
+// "YYYY-MM-DD HH:MM:SS" in local time.
+std::string LocalTimeText(int64_t seconds);
+// Seconds since 1970 of "YYYY-MM-DD", "YYYY-MM-DD HH:MM" or
+// "YYYY-MM-DD HH:MM:SS" in local time, or "YYYY-MM-DDTHH:MM:SSZ" in UTC;
+// -1 if the text is none of them.
+int64_t ParseLocalTime(const std::string& text);
+
 double MiBPerSecond(uint64_t bytes, double seconds);
 // "12.3 MiB" and the like.
 std::string FormatBytes(double bytes);
