@@ -140,3 +140,24 @@ TEST(SnapshotFilter, GroupByTakesItsThreeWordsAndRefusesOthers) {
 }
 
 }  // namespace
+
+namespace {
+
+std::vector<std::string> Ids(const std::vector<SnapshotInfo>& infos) {
+    std::vector<std::string> ids;
+    for (const SnapshotInfo& info : infos) ids.push_back(info.id);
+    return ids;
+}
+
+TEST(NewestOfEachGroup, KeepsTheNewestOfEachGroupInTheirOrder) {
+    const std::vector<SnapshotInfo> snapshots = {Info("a1", "a", "/x", 1), Info("b1", "b", "/x", 2),
+                                                 Info("a2", "a", "/x", 3), Info("a3", "a", "/y", 4),
+                                                 Info("a4", "a", "/x", 5), Info("b2", "b", "/x", 6)};
+    EXPECT_EQ(Ids(NewestOfEachGroup(snapshots, 1, kGroupByHost | kGroupByPaths)),
+              (std::vector<std::string>{"a3", "a4", "b2"}));
+    EXPECT_EQ(Ids(NewestOfEachGroup(snapshots, 2, kGroupByHost)), (std::vector<std::string>{"b1", "a3", "a4", "b2"}));
+    EXPECT_EQ(Ids(NewestOfEachGroup(snapshots, 2, 0)), (std::vector<std::string>{"a4", "b2"}));
+    EXPECT_EQ(NewestOfEachGroup(snapshots, 10, 0).size(), snapshots.size());
+}
+
+}  // namespace

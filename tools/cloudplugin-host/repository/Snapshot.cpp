@@ -54,7 +54,8 @@ std::string InfoAad(const std::string& id) { return "cloudplugin-host snapshot i
 // ---- decoding: the members used, everything else skipped unbuilt
 
 const std::set<std::string> kTopMembers = {"version", "time",  "time_ns", "host",  "source",  "paths", "tags",
-                                           "parent",  "tree",  "files",   "folders", "links", "summary"};
+                                           "parent",  "tree",  "files",   "folders", "links", "summary",
+                                           "original"};
 const std::set<std::string> kFileMembers = {"path", "size", "mtime_ns", "mode", "file_id", "chunks"};
 const std::set<std::string> kFolderMembers = {"path", "mtime_ns", "mode"};
 const std::set<std::string> kLinkMembers = {"path", "target", "mtime_ns"};
@@ -363,10 +364,11 @@ std::optional<SnapshotInfo> DecodeSnapshotInfo(const MasterKeys& keys, const std
 Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot) {
     Json tree = Json::array();
     for (const Id& id : snapshot.tree) tree.push_back(IdHex(id));
-    const Json json = {{"version", kSnapshotVersion}, {"time", snapshot.time},     {"time_ns", snapshot.timeNs},
+    Json json = {{"version", kSnapshotVersion}, {"time", snapshot.time},     {"time_ns", snapshot.timeNs},
                        {"host", snapshot.host},       {"paths", StoredList(snapshot.paths)},
                        {"tags", snapshot.tags},       {"parent", snapshot.parent}, {"tree", std::move(tree)},
                        {"summary", snapshot.summary}};
+    if (!snapshot.original.empty()) json["original"] = snapshot.original;
     // Host and tags are the user's text; anything in them that is not UTF-8 is replaced.
     const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
     Bytes plain;
@@ -395,6 +397,7 @@ DecodedSnapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, cons
     snapshot.timeNs = SignedMember(json, "time_ns", what);
     snapshot.host = StringMember(json, "host", what);
     snapshot.parent = StringMember(json, "parent", what);
+    if (json.contains("original")) snapshot.original = StringMember(json, "original", what);
     for (const Json& tag : ArrayMember(json, "tags", what)) {
         if (!tag.is_string()) Damaged(what + " is damaged: a tag is not text");
         snapshot.tags.push_back(tag.get<std::string>());

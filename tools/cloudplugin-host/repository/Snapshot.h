@@ -5,7 +5,7 @@
 // Seal(encryption key, u64 plain length + zstd frame of the JSON below,
 // aad "cloudplugin-host snapshot"):
 //   {"version":2, "time":"<UTC, ISO 8601>", "time_ns":..., "host":..., "paths":["<absolute path>", ...],
-//    "tags":[...], "parent":"<snapshot id or empty>", "tree":["<hex id of a tree blob>", ...],
+//    "tags":[...], "parent":"<snapshot id or empty>", ["original":"<snapshot id>",] "tree":["<hex id of a tree blob>", ...],
 //    "summary":{...the backup's figures, with "files" and "bytes"...}}
 // Paths are %-escaped (names need not be UTF-8). With one path the root
 // tree holds that folder's entries; with several, the root holds the
@@ -53,6 +53,7 @@ struct Snapshot {
     std::vector<std::string> paths;  // absolute
     std::vector<std::string> tags;
     std::string parent;
+    std::string original;  // the snapshot this one rewrites (tags changed); empty for one a backup wrote
     std::vector<Id> tree;  // the root's tree blobs
     Json summary = Json::object();
 

@@ -1,6 +1,7 @@
 #include "repository/SnapshotFilter.h"
 
 #include <algorithm>
+#include <map>
 #include <tuple>
 
 #include "util/Error.h"
@@ -53,6 +54,21 @@ SnapshotGroup GroupOf(const SnapshotInfo& snapshot, unsigned groupBy) {
         group.tags.erase(std::unique(group.tags.begin(), group.tags.end()), group.tags.end());
     }
     return group;
+}
+
+std::vector<SnapshotInfo> NewestOfEachGroup(const std::vector<SnapshotInfo>& snapshots, size_t count,
+                                            unsigned groupBy) {
+    std::map<SnapshotGroup, size_t> taken;
+    std::vector<bool> kept(snapshots.size(), false);
+    for (size_t i = snapshots.size(); i-- > 0;) {
+        size_t& already = taken[GroupOf(snapshots[i], groupBy)];
+        if (already < count) kept[i] = true, ++already;
+    }
+    std::vector<SnapshotInfo> newest;
+    for (size_t i = 0; i < snapshots.size(); ++i) {
+        if (kept[i]) newest.push_back(snapshots[i]);
+    }
+    return newest;
 }
 
 }  // namespace qvhost::repo

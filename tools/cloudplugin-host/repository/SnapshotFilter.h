@@ -36,4 +36,9 @@ struct SnapshotGroup {
 };
 SnapshotGroup GroupOf(const SnapshotInfo& snapshot, unsigned groupBy);
 
+// The `count` newest snapshots of each group, of snapshots sorted oldest
+// first; answered in the same order.
+std::vector<SnapshotInfo> NewestOfEachGroup(const std::vector<SnapshotInfo>& snapshots, size_t count,
+                                            unsigned groupBy);
+
 }  // namespace qvhost::repo
