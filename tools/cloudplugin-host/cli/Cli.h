@@ -43,6 +43,7 @@ struct GlobalOptions {
 struct CommandResult {
     Json json = Json::object();
     int status = kExitOk;
+    bool printed = false;  // the command wrote its own --json output (ls: a line per entry)
 };
 
 // What a command runs with: the options, the plug-in (started on first
@@ -144,6 +145,11 @@ void AddCheckCommand(CommandTable& table);
 void AddForgetCommand(CommandTable& table);
 void AddPruneCommand(CommandTable& table);
 void AddDiffCommand(CommandTable& table);
+void AddLsCommand(CommandTable& table);
+void AddFindCommand(CommandTable& table);
+void AddDumpCommand(CommandTable& table);
+void AddStatsCommand(CommandTable& table);
+void AddTagCommand(CommandTable& table);
 void AddLocksCommands(CommandTable& table);
 void AddKeyCommands(CommandTable& table);
 void AddRehydrateCommand(CommandTable& table);

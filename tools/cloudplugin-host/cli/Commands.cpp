@@ -9,6 +9,11 @@ void AddCommands(CommandTable& table) {
     AddSnapshotsCommand(table);
     AddRestoreCommand(table);
     AddDiffCommand(table);
+    AddLsCommand(table);
+    AddFindCommand(table);
+    AddDumpCommand(table);
+    AddStatsCommand(table);
+    AddTagCommand(table);
     AddCheckCommand(table);
     AddForgetCommand(table);
     AddPruneCommand(table);

@@ -211,7 +211,7 @@ int Main(int argc, char** argv) {
         Context context(options);
         const CommandResult result = selected->runner(context);
         context.Close();
-        if (options.json) std::printf("%s\n", JsonText(result.json).c_str());
+        if (options.json && !result.printed) std::printf("%s\n", JsonText(result.json).c_str());
         return result.status;
     } catch (const Error& error) {
         const CommandTable::Entry* selected = table.Selected();

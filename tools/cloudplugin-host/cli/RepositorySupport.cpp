@@ -1,6 +1,7 @@
 #include "cli/RepositorySupport.h"
 
 #include "host/PluginObjectStore.h"
+#include "repository/Listing.h"
 #include "util/Text.h"
 
 namespace qvhost::cli {
@@ -50,6 +51,50 @@ void AddFilterOptions(CLI::App* command, repo::SnapshotFilter& filter, const std
     command->add_option("--path", filter.paths, "only " + what + " of this source folder (absolute; repeatable)")
         ->type_name("PATH")
         ->allow_extra_args(false);
+}
+
+namespace {
+
+std::string OwnerText(const std::string& name, uint32_t id) { return name.empty() ? std::to_string(id) : name; }
+
+}  // namespace
+
+void PrintLine(const std::string& line) {
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+// One entry as ls -l shows it: mode, owner, group, size, time, path (-> target).
+std::string LongEntryLine(const repo::ListedEntry& entry) {
+    const repo::Node& node = entry.node;
+    char head[256];
+    std::snprintf(head, sizeof head, "%s %-8s %-8s %12llu %s ", repo::ModeText(node).c_str(),
+                  Printable(OwnerText(node.user, node.uid)).c_str(), Printable(OwnerText(node.group, node.gid)).c_str(),
+                  static_cast<unsigned long long>(node.size),
+                  LocalTimeText(node.modifiedNs / 1000000000 - (node.modifiedNs % 1000000000 < 0)).c_str());
+    std::string line = head + Printable(entry.path);
+    if (node.type == repo::NodeType::Link) line += " -> " + Printable(node.linkTarget);
+    return line;
+}
+
+// One entry as --json shows it (a line of its own).
+Json EntryJson(const repo::ListedEntry& entry) {
+    const repo::Node& node = entry.node;
+    const size_t slash = entry.path.find_last_of('/');
+    Json json{{"struct_type", "node"},
+              {"name", entry.path.substr(slash + 1)},
+              {"type", repo::NodeTypeName(node.type)},
+              {"path", entry.path},
+              {"mode", node.mode},
+              {"permissions", repo::ModeText(node)},
+              {"uid", node.uid},
+              {"gid", node.gid},
+              {"user", node.user},
+              {"group", node.group},
+              {"size", node.size},
+              {"mtime", Rfc3339Nanos(node.modifiedNs)}};
+    if (node.type == repo::NodeType::Link) json["link_target"] = node.linkTarget;
+    return json;
 }
 
 }  // namespace qvhost::cli

@@ -7,6 +7,7 @@
 
 #include "cli/Cli.h"
 #include "cli/Reporting.h"
+#include "repository/Listing.h"
 #include "repository/Repository.h"
 #include "repository/SnapshotFilter.h"
 
@@ -25,5 +26,14 @@ std::string TagsText(const std::vector<std::string>& tags);
 // --host, --tag and --path: which snapshots the command considers (for
 // 'latest' too).
 void AddFilterOptions(CLI::App* command, repo::SnapshotFilter& filter, const std::string& what);
+
+// A line of the command's own output on standard output (whatever --quiet says:
+// what ls and find list is what was asked for).
+void PrintLine(const std::string& line);
+
+// An entry of a snapshot as ls -l shows it: mode, owner, group, size,
+// local time, path (-> target); and as --json shows it.
+std::string LongEntryLine(const repo::ListedEntry& entry);
+Json EntryJson(const repo::ListedEntry& entry);
 
 }  // namespace qvhost::cli

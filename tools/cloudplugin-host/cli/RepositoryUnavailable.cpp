@@ -30,6 +30,11 @@ void AddCheckCommand(CommandTable& table) { AddUnavailable(table, "check", "chec
 void AddForgetCommand(CommandTable& table) { AddUnavailable(table, "forget", "remove snapshots"); }
 void AddPruneCommand(CommandTable& table) { AddUnavailable(table, "prune", "remove chunks no snapshot needs"); }
 void AddDiffCommand(CommandTable& table) { AddUnavailable(table, "diff", "what changed between two snapshots"); }
+void AddLsCommand(CommandTable& table) { AddUnavailable(table, "ls", "the entries of a snapshot"); }
+void AddFindCommand(CommandTable& table) { AddUnavailable(table, "find", "find files in snapshots"); }
+void AddDumpCommand(CommandTable& table) { AddUnavailable(table, "dump", "a file or folder of a snapshot"); }
+void AddStatsCommand(CommandTable& table) { AddUnavailable(table, "stats", "how big snapshots are"); }
+void AddTagCommand(CommandTable& table) { AddUnavailable(table, "tag", "change snapshots' tags"); }
 void AddLocksCommands(CommandTable& table) {
     AddUnavailable(table, "locks", "the repository's locks");
     AddUnavailable(table, "unlock", "remove stale locks");
