@@ -100,9 +100,18 @@ std::vector<NamedObject> Repository::ListIds(const std::string& prefix, std::vec
 MasterIndex Repository::LoadIndex() {
     MasterIndex index;
     for (const NamedObject& object : ListIds(layout_.IndexPrefix())) {
-        for (const IndexedPack& pack : DecodeIndex(keys_, store_.ReadAll(object.name, kMaximumIndexSize), object.name)) {
-            index.Add(pack);
+        std::vector<IndexedPack> packs;
+        try {
+            packs = DecodeIndex(keys_, store_.ReadAll(object.name, kMaximumIndexSize), object.name);
+        } catch (const Error& failure) {
+            if (failure.kind() != ErrorKind::Damaged) throw;
+            // The index is only a list of what the packs hold: it can be made again.
+            throw Error(ErrorKind::Damaged,
+                        std::string(failure.what()) +
+                            "; 'cloudplugin-host repair index' rebuilds the index from the packs",
+                        object.name);
         }
+        for (const IndexedPack& pack : packs) index.Add(pack);
         index.objects.push_back(object.name);
     }
     return index;

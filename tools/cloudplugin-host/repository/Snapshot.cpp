@@ -397,13 +397,17 @@ DecodedSnapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, cons
     snapshot.timeNs = SignedMember(json, "time_ns", what);
     snapshot.host = StringMember(json, "host", what);
     snapshot.parent = StringMember(json, "parent", what);
-    if (json.contains("original")) snapshot.original = StringMember(json, "original", what);
     for (const Json& tag : ArrayMember(json, "tags", what)) {
         if (!tag.is_string()) Damaged(what + " is damaged: a tag is not text");
         snapshot.tags.push_back(tag.get<std::string>());
     }
     const auto summary = json.find("summary");
     if (summary != json.end() && summary->is_object()) snapshot.summary = *summary;
+    if (json.contains("original")) {
+        snapshot.original = StringMember(json, "original", what);
+        Id original;
+        if (!IdFromHex(snapshot.original, original)) Damaged(what + " is damaged: its original is not a snapshot id");
+    }
     if (snapshot.version == 1) {
         snapshot.paths = {NameMember(json, "source", what)};
         std::vector<Placed> entries = EntriesV1(json, what);

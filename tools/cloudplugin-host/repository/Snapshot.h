@@ -53,7 +53,7 @@ struct Snapshot {
     std::vector<std::string> paths;  // absolute
     std::vector<std::string> tags;
     std::string parent;
-    std::string original;  // the snapshot this one rewrites (tags changed); empty for one a backup wrote
+    std::string original;  // the snapshot this one rewrites (tags changed, or repaired); empty for one a backup wrote
     std::vector<Id> tree;  // the root's tree blobs
     Json summary = Json::object();
 
