@@ -153,6 +153,7 @@ void AddTagCommand(CommandTable& table);
 void AddLocksCommands(CommandTable& table);
 void AddKeyCommands(CommandTable& table);
 void AddRehydrateCommand(CommandTable& table);
+void AddRepairCommands(CommandTable& table);
 void AddInfoCommands(CommandTable& table);
 void AddObjectCommands(CommandTable& table);
 void AddLegacyCommands(CommandTable& table);

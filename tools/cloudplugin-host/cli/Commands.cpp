@@ -17,6 +17,7 @@ void AddCommands(CommandTable& table) {
     AddCheckCommand(table);
     AddForgetCommand(table);
     AddPruneCommand(table);
+    AddRepairCommands(table);
     AddLocksCommands(table);
     AddKeyCommands(table);
     AddRehydrateCommand(table);

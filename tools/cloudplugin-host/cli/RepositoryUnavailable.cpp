@@ -47,5 +47,10 @@ void AddKeyCommands(CommandTable& table) {
     AddUnavailable(table, "key remove", "remove a key");
 }
 void AddRehydrateCommand(CommandTable& table) { AddUnavailable(table, "rehydrate", "rehydrate a snapshot"); }
+void AddRepairCommands(CommandTable& table) {
+    table.Group("repair", "rebuild the index, repair snapshots", "Repairs of a damaged repository.");
+    AddUnavailable(table, "repair index", "rebuild the index from the packs");
+    AddUnavailable(table, "repair snapshots", "repair snapshots that name lost data");
+}
 
 }  // namespace qvhost::cli
