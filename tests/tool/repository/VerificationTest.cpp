@@ -1,6 +1,7 @@
 // Nothing is relied on before it is verified: a pack no index names is
 // adopted only when it verifies, prune keeps a copy it verified (or every
-// copy when none does), and check tells a damaged copy from lost data.
+// copy when none does), and check tells a damaged copy from lost data and
+// names what repairs each.
 #include "repository/PackVerify.h"
 #include "repository/RepositoryFixture.h"
 
@@ -132,6 +133,8 @@ TEST_F(VerificationTest, CheckTellsADamagedCopyFromLostData) {
     EXPECT_EQ(report.damagedCopies, std::vector<std::string>{damaged});
     EXPECT_EQ(report.blobsLost, 0u);
     EXPECT_TRUE(report.affected.empty());
+    ASSERT_EQ(report.repairs.size(), 1u);
+    EXPECT_EQ(report.repairs[0].find("'cloudplugin-host prune'"), 0u) << report.repairs[0];
 
     store_.objects()[intact_][30] ^= 0x01;  // now no copy is good
     report = RunCheck(*repository_, CheckOptions{true, 2, nullptr});
@@ -142,6 +145,11 @@ TEST_F(VerificationTest, CheckTellsADamagedCopyFromLostData) {
     bool saysLost = false;
     for (const std::string& error : report.errors) saysLost |= error.find("data lost") != std::string::npos;
     EXPECT_TRUE(saysLost);
+    // The damaged packs leave the index first; then the snapshots lose the files.
+    ASSERT_EQ(report.repairs.size(), 2u);
+    EXPECT_EQ(report.repairs[0].find("'cloudplugin-host repair index'"), 0u) << report.repairs[0];
+    EXPECT_EQ(report.repairs[1].find("'cloudplugin-host repair snapshots'"), 0u) << report.repairs[1];
+    EXPECT_NE(report.repairs[1].find("after 'repair index'"), std::string::npos) << report.repairs[1];
 }
 
 }  // namespace

@@ -23,6 +23,7 @@ CommandResult RunCheck(Context& context, const CheckCommandOptions& options) {
     for (const std::string& warning : report.warnings) context.Warn("note: " + Printable(warning));
     for (const std::string& error : report.errors) context.Warn("ERROR " + Printable(error));
     for (const std::string& file : report.affected) context.Warn("affected: snapshot " + Printable(file));
+    for (const std::string& repair : report.repairs) context.Warn("to repair: " + repair);
     context.Say(std::string("checked ") + std::to_string(report.snapshots) + " snapshots, " +
                 std::to_string(report.indexObjects) + " index objects, " + std::to_string(report.packs) + " packs, " +
                 std::to_string(report.blobs) + " blobs" +
@@ -42,7 +43,8 @@ CommandResult RunCheck(Context& context, const CheckCommandOptions& options) {
                        {"warnings", report.warnings},
                        {"affected", report.affected},
                        {"damaged_copies", report.damagedCopies},
-                       {"blobs_lost", report.blobsLost}};
+                       {"blobs_lost", report.blobsLost},
+                       {"repairs", report.repairs}};
     return result;
 }
 
@@ -54,7 +56,9 @@ void AddCheckCommand(CommandTable& table) {
         {"check", "check the repository's structure (--read-data: every pack read and checked)",
          "Checks that every index and snapshot opens, that every chunk a snapshot names is indexed and that every "
          "indexed pack exists; with --read-data it also reads every pack and checks every chunk. Damage is named "
-         "with the snapshot files it affects, and the exit status is 1."},
+         "with the snapshot files it affects, and the exit status is 1. It says which command repairs what it "
+         "found: 'repair index' for a damaged index or lost packs, 'repair snapshots' for snapshots that name lost "
+         "data, 'prune' for a damaged copy of data kept intact elsewhere."},
         [options](Context& context) { return RunCheck(context, *options); });
     command->add_flag("--read-data", options->readData, "read every pack and check every chunk");
 }

@@ -42,6 +42,7 @@ public:
         if (options_.readData) ReadData();
         WalkSnapshots();
         ReportDamagedPacks();
+        SuggestRepairs();
         std::sort(report_.errors.begin(), report_.errors.end());
         std::sort(report_.affected.begin(), report_.affected.end());
         report_.affected.erase(std::unique(report_.affected.begin(), report_.affected.end()), report_.affected.end());
@@ -62,6 +63,7 @@ private:
                 ++report_.indexObjects;
             } catch (const Error& failure) {
                 report_.errors.push_back(failure.what());
+                ++indexDamaged_;
             }
         }
     }
@@ -84,7 +86,7 @@ private:
                 badPacks_.insert(pack);
             }
         }
-        size_t unindexed = 0;
+        size_t& unindexed = unindexed_;
         for (const auto& [pack, size] : stored_) unindexed += index_.HasPack(pack) ? 0 : 1;
         if (unindexed) {
             report_.warnings.push_back(std::to_string(unindexed) +
@@ -170,6 +172,29 @@ private:
         }
     }
 
+    // Which command repairs what was found. The index first: it is made
+    // again from the packs (damaged ones left out, lost ones no longer
+    // named); then snapshots that name data that is lost; a damaged copy
+    // whose blobs all have good copies is prune's.
+    void SuggestRepairs() {
+        const bool missingPacks = std::any_of(badPacks_.begin(), badPacks_.end(),
+                                              [this](const Id& pack) { return !stored_.count(pack); });
+        const bool rebuild = indexDamaged_ > 0 || missingPacks || report_.blobsLost > 0;
+        if (rebuild) {
+            report_.repairs.push_back("'cloudplugin-host repair index' rebuilds the index from the packs that are "
+                                      "stored and whole");
+        }
+        if (!report_.affected.empty()) {
+            report_.repairs.push_back(
+                std::string("'cloudplugin-host repair snapshots' writes snapshots without the files whose data is "
+                            "lost") +
+                (rebuild || unindexed_ > 0 ? " (after 'repair index', which indexes packs the index lacks)" : ""));
+        }
+        if (!report_.damagedCopies.empty()) {
+            report_.repairs.push_back("'cloudplugin-host prune' removes the damaged copies and keeps the good ones");
+        }
+    }
+
     // Every indexed pack that exists, read whole: its name, its header, the
     // index's entries against the header, and every blob opened.
     void ReadData() {
@@ -236,6 +261,8 @@ private:
     std::set<Id> badPacks_;
     std::map<Id, std::string> damage_;  // pack -> what read-data found wrong
     std::unordered_map<Id, std::set<Id>, IdHash> copies_;  // blob -> the packs the index says hold it
+    size_t indexDamaged_ = 0;  // index objects that did not open
+    size_t unindexed_ = 0;     // stored packs no index names
     std::mutex mutex_;
 };
 

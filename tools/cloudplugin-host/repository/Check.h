@@ -32,6 +32,8 @@ struct CheckReport {
     // pack (nothing lost), and blobs of damaged packs with no good copy.
     std::vector<std::string> damagedCopies;
     size_t blobsLost = 0;
+    // What repairs what was found, each naming its command, in the order to run them.
+    std::vector<std::string> repairs;
 };
 
 CheckReport RunCheck(Repository& repository, const CheckOptions& options);
