@@ -429,4 +429,54 @@ TEST_F(RepositoryToolTest, AnArchivedVersion2BackupIsRefusedInOneLineAndRehydrat
     ExpectSameTree(source, Folder("restored"));
 }
 
+TEST_F(RepositoryToolTest, ADamagedIndexAndALostPackAreRepaired) {
+    WriteFile(Folder("source/kept.bin"), Bytes(400000, 8));
+    BackupOk(Folder("source"));
+    const std::vector<std::string> keptPacks = DataPacks();
+    WriteFile(Folder("source/sub/lost.bin"), Bytes(300000, 9));
+    BackupOk(Folder("source"));
+    std::vector<std::string> indexes = ObjectNames(Tool({"object", "list", "cloudplugin-host/index/"}).out);
+    ASSERT_EQ(indexes.size(), 2u);
+    ASSERT_EQ(Tool({"object", "get", indexes[1], Folder("index")}).status, 0);
+    std::string bytes = ReadFile(Folder("index"));
+    bytes[40] = static_cast<char>(bytes[40] ^ 0x01);
+    WriteFile(Folder("index"), bytes);
+    ASSERT_EQ(Tool({"object", "put", indexes[1], Folder("index")}).status, 0);
+
+    EXPECT_EQ(Repo({"snapshots"}).status, 0) << "a listing reads no index";
+    const ToolRun refused = Repo({"restore", "latest", Folder("refused")});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("'cloudplugin-host repair index'"), std::string::npos) << refused.err;
+    EXPECT_NE(Repo({"check"}).out.find("\"repairs\":[\"'cloudplugin-host repair index'"), std::string::npos);
+    const ToolRun index = Repo({"repair", "index"});
+    ASSERT_EQ(index.status, 0) << index.err;
+    EXPECT_EQ(Member(index.out, "packs_indexed"), "4") << index.out;  // two of data, two of trees
+    EXPECT_NE(index.out.find("\"packs_refused\":[]"), std::string::npos) << index.out;
+    EXPECT_EQ(Member(index.out, "index_objects_written"), "1");
+    EXPECT_EQ(Member(index.out, "index_objects_removed"), "2");
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(Folder("source"), Folder("restored"));
+
+    std::vector<std::string> lost;
+    for (const std::string& pack : DataPacks()) {
+        if (std::find(keptPacks.begin(), keptPacks.end(), pack) == keptPacks.end()) lost.push_back(pack);
+    }
+    ASSERT_EQ(lost.size(), 1u);
+    ASSERT_EQ(Tool({"object", "delete", lost[0]}).status, 0);
+    const ToolRun check = Repo({"check"});
+    EXPECT_EQ(check.status, 1);
+    EXPECT_NE(check.out.find("'cloudplugin-host repair snapshots'"), std::string::npos) << check.out;
+    const ToolRun repair = Repo({"repair", "snapshots", "latest"});
+    ASSERT_EQ(repair.status, 0) << repair.err;
+    EXPECT_NE(repair.out.find("\"dropped\":[\"sub/lost.bin\"]"), std::string::npos) << repair.out;
+    const std::string repaired = Unquoted(Member(repair.out, "new"));
+    ASSERT_EQ(repaired.size(), 64u) << repair.out;
+    const ToolRun after = Repo({"restore", repaired, Folder("after")});
+    EXPECT_EQ(after.status, 0) << after.err;
+    EXPECT_EQ(ReadFile(Folder("after/kept.bin")), ReadFile(Folder("source/kept.bin")));
+    EXPECT_TRUE(fs::is_directory(Folder("after/sub")));
+    EXPECT_FALSE(fs::exists(Folder("after/sub/lost.bin")));
+}
+
 }  // namespace e2e
