@@ -103,7 +103,8 @@ void AddRepairCommands(CommandTable& table) {
     CLI::App* command = table.Add(
         {"repair snapshots", "write repaired copies of snapshots that name lost data",
          "Walks each SNAPSHOT (default: every one) and, where a file's data is in no index or only in packs "
-         "that are gone, leaves the file out; a folder whose tree cannot be read becomes empty. Each damaged "
+         "that are gone, leaves the file out; a folder whose trees cannot be read keeps what can be read of it "
+         "(it is empty when nothing can). Each damaged "
          "snapshot gets a new one (same time, host, paths and tags, with the tag 'repaired' and the original's "
          "id), written after the trees it names. The original stays unless --forget is given. Where packs exist "
          "that the index lacks, run 'repair index' first. It takes the exclusive lock (shared with --dry-run)."},

@@ -3,7 +3,7 @@
 //
 // A lock is an object `<root>/locks/<random id>`, Seal(encryption key, JSON
 // {"host","pid","command","exclusive","time"}, aad "cloudplugin-host lock").
-// Backups, restores and checks hold shared locks; prune and forget an
+// Backups, restores and checks hold shared locks; prune, forget and repair an
 // exclusive one. Taking a lock: write one's own, then list the others;
 // when one conflicts (an exclusive one, or any when taking an exclusive
 // one), remove one's own and try again later, up to the wait allowed. Two
