@@ -24,8 +24,22 @@
 # less what it held before. Prints the medians beside the goals of the
 # repository, one table, PASS or MISS per goal.
 #
+# Scale mode (--files N): the data set is instead N small files (0 to
+# 16 KiB, two in three random bytes, the others text; reproducible from
+# --seed, written by scripts/small-files.py) in about N/66.7 folders nested
+# two or three levels deep (200,000 files: 3,000 folders). Each round, for
+# each tool: init; backup 1 (everything new); backup 2 (nothing changed);
+# rewrite 100 files in place (sizes kept); backup 3; restore the latest
+# snapshot; compare it with the source (outside the timing); put the 100
+# files back. No deduplication set. The goals of that mode: backup 1 in at
+# most 0.8 x restic's time; backup 2 in at most 0.5 x restic's time,
+# uploading at most 64 KiB; backup 3 uploading at most 1.5 x what restic
+# uploads; restore in at most 0.8 x restic's time; peak RSS at most
+# restic's in every step.
+#
 #   scripts/compare-restic.sh                          1 GiB set, 3 rounds
 #   scripts/compare-restic.sh --size-mib 64 --rounds 1 a quick look
+#   scripts/compare-restic.sh --files 200000           scale: 200,000 small files, 3 rounds
 #
 # Run with --help for every option.
 set -eEuo pipefail
@@ -46,13 +60,18 @@ usage: scripts/compare-restic.sh [options]
                         about 1/4 in 8*N text files of up to 64 KiB in 80 folders
   --dup-mib N         the deduplication set: one incompressible file of N MiB, four times
                       under different names (default 64)
+  --files N           scale mode: instead of the mixed set and the deduplication set, N files
+                        of 0 to 16 KiB in about N/66.7 folders nested 2 or 3 levels deep;
+                        backup 3 follows 100 files rewritten in place (at least 200 files)
+  --seed S            scale mode: the seed of the small files (default 1)
   --tool PATH         cloudplugin-host to run (default: build/demo/stage/bin/cloudplugin-host,
                       built with the demo preset first)
   --tool-arg ARG      an extra option for cloudplugin-host, before the command (repeatable;
                       e.g. --tool-arg --jobs=2)
   --restic-arg ARG    an extra option for restic, before the command (repeatable;
                       e.g. --restic-arg -o --restic-arg rclone.connections=8)
-  --work DIR          data sets, restores, logs, per-round results (default: build/compare-restic)
+  --work DIR          data sets, restores, logs, per-round results (default: build/compare-restic,
+                      in scale mode build/compare-restic-scale)
   --keep              keep the data sets and the last restores (a later run with the same
                       sizes reuses the data sets); without it they are removed on success
   --markdown FILE     also write the table in Markdown to FILE
@@ -74,7 +93,9 @@ dup_mib=64
 tool=''
 tool_args=()
 restic_args=()
-work=build/compare-restic
+work=''
+files=''
+seed=1
 keep=no
 markdown=''
 
@@ -91,7 +112,7 @@ while [ $# -gt 0 ]; do
   case $option in
     --help | -h) usage; exit 0 ;;
     --keep) keep=yes; shift; continue ;;
-    --rounds | --size-mib | --dup-mib | --tool | --tool-arg | --restic-arg | --work | --markdown) ;;
+    --rounds | --size-mib | --dup-mib | --files | --seed | --tool | --tool-arg | --restic-arg | --work | --markdown) ;;
     *) echo "compare-restic: unknown option '$1' (see --help)" >&2; exit 2 ;;
   esac
   if [ $value_given = no ]; then
@@ -104,6 +125,8 @@ while [ $# -gt 0 ]; do
     --rounds) rounds=$value ;;
     --size-mib) size_mib=$value ;;
     --dup-mib) dup_mib=$value ;;
+    --files) files=$value ;;
+    --seed) seed=$value ;;
     --tool) tool=$(absolute "$value") ;;
     --tool-arg) tool_args+=("$value") ;;
     --restic-arg) restic_args+=("$value") ;;
@@ -116,12 +139,21 @@ done
 [[ $size_mib =~ ^[1-9][0-9]*$ ]] && [ "$size_mib" -ge 8 ] ||
   { echo "compare-restic: --size-mib takes a number of at least 8" >&2; exit 2; }
 [[ $dup_mib =~ ^[1-9][0-9]*$ ]] || { echo "compare-restic: --dup-mib takes a positive number" >&2; exit 2; }
+[ -z "$files" ] || { [[ $files =~ ^[1-9][0-9]*$ ]] && [ "$files" -ge 200 ]; } ||
+  { echo "compare-restic: --files takes a number of at least 200" >&2; exit 2; }
+[[ $seed =~ ^[0-9]+$ ]] || { echo "compare-restic: --seed takes a number" >&2; exit 2; }
+scale=no
+[ -n "$files" ] && scale=yes
+if [ -z "$work" ]; then
+  work=build/compare-restic
+  [ $scale = yes ] && work=build/compare-restic-scale
+fi
 work=$(absolute "$work")
 
 # ---- set-up: what is missing
 # shellcheck source=scripts/bench-common.sh
 . scripts/bench-common.sh
-bench_setup restic rclone
+if [ $scale = yes ]; then bench_setup restic rclone python3; else bench_setup restic rclone; fi
 
 # ---- the work folder, Azurite
 mkdir -p "$work"
@@ -140,7 +172,7 @@ succeeded=no
 cleanup() {
   azurite_stop
   if [ $succeeded = yes ] && [ $keep = no ]; then
-    rm -rf "$source_dir" "$dup_dir" "$work/source.mix" "$work/dup.mix" "$tool_restore" "$restic_restore" \
+    rm -rf "$source_dir" "$dup_dir" "$work/source.mix" "$work/source.made" "$work/dup.mix" "$tool_restore" "$restic_restore" \
       "$restic_cache" "$edit_save"
   elif [ $succeeded = no ]; then
     echo "compare-restic: logs, data sets and restores kept in $work" >&2
@@ -269,7 +301,32 @@ edit_revert() {
   rm -rf "$edit_save"
 }
 
-mix="mixed size_mib=$size_mib large=$large_count x $large_size medium=$medium_count x $medium_size small=$small_count x <$small_max (v2)"
+# ---- scale mode: N small files from scripts/small-files.py (one process
+# writes them all), and between backup 2 and backup 3 100 of them rewritten
+# in place (sizes kept), saved first and put back after the restore.
+edit_count=10
+if [ $scale = yes ]; then
+  edit_count=100
+  small_files() { python3 scripts/small-files.py "$@"; }
+  generate() {
+    rm -rf "$source_dir" "$work/source.mix"
+    mkdir -p "$source_dir"
+    small_files generate "$source_dir" --files "$files" --seed "$seed" >"$work/source.made" ||
+      fail "scripts/small-files.py generate failed"
+    echo "$mix" >"$work/source.mix"
+  }
+  edit_revert() { small_files revert "$source_dir" "$edit_save" || fail "scripts/small-files.py revert failed"; }
+  edit_bytes=NA
+  edit_apply() {  # sets edit_bytes: how many bytes the edit rewrote (the same every round)
+    local said
+    said=$(small_files edit "$source_dir" "$edit_save" --count "$edit_count" --seed "$seed") ||
+      fail "scripts/small-files.py edit failed"
+    edit_bytes=$(sed -n 's/.* \([0-9]*\) bytes$/\1/p' <<<"$said")
+  }
+  mix="small files=$files seed=$seed (v1)"
+else
+  mix="mixed size_mib=$size_mib large=$large_count x $large_size medium=$medium_count x $medium_size small=$small_count x <$small_max (v2)"
+fi
 dup_mix="dup 4 x $dup_mib MiB (v2)"
 if [ -d "$source_dir" ] && [ "$(cat "$work/source.mix" 2>/dev/null)" = "$mix" ]; then
   edit_revert
@@ -281,50 +338,63 @@ else
   generate
   echo "     in $(seconds_since "$start") s"
 fi
-if [ -d "$dup_dir" ] && [ "$(cat "$work/dup.mix" 2>/dev/null)" = "$dup_mix" ]; then
-  echo "==== reusing the deduplication set in $dup_dir"
-else
-  echo "==== generating the deduplication set in $dup_dir"
-  generate_dup
+if [ $scale = no ]; then
+  if [ -d "$dup_dir" ] && [ "$(cat "$work/dup.mix" 2>/dev/null)" = "$dup_mix" ]; then
+    echo "==== reusing the deduplication set in $dup_dir"
+  else
+    echo "==== generating the deduplication set in $dup_dir"
+    generate_dup
+  fi
 fi
 total_bytes=$(data_bytes "$source_dir")
 total_files=$(find "$source_dir" -type f | wc -l)
-dup_bytes=$(data_bytes "$dup_dir")
 to_mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
-set_text="$total_files files, $(to_mib "$total_bytes") MiB: $large_count × $(to_mib "$large_size") MiB incompressible,"
-set_text="$set_text $medium_count × $(to_mib "$medium_size") MiB (half text, half incompressible),"
-set_text="$set_text $small_count text files below 64 KiB"
-dup_text="4 × $dup_mib MiB, one incompressible file under four names ($(to_mib "$dup_bytes") MiB)"
-echo "     $set_text"
-echo "     deduplication set: $dup_text"
+if [ $scale = yes ]; then
+  total_folders=$(find "$source_dir" -mindepth 1 -type d | wc -l)
+  [ "$total_files" -eq "$files" ] || fail "the data set has $total_files files instead of $files"
+  set_text="$total_files files of 0 to 16 KiB (two in three incompressible, the others text), $(to_mib "$total_bytes") MiB,"
+  set_text="$set_text in $total_folders folders 2 or 3 levels deep (seed $seed)"
+  echo "     $set_text"
+else
+  dup_bytes=$(data_bytes "$dup_dir")
+  set_text="$total_files files, $(to_mib "$total_bytes") MiB: $large_count × $(to_mib "$large_size") MiB incompressible,"
+  set_text="$set_text $medium_count × $(to_mib "$medium_size") MiB (half text, half incompressible),"
+  set_text="$set_text $small_count text files below 64 KiB"
+  dup_text="4 × $dup_mib MiB, one incompressible file under four names ($(to_mib "$dup_bytes") MiB)"
+  echo "     $set_text"
+  echo "     deduplication set: $dup_text"
+fi
 
-# ---- the edit between backup 2 and backup 3: 1 % of the data set's bytes,
-# overwritten in place in one range of each of 10 files (the 4 large files
-# and the first 6 medium ones, text and incompressible), sizes kept. The
-# ranges lie at 5 %, 15 %, ... 95 % of the room each file leaves for them.
-edit_files=()
-for ((i = 1; i <= large_count; i++)); do edit_files+=("$(large_path "$i")"); done
-for ((i = 1; i <= 6; i++)); do edit_files+=("$(medium_path "$i")"); done
-edit_length=$((total_bytes / 1000))
-edit_bytes=$((edit_length * 10))
-edit_apply() {
-  local k file size offset
-  rm -rf "$edit_save"
-  mkdir -p "$edit_save"
-  for ((k = 1; k <= 10; k++)); do
-    file=${edit_files[$((k - 1))]}
-    size=$(stat -c %s "$source_dir/$file")
-    offset=$(((size - edit_length) * (2 * k - 1) / 20))
-    dd if="$source_dir/$file" bs=1M iflag=skip_bytes,count_bytes skip="$offset" count="$edit_length" \
-      of="$edit_save/$k.bytes" status=none
-    touch -r "$source_dir/$file" "$edit_save/$k.bytes"  # keeps the modification time to put back
-    echo "$offset" >"$edit_save/$k.offset"
-    echo "$file" >"$edit_save/$k.path"
-    keystream $((6000000 + k)) "$edit_length" |
-      dd of="$source_dir/$file" bs=1M iflag=fullblock oflag=seek_bytes seek="$offset" conv=notrunc status=none
-    [ "$(stat -c %s "$source_dir/$file")" -eq "$size" ] || fail "the edit changed the size of $file"
-  done
-}
+# ---- the edit between backup 2 and backup 3 of the mixed set: 1 % of the
+# data set's bytes, overwritten in place in one range of each of 10 files
+# (the 4 large files and the first 6 medium ones, text and incompressible),
+# sizes kept. The ranges lie at 5 %, 15 %, ... 95 % of the room each file
+# leaves for them.
+if [ $scale = no ]; then
+  edit_files=()
+  for ((i = 1; i <= large_count; i++)); do edit_files+=("$(large_path "$i")"); done
+  for ((i = 1; i <= 6; i++)); do edit_files+=("$(medium_path "$i")"); done
+  edit_length=$((total_bytes / 1000))
+  edit_bytes=$((edit_length * 10))
+  edit_apply() {
+    local k file size offset
+    rm -rf "$edit_save"
+    mkdir -p "$edit_save"
+    for ((k = 1; k <= 10; k++)); do
+      file=${edit_files[$((k - 1))]}
+      size=$(stat -c %s "$source_dir/$file")
+      offset=$(((size - edit_length) * (2 * k - 1) / 20))
+      dd if="$source_dir/$file" bs=1M iflag=skip_bytes,count_bytes skip="$offset" count="$edit_length" \
+        of="$edit_save/$k.bytes" status=none
+      touch -r "$source_dir/$file" "$edit_save/$k.bytes"  # keeps the modification time to put back
+      echo "$offset" >"$edit_save/$k.offset"
+      echo "$file" >"$edit_save/$k.path"
+      keystream $((6000000 + k)) "$edit_length" |
+        dd of="$source_dir/$file" bs=1M iflag=fullblock oflag=seek_bytes seek="$offset" conv=notrunc status=none
+      [ "$(stat -c %s "$source_dir/$file")" -eq "$size" ] || fail "the edit changed the size of $file"
+    done
+  }
+fi
 
 # ---- the two tools' set-up
 # An account SAS signed with Azurite's development key (account_sas,
@@ -518,7 +588,7 @@ backup_step() {
   case $step in
     backup1) expect_new=$total_files ;;
     backup2) expect_unmodified=$total_files ;;
-    backup3) expect_changed=10 expect_unmodified=$((total_files - 10)) ;;
+    backup3) expect_changed=$edit_count expect_unmodified=$((total_files - edit_count)) ;;
     dup) expect_new=4 ;;
   esac
   [ "$new/$changed/$unmodified" = "$expect_new/$expect_changed/$expect_unmodified" ] ||
@@ -564,6 +634,7 @@ round_tool() {  # ROUND
   edit_revert
   purge "$container"
   if [ $keep = no ] || [ "$round" -lt "$rounds" ]; then rm -rf "$tool_restore"; fi
+  [ $scale = no ] || return 0
   CLOUDPLUGIN_CONNECTION=$(tool_connection "$dup_container")
   run_step $who dupinit "$round" "$work" "${tool_cmd[@]}" init
   backup_step $who dup "$round" "$dup_container/$tool_prefix" "$work" "${tool_cmd[@]}" --json backup "$dup_dir"
@@ -584,6 +655,7 @@ round_restic() {  # ROUND
   purge "$container"
   if [ $keep = no ] || [ "$round" -lt "$rounds" ]; then rm -rf "$restic_restore"; fi
   rm -rf "$restic_cache"
+  [ $scale = no ] || return 0
   r=(-r "$(restic_repository "$dup_container")")
   run_step $who dupinit "$round" "$work" "${restic_cmd[@]}" "${r[@]}" init
   backup_step $who dup "$round" "$dup_container/repo" "$dup_dir" "${restic_cmd[@]}" "${r[@]}" --json backup .
@@ -632,6 +704,9 @@ verdict() {  # A OP B: PASS when A OP B holds, n/m when either is missing
     ok = (op == "<=") ? (a + 0 <= b + 0) : (a + 0 >= b + 0)
     print ok ? "PASS" : "MISS" }'
 }
+times() {  # FACTOR VALUE -> FACTOR x VALUE, unrounded (NA stays NA)
+  awk -v f="$1" -v v="$2" 'BEGIN { if (v == "NA") print "NA"; else printf "%.6f", f * v }'
+}
 per_second() {  # BYTES SECONDS -> MiB/s
   awk -v b="$1" -v s="$2" 'BEGIN { if (s == "NA" || s + 0 == 0) print "NA"; else printf "%.2f", b / 1048576 / s }'
 }
@@ -640,6 +715,7 @@ H=cloudplugin-host R=restic
 rows=()  # label|host cell|restic cell|ratio|goal|verdict ("" cells: a heading)
 heading() { rows+=("$1|||||"); }
 row() { rows+=("$1|$2|$3|$4|${5:-}|${6:-}"); }
+rss_verdicts=()  # one per step whose resources are shown
 
 # The CPU and RSS rows of one step; restic's cells name rclone's share.
 resource_rows() {  # STEP
@@ -647,61 +723,120 @@ resource_rows() {  # STEP
   hc=$(median $H "$1.cpu") rc=$(median $R "$1.cpu") rrc=$(median $R "$1.rclone_cpu")
   hr=$(median $H "$1.rss") rr=$(median $R "$1.rss") rrr=$(median $R "$1.rclone_rss")
   sampled=$(count_of $R "$1.rss_sampled" 1)
+  rss_verdicts+=("$(verdict "$hr" '<=' "$rr")")
   row "  CPU s (restic: with rclone)" "$(fmt %.2f "$hc")" "$(fmt %.2f "$rc") (rclone $(fmt %.2f "$rrc"))" "$(ratio "$hc" "$rc")"
   row "  peak RSS MiB (restic: own$([ "$sampled" -gt 0 ] && echo '*'))" "$(fmt %.0f "$hr")" \
     "$(fmt %.0f "$rr") (rclone $(fmt %.0f "$rrr"))" "$(ratio "$hr" "$rr")" "≤ restic's" "$(verdict "$hr" '<=' "$rr")"
 }
 
-h_init=$(median $H init.wall) r_init=$(median $R init.wall)
-row "init: wall s" "$(fmt %.2f "$h_init")" "$(fmt %.2f "$r_init")" "$(ratio "$h_init" "$r_init")"
+# Scale mode: its goals compare the medians themselves (0.8 x restic's, not
+# a rounded ratio).
+scale_rows() {
+  local hw rw hu ru steps=(init backup1 backup2 backup3 restore) step all
+  heading "init"
+  hw=$(median $H init.wall) rw=$(median $R init.wall)
+  row "  wall s" "$(fmt %.2f "$hw")" "$(fmt %.2f "$rw")" "$(ratio "$hw" "$rw")"
+  resource_rows init
 
-heading "backup 1: all new ($(to_mib "$total_bytes") MiB)"
-hw=$(median $H backup1.wall) rw=$(median $R backup1.wall)
-ht=$(per_second "$total_bytes" "$hw") rt=$(per_second "$total_bytes" "$rw")
-row "  wall s" "$(fmt %.2f "$hw")" "$(fmt %.2f "$rw")" "$(ratio "$hw" "$rw")"
-row "  throughput MiB/s" "$(fmt %.1f "$ht")" "$(fmt %.1f "$rt")" "$(ratio "$ht" "$rt")" "≥ 1.0 × restic" \
-  "$(verdict "$(ratio "$ht" "$rt" | sed 's/^-$/NA/')" '>=' 1.0)"
-hu=$(median $H backup1.uploaded) ru=$(median $R backup1.uploaded)
-row "  uploaded (stored growth)" "$(bytes_text "$hu")" "$(bytes_text "$ru")" "$(ratio "$hu" "$ru")"
-row "  the tool's own count (a)" "$(bytes_text "$(median $H backup1.reported)")" "$(bytes_text "$(median $R backup1.reported)")" ""
-resource_rows backup1
+  heading "backup 1: all new ($total_files files, $(to_mib "$total_bytes") MiB)"
+  hw=$(median $H backup1.wall) rw=$(median $R backup1.wall)
+  row "  wall s" "$(fmt %.2f "$hw")" "$(fmt %.2f "$rw")" "$(ratio "$hw" "$rw")" "≤ 0.8 × restic" \
+    "$(verdict "$hw" '<=' "$(times 0.8 "$rw")")"
+  hu=$(median $H backup1.uploaded) ru=$(median $R backup1.uploaded)
+  row "  uploaded (stored growth)" "$(bytes_text "$hu")" "$(bytes_text "$ru")" "$(ratio "$hu" "$ru")"
+  row "  the tool's own count (a)" "$(bytes_text "$(median $H backup1.reported)")" "$(bytes_text "$(median $R backup1.reported)")" ""
+  resource_rows backup1
 
-heading "backup 2: nothing changed"
-hw2=$(median $H backup2.wall) rw2=$(median $R backup2.wall)
-row "  wall s" "$(fmt %.2f "$hw2")" "$(fmt %.2f "$rw2")" "$(ratio "$hw2" "$rw2")" "≤ 0.5 × restic" \
-  "$(verdict "$(ratio "$hw2" "$rw2" | sed 's/^-$/NA/')" '<=' 0.5)"
-hu2=$(median $H backup2.uploaded) ru2=$(median $R backup2.uploaded)
-row "  uploaded (stored growth)" "$(bytes_text "$hu2")" "$(bytes_text "$ru2")" "$(ratio "$hu2" "$ru2")" "≤ 1 MiB" \
-  "$(verdict "$hu2" '<=' 1048576)"
-row "  the tool's own count (a)" "$(bytes_text "$(median $H backup2.reported)")" "$(bytes_text "$(median $R backup2.reported)")" ""
-resource_rows backup2
+  heading "backup 2: nothing changed"
+  hw=$(median $H backup2.wall) rw=$(median $R backup2.wall)
+  row "  wall s" "$(fmt %.2f "$hw")" "$(fmt %.2f "$rw")" "$(ratio "$hw" "$rw")" "≤ 0.5 × restic" \
+    "$(verdict "$hw" '<=' "$(times 0.5 "$rw")")"
+  hu=$(median $H backup2.uploaded) ru=$(median $R backup2.uploaded)
+  row "  uploaded (stored growth)" "$(bytes_text "$hu")" "$(bytes_text "$ru")" "$(ratio "$hu" "$ru")" "≤ 64 KiB" \
+    "$(verdict "$hu" '<=' 65536)"
+  row "  the tool's own count (a)" "$(bytes_text "$(median $H backup2.reported)")" "$(bytes_text "$(median $R backup2.reported)")" ""
+  resource_rows backup2
 
-heading "backup 3: $(bytes_text "$edit_bytes") overwritten in 10 files"
-hw3=$(median $H backup3.wall) rw3=$(median $R backup3.wall)
-row "  wall s" "$(fmt %.2f "$hw3")" "$(fmt %.2f "$rw3")" "$(ratio "$hw3" "$rw3")"
-hu3=$(median $H backup3.uploaded) ru3=$(median $R backup3.uploaded)
-allowance=NA
-[ "$hu2" != NA ] && allowance=$((3 * edit_bytes + ${hu2%.*}))
-row "  uploaded (stored growth)" "$(bytes_text "$hu3")" "$(bytes_text "$ru3")" "$(ratio "$hu3" "$ru3")" \
-  "≤ 3 × edited + (b) = $(bytes_text "$allowance")" "$(verdict "$hu3" '<=' "$allowance")"
-row "  the tool's own count (a)" "$(bytes_text "$(median $H backup3.reported)")" "$(bytes_text "$(median $R backup3.reported)")" ""
-resource_rows backup3
+  heading "backup 3: $edit_count files rewritten in place (b)"
+  hw=$(median $H backup3.wall) rw=$(median $R backup3.wall)
+  row "  wall s" "$(fmt %.2f "$hw")" "$(fmt %.2f "$rw")" "$(ratio "$hw" "$rw")"
+  hu=$(median $H backup3.uploaded) ru=$(median $R backup3.uploaded)
+  row "  uploaded (stored growth)" "$(bytes_text "$hu")" "$(bytes_text "$ru")" "$(ratio "$hu" "$ru")" "≤ 1.5 × restic" \
+    "$(verdict "$hu" '<=' "$(times 1.5 "$ru")")"
+  row "  the tool's own count (a)" "$(bytes_text "$(median $H backup3.reported)")" "$(bytes_text "$(median $R backup3.reported)")" ""
+  resource_rows backup3
 
-heading "restore latest ($(to_mib "$total_bytes") MiB)"
-hw4=$(median $H restore.wall) rw4=$(median $R restore.wall)
-ht4=$(per_second "$total_bytes" "$hw4") rt4=$(per_second "$total_bytes" "$rw4")
-row "  wall s" "$(fmt %.2f "$hw4")" "$(fmt %.2f "$rw4")" "$(ratio "$hw4" "$rw4")"
-row "  throughput MiB/s" "$(fmt %.1f "$ht4")" "$(fmt %.1f "$rt4")" "$(ratio "$ht4" "$rt4")" "≥ 1.0 × restic" \
-  "$(verdict "$(ratio "$ht4" "$rt4" | sed 's/^-$/NA/')" '>=' 1.0)"
-resource_rows restore
+  heading "restore latest ($total_files files, $(to_mib "$total_bytes") MiB)"
+  hw=$(median $H restore.wall) rw=$(median $R restore.wall)
+  row "  wall s" "$(fmt %.2f "$hw")" "$(fmt %.2f "$rw")" "$(ratio "$hw" "$rw")" "≤ 0.8 × restic" \
+    "$(verdict "$hw" '<=' "$(times 0.8 "$rw")")"
+  resource_rows restore
 
-heading "stored"
-hs=$(median $H backup3.stored) rs=$(median $R backup3.stored)
-row "  after the three backups" "$(bytes_text "$hs")" "$(bytes_text "$rs")" "$(ratio "$hs" "$rs")" "≤ restic's" "$(verdict "$hs" '<=' "$rs")"
-hd=$(median $H dup.stored) rd=$(median $R dup.stored)
-row "  4 × $dup_mib MiB, same bytes (c)" "$(bytes_text "$hd")" "$(bytes_text "$rd")" "$(ratio "$hd" "$rd")" "≤ restic's" "$(verdict "$hd" '<=' "$rd")"
-hdw=$(median $H dup.wall) rdw=$(median $R dup.wall)
-row "    its backup: wall s" "$(fmt %.2f "$hdw")" "$(fmt %.2f "$rdw")" "$(ratio "$hdw" "$rdw")"
+  heading "stored"
+  hu=$(median $H backup3.stored) ru=$(median $R backup3.stored)
+  row "  after the three backups" "$(bytes_text "$hu")" "$(bytes_text "$ru")" "$(ratio "$hu" "$ru")"
+
+  all=PASS
+  for step in "${rss_verdicts[@]}"; do
+    [ "$step" = PASS ] || { [ "$all" = MISS ] || all=$step; }
+  done
+  row "peak RSS, all ${#steps[@]} steps" "" "" "" "≤ restic's in each" "$all"
+}
+
+if [ $scale = yes ]; then
+  scale_rows
+else
+  h_init=$(median $H init.wall) r_init=$(median $R init.wall)
+  row "init: wall s" "$(fmt %.2f "$h_init")" "$(fmt %.2f "$r_init")" "$(ratio "$h_init" "$r_init")"
+
+  heading "backup 1: all new ($(to_mib "$total_bytes") MiB)"
+  hw=$(median $H backup1.wall) rw=$(median $R backup1.wall)
+  ht=$(per_second "$total_bytes" "$hw") rt=$(per_second "$total_bytes" "$rw")
+  row "  wall s" "$(fmt %.2f "$hw")" "$(fmt %.2f "$rw")" "$(ratio "$hw" "$rw")"
+  row "  throughput MiB/s" "$(fmt %.1f "$ht")" "$(fmt %.1f "$rt")" "$(ratio "$ht" "$rt")" "≥ 1.0 × restic" \
+    "$(verdict "$(ratio "$ht" "$rt" | sed 's/^-$/NA/')" '>=' 1.0)"
+  hu=$(median $H backup1.uploaded) ru=$(median $R backup1.uploaded)
+  row "  uploaded (stored growth)" "$(bytes_text "$hu")" "$(bytes_text "$ru")" "$(ratio "$hu" "$ru")"
+  row "  the tool's own count (a)" "$(bytes_text "$(median $H backup1.reported)")" "$(bytes_text "$(median $R backup1.reported)")" ""
+  resource_rows backup1
+
+  heading "backup 2: nothing changed"
+  hw2=$(median $H backup2.wall) rw2=$(median $R backup2.wall)
+  row "  wall s" "$(fmt %.2f "$hw2")" "$(fmt %.2f "$rw2")" "$(ratio "$hw2" "$rw2")" "≤ 0.5 × restic" \
+    "$(verdict "$(ratio "$hw2" "$rw2" | sed 's/^-$/NA/')" '<=' 0.5)"
+  hu2=$(median $H backup2.uploaded) ru2=$(median $R backup2.uploaded)
+  row "  uploaded (stored growth)" "$(bytes_text "$hu2")" "$(bytes_text "$ru2")" "$(ratio "$hu2" "$ru2")" "≤ 1 MiB" \
+    "$(verdict "$hu2" '<=' 1048576)"
+  row "  the tool's own count (a)" "$(bytes_text "$(median $H backup2.reported)")" "$(bytes_text "$(median $R backup2.reported)")" ""
+  resource_rows backup2
+
+  heading "backup 3: $(bytes_text "$edit_bytes") overwritten in 10 files"
+  hw3=$(median $H backup3.wall) rw3=$(median $R backup3.wall)
+  row "  wall s" "$(fmt %.2f "$hw3")" "$(fmt %.2f "$rw3")" "$(ratio "$hw3" "$rw3")"
+  hu3=$(median $H backup3.uploaded) ru3=$(median $R backup3.uploaded)
+  allowance=NA
+  [ "$hu2" != NA ] && allowance=$((3 * edit_bytes + ${hu2%.*}))
+  row "  uploaded (stored growth)" "$(bytes_text "$hu3")" "$(bytes_text "$ru3")" "$(ratio "$hu3" "$ru3")" \
+    "≤ 3 × edited + (b) = $(bytes_text "$allowance")" "$(verdict "$hu3" '<=' "$allowance")"
+  row "  the tool's own count (a)" "$(bytes_text "$(median $H backup3.reported)")" "$(bytes_text "$(median $R backup3.reported)")" ""
+  resource_rows backup3
+
+  heading "restore latest ($(to_mib "$total_bytes") MiB)"
+  hw4=$(median $H restore.wall) rw4=$(median $R restore.wall)
+  ht4=$(per_second "$total_bytes" "$hw4") rt4=$(per_second "$total_bytes" "$rw4")
+  row "  wall s" "$(fmt %.2f "$hw4")" "$(fmt %.2f "$rw4")" "$(ratio "$hw4" "$rw4")"
+  row "  throughput MiB/s" "$(fmt %.1f "$ht4")" "$(fmt %.1f "$rt4")" "$(ratio "$ht4" "$rt4")" "≥ 1.0 × restic" \
+    "$(verdict "$(ratio "$ht4" "$rt4" | sed 's/^-$/NA/')" '>=' 1.0)"
+  resource_rows restore
+
+  heading "stored"
+  hs=$(median $H backup3.stored) rs=$(median $R backup3.stored)
+  row "  after the three backups" "$(bytes_text "$hs")" "$(bytes_text "$rs")" "$(ratio "$hs" "$rs")" "≤ restic's" "$(verdict "$hs" '<=' "$rs")"
+  hd=$(median $H dup.stored) rd=$(median $R dup.stored)
+  row "  4 × $dup_mib MiB, same bytes (c)" "$(bytes_text "$hd")" "$(bytes_text "$rd")" "$(ratio "$hd" "$rd")" "≤ restic's" "$(verdict "$hd" '<=' "$rd")"
+  hdw=$(median $H dup.wall) rdw=$(median $R dup.wall)
+  row "    its backup: wall s" "$(fmt %.2f "$hdw")" "$(fmt %.2f "$rdw")" "$(ratio "$hdw" "$rdw")"
+fi
 
 cpu_model=$(lscpu | sed -n 's/^Model name: *//p' | sed -n 1p)
 memory_gib=$(awk '/^MemTotal:/ { printf "%.0f", $2 / 1048576 }' /proc/meminfo)
@@ -721,8 +856,10 @@ fi
 run_date=$(date -u '+%Y-%m-%d %H:%M UTC')
 tool_text="cloudplugin-host${tool_args[*]:+ ${tool_args[*]}} (defaults: --jobs 4, packs of 16 MiB, scrypt 64 MiB)"
 restic_text="restic${restic_args[*]:+ ${restic_args[*]}} (defaults: repository version 2, compression auto, packs of 16 MiB)"
-sampled_total=$(count_of $R backup1.rss_sampled 1)
-for step in backup2 backup3 restore; do sampled_total=$((sampled_total + $(count_of $R "$step.rss_sampled" 1))); done
+sampled_steps=(backup1 backup2 backup3 restore)
+[ $scale = yes ] && sampled_steps=(init "${sampled_steps[@]}")
+sampled_total=0
+for step in "${sampled_steps[@]}"; do sampled_total=$((sampled_total + $(count_of $R "$step.rss_sampled" 1))); done
 
 notes() {
   echo "(a) cloudplugin-host: --json bytes_added, the bytes of the packs, index and snapshot it wrote (compressed,"
@@ -730,9 +867,14 @@ notes() {
   echo "    compression and encryption, without index and snapshot. 'uploaded' is the same measure for both:"
   echo "    the growth of the container's blob bytes under the tool's path (rclone size); objects written and"
   echo "    removed within the command (locks) do not count."
-  echo "(b) the same tool's upload in backup 2 (its snapshot, index and whatever a backup writes regardless)."
-  echo "    Edited: $(bytes_text "$edit_bytes") ($edit_bytes bytes), $(bytes_text "$edit_length") in one range of each of 10 files."
-  echo "(c) stored bytes of a repository holding one backup of the set: $(to_mib "$dup_bytes") MiB of files, $dup_mib MiB distinct."
+  if [ $scale = yes ]; then
+    echo "(b) every byte of $edit_count non-empty files, spread evenly over the sorted file list, rewritten in"
+    echo "    place with new random bytes (sizes kept): $(bytes_text "$edit_bytes") ($edit_bytes bytes); put back after the restore."
+  else
+    echo "(b) the same tool's upload in backup 2 (its snapshot, index and whatever a backup writes regardless)."
+    echo "    Edited: $(bytes_text "$edit_bytes") ($edit_bytes bytes), $(bytes_text "$edit_length") in one range of each of 10 files."
+    echo "(c) stored bytes of a repository holding one backup of the set: $(to_mib "$dup_bytes") MiB of files, $dup_mib MiB distinct."
+  fi
   echo "Stored bytes: the sum of the blob sizes under the tool's path (cloudplugin-host/ or repo/) in its own"
   echo "container, config and keys included; restic's local cache is not counted."
   echo "CPU s: user + system seconds of the command and every process it waited for; restic's include its"
@@ -740,7 +882,7 @@ notes() {
   echo "command's own process, the JVM included for cloudplugin-host; restic's own without rclone (rclone's in"
   echo "brackets, measured by running it under GNU time through -o rclone.program). GNU time reports the larger"
   echo "of restic and rclone; when rclone was the larger, restic's own is the highest VmHWM read from /proc every"
-  echo "0.1 s (*: $sampled_total of $((4 * rounds)) measurements). host/restic: ratio of the medians."
+  echo "0.1 s (*: $sampled_total of $((${#sampled_steps[@]} * rounds)) measurements). host/restic: ratio of the medians."
   echo "Keys: each tool's default key derivation (cloudplugin-host scrypt of 64 MiB, restic scrypt calibrated"
   echo "at init to about 0.5 s and at most 60 MiB), paid again by every command. restic keeps its local cache"
   echo "from one command to the next within a round and starts each round with an empty one."
