@@ -101,7 +101,10 @@ protected:
     RestoreReport Restore(const std::string& id, const std::string& destination, const std::string& subPath = "") {
         const Snapshot snapshot = repository_->LoadSnapshot(id);
         Destination target(destination, DestinationOptions{});
-        return RunRestore(*repository_, repository_->LoadIndex(), snapshot, &target, RestoreOptions{2, subPath, nullptr});
+        RestoreOptions options;
+        options.jobs = 2;
+        options.subPath = subPath;
+        return RunRestore(*repository_, repository_->LoadIndex(), snapshot, &target, options);
     }
 
     // Every file of a snapshot, by path.

@@ -61,6 +61,9 @@ public:
         Event("hard link " + path + " -> " + existing);
     }
     std::vector<std::string> TakeNotes() override { return {"a note"}; }
+    std::optional<ExistingEntry> Existing(const std::string&) const override { return std::nullopt; }
+    std::unique_ptr<ExistingFile> OpenExisting(const std::string&) const override { return nullptr; }
+    std::vector<std::string> RemoveAllBut(const std::set<std::string>&) override { return {}; }
 
     void Event(const std::string& event) {
         std::lock_guard<std::mutex> lock(mutex);

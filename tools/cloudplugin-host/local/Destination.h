@@ -31,7 +31,7 @@ namespace qvhost {
 
 // How a restore treats what it finds and whom it gives files to.
 struct DestinationOptions {
-    bool overwrite = false;     // replace existing files and links (never a folder)
+    bool overwrite = false;     // replace existing files and links (never a folder); which ones the restore decides
     bool numericOwner = false;  // owners by their recorded ids, not by their names on this machine
 };
 
@@ -57,6 +57,9 @@ public:
     void MakeHardLink(const std::string& relativePath, const std::string& existing) override;
     std::vector<std::string> TakeNotes() override;
     bool KeepsOwners() const override;
+    std::optional<repo::ExistingEntry> Existing(const std::string& relativePath) const override;
+    std::unique_ptr<repo::ExistingFile> OpenExisting(const std::string& relativePath) const override;
+    std::vector<std::string> RemoveAllBut(const std::set<std::string>& kept) override;
 
     const std::string& root() const { return root_; }
 

@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
+#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -335,6 +336,8 @@ struct Destination::Handle {
     Fd root;
     MetadataSetter setter;
 
+    bool Look(const std::string& rootText, const std::string& relativePath, struct stat& info, Fd* parent) const;
+
     // The folder holding the entry, every folder on the way opened without
     // following links (and made when `create`); sets `leaf` to the entry's
     // own name and `shown` to its path for messages.
@@ -461,6 +464,124 @@ void Destination::MakeHardLink(const std::string& relativePath, const std::strin
     MakeInPlace(folder.get(), leaf, shown, options_.overwrite, [&](const std::string& name) {
         return linkat(existingFolder.get(), existingLeaf.c_str(), folder.get(), name.c_str(), 0);
     });
+}
+
+namespace {
+
+class PosixExistingFile : public repo::ExistingFile {
+public:
+    explicit PosixExistingFile(Fd file) : file_(std::move(file)) {}
+    size_t ReadAt(uint64_t offset, void* data, size_t size) override {
+        size_t done = 0;
+        while (done < size) {
+            const ssize_t read = pread(file_.get(), static_cast<uint8_t*>(data) + done, size - done,
+                                       static_cast<off_t>(offset + done));
+            if (read < 0 && errno == EINTR) continue;
+            if (read < 0) throw Error(ErrorKind::LocalFile, std::string("cannot read back a file: ") + ErrnoText());
+            if (read == 0) break;
+            done += static_cast<size_t>(read);
+        }
+        return done;
+    }
+
+private:
+    Fd file_;
+};
+
+// The names in an open folder, "." and ".." left out.
+std::vector<std::string> NamesIn(int folder, const std::string& shown) {
+    const int copy = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* listing = copy >= 0 ? fdopendir(copy) : nullptr;
+    if (!listing) {
+        if (copy >= 0) close(copy);
+        Fail("list the folder", shown);
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(listing)) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") names.push_back(name);
+    }
+    closedir(listing);
+    return names;
+}
+
+// Removes `name` from `folder`, a folder with everything beneath it; a
+// link is removed itself, never followed.
+void RemoveEntry(int folder, const std::string& name, const std::string& shown) {
+    struct stat info;
+    if (fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) Fail("look at", shown);
+    if (S_ISDIR(info.st_mode)) {
+        const Fd inner = OpenFolder(folder, name, shown, false);
+        for (const std::string& child : NamesIn(inner.get(), shown)) RemoveEntry(inner.get(), child, shown + "/" + child);
+    }
+    if (unlinkat(folder, name.c_str(), S_ISDIR(info.st_mode) ? AT_REMOVEDIR : 0) != 0) Fail("remove", shown);
+}
+
+// Removes what `kept` does not hold from the folder at `relative` ("" the
+// root), descending into the folders it holds.
+void RemoveOthers(int folder, const std::string& relative, const std::string& shown,
+                  const std::set<std::string>& kept, std::vector<std::string>& removed) {
+    for (const std::string& name : NamesIn(folder, shown)) {
+        const std::string path = relative.empty() ? name : relative + "/" + name;
+        struct stat info;
+        if (fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) Fail("look at", shown + "/" + name);
+        if (!kept.count(path)) {
+            RemoveEntry(folder, name, shown + "/" + name);
+            removed.push_back(path);
+        } else if (S_ISDIR(info.st_mode)) {
+            const Fd inner = OpenFolder(folder, name, shown + "/" + name, false);
+            RemoveOthers(inner.get(), path, shown + "/" + name, kept, removed);
+        }
+    }
+}
+
+}  // namespace
+
+// The entry at the path, every folder on the way opened without following
+// links; false when something on the way is missing or not a folder.
+bool Destination::Handle::Look(const std::string& rootText, const std::string& relativePath, struct stat& info,
+                               Fd* parent) const {
+    const std::vector<std::string> components = Split(relativePath, '/');
+    Fd folder(fcntl(root.get(), F_DUPFD_CLOEXEC, 0));
+    std::string shown = rootText;
+    for (size_t i = 0; i < components.size(); ++i) {
+        shown += "/" + components[i];
+        if (fstatat(folder.get(), components[i].c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
+        if (i + 1 == components.size()) break;
+        if (!S_ISDIR(info.st_mode)) return false;
+        folder = Fd(openat(folder.get(), components[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (folder.get() < 0) return false;
+    }
+    if (parent) *parent = std::move(folder);
+    return true;
+}
+
+std::optional<repo::ExistingEntry> Destination::Existing(const std::string& relativePath) const {
+    struct stat info;
+    if (!handle_->Look(root_, relativePath, info, nullptr)) return std::nullopt;
+    repo::ExistingEntry entry;
+    entry.folder = S_ISDIR(info.st_mode);
+    entry.regularFile = S_ISREG(info.st_mode);
+    entry.size = static_cast<uint64_t>(info.st_size);
+    entry.modifiedNs = int64_t{info.st_mtim.tv_sec} * 1000000000 + info.st_mtim.tv_nsec;
+    return entry;
+}
+
+std::unique_ptr<repo::ExistingFile> Destination::OpenExisting(const std::string& relativePath) const {
+    struct stat info;
+    Fd folder;
+    if (!handle_->Look(root_, relativePath, info, &folder) || !S_ISREG(info.st_mode)) return nullptr;
+    const std::string leaf = Split(relativePath, '/').back();
+    Fd file(openat(folder.get(), leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (file.get() < 0) return nullptr;
+    return std::make_unique<PosixExistingFile>(std::move(file));
+}
+
+std::vector<std::string> Destination::RemoveAllBut(const std::set<std::string>& kept) {
+    std::vector<std::string> removed;
+    RemoveOthers(handle_->root.get(), "", root_, kept, removed);
+    std::sort(removed.begin(), removed.end());
+    return removed;
 }
 
 void Destination::Note(const std::string& text) {

@@ -7,6 +7,9 @@
 // writers while a restore runs.
 #include <windows.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <random>
 #include <vector>
 
@@ -205,6 +208,90 @@ void Destination::MakeHardLink(const std::string& relativePath, const std::strin
     ParentOf(root_, relativePath, true, leaf, shown);
     ParentOf(root_, existing, false, existingLeaf, existingShown);
     if (!CreateHardLinkW(Wide(shown).c_str(), Wide(existingShown).c_str(), nullptr)) Fail("create the link", shown);
+}
+
+namespace {
+
+class Win32ExistingFile : public repo::ExistingFile {
+public:
+    explicit Win32ExistingFile(const std::string& path) : in_(PathOf(path), std::ios::binary) {}
+    bool good() const { return in_.good(); }
+    size_t ReadAt(uint64_t offset, void* data, size_t size) override {
+        in_.clear();
+        in_.seekg(static_cast<std::streamoff>(offset));
+        in_.read(static_cast<char*>(data), static_cast<std::streamsize>(size));
+        return static_cast<size_t>(in_.gcount());
+    }
+
+private:
+    std::ifstream in_;
+};
+
+// Whether a folder on the way to the entry is missing, a file, or a link or junction.
+bool BlockedOnTheWay(const std::string& root, const std::string& relativePath) {
+    std::string path = root;
+    const std::vector<std::string> components = Split(relativePath, '/');
+    for (size_t i = 0; i + 1 < components.size(); ++i) {
+        path = JoinPath(path, components[i]);
+        const DWORD attributes = AttributesOf(path);
+        if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_REPARSE_POINT) ||
+            !(attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void RemoveOthers(const std::string& folder, const std::string& relative, const std::set<std::string>& kept,
+                  std::vector<std::string>& removed) {
+    std::vector<std::filesystem::path> entries;
+    for (const auto& entry : std::filesystem::directory_iterator(PathOf(folder))) entries.push_back(entry.path());
+    for (const std::filesystem::path& entry : entries) {
+        const std::string name = entry.filename().u8string();
+        const std::string path = relative.empty() ? name : relative + "/" + name;
+        const DWORD attributes = AttributesOf(JoinPath(folder, name));
+        const bool realFolder = (attributes & FILE_ATTRIBUTE_DIRECTORY) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT);
+        if (!kept.count(path)) {
+            std::filesystem::remove_all(entry);  // removes a link or junction itself
+            removed.push_back(path);
+        } else if (realFolder) {
+            RemoveOthers(JoinPath(folder, name), path, kept, removed);
+        }
+    }
+}
+
+}  // namespace
+
+std::optional<repo::ExistingEntry> Destination::Existing(const std::string& relativePath) const {
+    if (BlockedOnTheWay(root_, relativePath)) return std::nullopt;
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (!GetFileAttributesExW(Wide(JoinPath(root_, relativePath)).c_str(), GetFileExInfoStandard, &data)) {
+        return std::nullopt;
+    }
+    repo::ExistingEntry entry;
+    const bool link = data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT;
+    entry.folder = !link && (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
+    entry.regularFile = !link && !entry.folder;
+    entry.size = (uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
+    const int64_t ticks = static_cast<int64_t>((uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) |
+                                               data.ftLastWriteTime.dwLowDateTime);
+    entry.modifiedNs = (ticks - kEpochDifference100ns) * 100;
+    return entry;
+}
+
+std::unique_ptr<repo::ExistingFile> Destination::OpenExisting(const std::string& relativePath) const {
+    const std::optional<repo::ExistingEntry> existing = Existing(relativePath);
+    if (!existing || !existing->regularFile) return nullptr;
+    auto file = std::make_unique<Win32ExistingFile>(JoinPath(root_, relativePath));
+    if (!file->good()) return nullptr;
+    return file;
+}
+
+std::vector<std::string> Destination::RemoveAllBut(const std::set<std::string>& kept) {
+    std::vector<std::string> removed;
+    RemoveOthers(root_, "", kept, removed);
+    std::sort(removed.begin(), removed.end());
+    return removed;
 }
 
 void Destination::Note(const std::string& text) {

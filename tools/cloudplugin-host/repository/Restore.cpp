@@ -1,7 +1,10 @@
 #include "repository/Restore.h"
 
+#include "repository/RestoreChoices.h"
+
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "util/ParallelRunner.h"
 #include "util/Error.h"
@@ -41,6 +44,8 @@ public:
         : repository_(repository), index_(index), options_(options), sink_(target, std::move(plan)) {}
 
     RestoreReport Run(bool writing);
+    // Reads back every file restored (not damaged): those unlike their chunks.
+    std::vector<RestoreProblem> ReadBack(const RestoreTarget& target, const std::vector<RestoreProblem>& damaged);
 
 private:
     void Plan();
@@ -132,6 +137,21 @@ void RestoreRun::Plan() {
     }
 }
 
+std::vector<RestoreProblem> RestoreRun::ReadBack(const RestoreTarget& target,
+                                                const std::vector<RestoreProblem>& damaged) {
+    std::set<std::string> skip;
+    for (const RestoreProblem& problem : damaged) skip.insert(problem.file);
+    std::vector<RestoreProblem> mismatched;
+    for (const RestoreEntry& file : sink_.files()) {
+        if (skip.count(file.relativePath)) continue;
+        const std::unique_ptr<ExistingFile> opened = target.OpenExisting(file.relativePath);
+        std::string why = opened ? CompareWithChunks(*opened, file.node, index_, repository_.keys().mac)
+                                 : "it cannot be read back";
+        if (!why.empty()) mismatched.push_back({file.relativePath, "", why});
+    }
+    return mismatched;
+}
+
 void RestoreRun::RestoreRange(const Range& range, Bytes& buffer, Bytes& plain, Progress& progress) {
     const std::string pack = repository_.layout().Pack(range.pack);
     std::string problem;
@@ -183,9 +203,22 @@ void Place(RestorePlan& plan, std::map<std::pair<uint64_t, uint64_t>, size_t>& n
     }
 }
 
+bool Selected(const RestoreSelection& selection, const std::string& snapshotPath) {
+    if (selection.excludes.Match(snapshotPath)) return false;
+    return selection.includes.empty() || selection.includes.Match(snapshotPath);
+}
+
+// "a/b/c" adds "a" and "a/b"; "a/b/" adds "a" and "a/b".
+void AddFoldersAbove(std::set<std::string>& folders, const std::string& path) {
+    for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        folders.insert(path.substr(0, slash));
+    }
+}
+
 }  // namespace
 
-RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std::string& subPath) {
+RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std::string& subPath,
+                        const RestoreSelection& selection) {
     std::string sub = subPath;
     while (!sub.empty() && sub.back() == '/') sub.pop_back();
     while (!sub.empty() && sub.front() == '/') sub.erase(0, 1);
@@ -196,23 +229,46 @@ RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std:
         const std::optional<Node> node = FindNode(reader, snapshot.tree, sub);
         if (!node) throw Error(ErrorKind::NotFound, "the snapshot holds nothing at " + subPath);
         if (!node->IsFolder()) {
-            Place(plan, names, node->name, *node);
+            if (Selected(selection, "/" + sub)) Place(plan, names, node->name, *node);
             return plan;
         }
         root = node->subtree;
     }
+    const std::string base = sub.empty() ? "/" : "/" + sub + "/";
+    std::vector<RestoreEntry> folders;
+    std::set<std::string> wanted;  // the folders on the way to what is taken
     WalkTree(reader, root, [&](const std::string& path, const Node& node) {
-        Place(plan, names, path, node);
+        if (selection.excludes.Match(base + path)) return false;
+        const bool included = selection.includes.empty() || selection.includes.Match(base + path);
+        if (node.IsFolder()) {
+            folders.push_back({path, node});
+            if (included) AddFoldersAbove(wanted, path + "/");
+            return true;
+        }
+        if (included) {
+            Place(plan, names, path, node);
+            AddFoldersAbove(wanted, path);
+        }
         return true;
     });
+    for (RestoreEntry& folder : folders) {
+        if (wanted.count(folder.relativePath)) plan.folders.push_back(std::move(folder));
+    }
     return plan;
 }
 
 RestoreReport RunRestore(Repository& repository, const MasterIndex& index, const Snapshot& snapshot,
                          RestoreTarget* target, const RestoreOptions& options) {
     TreeReader reader(repository, index);
-    RestorePlan plan = PlanRestore(reader, snapshot, options.subPath);
-    return RestoreRun(repository, index, std::move(plan), target, options).Run(target != nullptr);
+    RestorePlan plan = PlanRestore(reader, snapshot, options.subPath, options.selection);
+    const std::set<std::string> held = PlannedPaths(plan);
+    const size_t skipped = target ? LeaveExisting(plan, *target, options, index, repository.keys().mac) : 0;
+    RestoreRun run(repository, index, std::move(plan), target, options);
+    RestoreReport report = run.Run(target != nullptr);
+    report.skipped = skipped;
+    if (target && options.verify) report.mismatched = run.ReadBack(*target, report.damaged);
+    if (target && options.deleteOthers) report.removed = target->RemoveAllBut(held);
+    return report;
 }
 
 }  // namespace qvhost::repo

@@ -14,6 +14,7 @@
 
 #include "repository/RestoreSink.h"
 #include "repository/TreeReader.h"
+#include "util/Pattern.h"
 #include "util/Progress.h"
 #include "repository/Repository.h"
 
@@ -24,10 +25,31 @@ namespace qvhost::repo {
 // holds a span and a blob natively and a slice in the JVM.
 constexpr uint64_t kRestoreRangeBytes = 8u << 20;
 
+// Which entries a restore takes, by their path in the snapshot ("/docs/a.txt",
+// as ls and find show it). An excluded folder takes its whole subtree with
+// it; with includes, only what an include matches (a folder matched takes
+// its subtree), and the folders on the way to it.
+struct RestoreSelection {
+    PatternList includes;  // empty: everything
+    PatternList excludes;
+};
+
+// What a restore does with an entry that exists where it restores one.
+enum class OverwriteMode {
+    Always,     // replaces it
+    IfChanged,  // skips a file of the same size and modification time, without reading its chunks
+    IfNewer,    // replaces it only when the snapshot's modification time is newer
+    Never,      // leaves it alone
+};
+
 struct RestoreOptions {
     unsigned jobs = 4;
     std::string subPath;  // empty: the whole snapshot
     ProgressSink* progress = nullptr;  // none: nothing is shown
+    RestoreSelection selection;
+    OverwriteMode overwrite = OverwriteMode::IfChanged;
+    bool verify = false;        // reads back every file written (and every file skipped as unchanged)
+    bool deleteOthers = false;  // removes from the target what the restore does not hold
 };
 
 struct RestoreReport {
@@ -39,13 +61,17 @@ struct RestoreReport {
     std::vector<RestoreProblem> damaged;  // sorted by file
     std::vector<std::string> setIdDropped;
     std::vector<std::string> notes;  // what the target could not keep
+    size_t skipped = 0;  // existing entries left as they were
+    std::vector<RestoreProblem> mismatched;  // read back unlike their chunks (--verify)
+    std::vector<std::string> removed;  // what deleteOthers removed
 };
 
 // What a restore of `subPath` (empty: the whole snapshot) makes: a folder's
 // entries relative to it, a file under its own name. Other names of the
 // same file (hard links with the same content) become links to its first
 // name. Throws Error (not found) when nothing lies at `subPath`.
-RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std::string& subPath);
+RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std::string& subPath,
+                        const RestoreSelection& selection = {});
 
 // With a target, a restore; without, a read-back. Throws Error for
 // what stops the whole restore (a plug-in failure other than a missing

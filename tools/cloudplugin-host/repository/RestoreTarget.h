@@ -9,6 +9,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,22 @@ public:
     // Sets the file's size, mode (set-user-ID and set-group-ID never),
     // owner, extended attributes and times, then moves it into place.
     virtual void Commit(const Node& metadata) = 0;
+};
+
+// An entry found where a restore would make one.
+struct ExistingEntry {
+    bool folder = false;
+    bool regularFile = false;  // neither: a link, a FIFO, a device, a socket
+    uint64_t size = 0;
+    int64_t modifiedNs = 0;
+};
+
+// Reads a file that exists in the target.
+class ExistingFile {
+public:
+    virtual ~ExistingFile() = default;
+    // Up to `size` bytes at `offset`; fewer only at the end of the file.
+    virtual size_t ReadAt(uint64_t offset, void* data, size_t size) = 0;
 };
 
 class RestoreTarget {
@@ -50,6 +68,16 @@ public:
     // Whether entries get their recorded owners (a POSIX restore as root):
     // only then are set-user-ID and set-group-ID bits restored.
     virtual bool KeepsOwners() const { return false; }
+
+    // What lies at the path, never following a link; none when nothing does
+    // (or a link or a file stands on the way).
+    virtual std::optional<ExistingEntry> Existing(const std::string& relativePath) const = 0;
+    // The regular file at the path, opened without following a link; none
+    // when there is no such file.
+    virtual std::unique_ptr<ExistingFile> OpenExisting(const std::string& relativePath) const = 0;
+    // Removes every entry whose path is not in `kept` (a folder with all
+    // beneath it), never following a link; answers what it removed.
+    virtual std::vector<std::string> RemoveAllBut(const std::set<std::string>& kept) = 0;
 };
 
 }  // namespace qvhost::repo
