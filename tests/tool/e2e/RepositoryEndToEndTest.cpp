@@ -479,4 +479,33 @@ TEST_F(RepositoryToolTest, ADamagedIndexAndALostPackAreRepaired) {
     EXPECT_FALSE(fs::exists(Folder("after/sub/lost.bin")));
 }
 
+TEST_F(RepositoryToolTest, ARestoreIntoTheExistingFolderLeavesWhatIsUnchangedAndRemovesTheRest) {
+    WriteFile(Folder("source/docs/a.txt"), Bytes(300000, 11));
+    WriteFile(Folder("source/docs/b.log"), Bytes(300000, 12));
+    WriteFile(Folder("source/keep/c.txt"), Bytes(300000, 13));
+    BackupOk(Folder("source"));
+    ASSERT_EQ(Repo({"restore", "latest", Folder("dest"), "--include", "/docs"}).status, 0);
+    EXPECT_FALSE(fs::exists(Folder("dest/keep")));
+
+    WriteFile(Folder("dest/docs/a.txt"), "edited");
+    WriteFile(Folder("dest/stray/file"), "not in the snapshot");
+    const ToolRun again = Repo({"restore", "latest", Folder("dest"), "--exclude", "*.log", "--overwrite",
+                                "if-changed", "--delete", "--verify"});
+    ASSERT_EQ(again.status, 0) << again.err;
+    EXPECT_EQ(Member(again.out, "files"), "2") << again.out;  // a.txt edited, keep/c.txt new
+    EXPECT_NE(again.out.find("\"removed\":[\"docs/b.log\",\"stray\"]"), std::string::npos) << again.out;
+    EXPECT_EQ(ReadFile(Folder("dest/docs/a.txt")), Bytes(300000, 11));
+    EXPECT_EQ(ReadFile(Folder("dest/keep/c.txt")), Bytes(300000, 13));
+    EXPECT_FALSE(fs::exists(Folder("dest/stray")));
+
+    const ToolRun unchanged = Repo({"restore", "latest", Folder("dest"), "--exclude", "*.log", "--verify"});
+    ASSERT_EQ(unchanged.status, 0) << unchanged.err;
+    EXPECT_EQ(Member(unchanged.out, "files"), "0") << unchanged.out;
+    EXPECT_EQ(Member(unchanged.out, "skipped"), "2") << unchanged.out;
+    // A bare --overwrite (last, or before another option) is always, as before.
+    const ToolRun bare = Repo({"restore", "latest", Folder("dest"), "--exclude", "*.log", "--overwrite"});
+    ASSERT_EQ(bare.status, 0) << bare.err;
+    EXPECT_EQ(Member(bare.out, "files"), "2") << bare.out;
+}
+
 }  // namespace e2e

@@ -134,7 +134,7 @@ void AddRestoreCommand(CommandTable& table) {
          "with --include only what an include matches is restored, with the folders on the way to it.\n\nWhat exists "
          "in DEST_DIR is replaced as --overwrite says: always; if-changed (the default: a file of the same size and "
          "modification time is left without reading its chunks); if-newer (only when the snapshot's file is newer); "
-         "never. A bare --overwrite is always. --delete then removes from DEST_DIR what the snapshot (as chosen) "
+         "never. A bare --overwrite (last, or before another option) is always. --delete then removes from DEST_DIR what the snapshot (as chosen) "
          "does not hold, never following a link; --verify reads every file written back against its chunk "
          "hashes (and a file left as unchanged before it is left), names each that differs (MISMATCH ...) and "
          "exits 1. To bring an existing folder to a snapshot: --overwrite if-changed --delete.\n\nA restore refuses any "
@@ -147,10 +147,11 @@ void AddRestoreCommand(CommandTable& table) {
     command->add_option("DEST_DIR", options->destination, "the folder to restore into")->required();
     command
         ->add_option("--overwrite", options->overwrite,
-                     "MODE: always, if-changed (default; same size and time: left), if-newer or never; bare: always")
+                     "MODE: always, if-changed (default; same size and time: left), if-newer or never; bare (last): always")
         ->expected(0, 1)
         ->default_str("always")
-        ->check(CLI::IsMember({"always", "if-changed", "if-newer", "never"}));
+        ->check(CLI::IsMember({"always", "if-changed", "if-newer", "never"}).description(""))
+        ->type_name("MODE");
     command->add_option("--include", options->includes, "restore only what matches PATTERN (repeatable)")
         ->type_name("PATTERN")
         ->allow_extra_args(false);
