@@ -275,9 +275,20 @@ std::string FaultProxy::ConnectionString(const std::string& container, const std
            (extra.empty() ? "" : ";" + extra);
 }
 
+// The proxy logs a request once it is done with it, which may be a moment
+// after the tool saw the answer and ended: the log is read again until it
+// has not grown for a quarter of a second (at most three seconds).
 std::vector<std::string> FaultProxy::Requests() const {
+    std::string text = ReadWhole(folder_ + "/requests.log");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        std::string again = ReadWhole(folder_ + "/requests.log");
+        if (again == text) break;
+        text = std::move(again);
+    }
     std::vector<std::string> lines;
-    std::istringstream in(ReadWhole(folder_ + "/requests.log"));
+    std::istringstream in(text);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }

@@ -197,6 +197,14 @@ bool LocalSource::ReadNode(const std::string& full, const std::string& relative,
         listing.skipped.push_back({relative, "its path " + why + ", which a restore would refuse", true});
         return false;
     }
+    FillFromStatus(info, node);
+    if (node.type == NodeType::Link && !ReadLink(full, relative, info, node, listing)) return false;
+    ReadOwner(node);
+    ReadXattrs(full, relative, node, listing);
+    return true;
+}
+
+void LocalSource::FillFromStatus(const struct stat& info, Node& node) {
     node.mode = static_cast<uint32_t>(info.st_mode) & 07777;
     node.modifiedNs = Nanoseconds(info.st_mtim);
     // Reading a link's text sets its access time, so a link's is not kept:
@@ -216,21 +224,21 @@ bool LocalSource::ReadNode(const std::string& full, const std::string& relative,
     if (node.type == NodeType::CharDevice || node.type == NodeType::BlockDevice) {
         node.deviceNumber = static_cast<uint64_t>(info.st_rdev);
     }
-    if (node.type == NodeType::Link) {
-        std::string target(static_cast<size_t>(std::max<off_t>(info.st_size, 0)) + 1, '\0');
-        const ssize_t length = readlink(full.c_str(), &target[0], target.size());
-        if (length < 0 || static_cast<size_t>(length) >= target.size()) {
-            listing.skipped.push_back({relative, "cannot read the link: " + ErrnoText(), true});
-            return false;
-        }
-        node.linkTarget = target.substr(0, static_cast<size_t>(length));
-        if (std::string why = WhyLinkTargetIsRefused(node.linkTarget); !why.empty()) {
-            listing.skipped.push_back({relative, why, true});
-            return false;
-        }
+}
+
+bool LocalSource::ReadLink(const std::string& full, const std::string& relative, const struct stat& info, Node& node,
+                           repo::Listing& listing) {
+    std::string target(static_cast<size_t>(std::max<off_t>(info.st_size, 0)) + 1, '\0');
+    const ssize_t length = readlink(full.c_str(), &target[0], target.size());
+    if (length < 0 || static_cast<size_t>(length) >= target.size()) {
+        listing.skipped.push_back({relative, "cannot read the link: " + ErrnoText(), true});
+        return false;
     }
-    ReadOwner(node);
-    ReadXattrs(full, relative, node, listing);
+    node.linkTarget = target.substr(0, static_cast<size_t>(length));
+    if (std::string why = WhyLinkTargetIsRefused(node.linkTarget); !why.empty()) {
+        listing.skipped.push_back({relative, why, true});
+        return false;
+    }
     return true;
 }
 

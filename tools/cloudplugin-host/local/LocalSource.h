@@ -14,6 +14,8 @@
 // reported as not backed up.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <map>
 #include <memory>
 #include <set>
@@ -53,6 +55,11 @@ private:
     // Fills `node` from the entry at `full`; answers false (with the reason
     // in `listing`) when it is left out.
     bool ReadNode(const std::string& full, const std::string& relative, repo::Node& node, repo::Listing& listing);
+    static void FillFromStatus(const struct stat& info, repo::Node& node);
+    // The link's text; false (with the reason in `listing`) when it cannot
+    // be read or a restore would refuse it.
+    static bool ReadLink(const std::string& full, const std::string& relative, const struct stat& info,
+                         repo::Node& node, repo::Listing& listing);
     void ReadOwner(repo::Node& node);
     void ReadXattrs(const std::string& full, const std::string& relative, repo::Node& node, repo::Listing& listing);
 

@@ -179,8 +179,6 @@ void BackupRun::WalkFolder(size_t folder, const std::vector<Id>& parentTrees, Tr
 void BackupRun::Compare(size_t folder, size_t index, const Node* was) {
     Node& node = folders_[folder].nodes[index];
     const std::string path = folders_[folder].path.empty() ? node.name : folders_[folder].path + "/" + node.name;
-    ++files_;
-    bytes_ += node.size;
     if (was && SameFile(*was, node) &&
         std::all_of(was->content.begin(), was->content.end(), [this](const Id& id) { return index_.Has(id); })) {
         node.content = was->content;
@@ -226,7 +224,11 @@ void BackupRun::EncodeTrees() {
         kept.reserve(entry.nodes.size());
         for (Node& node : entry.nodes) {
             const std::string path = entry.path.empty() ? node.name : entry.path + "/" + node.name;
-            if (node.type == NodeType::File && unreadable_.count(path)) continue;
+            if (node.type == NodeType::File) {
+                if (unreadable_.count(path)) continue;
+                ++files_;  // what the snapshot holds, not what was listed
+                bytes_ += node.size;
+            }
             kept.push_back(std::move(node));
         }
         for (const Bytes& plain : EncodeTree(kept)) StoreTree(plain, entry.trees);
