@@ -41,7 +41,18 @@ TEST(Index, ACountLargerThanTheObjectIsDamageNotAnAllocation) {
     const MasterKeys keys = MasterKeys::Random();
     Bytes plain;
     ByteWriter writer(plain);
+    // GCC 12 at -O2 and above reports a write "into a region of size 0"
+    // inside libstdc++'s vector range insert of these 8 bytes into the empty
+    // vector: a known false positive of -Wstringop-overflow (GCC's meta-bug
+    // 88443 gathers them). Silenced for this one call only.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstringop-overflow"
+#endif
     writer.Raw(reinterpret_cast<const uint8_t*>("CPHIDX01"), 8);
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
     writer.U32(0xFFFFFFFFu);
     const Bytes sealed = SealObject(keys, "index", plain);
     EXPECT_EQ(KindOf([&] { DecodeIndex(keys, sealed, "i"); }), ErrorKind::Damaged);
