@@ -4,6 +4,9 @@
 #                            (AZURITE_BIN, when set, names another one)
 #   azurite_start FOLDER     starts it on a free loopback port with in-memory
 #                            storage; sets AZURITE_PID and AZURITE_PORT
+#                            (with AZURITE_TIME_LIMIT set, e.g. 4h, it ends by
+#                            itself after that long; AZURITE_PID is then the
+#                            pid of the `timeout` that runs it)
 #   azurite_stop             stops it
 #   azurite_connection NAME  the connection string of its development account
 #                            for container NAME
@@ -26,22 +29,41 @@ azurite_executable() {
 # True when nothing listens on the loopback port.
 port_is_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
+# A loopback port nothing listens on, drawn at random below the kernel's
+# range of outgoing ports, so that several Azurites started at once (test
+# runs side by side on one machine) seldom try the same one.
+azurite_free_port() {
+  local port
+  for _ in $(seq 1 100); do
+    port=$((20000 + RANDOM % 12000))
+    port_is_free "$port" && { echo "$port"; return 0; }
+  done
+  return 1
+}
+
+# Another process may take the port between the check and Azurite's start;
+# Azurite then ends at once, and it is started again on another port.
 azurite_start() {
-  local folder port executable
+  local folder executable port limit=()
   folder="$(realpath -m "$1")"
   executable="$(realpath "$(azurite_executable)")"
   mkdir -p "$folder"
-  for port in $(seq 10000 10100); do
-    port_is_free "$port" && break
-  done
-  (cd "$folder" && exec "$executable" --blobHost 127.0.0.1 --blobPort "$port" \
-    --inMemoryPersistence --disableTelemetry --skipApiVersionCheck --silent >"$folder/azurite.log" 2>&1) &
-  AZURITE_PID=$!
-  AZURITE_PORT=$port
-  for _ in $(seq 1 300); do
-    port_is_free "$port" || return 0
-    kill -0 "$AZURITE_PID" 2>/dev/null || break
-    sleep 0.1
+  [ -n "${AZURITE_TIME_LIMIT:-}" ] && limit=(timeout "$AZURITE_TIME_LIMIT")
+  for _ in 1 2 3; do
+    port=$(azurite_free_port) || break
+    (cd "$folder" && exec "${limit[@]}" "$executable" --blobHost 127.0.0.1 --blobPort "$port" \
+      --inMemoryPersistence --disableTelemetry --skipApiVersionCheck --silent) </dev/null >"$folder/azurite.log" 2>&1 &
+    AZURITE_PID=$!
+    AZURITE_PORT=$port
+    for _ in $(seq 1 600); do
+      kill -0 "$AZURITE_PID" 2>/dev/null || break
+      if ! port_is_free "$port"; then
+        kill -0 "$AZURITE_PID" 2>/dev/null && return 0
+        break
+      fi
+      sleep 0.1
+    done
+    azurite_stop
   done
   echo "Azurite did not start; see $folder/azurite.log" >&2
   return 1

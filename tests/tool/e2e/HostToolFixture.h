@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -67,8 +68,14 @@ inline size_t LineCount(const std::string& text) {
 class HostToolTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        // The test run's Azurite outlives this process, and process ids come
+        // round again within a run: a random part keeps each test's
+        // container its own.
         static int containers = 0;
-        container_ = "e2e-" + std::to_string(getpid()) + "-" + std::to_string(++containers);
+        static const unsigned salt = std::random_device{}();
+        char random[9];
+        std::snprintf(random, sizeof random, "%08x", salt);
+        container_ = "e2e-" + std::to_string(getpid()) + "-" + std::to_string(++containers) + "-" + random;
         logs_ = work_.PathUtf8() + "/logs";
     }
 

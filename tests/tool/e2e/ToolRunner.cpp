@@ -112,10 +112,24 @@ std::vector<std::string> WithTool(const std::vector<std::string>& arguments) {
     return all;
 }
 
+// The port of the test run's Azurite, or 0 when the test program runs
+// outside ctest and starts its own.
+int PortOfTheRunsAzurite() {
+    const char* file = std::getenv("QV_E2E_AZURITE_PORT_FILE");
+    if (!file || !*file) return 0;
+    int port = 0;
+    std::ifstream(file) >> port;
+    if (port <= 0)
+        throw std::runtime_error(std::string("no Azurite port in ") + file +
+                                 " (the fixture host_tool_azurite_start starts it; see its output)");
+    return port;
+}
+
 }  // namespace
 
 Azurite& Azurite::Shared() {
-    static Azurite azurite;
+    static const int port = PortOfTheRunsAzurite();
+    static Azurite azurite = port ? Azurite(Running{port}) : Azurite();
     return azurite;
 }
 

@@ -10,8 +10,10 @@
 namespace e2e {
 
 // A local Azurite blob service on a free loopback port with in-memory
-// storage; stopped when destroyed. Shared() is one for the whole test
-// program; a test that stops the service makes its own.
+// storage; stopped when destroyed. Shared() is the one the tests share:
+// under ctest the run's own (the fixture test host_tool_azurite_start
+// starts it; the file QV_E2E_AZURITE_PORT_FILE names holds its port), else
+// one this test program starts. A test that stops the service makes its own.
 class Azurite {
 public:
     // Plain http, or HTTPS with the key and certificate of a PKCS#12 file.
@@ -32,6 +34,11 @@ public:
     void Kill();
 
 private:
+    struct Running {
+        int port;
+    };
+    // One that another process started and stops: never stopped from here.
+    explicit Azurite(Running running) : port_(running.port) {}
     void Start(const std::vector<std::string>& tlsArguments);
 
     pid_t pid_ = -1;
