@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Builds and runs every test suite: the Linux debug build, the same suites
-# under AddressSanitizer and UndefinedBehaviorSanitizer, and the Windows
-# build under Wine. Fails when any suite fails. Pass preset names to run only
-# some of them (linux-debug, linux-asan, windows-mingw).
+# Builds and runs every test suite: the optimised Linux build (what the
+# packages ship), the same suites in a debug build under AddressSanitizer and
+# UndefinedBehaviorSanitizer, and the Windows build under Wine. Fails when
+# any suite fails. Pass preset names to run only some of them (linux-release,
+# linux-asan, windows-mingw, or linux-debug). Each step says how long it took.
 #
 # On a fresh Debian machine it first installs what is missing: the packages
 # of scripts/setup.sh (through sudo unless run as root) when any of them is
@@ -35,7 +36,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(linux-debug linux-asan windows-mingw)
+[ ${#presets[@]} -gt 0 ] || presets=(linux-release linux-asan windows-mingw)
 
 export WINEDEBUG=-all
 # A Wine prefix of the project's own, so that its D: drive is ours to map.
@@ -44,10 +45,12 @@ export WINEPREFIX="${WINEPREFIX:-$HOME/.cache/qvazure-wine}"
 # the build tree once (AZURITE_BIN may name another one).
 . scripts/azurite.sh
 azurite_install
+echo "==== set-up took ${SECONDS} s"
 
 failed=()
 for preset in "${presets[@]}"; do
   echo "==== ${preset}: configure and build"
+  SECONDS=0
   if [ "$preset" = windows-mingw ]; then
     # Make the Wine prefix once, before tests run side by side in it, keep
     # one Wine server for the whole run, and give Wine a D: drive so that the
@@ -64,13 +67,16 @@ for preset in "${presets[@]}"; do
     failed+=("$preset (build)")
     continue
   fi
+  echo "==== ${preset}: configured and built in ${SECONDS} s"
   echo "==== ${preset}: tests"
+  SECONDS=0
   repeat=()
   # Under Wine a test process now and then loses its connection to the Wine
   # server ("wine client error: recvmsg: Connection reset by peer") and dies
   # before running a line of the test; such a test is run once more.
   [ "$preset" = windows-mingw ] && repeat=(--repeat until-pass:2)
   ctest --preset "$preset" "${repeat[@]}" || failed+=("$preset (tests)")
+  echo "==== ${preset}: tests took ${SECONDS} s"
 done
 
 if [ ${#failed[@]} -gt 0 ]; then
