@@ -102,6 +102,20 @@ struct OperationTraits {
     const char16_t* endedLine = nullptr;
     JavaExceptionRule javaException = JavaExceptionRule::Clear;
 
+private:
+    // A copy of these traits with one member set: the frame every builder
+    // step shares. Defined before the steps that call it: Clang 14 does not
+    // evaluate a member template in a constant expression when its definition
+    // comes later in the class ("undefined function ... cannot be used in a
+    // constant expression").
+    template <typename T>
+    constexpr OperationTraits With(T OperationTraits::*member, T value) const {
+        OperationTraits copy = *this;
+        copy.*member = value;
+        return copy;
+    }
+
+public:
     // A null class of the plug-in object gives 40 (after `line`, when given).
     constexpr OperationTraits FailingWithoutClass(const char16_t* line = nullptr) const {
         return WithoutClass(MissingClassRule::Fail, line);
@@ -121,15 +135,6 @@ struct OperationTraits {
     // A Java exception thrown by the method stays pending for the conversion's null-result path.
     constexpr OperationTraits DescribingJavaExceptions() const {
         return With(&OperationTraits::javaException, JavaExceptionRule::DescribeOnNullResult);
-    }
-
-private:
-    // A copy of these traits with one member set: the frame every builder step shares.
-    template <typename T>
-    constexpr OperationTraits With(T OperationTraits::*member, T value) const {
-        OperationTraits copy = *this;
-        copy.*member = value;
-        return copy;
     }
 };
 
