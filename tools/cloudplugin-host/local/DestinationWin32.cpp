@@ -299,7 +299,8 @@ void Destination::Note(const std::string& text) {
     notes_.push_back(text);
 }
 
-bool Destination::KeepsOwners() const { return false;  // owners are not restored on Windows }
+// Owners are not restored on Windows.
+bool Destination::KeepsOwners() const { return false; }
 
 std::vector<std::string> Destination::TakeNotes() {
     std::lock_guard<std::mutex> lock(notesMutex_);
