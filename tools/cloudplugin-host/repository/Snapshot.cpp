@@ -265,8 +265,11 @@ std::vector<Id> TreesOfV1(const MasterKeys& keys, std::vector<Placed> entries, s
     if (!why.empty()) Damaged(what + " is damaged: the entry '" + Printable(path) + "' " + why);
     std::map<std::string, std::vector<Node>> folders;  // folder path -> its entries
     folders[""];
-    for (Placed& entry : entries) {
-        for (std::string folder = entry.folder; !folders.count(folder); folder = FolderOf(folder)) {
+    // By index: the folders on the way are appended to the list as they are
+    // found, which moves its elements.
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const std::string entryFolder = entries[i].folder;
+        for (std::string folder = entryFolder; !folders.count(folder); folder = FolderOf(folder)) {
             folders[folder];
             Node implicit;
             implicit.name = NameOf(folder);
@@ -275,6 +278,7 @@ std::vector<Id> TreesOfV1(const MasterKeys& keys, std::vector<Placed> entries, s
             implicit.implicit = true;
             entries.push_back({FolderOf(folder), implicit, folder});
         }
+        const Placed& entry = entries[i];
         if (entry.node.IsFolder()) folders[(entry.folder.empty() ? "" : entry.folder + "/") + entry.node.name];
     }
     for (Placed& entry : entries) folders[entry.folder].push_back(std::move(entry.node));
