@@ -173,7 +173,13 @@ TEST(Snapshot, MembersNothingReadsAreSkippedUnbuiltWhateverTheyHold) {
         const long peak = PeakKiBOfDecoding(keys, sealed);
         // A DOM of it would take some 28 bytes per byte of JSON (1.7 GiB).
         std::printf("peak beyond a child that decodes nothing: %ld KiB for %zu bytes of JSON\n", peak, junk.size());
+#if defined(__SANITIZE_ADDRESS__)
+        // AddressSanitizer keeps freed memory in quarantine: the peak is then
+        // what was allocated in all, not what was held at once.
+        EXPECT_LT(peak, 256L * 1024);
+#else
         EXPECT_LT(peak, 32L * 1024);
+#endif
     }
 }
 
