@@ -59,14 +59,14 @@ TEST(PatternFromResticsManual, TheExcludeFileExample) {
     // "*.c" on the command line, "*.go" and "foo/**/bar" in excludes.txt.
     PatternList list;
     for (const char* pattern : {"*.c", "*.go", "foo/**/bar"}) list.Add(PathPattern(pattern));
-    for (const char* path : {"/home/user/work/main.c", "/home/user/work/cmd/main.go", "/home/user/foo/x/y/z/bar",
+    for (const char* path : {"/home/user/project/main.c", "/home/user/project/cmd/main.go", "/home/user/foo/x/y/z/bar",
                              "/home/user/foo/bar/inside.txt"}) {
         EXPECT_NE(list.Match(path), nullptr) << path;
     }
-    for (const char* path : {"/home/user/work/main.cpp", "/home/user/work/go.mod", "/home/user/bar/foo"}) {
+    for (const char* path : {"/home/user/project/main.cpp", "/home/user/project/go.mod", "/home/user/bar/foo"}) {
         EXPECT_EQ(list.Match(path), nullptr) << path;
     }
-    EXPECT_EQ(list.Match("/home/user/work/main.c")->text(), "*.c");
+    EXPECT_EQ(list.Match("/home/user/project/main.c")->text(), "*.c");
 }
 
 TEST(PatternFromResticsManual, ANegationTakesBackAMatchButNotThatOfAFolderAbove) {
