@@ -8,22 +8,13 @@
 namespace e2e {
 namespace {
 
-class CommandLineTest : public HostToolTest {
+class CommandLineTest : public RepositoryHostToolTest {
 protected:
     void SetUp() override {
-        HostToolTest::SetUp();
-        passwordFile_ = Folder("password");
-        WriteFile(passwordFile_, "a password\n");
-        const ToolRun init = Repo({"init", "--kdf-memory", "1M", "--pack-size", "1M"});
-        ASSERT_EQ(init.status, 0) << init.err;
+        RepositoryHostToolTest::SetUp();
         source_ = Folder("source");
         WriteFile(source_ + "/a.txt", "alpha");
         WriteFile(source_ + "/b.bin", Bytes(300000, 7));
-    }
-
-    ToolRun Repo(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"--password-file", passwordFile_});
-        return Tool(std::move(arguments));
     }
 
     std::vector<std::string> SnapshotIds(const std::vector<std::string>& filter = {}) {
@@ -40,12 +31,9 @@ protected:
     }
 
     std::string BackupAs(const std::string& host, const std::string& tag) {
-        const ToolRun run = Repo({"backup", source_, "--host", host, "--tag", tag});
-        EXPECT_EQ(run.status, 0) << run.err;
-        return Unquoted(Member(run.out, "snapshot"));
+        return BackupSnapshot(source_, {"--host", host, "--tag", tag});
     }
 
-    std::string passwordFile_;
     std::string source_;
 };
 

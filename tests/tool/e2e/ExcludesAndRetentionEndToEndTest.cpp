@@ -33,29 +33,8 @@ std::vector<std::string> Sorted(std::vector<std::string> items) {
     return items;
 }
 
-class NightlyJobTest : public HostToolTest {
+class NightlyJobTest : public RepositoryHostToolTest {
 protected:
-    void SetUp() override {
-        HostToolTest::SetUp();
-        passwordFile_ = Folder("password");
-        WriteFile(passwordFile_, "nightly secret\n");
-        const ToolRun init = Repo({"init", "--kdf-memory", "1M", "--pack-size", "1M"});
-        ASSERT_EQ(init.status, 0) << init.err;
-    }
-
-    ToolRun Repo(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"--password-file", passwordFile_});
-        return Tool(std::move(arguments));
-    }
-
-    // The same without --json: what a user reads.
-    ToolRun RepoText(std::vector<std::string> arguments) {
-        std::vector<std::string> all = {"--connection", Azurite::Shared().ConnectionString(container_), "--log-folder",
-                                        logs_, "--password-file", passwordFile_};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return RunTool(all);
-    }
-
     // A developer's home folder; answers the files a backup with the
     // excludes of Options() keeps.
     std::vector<std::string> MakeHome() {
@@ -88,7 +67,6 @@ protected:
                 "--exclude-larger-than", "2M", "--iexclude", "*.tmp", "-x"};
     }
 
-    std::string passwordFile_;
     std::string home_;
     std::string excludeFile_;
 };

@@ -161,4 +161,44 @@ protected:
     std::string logs_;
 };
 
+// A test with an encrypted repository of its own (small packs, a cheap key
+// derivation) in its container.
+class RepositoryHostToolTest : public HostToolTest {
+protected:
+    void SetUp() override {
+        HostToolTest::SetUp();
+        passwordFile_ = Folder("password");
+        WriteFile(passwordFile_, "a test's secret\n");
+        const ToolRun init = Repo({"init", "--kdf-memory", "1M", "--pack-size", "1M"});
+        ASSERT_EQ(init.status, 0) << init.err;
+    }
+
+    // A repository command, with --json.
+    ToolRun Repo(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--password-file", passwordFile_});
+        return Tool(std::move(arguments));
+    }
+
+    // A repository command's whole command line without --json: what a
+    // user reads, or the bytes dump writes.
+    std::vector<std::string> PlainArguments(const std::vector<std::string>& arguments) const {
+        std::vector<std::string> all = {"--connection", Azurite::Shared().ConnectionString(container_),
+                                        "--log-folder", logs_, "--password-file", passwordFile_};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return all;
+    }
+    ToolRun RepoText(const std::vector<std::string>& arguments) { return RunTool(PlainArguments(arguments)); }
+
+    // Backs up and answers the new snapshot's id.
+    std::string BackupSnapshot(const std::string& source, const std::vector<std::string>& extra = {}) {
+        std::vector<std::string> arguments = {"backup", source};
+        arguments.insert(arguments.end(), extra.begin(), extra.end());
+        const ToolRun run = Repo(arguments);
+        EXPECT_EQ(run.status, 0) << run.err;
+        return Unquoted(Member(run.out, "snapshot"));
+    }
+
+    std::string passwordFile_;
+};
+
 }  // namespace e2e

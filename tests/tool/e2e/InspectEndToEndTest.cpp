@@ -24,44 +24,11 @@ size_t Count(const std::string& text, const std::string& part) {
 
 }  // namespace
 
-class InspectToolTest : public HostToolTest {
-protected:
-    void SetUp() override {
-        HostToolTest::SetUp();
-        passwordFile_ = Folder("password");
-        WriteFile(passwordFile_, "inspect secret\n");
-        const ToolRun init = Repo({"init", "--kdf-memory", "1M", "--pack-size", "1M"});
-        ASSERT_EQ(init.status, 0) << init.err;
-    }
-
-    // With --json (as every run of the fixture).
-    ToolRun Repo(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"--password-file", passwordFile_});
-        return Tool(std::move(arguments));
-    }
-
-    // Without --json: what a user sees, or the bytes dump writes.
-    ToolRun Plain(const std::vector<std::string>& arguments) {
-        std::vector<std::string> all = {"--connection", Azurite::Shared().ConnectionString(container_),
-                                        "--log-folder", logs_, "--password-file", passwordFile_};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return RunTool(all);
-    }
-
-    std::string BackupOk(const std::string& source, const std::vector<std::string>& extra = {}) {
-        std::vector<std::string> arguments = {"backup", source};
-        arguments.insert(arguments.end(), extra.begin(), extra.end());
-        const ToolRun run = Repo(arguments);
-        EXPECT_EQ(run.status, 0) << run.err;
-        return Unquoted(Member(run.out, "snapshot"));
-    }
-
-    std::string passwordFile_;
-};
+class InspectToolTest : public RepositoryHostToolTest {};
 
 TEST_F(InspectToolTest, LsListsEveryEntryLongAndAsJsonLines) {
     const std::string source = MakeTree();
-    const std::string id = BackupOk(source);
+    const std::string id = BackupSnapshot(source);
     const ToolRun json = Repo({"ls", id.substr(0, 8)});
     ASSERT_EQ(json.status, 0) << json.err;
     const std::vector<std::string> lines = Lines(json.out);
@@ -73,22 +40,22 @@ TEST_F(InspectToolTest, LsListsEveryEntryLongAndAsJsonLines) {
     EXPECT_NE(json.out.find("\"mtime\":\"2009-02-13T23:31:30.123456789Z\""), std::string::npos) << "deep.bin's time";
     EXPECT_NE(json.out.find("\"link_target\":\"../a/b/c/deep.bin\""), std::string::npos);
 
-    const ToolRun folder = Plain({"ls", "latest", "/empty folder", "-l"});
+    const ToolRun folder = RepoText({"ls", "latest", "/empty folder", "-l"});
     ASSERT_EQ(folder.status, 0) << folder.err;
     const std::vector<std::string> entries = Lines(folder.out);
     ASSERT_EQ(entries.size(), 2u) << folder.out;
     EXPECT_EQ(entries[1].rfind("drwx------ ", 0), 0u) << entries[1];
     EXPECT_NE(entries[1].find(" /empty folder/private"), std::string::npos) << entries[1];
-    const ToolRun links = Plain({"ls", "latest", "links", "--long"});
+    const ToolRun links = RepoText({"ls", "latest", "links", "--long"});
     EXPECT_NE(links.out.find("/links/to-deep -> ../a/b/c/deep.bin"), std::string::npos) << links.out;
-    EXPECT_EQ(Plain({"ls", "latest", "/no such thing"}).status, 6);
+    EXPECT_EQ(RepoText({"ls", "latest", "/no such thing"}).status, 6);
 }
 
 TEST_F(InspectToolTest, FindNamesTheSnapshotsThatHoldAFile) {
     const std::string source = MakeTree();
-    const std::string first = BackupOk(source);
+    const std::string first = BackupSnapshot(source);
     fs::remove(source + "/many/file7");
-    const std::string second = BackupOk(source);
+    const std::string second = BackupSnapshot(source);
     const ToolRun both = Repo({"find", "file7", "deep.*"});
     ASSERT_EQ(both.status, 0) << both.err;
     EXPECT_EQ(Member(both.out, "hits"), "3");
@@ -99,19 +66,19 @@ TEST_F(InspectToolTest, FindNamesTheSnapshotsThatHoldAFile) {
     ASSERT_EQ(named.status, 0) << named.err;
     EXPECT_EQ(Member(named.out, "hits"), "1") << "only deep.bin is older: " << named.out;
     EXPECT_EQ(named.out.find(first), std::string::npos);
-    const ToolRun text = Plain({"find", "file7"});
+    const ToolRun text = RepoText({"find", "file7"});
     EXPECT_NE(text.out.find("snapshot " + first.substr(0, 8)), std::string::npos) << text.out;
     EXPECT_EQ(text.out.find("snapshot " + second.substr(0, 8)), std::string::npos) << text.out;
 }
 
 TEST_F(InspectToolTest, DumpWritesAFileAndAFolderAsATarThatTarExtracts) {
     const std::string source = MakeTree();
-    BackupOk(source);
-    const ToolRun file = Plain({"dump", "latest", "/big/several-parts.bin"});
+    BackupSnapshot(source);
+    const ToolRun file = RepoText({"dump", "latest", "/big/several-parts.bin"});
     ASSERT_EQ(file.status, 0) << file.err;
     EXPECT_TRUE(file.out == ReadFile(source + "/big/several-parts.bin"));
 
-    const ToolRun tar = Plain({"dump", "latest", "/"});
+    const ToolRun tar = RepoText({"dump", "latest", "/"});
     ASSERT_EQ(tar.status, 0) << tar.err;
     WriteFile(Folder("all.tar"), tar.out);
     fs::create_directories(Folder("extracted"));
@@ -127,7 +94,7 @@ TEST_F(InspectToolTest, DumpWritesAFileAndAFolderAsATarThatTarExtracts) {
 
 TEST_F(InspectToolTest, DumpOfADamagedFileStopsWithStatusOne) {
     WriteFile(Folder("source/noise.bin"), Bytes(600000, 5));
-    BackupOk(Folder("source"));
+    BackupSnapshot(Folder("source"));
     std::vector<std::string> packs;
     const std::string listing = Tool({"object", "list", "cloudplugin-host/data/"}).out;
     for (size_t at = listing.find("\"name\":\""); at != std::string::npos; at = listing.find("\"name\":\"", at + 1)) {
@@ -144,7 +111,7 @@ TEST_F(InspectToolTest, DumpOfADamagedFileStopsWithStatusOne) {
         damaged = true;
     }
     ASSERT_TRUE(damaged);
-    const ToolRun dump = Plain({"dump", "latest", "noise.bin"});
+    const ToolRun dump = RepoText({"dump", "latest", "noise.bin"});
     EXPECT_EQ(dump.status, 1) << dump.err;
     EXPECT_LT(dump.out.size(), 600000u);
     EXPECT_TRUE(dump.out == Bytes(600000, 5).substr(0, dump.out.size())) << "only good bytes before the failure";
@@ -155,8 +122,8 @@ TEST_F(InspectToolTest, DumpOfADamagedFileStopsWithStatusOne) {
 TEST_F(InspectToolTest, StatsCountRestoreSizeAndDeduplication) {
     WriteFile(Folder("source/a.bin"), Bytes(500000, 6));
     WriteFile(Folder("source/b/copy.bin"), Bytes(500000, 6));
-    BackupOk(Folder("source"));
-    BackupOk(Folder("source"));
+    BackupSnapshot(Folder("source"));
+    BackupSnapshot(Folder("source"));
     const ToolRun restore = Repo({"stats"});
     ASSERT_EQ(restore.status, 0) << restore.err;
     EXPECT_EQ(Member(restore.out, "mode"), "\"restore-size\"");
@@ -174,9 +141,9 @@ TEST_F(InspectToolTest, StatsCountRestoreSizeAndDeduplication) {
 TEST_F(InspectToolTest, TagRewritesSnapshotsAndSnapshotsShowsTheLatestOfEachGroup) {
     WriteFile(Folder("one/a.txt"), "a");
     WriteFile(Folder("two/b.txt"), "b");
-    const std::string first = BackupOk(Folder("one"));
-    BackupOk(Folder("two"));
-    const std::string third = BackupOk(Folder("one"));
+    const std::string first = BackupSnapshot(Folder("one"));
+    BackupSnapshot(Folder("two"));
+    const std::string third = BackupSnapshot(Folder("one"));
     const ToolRun tag = Repo({"tag", first.substr(0, 8), "--add", "keep,old", "--add", "x"});
     ASSERT_EQ(tag.status, 0) << tag.err;
     const std::string changed = Unquoted(Member(tag.out, "new"));

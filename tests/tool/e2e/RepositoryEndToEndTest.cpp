@@ -36,28 +36,8 @@ std::vector<std::string> ObjectNames(const std::string& listing) {
 
 }  // namespace
 
-class RepositoryToolTest : public HostToolTest {
+class RepositoryToolTest : public RepositoryHostToolTest {
 protected:
-    void SetUp() override {
-        HostToolTest::SetUp();
-        passwordFile_ = Folder("password");
-        WriteFile(passwordFile_, "nightly secret\n");
-        const ToolRun init = Repo({"init", "--kdf-memory", "1M", "--pack-size", "1M"});
-        ASSERT_EQ(init.status, 0) << init.err;
-    }
-
-    ToolRun Repo(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"--password-file", passwordFile_});
-        return Tool(std::move(arguments));
-    }
-
-    std::vector<std::string> StartArguments(std::vector<std::string> arguments) {
-        std::vector<std::string> all = {"--connection", Azurite::Shared().ConnectionString(container_),
-                                        "--log-folder", logs_, "--password-file", passwordFile_};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return all;
-    }
-
     // Backs up and answers the --json document.
     std::string BackupOk(const std::string& source) {
         const ToolRun run = Repo({"backup", source});
@@ -87,7 +67,6 @@ protected:
         return root;
     }
 
-    std::string passwordFile_;
 };
 
 TEST_F(RepositoryToolTest, ASecondBackupUploadsOnlyWhatChanged) {
@@ -272,8 +251,8 @@ TEST_F(RepositoryToolTest, TwoBackupsAtOnceBothSucceedAndBothRestore) {
     const std::string two = ManyFiles("two", 40);
     WriteFile(two + "/shared", Bytes(2 << 20, 1));  // the same content in both
     WriteFile(one + "/shared", Bytes(2 << 20, 1));
-    const pid_t first = StartTool(StartArguments({"backup", one}), Folder("first.txt"));
-    const pid_t second = StartTool(StartArguments({"backup", two}), Folder("second.txt"));
+    const pid_t first = StartTool(PlainArguments({"backup", one}), Folder("first.txt"));
+    const pid_t second = StartTool(PlainArguments({"backup", two}), Folder("second.txt"));
     EXPECT_EQ(WaitTool(first), 0) << ReadFile(Folder("first.txt"));
     EXPECT_EQ(WaitTool(second), 0) << ReadFile(Folder("second.txt"));
     const ToolRun check = Repo({"check", "--read-data"});
@@ -293,7 +272,7 @@ TEST_F(RepositoryToolTest, TwoBackupsAtOnceBothSucceedAndBothRestore) {
 
 TEST_F(RepositoryToolTest, PruneWhileABackupRunsDeletesNothingItNeeds) {
     const std::string source = ManyFiles("source", 300);
-    const pid_t backup = StartTool(StartArguments({"--jobs", "1", "backup", source}), Folder("progress.txt"));
+    const pid_t backup = StartTool(PlainArguments({"--jobs", "1", "backup", source}), Folder("progress.txt"));
     ASSERT_TRUE(WaitFor([&] { return ReadFile(Folder("progress.txt")).find("backup f2") != std::string::npos; }))
         << ReadFile(Folder("progress.txt"));
     const ToolRun prune = Repo({"prune"});
@@ -311,7 +290,7 @@ TEST_F(RepositoryToolTest, PruneWhileABackupRunsDeletesNothingItNeeds) {
 
 TEST_F(RepositoryToolTest, ABackupKilledOutrightLeavesGarbageThatTheNextBackupReusesAndPruneRemoves) {
     const std::string source = ManyFiles("source", 300);
-    const pid_t backup = StartTool(StartArguments({"--jobs", "1", "backup", source}), Folder("progress.txt"));
+    const pid_t backup = StartTool(PlainArguments({"--jobs", "1", "backup", source}), Folder("progress.txt"));
     ASSERT_TRUE(WaitFor([&] { return ReadFile(Folder("progress.txt")).find("backup f20") != std::string::npos; }))
         << ReadFile(Folder("progress.txt"));
     kill(backup, SIGKILL);
