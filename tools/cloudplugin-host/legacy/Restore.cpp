@@ -48,27 +48,23 @@ Manifest ReadManifest(const Context& context, const std::string& backupId) {
 // none), and for files of the oldest manifests, which kept no mode, 0644.
 repo::RestorePlan PlanOf(const Manifest& manifest) {
     repo::RestorePlan plan;
+    auto node = [](repo::NodeType type, uint32_t mode, int64_t modifiedNs) {
+        repo::Node made;
+        made.type = type;
+        made.mode = mode;
+        made.modifiedNs = modifiedNs;
+        return made;
+    };
     for (const ManifestFile& file : manifest.files) {
-        repo::Node node;
-        node.type = repo::NodeType::File;
-        node.size = file.size;
-        node.mode = file.mode.value_or(0644);
-        node.modifiedNs = file.modifiedNs;
-        plan.files.push_back({file.relativePath, std::move(node)});
+        plan.files.push_back({file.relativePath, node(repo::NodeType::File, file.mode.value_or(0644), file.modifiedNs)});
+        plan.files.back().node.size = file.size;
     }
     for (const ManifestFolder& folder : manifest.folders) {
-        repo::Node node;
-        node.type = repo::NodeType::Folder;
-        node.mode = folder.mode;
-        node.modifiedNs = folder.modifiedNs;
-        plan.folders.push_back({folder.relativePath, std::move(node)});
+        plan.folders.push_back({folder.relativePath, node(repo::NodeType::Folder, folder.mode, folder.modifiedNs)});
     }
     for (const ManifestLink& link : manifest.links) {
-        repo::Node node;
-        node.type = repo::NodeType::Link;
-        node.linkTarget = link.target;
-        node.modifiedNs = link.modifiedNs;
-        plan.links.push_back({link.relativePath, std::move(node)});
+        plan.links.push_back({link.relativePath, node(repo::NodeType::Link, 0, link.modifiedNs)});
+        plan.links.back().node.linkTarget = link.target;
     }
     return plan;
 }

@@ -21,6 +21,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -205,19 +208,29 @@ private:
     // The owner by name where this machine knows the name, else by id.
     uid_t Uid(const repo::Node& node) {
         if (numericOwner_ || node.user.empty()) return node.uid;
-        char buffer[16384];
-        passwd entry;
-        passwd* found = nullptr;
-        return getpwnam_r(node.user.c_str(), &entry, buffer, sizeof buffer, &found) == 0 && found ? found->pw_uid
-                                                                                                 : node.uid;
+        return IdByName(users_, node.user, node.uid, getpwnam_r, &passwd::pw_uid);
     }
     gid_t Gid(const repo::Node& node) {
         if (numericOwner_ || node.group.empty()) return node.gid;
-        char buffer[16384];
-        group entry;
-        group* found = nullptr;
-        return getgrnam_r(node.group.c_str(), &entry, buffer, sizeof buffer, &found) == 0 && found ? found->gr_gid
-                                                                                                  : node.gid;
+        return IdByName(groups_, node.group, node.gid, getgrnam_r, &group::gr_gid);
+    }
+
+    // The system is asked once a name: a restore of many files of one owner
+    // does not read the user database for each.
+    template <typename Entry, typename Id>
+    Id IdByName(std::map<std::string, std::optional<Id>>& cache, const std::string& name, Id recorded,
+                int (*lookup)(const char*, Entry*, char*, size_t, Entry**), Id Entry::*field) {
+        std::lock_guard<std::mutex> lock(ownersMutex_);
+        auto found = cache.find(name);
+        if (found == cache.end()) {
+            char buffer[16384];
+            Entry entry;
+            Entry* result = nullptr;
+            std::optional<Id> id;
+            if (lookup(name.c_str(), &entry, buffer, sizeof buffer, &result) == 0 && result) id = result->*field;
+            found = cache.emplace(name, id).first;
+        }
+        return found->second.value_or(recorded);
     }
 
     void Note(const std::string& shown, const std::string& what, const std::string& why) {
@@ -227,6 +240,9 @@ private:
     Destination& destination_;
     const bool numericOwner_;
     const bool root_;
+    std::mutex ownersMutex_;  // entries are finished on several threads
+    std::map<std::string, std::optional<uid_t>> users_;
+    std::map<std::string, std::optional<gid_t>> groups_;
 };
 
 class PosixRestoredFile : public repo::RestoredFile {
