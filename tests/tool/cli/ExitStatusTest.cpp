@@ -17,7 +17,7 @@ TEST(ExitStatus, EveryKindOfFailureHasItsStatus) {
         {ErrorKind::WrongPassword, 12}, {ErrorKind::Locked, 11},     {ErrorKind::NoRepository, 10},
         {ErrorKind::Unsupported, 9},    {ErrorKind::Exists, 2},      {ErrorKind::LocalFile, 4},
         {ErrorKind::Storage, 8},        {ErrorKind::ObjectMissing, 1}, {ErrorKind::Archived, 8},
-        {ErrorKind::SetUp, 5},          {ErrorKind::Interrupted, 130},
+        {ErrorKind::SetUp, 5},          {ErrorKind::Interrupted, 130}, {ErrorKind::SourceFailed, 1},
     };
     for (const auto& [kind, status] : expected) {
         EXPECT_EQ(ExitFor(Error(kind, "x")).status, status) << static_cast<int>(kind);
@@ -64,7 +64,7 @@ TEST(ExitStatus, TheTableNamesEveryStatusOnce) {
     for (ErrorKind kind : {ErrorKind::Usage, ErrorKind::Damaged, ErrorKind::NotFound, ErrorKind::WrongPassword,
                            ErrorKind::Locked, ErrorKind::NoRepository, ErrorKind::Unsupported, ErrorKind::Exists,
                            ErrorKind::LocalFile, ErrorKind::Storage, ErrorKind::ObjectMissing, ErrorKind::Archived,
-                           ErrorKind::SetUp, ErrorKind::Interrupted}) {
+                           ErrorKind::SetUp, ErrorKind::Interrupted, ErrorKind::SourceFailed}) {
         EXPECT_EQ(seen.count(ExitFor(Error(kind, "x")).status), 1u) << static_cast<int>(kind);
     }
 }

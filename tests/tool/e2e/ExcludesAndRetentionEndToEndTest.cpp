@@ -3,8 +3,9 @@
 // download, backed up with an exclude file and the other exclude options;
 // the snapshot holds what the excludes let through and nothing was read
 // that they left out. Then forget's --keep-tag and --keep-within on real
-// snapshots, and restic's exit status 3 for a backup that could not read
-// everything.
+// snapshots, restic's exit status 3 for a backup that could not read
+// everything, and the other sources of a backup: lists of paths, standard
+// input and a command's output.
 #include <algorithm>
 #include <cstdlib>
 
@@ -198,6 +199,69 @@ TEST_F(NightlyJobTest, ABackupThatCouldNotReadAFileSavesItsSnapshotAndEndsWithRe
 
     arguments.push_back("--skip-unreadable");
     EXPECT_EQ(RunToolUnder(asUser, arguments).status, 0);
+}
+
+TEST_F(NightlyJobTest, FilesFromListsPathsBesidePathArgumentsAndTheSnapshotHoldsThemAll) {
+    MakeHome();
+    const std::string lines = Folder("list.txt");
+    WriteFile(lines, "# what the nightly job keeps\n" + home_ + "/Documents/*.txt\n\n  " + home_ + "/code/app/src  \n");
+    const std::string raw = Folder("list.raw");
+    WriteFile(raw, std::string(home_ + "/Downloads/recipe.pdf") + '\0');
+    const ToolRun run = Repo({"backup", home_ + "/vm", "--files-from", lines, "--files-from-raw", raw});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(Strings(run.out, "paths"), (std::vector<std::string>{home_ + "/Documents/notes.txt", home_ + "/Downloads/recipe.pdf",
+                                                                    home_ + "/code/app/src", home_ + "/vm"}));
+    EXPECT_EQ(Member(run.out, "files"), "5") << run.out;  // notes.txt, recipe.pdf, main.c, .nobackup, disk.qcow2
+
+    // A list that names nothing, or cannot be read, stops before anything runs.
+    const std::string empty = Folder("empty.txt");
+    WriteFile(empty, "# nothing tonight\n");
+    EXPECT_EQ(Repo({"backup", "--files-from", empty}).status, 2);
+    EXPECT_EQ(Repo({"backup", "--files-from", Folder("no such list")}).status, 4);
+    EXPECT_EQ(Repo({"backup"}).status, 2) << "no PATH, no list, no stream";
+}
+
+TEST_F(NightlyJobTest, StandardInputIsBackedUpAsOneFileThatDumpGivesBack) {
+    const std::string dump = Folder("database.sql");
+    std::string bytes;
+    for (int row = 0; row < 20000; ++row) bytes += "INSERT INTO t VALUES (" + std::to_string(row) + ");\n";
+    WriteFile(dump, bytes);
+    // The tool's standard input is the file.
+    const std::vector<std::string> fromFile = {"sh", "-c", "exec \"$@\" < '" + dump + "'", "sh"};
+    std::vector<std::string> arguments = PlainArguments({"--json", "backup", "--stdin", "--stdin-filename", "db/all.sql"});
+    const ToolRun run = RunToolUnder(fromFile, arguments);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(Strings(run.out, "paths"), (std::vector<std::string>{"/db/all.sql"}));
+    EXPECT_EQ(Member(run.out, "bytes"), std::to_string(bytes.size()));
+    const ToolRun back = RepoText({"dump", "latest", "/db/all.sql"});
+    ASSERT_EQ(back.status, 0) << back.err;
+    EXPECT_TRUE(back.out == bytes) << back.out.size() << " bytes came back of " << bytes.size();
+
+    // The next one has it as parent, and reads it all again: a stream has
+    // nothing to compare.
+    const ToolRun again = RunToolUnder(fromFile, arguments);
+    ASSERT_EQ(again.status, 0) << again.err;
+    EXPECT_EQ(Member(again.out, "parent"), Member(run.out, "snapshot"));
+    EXPECT_EQ(Member(again.out, "bytes_processed"), std::to_string(bytes.size()));
+    EXPECT_EQ(Member(again.out, "blobs_new"), "0") << "the same bytes are the same chunks";
+    EXPECT_EQ(RepoText({"backup", "--stdin", home_}).status, 2) << "--stdin takes no PATH";
+}
+
+TEST_F(NightlyJobTest, ACommandsOutputIsBackedUpAndACommandThatFailsStoresNothing) {
+    const ToolRun before = Tool({"object", "list", "cloudplugin-host/"});
+    const ToolRun failed =
+        RepoText({"backup", "--stdin-from-command", "--", "sh", "-c", "echo half a dump; echo lost the database >&2; exit 2"});
+    EXPECT_EQ(failed.status, 1) << failed.err;
+    EXPECT_NE(failed.err.find("exited with status 2: no snapshot was made"), std::string::npos) << failed.err;
+    EXPECT_NE(failed.err.find("lost the database"), std::string::npos) << "the command's own message is shown";
+    EXPECT_EQ(Tool({"object", "list", "cloudplugin-host/"}).out, before.out) << "not an object more";
+    EXPECT_EQ(RepoText({"backup", "--stdin-from-command", "--", "no-such-command-anywhere"}).status, 1);
+
+    const ToolRun made = Repo({"backup", "--stdin-from-command", "--stdin-filename", "hello.txt", "--", "printf",
+                               "%s-%s", "hello", "world"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    EXPECT_EQ(Strings(made.out, "paths"), (std::vector<std::string>{"/hello.txt"}));
+    EXPECT_EQ(RepoText({"dump", "latest", "/hello.txt"}).out, "hello-world");
 }
 
 }  // namespace

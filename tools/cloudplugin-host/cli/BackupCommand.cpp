@@ -4,7 +4,9 @@
 #include "host/PluginObjectStore.h"
 #include "host/PluginSession.h"
 #include "local/Excludes.h"
+#include "local/FilesFrom.h"
 #include "local/LocalSource.h"
+#include "local/StreamSource.h"
 #include "repository/Backup.h"
 #include "repository/Locks.h"
 #include "util/Text.h"
@@ -14,7 +16,11 @@ namespace qvhost::cli {
 namespace {
 
 struct BackupCommandOptions {
-    std::vector<std::string> sources;
+    std::vector<std::string> sources;  // with --stdin-from-command: the command's words
+    std::vector<std::pair<std::string, PathListForm>> pathLists;  // --files-from*, in order
+    bool fromStdin = false;
+    bool fromCommand = false;
+    std::string stdinName = "stdin";
     std::string host;
     std::vector<std::string> tags;
     bool force = false;
@@ -88,19 +94,56 @@ void ReportExcluded(Context& context, const Excludes& excludes, bool dryRun, Jso
     if (dryRun) json["excluded_entries"] = std::move(entries);
 }
 
-repo::BackupReport Back(Context& context, repo::Repository& repository, LocalSource& source,
+repo::BackupReport Back(Context& context, repo::Repository& repository, repo::Source& source,
                         const BackupCommandOptions& options, const repo::BackupOptions& backup) {
     if (options.dryRun) return repo::RunBackup(repository, source, backup);
     repo::RepositoryLock lock(repository, "backup " + repo::PathsText(source.Paths()), false, context.options().lockWaitSeconds);
     return repo::RunBackup(repository, source, backup);
 }
 
+// What the snapshot is made of: the stream, or the paths given and listed.
+// Before the plug-in starts, so that a missing path, a bad pattern or
+// exclude file, or a command that cannot start fails at once.
+struct ChosenSource {
+    std::unique_ptr<repo::Source> source;
+    std::unique_ptr<Excludes> excludes;  // none for a stream
+};
+
+ChosenSource ChooseSource(const BackupCommandOptions& options) {
+    ChosenSource chosen;
+    const bool stream = options.fromStdin || options.fromCommand;
+    if (options.fromStdin && options.fromCommand) {
+        throw Error(ErrorKind::Usage, "--stdin and --stdin-from-command exclude each other");
+    }
+    if (stream && !options.pathLists.empty()) {
+        throw Error(ErrorKind::Usage, "a backup of a stream takes no --files-from");
+    }
+    if (options.fromStdin) {
+        if (!options.sources.empty()) throw Error(ErrorKind::Usage, "--stdin takes no PATH");
+        chosen.source = std::make_unique<StreamSource>(options.stdinName);
+        return chosen;
+    }
+    if (options.fromCommand) {
+        chosen.source = std::make_unique<StreamSource>(options.stdinName, options.sources);
+        return chosen;
+    }
+    std::vector<std::string> paths = options.sources;
+    for (const auto& [file, form] : options.pathLists) {
+        for (std::string& path : ReadPathList(file, form)) paths.push_back(std::move(path));
+    }
+    if (paths.empty()) {
+        throw Error(ErrorKind::Usage, options.pathLists.empty() ? "no path to back up (PATH, --files-from or --stdin)"
+                                                                : "the --files-from lists name no path");
+    }
+    auto local = std::make_unique<LocalSource>(paths);
+    chosen.excludes = std::make_unique<Excludes>(options.excludes, local->Root());
+    local->SetFilter(chosen.excludes->Filter());
+    chosen.source = std::move(local);
+    return chosen;
+}
+
 CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
-    // Before the plug-in starts: a missing path, a bad pattern or exclude
-    // file fails at once.
-    LocalSource source(options.sources);
-    Excludes excludes(options.excludes, source.Root());
-    source.SetFilter(excludes.Filter());
+    const ChosenSource chosen = ChooseSource(options);
     repo::Repository repository = OpenRepository(context);
     repo::BackupOptions backup;
     backup.jobs = context.options().host.jobs;
@@ -110,9 +153,9 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     backup.dryRun = options.dryRun;
     backup.progress = context.Display();
     const double pluginBefore = context.Session().PluginSeconds();
-    const repo::BackupReport report = Back(context, repository, source, options, backup);
+    const repo::BackupReport report = Back(context, repository, *chosen.source, options, backup);
     Json excluded = Json::object();
-    ReportExcluded(context, excludes, options.dryRun, excluded);
+    if (chosen.excludes) ReportExcluded(context, *chosen.excludes, options.dryRun, excluded);
     for (const std::string& path : report.toRead) {
         context.Verbose((options.dryRun ? "would read " : "read ") + Printable(path));
     }
@@ -128,6 +171,39 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     result.json.update(excluded);
     if (options.dryRun) result.json["would_read"] = report.toRead;
     return result;
+}
+
+void AddSourceOptions(CLI::App* command, BackupCommandOptions& options) {
+    const std::pair<const char*, PathListForm> lists[] = {
+        {"--files-from", PathListForm::Lines},
+        {"--files-from-verbatim", PathListForm::Verbatim},
+        {"--files-from-raw", PathListForm::Raw},
+    };
+    const char* texts[] = {
+        "back up the paths FILE lists, one a line ('-': standard input); blank lines and lines starting with # "
+        "are skipped, globs (*, ?, [...]) expanded (repeatable, with PATH or without)",
+        "the same, each line taken as it stands: no comments, no globs (repeatable)",
+        "the same, the paths separated by NUL bytes (find -print0) (repeatable)",
+    };
+    for (size_t i = 0; i < std::size(lists); ++i) {
+        const PathListForm form = lists[i].second;
+        command
+            ->add_option_function<std::vector<std::string>>(
+                lists[i].first,
+                [&options, form](const std::vector<std::string>& files) {
+                    for (const std::string& file : files) options.pathLists.emplace_back(file, form);
+                },
+                texts[i])
+            ->type_name("FILE")
+            ->allow_extra_args(false);
+    }
+    command->add_flag("--stdin", options.fromStdin,
+                      "back up standard input as one file, /NAME (see --stdin-filename)");
+    command->add_flag("--stdin-from-command", options.fromCommand,
+                      "back up what the command after -- writes to its standard output, as one file; a command "
+                      "that fails (non-zero status) fails the backup, and no snapshot is made");
+    command->add_option("--stdin-filename", options.stdinName, "the name of the file --stdin makes (default: stdin)")
+        ->type_name("NAME");
 }
 
 void AddExcludeOptions(CLI::App* command, ExcludeOptions& excludes) {
@@ -173,7 +249,12 @@ void AddBackupCommand(CommandTable& table) {
          "size, modification and change times and inode are those of the parent snapshot (the newest of the same "
          "host and paths) is not read at all; the others are cut into content-defined chunks, and only chunks the "
          "repository lacks are compressed, encrypted and stored. Each folder is stored as a tree of its own, so "
-         "a folder that did not change costs nothing.\n\nWhat a backup keeps: every regular file with its "
+         "a folder that did not change costs nothing.\n\nWhat to back up: the PATHs, and the paths listed in "
+         "--files-from (one a line, # comments, globs), --files-from-verbatim (lines as they stand) or "
+         "--files-from-raw (NUL-separated) files, all in one snapshot. --stdin backs up standard input, and "
+         "--stdin-from-command -- CMD ARG... what CMD writes to its standard output, as one file /NAME "
+         "(--stdin-filename, default stdin); a command that ends with a non-zero status fails the backup and no "
+         "snapshot is made (exit status 1).\n\nWhat a backup keeps: every regular file with its "
          "content, every folder, symbolic links as links (their text, never followed), FIFOs and device nodes; "
          "for each its mode, modification and access times, owner and group (ids and names), extended attributes "
          "(POSIX ACLs among them, up to 1 MiB an entry), hard links (one content, several names) and whether a "
@@ -190,8 +271,9 @@ void AddBackupCommand(CommandTable& table) {
          "parent holds it; -v names it.\n\nWith --dry-run the files are read and chunked as for a backup, but "
          "nothing is stored: the summary says what the backup would add (with -v, which files it would read)."},
         [options](Context& context) { return RunBackup(context, *options); });
-    command->add_option("PATH", options->sources, "the folders and files to back up, each kept with its absolute path")
-        ->required();
+    command->add_option("PATH", options->sources,
+                        "the folders and files to back up, each kept with its absolute path (with "
+                        "--stdin-from-command, after --: the command and its arguments)");
     command->add_option("--host", options->host, "the host the snapshot names (default: this machine's name)")
         ->type_name("NAME");
     command->add_option("--tag", options->tags, "a tag of the snapshot (repeatable)")
@@ -201,6 +283,7 @@ void AddBackupCommand(CommandTable& table) {
     command->add_flag("-n,--dry-run", options->dryRun, "read and chunk, store nothing; say what would be added");
     command->add_flag("--skip-unreadable", options->skipUnreadable,
                       "entries that cannot be read do not make the exit status 3");
+    AddSourceOptions(command, *options);
     AddExcludeOptions(command, options->excludes);
 }
 

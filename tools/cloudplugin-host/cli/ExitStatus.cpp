@@ -28,6 +28,7 @@ constexpr KindRow kKinds[] = {
     {ErrorKind::Archived, kExitStorage, "archived"},
     {ErrorKind::SetUp, kExitSetUpFailed, "set_up"},
     {ErrorKind::Interrupted, kExitInterrupted, "interrupted"},
+    {ErrorKind::SourceFailed, kExitFailed, "source_failed"},
 };
 
 const KindRow& RowOf(ErrorKind kind) {

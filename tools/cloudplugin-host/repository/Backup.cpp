@@ -362,7 +362,11 @@ std::vector<Id> BackupRun::ChunkFile(const FileWork& work, std::vector<uint8_t>&
         progress.BytesDone(length);
         if (Interrupted()) throw Error(ErrorKind::Interrupted, "interrupted");
     }
-    if (total != work.size) throw Error(ErrorKind::LocalFile, work.path + " changed while it was being read");
+    if (!source_.SizesKnownBeforeReading()) {
+        folders_[work.folder].nodes[work.node].size = total;
+    } else if (total != work.size) {
+        throw Error(ErrorKind::LocalFile, work.path + " changed while it was being read");
+    }
     return chunks;
 }
 

@@ -48,6 +48,9 @@ public:
     // one that changed while it was read is not kept. Throws Error (local
     // file).
     virtual bool Unchanged(const std::string& path, const Node& file) = 0;
+    // Whether a file's listing gives its size (else, for a stream, the size
+    // is what reading it gives).
+    virtual bool SizesKnownBeforeReading() const { return true; }
 };
 
 }  // namespace qvhost::repo

@@ -24,6 +24,7 @@ enum class ErrorKind {
     Archived,       // an object read is in the Archive tier and cannot be read until rehydrated
     SetUp,          // the JVM or the plug-in could not be loaded or created
     Interrupted,    // stopped by Ctrl-C or SIGTERM
+    SourceFailed,   // what a backup reads from failed as a whole (a command that ended with an error)
 };
 
 class Error : public std::runtime_error {

@@ -1,0 +1,75 @@
+#include "local/FilesFrom.h"
+
+#include <glob.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "util/Error.h"
+
+namespace qvhost {
+
+namespace {
+
+// The paths a glob names, sorted; the glob itself when it names none.
+std::vector<std::string> Expand(const std::string& pattern) {
+    glob_t matches{};
+    std::vector<std::string> paths;
+    if (glob(pattern.c_str(), GLOB_NOCHECK, nullptr, &matches) == 0) {
+        for (size_t i = 0; i < matches.gl_pathc; ++i) paths.emplace_back(matches.gl_pathv[i]);
+    } else {
+        paths.push_back(pattern);
+    }
+    globfree(&matches);
+    return paths;
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find(separator, start);
+        if (end == std::string::npos) end = text.size();
+        parts.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return parts;
+}
+
+}  // namespace
+
+std::vector<std::string> ParsePathList(const std::string& text, PathListForm form) {
+    std::vector<std::string> paths;
+    for (std::string entry : Split(text, form == PathListForm::Raw ? '\0' : '\n')) {
+        if (form != PathListForm::Raw && !entry.empty() && entry.back() == '\r') entry.pop_back();
+        if (entry.empty()) continue;
+        if (form != PathListForm::Lines) {
+            paths.push_back(entry);
+            continue;
+        }
+        const size_t first = entry.find_first_not_of(" \t");
+        if (first == std::string::npos || entry[first] == '#') continue;
+        const size_t last = entry.find_last_not_of(" \t");
+        for (std::string& path : Expand(entry.substr(first, last - first + 1))) paths.push_back(std::move(path));
+    }
+    return paths;
+}
+
+std::vector<std::string> ReadPathList(const std::string& file, PathListForm form) {
+    std::string text;
+    if (file == "-") {
+        text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+        if (std::cin.bad()) throw Error(ErrorKind::LocalFile, "cannot read the list of paths from standard input");
+    } else {
+        std::ifstream input(file, std::ios::binary);
+        if (!input) throw Error(ErrorKind::LocalFile, "cannot read the list of paths " + file + ": " + std::strerror(errno));
+        text.assign(std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>());
+        if (input.bad()) throw Error(ErrorKind::LocalFile, "cannot read the list of paths " + file);
+    }
+    return ParsePathList(text, form);
+}
+
+}  // namespace qvhost
