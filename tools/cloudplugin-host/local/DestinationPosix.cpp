@@ -64,8 +64,6 @@ private:
     int fd_;
 };
 
-std::string ErrnoText() { return std::strerror(errno); }
-
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
     throw Error(ErrorKind::LocalFile, "refusing to restore " + where + ": " + why);
 }

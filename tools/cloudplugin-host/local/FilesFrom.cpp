@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include "util/Error.h"
+#include "util/Text.h"
 
 namespace qvhost {
 
@@ -25,18 +26,6 @@ std::vector<std::string> Expand(const std::string& pattern) {
     }
     globfree(&matches);
     return paths;
-}
-
-std::vector<std::string> Split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find(separator, start);
-        if (end == std::string::npos) end = text.size();
-        parts.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return parts;
 }
 
 }  // namespace

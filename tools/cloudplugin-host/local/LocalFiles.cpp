@@ -27,8 +27,6 @@ namespace {
     throw Error(ErrorKind::LocalFile, "cannot " + what + " " + path + ": " + reason);
 }
 
-std::string ErrnoText() { return std::strerror(errno); }
-
 #ifdef _WIN32
 // Windows file times count 100 ns steps since 1601.
 constexpr int64_t kEpochDifference100ns = 116444736000000000LL;

@@ -25,8 +25,6 @@ namespace {
 using repo::Node;
 using repo::NodeType;
 
-std::string ErrnoText() { return std::strerror(errno); }
-
 int64_t Nanoseconds(const timespec& time) { return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec; }
 
 // The kind of an entry; false for one a backup leaves out (a socket).
@@ -52,11 +50,6 @@ private:
 
 std::string Join(const std::string& folder, const std::string& name) {
     return folder.empty() ? name : folder + "/" + name;
-}
-
-std::string Parent(const std::string& relative) {
-    const size_t slash = relative.rfind('/');
-    return slash == std::string::npos ? "" : relative.substr(0, slash);
 }
 
 // The names in a folder, sorted; listing it leaves its access time alone
@@ -112,7 +105,7 @@ LocalSource::LocalSource(const std::vector<std::string>& paths) {
     for (const std::string& path : paths_) {
         const std::string relative = path.substr(1);
         given_.insert(relative);
-        for (std::string way = Parent(relative); !way.empty(); way = Parent(way)) way_.insert(way);
+        for (std::string way = FolderOf(relative); !way.empty(); way = FolderOf(way)) way_.insert(way);
     }
 }
 
@@ -123,7 +116,7 @@ std::string LocalSource::FullPath(const std::string& relative) const {
 
 bool LocalSource::Given(const std::string& relative) const {
     if (!root_.empty()) return true;
-    for (std::string path = relative; !path.empty(); path = Parent(path)) {
+    for (std::string path = relative; !path.empty(); path = FolderOf(path)) {
         if (given_.count(path)) return true;
     }
     return false;
@@ -171,7 +164,7 @@ repo::Listing LocalSource::ListWay(const std::string& folder) {
     std::set<std::string> names;
     for (const std::set<std::string>* set : {&given_, &way_}) {
         for (const std::string& path : *set) {
-            if (Parent(path) == folder) names.insert(path.substr(folder.empty() ? 0 : folder.size() + 1));
+            if (FolderOf(path) == folder) names.insert(path.substr(folder.empty() ? 0 : folder.size() + 1));
         }
     }
     for (const std::string& name : names) {

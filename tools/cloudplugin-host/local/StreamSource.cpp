@@ -22,13 +22,6 @@ namespace {
 using repo::Node;
 using repo::NodeType;
 
-std::string Parent(const std::string& relative) {
-    const size_t slash = relative.rfind('/');
-    return slash == std::string::npos ? "" : relative.substr(0, slash);
-}
-
-std::string Last(const std::string& relative) { return relative.substr(relative.rfind('/') + 1); }
-
 // The name without leading slashes, a path a restore takes.
 std::string CheckedName(const std::string& given) {
     const size_t start = given.find_first_not_of('/');
@@ -100,10 +93,10 @@ StreamSource::~StreamSource() {
 
 repo::Listing StreamSource::List(const std::string& folder) {
     repo::Listing listing;
-    for (std::string path = name_; !path.empty(); path = Parent(path)) {
-        if (Parent(path) != folder) continue;
+    for (std::string path = name_; !path.empty(); path = FolderOf(path)) {
+        if (FolderOf(path) != folder) continue;
         Node node;
-        node.name = Last(path);
+        node.name = NameOf(path);
         node.modifiedNs = startedNs_;
         if (path == name_) {
             node.type = NodeType::File;

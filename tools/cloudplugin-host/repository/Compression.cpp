@@ -11,6 +11,8 @@
 #include <string>
 #include <utility>
 
+#include "util/Buffers.h"
+
 namespace qvhost::repo {
 
 namespace {
@@ -42,12 +44,6 @@ ZSTD_DCtx* ThreadDecompressor() {
 
 void Check(size_t result, const char* what) {
     if (ZSTD_isError(result)) throw std::runtime_error(std::string(what) + ": " + ZSTD_getErrorName(result));
-}
-
-bool Overlaps(const uint8_t* data, size_t size, const uint8_t* base, size_t extent) {
-    if (!data || !base || size == 0 || extent == 0) return false;
-    const std::less<const uint8_t*> before;
-    return before(data, base + extent) && before(base, data + size);
 }
 
 }  // namespace

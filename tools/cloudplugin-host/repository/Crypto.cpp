@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "util/Buffers.h"
+
 namespace qvhost::repo {
 
 namespace {
@@ -79,14 +81,6 @@ EVP_KDF* Scrypt() {
 
 void RequireBuffer(const void* data, size_t size, const char* what) {
     if (!data && size > 0) throw std::invalid_argument(std::string(what) + " is null but its size is not 0");
-}
-
-// Whether [data, data + size) lies at least partly inside [base, base + extent): std::less gives the total
-// order on pointers that the built-in comparison does not promise for unrelated objects.
-bool Overlaps(const uint8_t* data, size_t size, const uint8_t* base, size_t extent) {
-    if (!data || !base || size == 0 || extent == 0) return false;
-    const std::less<const uint8_t*> before;
-    return before(data, base + extent) && before(base, data + size);
 }
 
 CipherContext NewCipherContext() {

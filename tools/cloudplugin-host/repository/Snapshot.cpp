@@ -11,6 +11,7 @@
 #include "repository/Keys.h"
 #include "repository/Pack.h"
 #include "util/Entry.h"
+#include "util/PathRules.h"
 #include "util/Text.h"
 
 namespace qvhost::repo {
@@ -203,13 +204,6 @@ struct Placed {
     Node node;
     std::string path;  // as the snapshot names it (checked before anything is built of it)
 };
-
-std::string FolderOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : path.substr(0, slash);
-}
-
-std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 Node FileNodeV1(const Json& json, const std::string& path, const std::string& what) {
     const std::string entry = what + " (file '" + Printable(path) + "')";

@@ -4,6 +4,8 @@
 // status and, where one helps, a hint of what to do (cli/ExitStatus.h).
 #pragma once
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -40,6 +42,9 @@ private:
     ErrorKind kind_;
     std::string object_;
 };
+
+// The system's text for errno as it stands.
+inline std::string ErrnoText() { return std::strerror(errno); }
 
 // Data from storage that is not what this tool writes.
 [[noreturn]] inline void Damaged(const std::string& what) { throw Error(ErrorKind::Damaged, what); }

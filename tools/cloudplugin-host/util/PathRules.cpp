@@ -75,6 +75,13 @@ std::string WhyPathIsRefused(const std::string& path, PathRules rules) {
     return {};
 }
 
+std::string FolderOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "" : path.substr(0, slash);
+}
+
+std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
 std::string WhyLinkTargetIsRefused(const std::string& target) {
     if (target.empty()) return "has an empty link target";
     if (target.size() > 4095) return "has a link target longer than 4095 bytes";

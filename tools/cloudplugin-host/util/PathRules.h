@@ -37,6 +37,11 @@ constexpr size_t kMaximumPathLength = 32767;
 // phrase such as "has a '..' component".
 std::string WhyPathIsRefused(const std::string& path, PathRules rules = kNativePathRules);
 
+// The folder of a '/'-separated relative path ("" for one at the top) and
+// its last component.
+std::string FolderOf(const std::string& path);
+std::string NameOf(const std::string& path);
+
 // The text of a symbolic link: any bytes but NUL, 1 to 4095 of them.
 std::string WhyLinkTargetIsRefused(const std::string& target);
 
