@@ -16,6 +16,7 @@ using jnitest::BridgeFixture;
 using jnitest::MetaEntry;
 using jnitest::OptText;
 using jnitest::SubListEntry;
+using jnitest::SubListOwner;
 using jnitest::TestDouble;
 
 namespace {
@@ -148,12 +149,6 @@ protected:
     static jobjectArray AsArray(const LocalRef<jobjectArray>& ref) { return ref.get(); }
 
     std::vector<std::string> m_traces;
-};
-
-// Frees a sub-list when the test ends.
-struct SubListOwner {
-    ObjectSubList* list = new ObjectSubList();
-    ~SubListOwner() { FreeObjectSubList(list); }
 };
 
 }  // namespace
@@ -449,7 +444,7 @@ TEST_F(MetaDataTest, NativeExceptionWhileReadingMetadataReachesTheCallerWithNoRe
 TEST_F(MetaDataTest, SubListElementWithoutFileNameIsDropped) {
     LocalRef<jobject> array =
         ScriptedSubList({SubListEntry{std::nullopt, {{u"a", u"1"}}}, SubListEntry{u"kept", {{u"b", u"2"}}}});
-    SubListOwner owner;
+    SubListOwner owner{new ObjectSubList()};
     ReadObjectSubList(Env(), AsArray(array), owner.list);
     ASSERT_EQ(owner.list->size(), 1u);
     ASSERT_EQ(owner.list->count(u"kept"), 1u);
@@ -460,7 +455,7 @@ TEST_F(MetaDataTest, SubListElementWithNullMetadataIsDropped) {
     SubListEntry withoutMetaData{u"bare", {}};
     withoutMetaData.nullMetaData = true;
     LocalRef<jobject> array = ScriptedSubList({withoutMetaData, SubListEntry{u"kept", {}}});
-    SubListOwner owner;
+    SubListOwner owner{new ObjectSubList()};
     ReadObjectSubList(Env(), AsArray(array), owner.list);
     ASSERT_EQ(owner.list->size(), 1u);
     ASSERT_EQ(owner.list->count(u"kept"), 1u);
@@ -471,7 +466,7 @@ TEST_F(MetaDataTest, NullSubListElementIsSkipped) {
     SubListEntry nullElement;
     nullElement.nullElement = true;
     LocalRef<jobject> array = ScriptedSubList({nullElement, SubListEntry{u"f", {{u"a", u"1"}}}});
-    SubListOwner owner;
+    SubListOwner owner{new ObjectSubList()};
     ReadObjectSubList(Env(), AsArray(array), owner.list);
     ASSERT_EQ(owner.list->size(), 1u);
     EXPECT_EQ(owner.list->count(u"f"), 1u);
@@ -480,7 +475,7 @@ TEST_F(MetaDataTest, NullSubListElementIsSkipped) {
 TEST_F(MetaDataTest, DuplicateFileNameInTheSubListKeepsTheFirst) {
     LocalRef<jobject> array = ScriptedSubList(
         {SubListEntry{u"f", {{u"which", u"first"}}}, SubListEntry{u"f", {{u"which", u"second"}}}});
-    SubListOwner owner;
+    SubListOwner owner{new ObjectSubList()};
     ReadObjectSubList(Env(), AsArray(array), owner.list);
     ASSERT_EQ(owner.list->size(), 1u);
     EXPECT_EQ(owner.list->at(u"f")->at(u"which").szProperty, u"first");
@@ -490,7 +485,7 @@ TEST_F(MetaDataTest, SubListFileMetadataFollowsTheMetadataRules) {
     MetaEntry nameless{std::nullopt, u"x"};
     LocalRef<jobject> array =
         ScriptedSubList({SubListEntry{u"f", {{u"k", u"first"}, {u"k", u"second"}, nameless}}});
-    SubListOwner owner;
+    SubListOwner owner{new ObjectSubList()};
     ReadObjectSubList(Env(), AsArray(array), owner.list);
     ASSERT_EQ(owner.list->size(), 1u);
     const ObjectMetaData& metaData = *owner.list->at(u"f");

@@ -16,6 +16,7 @@ using jnitest::BridgeFixture;
 using jnitest::MetaEntry;
 using jnitest::OptText;
 using jnitest::SubListEntry;
+using jnitest::SubListOwner;
 using jnitest::TestDouble;
 
 namespace {
@@ -36,12 +37,6 @@ protected:
                                            : TestDouble::NextResult(env, method, signature);
         return LocalRef<jobject>(env, result);
     }
-};
-
-// Frees the sub-list a conversion handed over when the test ends.
-struct SubListOwner {
-    ObjectSubList* list = nullptr;
-    ~SubListOwner() { FreeObjectSubList(list); }
 };
 
 }  // namespace

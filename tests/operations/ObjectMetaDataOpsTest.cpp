@@ -22,6 +22,7 @@ using jnitest::Shown;
 using jnitest::StartedBridgeFixture;
 using jnitest::MetaEntry;
 using jnitest::SubListEntry;
+using jnitest::SubListOwner;
 using jnitest::TestDouble;
 
 namespace {
@@ -33,12 +34,6 @@ constexpr const char* kPropertySignature =
 constexpr const char* kAllSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CGObjectMetaDataFnValue;";
 constexpr const char* kSubListSignature = "(Ljava/lang/String;)Lcom/qv/AzureLibrary/CRetGetSubMetaDataList;";
 
-
-// Owns a sub-list handed out by the bridge, as the host does until it gives it back.
-struct SubListOwner {
-    ObjectSubList* list = nullptr;
-    ~SubListOwner() { FreeObjectSubList(list); }
-};
 
 // A sub-list pointer value that the bridge never produces, to see whether it was written.
 ObjectSubList* const kUntouchedSubList = reinterpret_cast<ObjectSubList*>(static_cast<uintptr_t>(0x1));

@@ -17,6 +17,8 @@
 #include "support/TestData.h"
 
 using jnitest::BridgeFixture;
+using jnitest::kMiB;
+using jnitest::SameBytes;
 using jnitest::OperationPaths;
 using jnitest::OperationPathsTest;
 using jnitest::PathOutcome;
@@ -34,22 +36,9 @@ constexpr const char* kReadByNameSignature =
     "(Ljava/lang/String;[BJJ[Ljava/lang/String;)Lcom/qv/AzureLibrary/CRObjectByNameFnValue;";
 const WideString kCopyFailureLine = u"ReadObject::Unable to create memory for copying the data...";
 
-constexpr size_t kMiB = size_t{1} << 20;
 constexpr size_t kGuardSize = 64;
 constexpr char kFill = '\xAA';
 constexpr char kGuard = '\x5C';
-
-// Equal bytes, or where they first differ (never prints the data itself).
-::testing::AssertionResult SameBytes(const std::string& expected, const std::string& actual) {
-    if (expected.size() != actual.size()) {
-        return ::testing::AssertionFailure()
-               << "sizes differ: expected " << expected.size() << ", got " << actual.size();
-    }
-    if (std::memcmp(expected.data(), actual.data(), expected.size()) == 0) return ::testing::AssertionSuccess();
-    size_t at = 0;
-    while (expected[at] == actual[at]) ++at;
-    return ::testing::AssertionFailure() << "first difference at byte " << at << " of " << expected.size();
-}
 
 // The host's buffer of `size` bytes, filled with kFill, followed by guard bytes that no read may touch.
 class HostBuffer {

@@ -19,6 +19,8 @@
 #include "support/TestData.h"
 
 using jnitest::BridgeFixture;
+using jnitest::kMiB;
+using jnitest::SameBytes;
 using jnitest::OperationPaths;
 using jnitest::OperationPathsTest;
 using jnitest::PathOutcome;
@@ -37,21 +39,8 @@ constexpr const char* kUpdateObjectSignature =
     "(Ljava/lang/String;Ljava/lang/String;[BJ[Lcom/qv/AzureLibrary/CPluginMetaData;)"
     "Lcom/qv/AzureLibrary/CCreateFnValue;";
 
-constexpr size_t kMiB = size_t{1} << 20;
 
 const uint8_t* Bytes(const std::string& bytes) { return reinterpret_cast<const uint8_t*>(bytes.data()); }
-
-// Equal bytes, or where they first differ (never prints the data itself).
-::testing::AssertionResult SameBytes(const std::string& expected, const std::string& actual) {
-    if (expected.size() != actual.size()) {
-        return ::testing::AssertionFailure()
-               << "sizes differ: expected " << expected.size() << ", got " << actual.size();
-    }
-    if (std::memcmp(expected.data(), actual.data(), expected.size()) == 0) return ::testing::AssertionSuccess();
-    size_t at = 0;
-    while (expected[at] == actual[at]) ++at;
-    return ::testing::AssertionFailure() << "first difference at byte " << at << " of " << expected.size();
-}
 
 // ---- the paths every operation shares (OperationPaths.h)
 

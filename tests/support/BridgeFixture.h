@@ -14,6 +14,7 @@
 #include "bridge/JNIBridge.h"
 #include "cloudplugin/ICloudPluginInterface.h"
 #include "log/JNIWrapperLog.h"
+#include "marshal/MetaData.h"
 #include "support/JniInterposer.h"
 #include "support/TempFolder.h"
 #include "support/TestDouble.h"
@@ -97,6 +98,13 @@ protected:
 
     std::unique_ptr<JNIBridge> m_bridge;
     size_t m_linesBefore = 0;
+};
+
+// Frees a sub-list (one a conversion handed over, or one the test made)
+// when the test ends.
+struct SubListOwner {
+    ObjectSubList* list = nullptr;
+    ~SubListOwner() { FreeObjectSubList(list); }
 };
 
 }  // namespace jnitest

@@ -51,4 +51,10 @@ std::u16string DecodeUtf16Le(const std::string& bytes) {
     return text;
 }
 
+void WriteText(const std::string& path, const std::string& text) {
+    const std::filesystem::path file = std::filesystem::u8path(path);
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << text;
+}
+
 }  // namespace testsupport

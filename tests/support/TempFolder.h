@@ -1,11 +1,20 @@
 // A fresh, empty folder for one test, removed with its files afterwards.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "platform/Platform.h"
 
 namespace testsupport {
+
+// Seconds since a moment of the steady clock.
+inline double SecondsSince(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+// Writes `text` to the file at `path` (UTF-8), making the folders on its way.
+void WriteText(const std::string& path, const std::string& text);
 
 class TempFolder {
 public:

@@ -1,11 +1,27 @@
 // Test data shared by the data-path suites.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstring>
 #include <string>
 
 namespace jnitest {
+
+constexpr size_t kMiB = size_t{1} << 20;
+
+// Equal bytes, or where they first differ (never prints the data itself).
+inline ::testing::AssertionResult SameBytes(const std::string& expected, const std::string& actual) {
+    if (expected.size() != actual.size()) {
+        return ::testing::AssertionFailure()
+               << "sizes differ: expected " << expected.size() << ", got " << actual.size();
+    }
+    if (std::memcmp(expected.data(), actual.data(), expected.size()) == 0) return ::testing::AssertionSuccess();
+    size_t at = 0;
+    while (expected[at] == actual[at]) ++at;
+    return ::testing::AssertionFailure() << "first difference at byte " << at << " of " << expected.size();
+}
 
 // `size` bytes of a pattern that differs between positions and seeds
 // (xorshift64, eight bytes at a time), so that a misplaced or lost byte shows.

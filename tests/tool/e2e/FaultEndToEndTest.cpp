@@ -24,15 +24,6 @@ constexpr int kResultConditionNotMet = 24;
 constexpr int kResultNetworkError = 32;
 constexpr int kResultInvalidCredentials = 38;
 
-bool WaitFor(const std::function<bool()>& done, int seconds = 60) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
 // An IPv4 address of this machine that is not loopback, or "" without one.
 std::string NonLoopbackAddress() {
     ifaddrs* all = nullptr;

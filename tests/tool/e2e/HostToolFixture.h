@@ -6,12 +6,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "local/LocalFiles.h"
@@ -24,6 +27,17 @@ namespace e2e {
 namespace fs = std::filesystem;
 
 constexpr const char* kPartSize = "1M";
+
+// Waits until `done` answers true (asking every 50 ms) or `seconds` have
+// passed; answers whether it did.
+inline bool WaitFor(const std::function<bool()>& done, int seconds = 120) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
+}
 
 inline std::string Bytes(size_t size, uint64_t seed) {
     std::mt19937_64 random(seed);

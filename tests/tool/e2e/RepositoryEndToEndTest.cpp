@@ -14,15 +14,6 @@ namespace e2e {
 
 namespace {
 
-bool WaitFor(const std::function<bool()>& condition, int seconds = 120) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return false;
-}
-
 // The names of the objects under a prefix, from `object list --json`.
 std::vector<std::string> ObjectNames(const std::string& listing) {
     std::vector<std::string> names;

@@ -14,10 +14,7 @@ using namespace qvhost;
 
 namespace {
 
-void WriteText(const std::string& path, const std::string& text) {
-    std::filesystem::create_directories(std::filesystem::u8path(path).parent_path());
-    std::ofstream(std::filesystem::u8path(path), std::ios::binary) << text;
-}
+using testsupport::WriteText;
 
 TEST(ClassPath, PutsTheStorageLibraryFirstAndTakesOnlyJars) {
     testsupport::TempFolder folder;

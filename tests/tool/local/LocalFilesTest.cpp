@@ -23,10 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void WriteText(const std::string& path, const std::string& text) {
-    fs::create_directories(fs::u8path(path).parent_path());
-    std::ofstream(fs::u8path(path), std::ios::binary) << text;
-}
+using testsupport::WriteText;
 
 std::string ReadText(const std::string& path) {
     std::ifstream in(fs::u8path(path), std::ios::binary);

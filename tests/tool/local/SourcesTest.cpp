@@ -17,9 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void WriteText(const std::string& path, const std::string& text) {
-    std::ofstream(fs::u8path(path), std::ios::binary) << text;
-}
+using testsupport::WriteText;
 
 // Reads the whole stream in small steps; the error, if any, that ends it.
 std::string ReadAll(StreamSource& source, std::optional<Error>& failure) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "repository/Compression.h"
+#include "support/TempFolder.h"
 
 namespace repo = qvhost::repo;
 using repo::Bytes;
@@ -66,7 +67,7 @@ Bytes TextLike(size_t size, uint64_t seed) {
     return text;
 }
 
-Bytes RandomBytes(size_t size, uint64_t seed) {
+Bytes NoiseBytes(size_t size, uint64_t seed) {
     Generator generator(seed);
     Bytes data(size);
     for (auto& byte : data) byte = static_cast<uint8_t>(generator.Next() >> 56);
@@ -95,10 +96,6 @@ size_t FrameHeaderSize(const Bytes& frame) {
     const size_t dictionaryBytes[] = {0, 1, 2, 4};
     const size_t contentSizeBytes[] = {singleSegment ? 1u : 0u, 2, 4, 8};
     return 4 + 1 + (singleSegment ? 0 : 1) + dictionaryBytes[descriptor & 3] + contentSizeBytes[sizeFlag];
-}
-
-double Seconds(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
 }  // namespace
@@ -130,7 +127,7 @@ TEST(Compression, EveryLevelRoundTripsAndUnknownLevelsAreRefused) {
 }
 
 TEST(Compression, RandomDataIsRefused) {
-    const Bytes data = RandomBytes(1 << 20, 3);
+    const Bytes data = NoiseBytes(1 << 20, 3);
     Bytes frame = {1, 2, 3};
     EXPECT_FALSE(repo::Compress(data.data(), data.size(), frame));
     EXPECT_TRUE(frame.empty());
@@ -322,7 +319,7 @@ TEST(Compression, ReportsThroughput) {
         frames[i] = buffer;
         compressedBytes += buffer.size();
     }
-    const double compressSeconds = Seconds(start);
+    const double compressSeconds = testsupport::SecondsSince(start);
     ASSERT_EQ(compressed, kPieces);
     Bytes back;
     size_t matching = 0;
@@ -331,7 +328,7 @@ TEST(Compression, ReportsThroughput) {
         matching += repo::Decompress(frames[i].data(), frames[i].size(), kPiece, kLimit, back) &&
                     std::memcmp(back.data(), text.data() + i * kPiece, kPiece) == 0;
     }
-    const double decompressSeconds = Seconds(start);
+    const double decompressSeconds = testsupport::SecondsSince(start);
     EXPECT_EQ(matching, kPieces);
     std::printf("zstd level 3 on 64 MiB of text-like data (1 MiB chunks): compress %.0f MiB/s, decompress %.0f MiB/s, "
                 "%.1f%% of the size\n",

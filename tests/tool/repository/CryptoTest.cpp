@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "repository/Crypto.h"
+#include "support/TempFolder.h"
 
 namespace repo = qvhost::repo;
 using repo::Bytes;
@@ -40,10 +41,6 @@ Bytes RandomData(size_t size, uint32_t seed) {
     Bytes data(size);
     for (auto& byte : data) byte = static_cast<uint8_t>(generator());
     return data;
-}
-
-double Seconds(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
 repo::KdfParameters SmallKdf() {
@@ -250,12 +247,12 @@ TEST(SealOpen, ReportsThroughput) {
         sealed.clear();
         repo::Seal(key, message.data(), message.size(), nullptr, 0, sealed);
     }
-    const double sealSeconds = Seconds(start);
+    const double sealSeconds = testsupport::SecondsSince(start);
     start = std::chrono::steady_clock::now();
     for (int round = 0; round < kRounds; ++round) {
         opened = repo::Open(key, sealed.data(), sealed.size(), nullptr, 0, plain) && opened;
     }
-    const double openSeconds = Seconds(start);
+    const double openSeconds = testsupport::SecondsSince(start);
     ASSERT_TRUE(opened);
     EXPECT_TRUE(plain == message);
     const double mebibytes = kRounds * 8.0;
@@ -336,7 +333,7 @@ TEST(KeyedHash, ReportsThroughput) {
         chunk[0] = static_cast<uint8_t>(round);
         ids[round] = hasher.Hash(chunk.data(), chunk.size());
     }
-    const double seconds = Seconds(start);
+    const double seconds = testsupport::SecondsSince(start);
     EXPECT_EQ(std::set<Id>(ids.begin(), ids.end()).size(), kRounds);
     EXPECT_EQ(ids.back(), repo::KeyedHash(key, chunk.data(), chunk.size()));
 
@@ -346,7 +343,7 @@ TEST(KeyedHash, ReportsThroughput) {
     std::vector<Id> smallIds(kSmall);
     start = std::chrono::steady_clock::now();
     for (size_t i = 0; i < kSmall; ++i) smallIds[i] = hasher.Hash(messages.data() + 64 * i, 64);
-    const double smallSeconds = Seconds(start);
+    const double smallSeconds = testsupport::SecondsSince(start);
     for (size_t i : {size_t{0}, kSmall / 2, kSmall - 1}) {
         EXPECT_EQ(smallIds[i], repo::KeyedHash(key, messages.data() + 64 * i, 64)) << i;
     }
@@ -400,7 +397,7 @@ TEST(Scrypt, DerivesWithTheDefaultParameters) {
     ASSERT_EQ(parameters.r, 8u);
     const auto start = std::chrono::steady_clock::now();
     const Key256 key = repo::DeriveKey("a passphrase", parameters);
-    const double seconds = Seconds(start);
+    const double seconds = testsupport::SecondsSince(start);
     const Key256 zero{};
     EXPECT_NE(key, zero);
     EXPECT_EQ(repo::DeriveKey("a passphrase", parameters), key);
