@@ -21,8 +21,6 @@ namespace qvhost {
 
 namespace {
 
-constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
-
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
     throw Error(ErrorKind::LocalFile, "refusing to restore " + where + ": " + why);
 }
@@ -31,10 +29,10 @@ constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
     throw Error(ErrorKind::LocalFile, "cannot " + what + " " + where + ": error " + std::to_string(GetLastError()));
 }
 
-std::wstring Wide(const std::string& path) { return PathOf(path).wstring(); }
+std::wstring WidePath(const std::string& path) { return PathOf(path).wstring(); }
 
 // INVALID_FILE_ATTRIBUTES when the entry does not exist.
-DWORD AttributesOf(const std::string& path) { return GetFileAttributesW(Wide(path).c_str()); }
+DWORD AttributesOf(const std::string& path) { return GetFileAttributesW(WidePath(path).c_str()); }
 
 std::string TemporaryName(const std::string& leaf) {
     thread_local std::mt19937_64 random{std::random_device{}()};
@@ -44,7 +42,7 @@ std::string TemporaryName(const std::string& leaf) {
 }
 
 FILETIME FileTimeOf(int64_t modifiedNs) {
-    const int64_t ticks = modifiedNs / 100 + kEpochDifference100ns;
+    const int64_t ticks = WindowsTicksOf(modifiedNs);
     return FILETIME{static_cast<DWORD>(ticks & 0xFFFFFFFF), static_cast<DWORD>(ticks >> 32)};
 }
 
@@ -58,7 +56,7 @@ std::string ParentOf(const std::string& root, const std::string& relativePath, b
         folder = JoinPath(folder, components[i]);
         DWORD attributes = AttributesOf(folder);
         if (attributes == INVALID_FILE_ATTRIBUTES && create) {
-            if (!CreateDirectoryW(Wide(folder).c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
+            if (!CreateDirectoryW(WidePath(folder).c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
                 Fail("create the folder", folder);
             }
             attributes = AttributesOf(folder);
@@ -79,7 +77,7 @@ void MoveIntoPlace(const std::string& from, const std::string& to, bool replace)
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY)) {
         Refuse(to, "it is a folder");
     }
-    if (!MoveFileExW(Wide(from).c_str(), Wide(to).c_str(), replace ? MOVEFILE_REPLACE_EXISTING : 0)) {
+    if (!MoveFileExW(WidePath(from).c_str(), WidePath(to).c_str(), replace ? MOVEFILE_REPLACE_EXISTING : 0)) {
         if (GetLastError() == ERROR_ALREADY_EXISTS || GetLastError() == ERROR_FILE_EXISTS) {
             Refuse(to, "it exists (--overwrite replaces it)");
         }
@@ -91,14 +89,14 @@ class Win32RestoredFile : public repo::RestoredFile {
 public:
     Win32RestoredFile(std::string temporary, std::string shown, bool overwrite)
         : temporary_(std::move(temporary)), shown_(std::move(shown)), overwrite_(overwrite) {
-        file_ = CreateFileW(Wide(temporary_).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+        file_ = CreateFileW(WidePath(temporary_).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
                             nullptr);
         if (file_ == INVALID_HANDLE_VALUE) Fail("create a file for", shown_);
     }
 
     ~Win32RestoredFile() override {
         if (file_ != INVALID_HANDLE_VALUE) CloseHandle(file_);
-        if (!committed_) DeleteFileW(Wide(temporary_).c_str());
+        if (!committed_) DeleteFileW(WidePath(temporary_).c_str());
     }
 
     void WriteAt(uint64_t offset, const void* data, size_t size) override {
@@ -175,7 +173,7 @@ void Destination::MakeFolder(const std::string& relativePath, const repo::Node& 
     std::string leaf;
     std::string shown;
     ParentOf(root_, relativePath, true, leaf, shown);
-    if (!CreateDirectoryW(Wide(shown).c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
+    if (!CreateDirectoryW(WidePath(shown).c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
         Fail("create the folder", shown);
     }
     if (AttributesOf(shown) & FILE_ATTRIBUTE_REPARSE_POINT) Refuse(shown, "it is a link or junction");
@@ -193,7 +191,7 @@ void Destination::MakeLink(const std::string& relativePath, const repo::Node& no
     try {
         MoveIntoPlace(temporary, shown, options_.overwrite);
     } catch (...) {
-        DeleteFileW(Wide(temporary).c_str());
+        DeleteFileW(WidePath(temporary).c_str());
         throw;
     }
     SetModifiedNs(shown, node.modifiedNs);
@@ -207,7 +205,7 @@ void Destination::MakeHardLink(const std::string& relativePath, const std::strin
     std::string leaf, shown, existingLeaf, existingShown;
     ParentOf(root_, relativePath, true, leaf, shown);
     ParentOf(root_, existing, false, existingLeaf, existingShown);
-    if (!CreateHardLinkW(Wide(shown).c_str(), Wide(existingShown).c_str(), nullptr)) Fail("create the link", shown);
+    if (!CreateHardLinkW(WidePath(shown).c_str(), WidePath(existingShown).c_str(), nullptr)) Fail("create the link", shown);
 }
 
 namespace {
@@ -265,7 +263,7 @@ void RemoveOthers(const std::string& folder, const std::string& relative, const 
 std::optional<repo::ExistingEntry> Destination::Existing(const std::string& relativePath) const {
     if (BlockedOnTheWay(root_, relativePath)) return std::nullopt;
     WIN32_FILE_ATTRIBUTE_DATA data;
-    if (!GetFileAttributesExW(Wide(JoinPath(root_, relativePath)).c_str(), GetFileExInfoStandard, &data)) {
+    if (!GetFileAttributesExW(WidePath(JoinPath(root_, relativePath)).c_str(), GetFileExInfoStandard, &data)) {
         return std::nullopt;
     }
     repo::ExistingEntry entry;
@@ -275,7 +273,7 @@ std::optional<repo::ExistingEntry> Destination::Existing(const std::string& rela
     entry.size = (uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
     const int64_t ticks = static_cast<int64_t>((uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) |
                                                data.ftLastWriteTime.dwLowDateTime);
-    entry.modifiedNs = (ticks - kEpochDifference100ns) * 100;
+    entry.modifiedNs = NanosecondsOfWindowsTicks(ticks);
     return entry;
 }
 

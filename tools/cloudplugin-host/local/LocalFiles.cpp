@@ -29,7 +29,6 @@ namespace {
 
 #ifdef _WIN32
 // Windows file times count 100 ns steps since 1601.
-constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
 
 std::FILE* OpenFile(const std::string& path, const char* mode) {
     const std::wstring wideMode(mode, mode + std::strlen(mode));
@@ -219,7 +218,7 @@ int64_t ModifiedNs(const std::string& path) {
     }
     const int64_t ticks = (static_cast<int64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
                           data.ftLastWriteTime.dwLowDateTime;
-    return (ticks - kEpochDifference100ns) * 100;
+    return NanosecondsOfWindowsTicks(ticks);
 #else
     struct stat info;
     if (lstat(path.c_str(), &info) != 0) Fail("read the time of", path, ErrnoText());
@@ -233,7 +232,7 @@ void SetModifiedNs(const std::string& path, int64_t modifiedNs) {
                               FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                               FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     if (file == INVALID_HANDLE_VALUE) Fail("set the time of", path, "error " + std::to_string(GetLastError()));
-    const int64_t ticks = modifiedNs / 100 + kEpochDifference100ns;
+    const int64_t ticks = WindowsTicksOf(modifiedNs);
     FILETIME time{static_cast<DWORD>(ticks & 0xFFFFFFFF), static_cast<DWORD>(ticks >> 32)};
     const BOOL done = SetFileTime(file, nullptr, nullptr, &time);
     CloseHandle(file);

@@ -68,6 +68,12 @@ private:
     uint64_t position_ = 0;
 };
 
+// Windows counts file times in 100 ns ticks since 1601; we count
+// nanoseconds since 1970.
+constexpr int64_t kEpochDifference100ns = 116444736000000000LL;
+constexpr int64_t WindowsTicksOf(int64_t ns) { return ns / 100 + kEpochDifference100ns; }
+constexpr int64_t NanosecondsOfWindowsTicks(int64_t ticks) { return (ticks - kEpochDifference100ns) * 100; }
+
 // The size of a file (not following a link); throws Error (local file).
 uint64_t FileSize(const std::string& path);
 
