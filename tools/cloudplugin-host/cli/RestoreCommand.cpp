@@ -140,7 +140,8 @@ void AddRestoreCommand(CommandTable& table) {
          "exits 1. To bring an existing folder to a snapshot: --overwrite if-changed --delete.\n\nA restore refuses any "
          "path that could leave DEST_DIR and never writes through a symbolic link inside it; a folder is never "
          "replaced. "
-         "Set-user-ID and set-group-ID bits are not restored.\n\nArchived data (the Archive tier) cannot be read: "
+         "Set-user-ID and set-group-ID bits are restored only with the owner they were set for (as root); "
+         "otherwise they are dropped, and a line names the file.\n\nArchived data (the Archive tier) cannot be read: "
          "the restore stops in one line naming 'rehydrate'."},
         [options](Context& context) { return RunRestore(context, *options); });
     command->add_option("SNAPSHOT[:PATH]", options->snapshot, "the snapshot, and optionally a path in it")->required();
