@@ -125,7 +125,7 @@ TEST_F(CommandLineTest, AllNoLongerMeansTwoThings) {
 TEST(CommandLineHelp, EachCommandsHelpDescribesThatCommandAlone) {
     const ToolRun backup = RunTool({"backup", "--help"});
     EXPECT_EQ(backup.status, 0) << backup.err;
-    EXPECT_EQ(backup.out.rfind("usage: cloudplugin-host backup [options] PATH...", 0), 0u) << backup.out;
+    EXPECT_EQ(backup.out.rfind("usage: cloudplugin-host backup [options] [PATH...]", 0), 0u) << backup.out;
     EXPECT_NE(backup.out.find("--dry-run"), std::string::npos);
     EXPECT_EQ(backup.out.find("--keep-daily"), std::string::npos);
     EXPECT_EQ(RunTool({"help", "backup"}).out, backup.out);

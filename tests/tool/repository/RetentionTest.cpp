@@ -134,6 +134,16 @@ TEST(Retention, KeepLastKeepsTheNewestN) {
     }
 }
 
+TEST(Retention, SnapshotsMadeWithinOneSecondAreOrderedByTheirNanoseconds) {
+    // Two backups in one second: the newer one's id sorts last.
+    const int64_t second = DaysFromCivil(2026, 11, 25) * 86400;
+    const std::vector<DatedSnapshot> snapshots = {{"aaa-older", second, {}, second * 1000000000 + 100000000},
+                                                  {"zzz-newer", second, {}, second * 1000000000 + 900000000}};
+    const RetentionDecision decision = Apply(snapshots, Policy(1, 0, 0, 0, 0, 0));
+    EXPECT_EQ(decision.keep, (Ids{"zzz-newer"}));
+    EXPECT_EQ(decision.forget, (Ids{"aaa-older"}));
+}
+
 TEST(Retention, KeepHourlyKeepsTheNewestOfEachHour) {
     std::vector<DatedSnapshot> snapshots;
     for (int hour = 21; hour < 24; ++hour) {

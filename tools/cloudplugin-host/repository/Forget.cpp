@@ -25,7 +25,7 @@ ForgetPlan PlanForget(const std::vector<SnapshotInfo>& snapshots, const Retentio
     std::map<SnapshotGroup, std::vector<DatedSnapshot>> byGroup;
     for (const SnapshotInfo& snapshot : snapshots) {
         if (filter.Matches(snapshot)) {
-            byGroup[GroupOf(snapshot, groupBy)].push_back({snapshot.id, snapshot.timeNs / 1000000000, snapshot.tags});
+            byGroup[GroupOf(snapshot, groupBy)].push_back({snapshot.id, snapshot.timeNs / 1000000000, snapshot.tags, snapshot.timeNs});
         }
     }
     ForgetPlan plan;

@@ -158,7 +158,8 @@ private:
 
 void SortNewestFirst(std::vector<DatedSnapshot>& snapshots) {
     std::sort(snapshots.begin(), snapshots.end(), [](const DatedSnapshot& a, const DatedSnapshot& b) {
-        return a.time != b.time ? a.time > b.time : a.id < b.id;
+        if (a.time != b.time) return a.time > b.time;
+        return a.timeNs != b.timeNs ? a.timeNs > b.timeNs : a.id < b.id;
     });
     std::set<std::string_view> ids;
     for (const DatedSnapshot& snapshot : snapshots) {

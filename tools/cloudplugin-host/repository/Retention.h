@@ -44,12 +44,13 @@ struct RetentionPolicy {
 
 struct DatedSnapshot {
     DatedSnapshot() = default;
-    DatedSnapshot(std::string id_, int64_t time_, std::vector<std::string> tags_ = {})
-        : id(std::move(id_)), time(time_), tags(std::move(tags_)) {}
+    DatedSnapshot(std::string id_, int64_t time_, std::vector<std::string> tags_ = {}, int64_t timeNs_ = 0)
+        : id(std::move(id_)), time(time_), tags(std::move(tags_)), timeNs(timeNs_) {}
 
     std::string id;
     int64_t time = 0;  // seconds since 1970 UTC
     std::vector<std::string> tags;
+    int64_t timeNs = 0;  // the same in nanoseconds, when known: orders snapshots made within one second
 };
 
 struct RetentionDecision {
