@@ -76,6 +76,32 @@ TEST_F(RepositoryTest, RestoreGivesBackTheTreeAndASubPath) {
     EXPECT_EQ(KindOf([&] { Restore(report.snapshot.id, Folder("none"), "nothing/here"); }), ErrorKind::NotFound);
 }
 
+TEST_F(RepositoryTest, ThePrivateFolderBackedUpComesBackPrivateWithItsTime) {
+    const std::string source = Folder("home");
+    WriteFile(source + "/.ssh/id_ed25519", Bytes(400, 'k'));
+    fs::permissions(source + "/.ssh", fs::perms::owner_all, fs::perm_options::replace);
+    fs::permissions(source, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec,
+                    fs::perm_options::replace);
+    const int64_t old = 978307200123456789;  // 2001
+    SetModifiedNs(source + "/.ssh", old);
+    SetModifiedNs(source, old + 1);
+    const BackupReport report = Backup(source);
+    ASSERT_TRUE(report.snapshot.root.has_value());
+
+    Restore(report.snapshot.id, Folder("restored"));
+    EXPECT_EQ(fs::status(Folder("restored")).permissions(),
+              fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec)
+        << "DEST_DIR takes the mode of the folder backed up";
+    EXPECT_EQ(ModifiedNs(Folder("restored")), old + 1);
+    EXPECT_EQ(fs::status(Folder("restored/.ssh")).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(ModifiedNs(Folder("restored/.ssh")), old);
+
+    // A sub-path: DEST_DIR takes that folder's own metadata.
+    Restore(report.snapshot.id, Folder("ssh"), ".ssh");
+    EXPECT_EQ(fs::status(Folder("ssh")).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(ModifiedNs(Folder("ssh")), old);
+}
+
 TEST_F(RepositoryTest, ADamagedPackNamesEveryAffectedFileAndWritesNoneOfThem) {
     const std::string source = Folder("source");
     WriteFile(source + "/hit-1.bin", RandomBytes(200000, 9));

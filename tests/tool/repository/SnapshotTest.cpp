@@ -73,6 +73,49 @@ TEST(Snapshot, RoundTripsPathsThatAreNotUtf8AndTheTree) {
     EXPECT_EQ(decoded.timeNs, snapshot.timeNs);
 }
 
+TEST(Snapshot, TheRootFolderKeepsItsModeTimesOwnerAndAttributes) {
+    const MasterKeys keys = MasterKeys::Random();
+    Snapshot snapshot = SampleSnapshot();
+    EXPECT_FALSE(DecodeSnapshot(keys, EncodeSnapshot(keys, snapshot), "abcdef01").snapshot.root.has_value())
+        << "several paths: no root folder of their own";
+    Node root;
+    root.name = kRootFolderName;
+    root.type = NodeType::Folder;
+    root.mode = 0700;
+    root.modifiedNs = 978307200123456789;
+    root.hasOwner = true;
+    root.uid = 1234;
+    root.user = "someone";
+    root.xattrs = {{"user.note", std::string("a\0b", 3)}};
+    snapshot.root = root;
+    const std::optional<Node> decoded = DecodeSnapshot(keys, EncodeSnapshot(keys, snapshot), "abcdef01").snapshot.root;
+    ASSERT_TRUE(decoded.has_value());
+    EXPECT_EQ(decoded->mode, 0700u);
+    EXPECT_EQ(decoded->modifiedNs, root.modifiedNs);
+    EXPECT_EQ(decoded->uid, 1234u);
+    EXPECT_EQ(decoded->user, "someone");
+    EXPECT_EQ(decoded->xattrs.size(), 1u);
+}
+
+TEST(Snapshot, ARootThatIsNotOneFoldersMetadataIsDamage) {
+    const MasterKeys keys = MasterKeys::Random();
+    Node file;
+    file.name = kRootFolderName;
+    file.type = NodeType::File;
+    const Bytes plain = EncodeTree({file}).at(0);
+    for (const std::string& root : {std::string("not base64!"), Base64(plain.data(), plain.size())}) {
+        Json json = Json::parse(R"({"version":2,"time":"2026-11-25T01:02:03Z","time_ns":1,"host":"h","paths":["/a"],)"
+                                R"("tags":[],"parent":"","tree":[],"summary":{}})");
+        json["root"] = root;
+        try {
+            DecodeSnapshot(keys, SealedSnapshot(keys, json.dump()), "abcdef01");
+            ADD_FAILURE() << "accepted the root " << root;
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind(), ErrorKind::Damaged) << error.what();
+        }
+    }
+}
+
 TEST(Snapshot, TheListingInfoKeepsEveryPath) {
     const MasterKeys keys = MasterKeys::Random();
     Snapshot snapshot = SampleSnapshot();

@@ -412,6 +412,10 @@ std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& rel
 }
 
 void Destination::MakeFolder(const std::string& relativePath, const repo::Node& node) {
+    if (relativePath.empty()) {
+        handle_->setter.ByDescriptor(handle_->root.get(), node, root_, true);
+        return;
+    }
     std::string leaf;
     std::string shown;
     const Fd parent = handle_->OpenParent(root_, relativePath, true, leaf, shown);

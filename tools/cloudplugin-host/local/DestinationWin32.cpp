@@ -170,6 +170,10 @@ std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& rel
 }
 
 void Destination::MakeFolder(const std::string& relativePath, const repo::Node& node) {
+    if (relativePath.empty()) {
+        if (!node.implicit) SetModifiedNs(root_, node.modifiedNs);
+        return;
+    }
     std::string leaf;
     std::string shown;
     ParentOf(root_, relativePath, true, leaf, shown);

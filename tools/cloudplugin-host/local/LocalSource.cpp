@@ -176,6 +176,22 @@ repo::Listing LocalSource::ListWay(const std::string& folder) {
     return listing;
 }
 
+std::optional<Node> LocalSource::RootFolder(std::vector<SkippedEntry>& skipped) {
+    struct stat info;
+    if (root_.empty() || root_ == "/" || lstat(root_.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        return std::nullopt;
+    }
+    Node node;
+    node.name = repo::kRootFolderName;
+    node.type = NodeType::Folder;
+    FillFromStatus(info, node);
+    ReadOwner(node);
+    repo::Listing listing;
+    ReadXattrs(root_, ".", node, listing);
+    for (SkippedEntry& entry : listing.skipped) skipped.push_back(std::move(entry));
+    return node;
+}
+
 bool LocalSource::ReadNode(const std::string& full, const std::string& relative, Node& node, repo::Listing& listing) {
     struct stat info;
     if (lstat(full.c_str(), &info) != 0) {

@@ -45,6 +45,7 @@ public:
     repo::Listing List(const std::string& folder) override;
     std::unique_ptr<repo::SourceReader> Open(const std::string& path) override;
     bool Unchanged(const std::string& path, const repo::Node& file) override;
+    std::optional<repo::Node> RootFolder(std::vector<SkippedEntry>& skipped) override;
 
 private:
     std::string FullPath(const std::string& relative) const;

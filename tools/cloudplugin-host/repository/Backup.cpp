@@ -115,6 +115,7 @@ BackupReport BackupRun::Run() {
     snapshot.paths = source_.Paths();
     snapshot.tags = options_.tags;
     snapshot.parent = parent ? parent->id : "";
+    snapshot.root = source_.RootFolder(report_.skipped);
     const auto start = std::chrono::steady_clock::now();
     Walk(parent);
     ReadFiles();

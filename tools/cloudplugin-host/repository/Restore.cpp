@@ -225,6 +225,7 @@ RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std:
     RestorePlan plan;
     std::map<std::pair<uint64_t, uint64_t>, size_t> names;
     std::vector<Id> root = snapshot.tree;
+    plan.root = snapshot.root;
     if (!sub.empty()) {
         const std::optional<Node> node = FindNode(reader, snapshot.tree, sub);
         if (!node) throw Error(ErrorKind::NotFound, "the snapshot holds nothing at " + subPath);
@@ -233,6 +234,8 @@ RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std:
             return plan;
         }
         root = node->subtree;
+        plan.root = *node;
+        plan.root->subtree.clear();
     }
     const std::string base = sub.empty() ? "/" : "/" + sub + "/";
     std::vector<RestoreEntry> folders;

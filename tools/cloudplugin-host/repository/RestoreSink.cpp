@@ -73,6 +73,7 @@ void RestoreSink::MakeTheRest() {
         return Depth(a->relativePath) > Depth(b->relativePath);
     });
     for (const RestoreEntry* folder : folders) target_->MakeFolder(folder->relativePath, folder->node);
+    if (plan_.root) target_->MakeFolder("", *plan_.root);
 }
 
 std::vector<RestoreProblem> RestoreSink::Damaged() const {

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,9 @@ struct RestorePlan {
     std::vector<RestoreEntry> links;
     std::vector<RestoreEntry> specials;  // FIFOs and devices
     std::vector<RestoreHardLink> hardLinks;
+    // DEST_DIR's own metadata: the snapshot's root folder, or the folder
+    // chosen of it; given last, after everything beneath it.
+    std::optional<Node> root;
 };
 
 // A file that could not be restored, and why.

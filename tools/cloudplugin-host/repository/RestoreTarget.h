@@ -56,7 +56,7 @@ public:
     // A file; a sparse one is written with holes where its data is zeros.
     virtual std::unique_ptr<RestoredFile> MakeFile(const std::string& relativePath, const Node& node) = 0;
     // The folder (made when missing) and its metadata: called once
-    // everything beneath it is in place.
+    // everything beneath it is in place. "" is DEST_DIR itself.
     virtual void MakeFolder(const std::string& relativePath, const Node& node) = 0;
     virtual void MakeLink(const std::string& relativePath, const Node& node) = 0;
     // A FIFO or a device node.

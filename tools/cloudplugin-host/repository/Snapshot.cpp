@@ -56,7 +56,7 @@ std::string InfoAad(const std::string& id) { return "cloudplugin-host snapshot i
 
 const std::set<std::string> kTopMembers = {"version", "time",  "time_ns", "host",  "source",  "paths", "tags",
                                            "parent",  "tree",  "files",   "folders", "links", "summary",
-                                           "original"};
+                                           "original", "root"};
 const std::set<std::string> kFileMembers = {"path", "size", "mtime_ns", "mode", "file_id", "chunks"};
 const std::set<std::string> kFolderMembers = {"path", "mtime_ns", "mode"};
 const std::set<std::string> kLinkMembers = {"path", "target", "mtime_ns"};
@@ -359,6 +359,22 @@ std::optional<SnapshotInfo> DecodeSnapshotInfo(const MasterKeys& keys, const std
     }
 }
 
+namespace {
+
+// The root folder's own node: one node of a tree blob, in base64.
+Node RootFolderOf(const Json& json, const std::string& what, PathRules rules) {
+    Bytes plain;
+    if (!FromBase64(StringMember(json, "root", what), plain)) Damaged(what + " is damaged: its root is not base64");
+    std::vector<Node> nodes = DecodeTree(plain.data(), plain.size(), what + " (its root folder)", rules);
+    if (nodes.size() != 1 || nodes[0].type != NodeType::Folder || nodes[0].name != kRootFolderName ||
+        !nodes[0].subtree.empty()) {
+        Damaged(what + " is damaged: its root is not one folder's metadata");
+    }
+    return std::move(nodes[0]);
+}
+
+}  // namespace
+
 Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot) {
     Json tree = Json::array();
     for (const Id& id : snapshot.tree) tree.push_back(IdHex(id));
@@ -367,6 +383,10 @@ Bytes EncodeSnapshot(const MasterKeys& keys, const Snapshot& snapshot) {
                        {"tags", snapshot.tags},       {"parent", snapshot.parent}, {"tree", std::move(tree)},
                        {"summary", snapshot.summary}};
     if (!snapshot.original.empty()) json["original"] = snapshot.original;
+    if (snapshot.root) {
+        const Bytes root = EncodeTree({*snapshot.root}).at(0);
+        json["root"] = Base64(root.data(), root.size());
+    }
     // Host and tags are the user's text; anything in them that is not UTF-8 is replaced.
     const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
     Bytes plain;
@@ -419,6 +439,7 @@ DecodedSnapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, cons
     } else {
         snapshot.paths = NameList(json, "paths", what);
         snapshot.tree = IdList(json, "tree", what);
+        if (json.contains("root")) snapshot.root = RootFolderOf(json, what, rules);
     }
     if (snapshot.paths.empty()) Damaged(what + " is damaged: it names no path");
     return decoded;

@@ -55,6 +55,11 @@ struct Snapshot {
     std::string parent;
     std::string original;  // the snapshot this one rewrites (tags changed, or repaired); empty for one a backup wrote
     std::vector<Id> tree;  // the root's tree blobs
+    // A snapshot of one folder: that folder's own metadata (the name is
+    // kRootFolderName: DEST_DIR names it), given to DEST_DIR by a restore of
+    // the whole snapshot. None for several paths, and in snapshots of
+    // versions before it was kept.
+    std::optional<Node> root;
     Json summary = Json::object();
 
     uint64_t Files() const;  // from the summary

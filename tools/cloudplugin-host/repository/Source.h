@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,13 @@ public:
     // one that changed while it was read is not kept. Throws Error (local
     // file).
     virtual bool Unchanged(const std::string& path, const Node& file) = 0;
+    // When the tree is one folder: that folder's own node (mode, times,
+    // owner, extended attributes; named kRootFolderName), for a restore to
+    // give DEST_DIR; what of it cannot be kept goes to `skipped`.
+    virtual std::optional<Node> RootFolder(std::vector<SkippedEntry>& skipped) {
+        (void)skipped;
+        return std::nullopt;
+    }
     // Whether a file's listing gives its size (else, for a stream, the size
     // is what reading it gives).
     virtual bool SizesKnownBeforeReading() const { return true; }

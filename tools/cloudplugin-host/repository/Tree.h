@@ -73,6 +73,9 @@ struct Node {
     bool IsFolder() const { return type == NodeType::Folder; }
 };
 
+// The name of the node that holds a snapshot's root folder's own metadata.
+constexpr const char* kRootFolderName = "root";
+
 // The plain bytes of the tree blobs of a folder's nodes (sorted by name):
 // one blob, or runs of at most kTreeRunBytes.
 std::vector<Bytes> EncodeTree(const std::vector<Node>& nodes);
