@@ -68,33 +68,19 @@ restic_args=()
 
 absolute() { (cd "$caller_dir" && realpath -m -- "$1"); }
 
-while [ $# -gt 0 ]; do
-  option=$1
-  value_given=no
-  if [[ $option == --*=* ]]; then
-    value=${option#*=}
-    option=${option%%=*}
-    value_given=yes
-  fi
-  case $option in
-    --help | -h) usage; exit 0 ;;
-    --keep) keep=yes; shift; continue ;;
-    --tool | --work | --examples | --restic-arg) ;;
-    *) echo "compare-metadata: unknown option '$1' (see --help)" >&2; exit 2 ;;
-  esac
-  if [ $value_given = no ]; then
-    [ $# -ge 2 ] || { echo "compare-metadata: $option needs a value" >&2; exit 2; }
-    value=$2
-    shift
-  fi
-  shift
-  case $option in
+# One option: its value goes where the option says.
+take_option() {
+  local value=$2
+  case $1 in
     --tool) tool=$(absolute "$value") ;;
     --work) work=$(absolute "$value") ;;
     --examples) examples=$value ;;
     --restic-arg) restic_args+=("$value") ;;
   esac
-done
+}
+# shellcheck source=scripts/options.sh
+. scripts/options.sh
+read_options compare-metadata "--tool --work --examples --restic-arg" take_option "$@"
 [[ $examples =~ ^[0-9]+$ ]] || { echo "compare-metadata: --examples takes a number" >&2; exit 2; }
 [ -n "$work" ] || work=$repo/build/compare-metadata
 
@@ -325,15 +311,9 @@ echo "==== where the source folder went"
 echo "     restic:           $(place "$restic_root" "$restic_restore")"
 echo "     cloudplugin-host: $(place "$tool_root" "$tool_restore")"
 
-compare_args=(--examples "$examples")
-if [ "$restic_root" != "$restic_restore" ] && [ "$tool_root" != "$tool_restore" ]; then
-  compare_args+=(--compare-root)
-else
-  who=()
-  [ "$restic_root" != "$restic_restore" ] || who+=(restic)
-  [ "$tool_root" != "$tool_restore" ] || who+=(cloudplugin-host)
-  compare_args+=(--root-note "the restore of ${who[*]} has no entry of its own for the source folder (the target stands for it)")
-fi
+# Both keep the source folder's own metadata: restic on its entry under the
+# target, cloudplugin-host on the target itself.
+compare_args=(--examples "$examples" --compare-root)
 
 echo
 echo "==== what each restore kept of the source's metadata"

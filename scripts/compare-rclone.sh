@@ -78,28 +78,10 @@ credential=sas
 
 absolute() { (cd "$caller_dir" && realpath -m -- "$1"); }
 
-while [ $# -gt 0 ]; do
-  option=$1
-  value_given=no
-  if [[ $option == --*=* ]]; then
-    value=${option#*=}
-    option=${option%%=*}
-    value_given=yes
-  fi
-  case $option in
-    --help | -h) usage; exit 0 ;;
-    --keep) keep=yes; shift; continue ;;
-    --rounds | --jobs | --set | --large | --medium | --small | --tool | --tool-arg | --rclone-arg | --credential | \
-      --work | --markdown) ;;
-    *) echo "compare-rclone: unknown option '$1' (see --help)" >&2; exit 2 ;;
-  esac
-  if [ $value_given = no ]; then
-    [ $# -ge 2 ] || { echo "compare-rclone: $option needs a value" >&2; exit 2; }
-    value=$2
-    shift
-  fi
-  shift
-  case $option in
+# One option: its value goes where the option says.
+take_option() {
+  local value=$2
+  case $1 in
     --rounds) rounds=$value ;;
     --jobs) jobs=$value ;;
     --set) set_name=$value ;;
@@ -113,7 +95,10 @@ while [ $# -gt 0 ]; do
     --work) work=$(absolute "$value") ;;
     --markdown) markdown=$(absolute "$value") ;;
   esac
-done
+}
+# shellcheck source=scripts/options.sh
+. scripts/options.sh
+read_options compare-rclone "--rounds --jobs --set --large --medium --small --tool --tool-arg --rclone-arg --credential --work --markdown" take_option "$@"
 
 [[ $rounds =~ ^[1-9][0-9]*$ ]] || { echo "compare-rclone: --rounds takes a positive number" >&2; exit 2; }
 [[ $jobs =~ ^[1-9][0-9]*$ ]] || { echo "compare-rclone: --jobs takes a positive number" >&2; exit 2; }

@@ -101,27 +101,10 @@ markdown=''
 
 absolute() { (cd "$caller_dir" && realpath -m -- "$1"); }
 
-while [ $# -gt 0 ]; do
-  option=$1
-  value_given=no
-  if [[ $option == --*=* ]]; then
-    value=${option#*=}
-    option=${option%%=*}
-    value_given=yes
-  fi
-  case $option in
-    --help | -h) usage; exit 0 ;;
-    --keep) keep=yes; shift; continue ;;
-    --rounds | --size-mib | --dup-mib | --files | --seed | --tool | --tool-arg | --restic-arg | --work | --markdown) ;;
-    *) echo "compare-restic: unknown option '$1' (see --help)" >&2; exit 2 ;;
-  esac
-  if [ $value_given = no ]; then
-    [ $# -ge 2 ] || { echo "compare-restic: $option needs a value" >&2; exit 2; }
-    value=$2
-    shift
-  fi
-  shift
-  case $option in
+# One option: its value goes where the option says.
+take_option() {
+  local value=$2
+  case $1 in
     --rounds) rounds=$value ;;
     --size-mib) size_mib=$value ;;
     --dup-mib) dup_mib=$value ;;
@@ -133,7 +116,10 @@ while [ $# -gt 0 ]; do
     --work) work=$(absolute "$value") ;;
     --markdown) markdown=$(absolute "$value") ;;
   esac
-done
+}
+# shellcheck source=scripts/options.sh
+. scripts/options.sh
+read_options compare-restic "--rounds --size-mib --dup-mib --files --seed --tool --tool-arg --restic-arg --work --markdown" take_option "$@"
 
 [[ $rounds =~ ^[1-9][0-9]*$ ]] || { echo "compare-restic: --rounds takes a positive number" >&2; exit 2; }
 [[ $size_mib =~ ^[1-9][0-9]*$ ]] && [ "$size_mib" -ge 8 ] ||
