@@ -46,22 +46,12 @@ import sys
 ACL_NAMES = ("system.posix_acl_access", "system.posix_acl_default")
 
 
+KINDS = ((stat.S_ISREG, "file"), (stat.S_ISDIR, "dir"), (stat.S_ISLNK, "symlink"), (stat.S_ISFIFO, "fifo"),
+         (stat.S_ISCHR, "char"), (stat.S_ISBLK, "block"), (stat.S_ISSOCK, "socket"))
+
+
 def kind(mode):
-    if stat.S_ISREG(mode):
-        return "file"
-    if stat.S_ISDIR(mode):
-        return "dir"
-    if stat.S_ISLNK(mode):
-        return "symlink"
-    if stat.S_ISFIFO(mode):
-        return "fifo"
-    if stat.S_ISCHR(mode):
-        return "char"
-    if stat.S_ISBLK(mode):
-        return "block"
-    if stat.S_ISSOCK(mode):
-        return "socket"
-    return "other"
+    return next((name for test, name in KINDS if test(mode)), "other")
 
 
 def read_xattrs(path):
