@@ -41,6 +41,15 @@ private:
     StreamSource& source_;
 };
 
+// Waits for the child, through signals that interrupt the wait; answers
+// waitpid's result.
+pid_t WaitFor(pid_t child, int& status) {
+    pid_t ended;
+    while ((ended = waitpid(child, &status, 0)) < 0 && errno == EINTR) {
+    }
+    return ended;
+}
+
 std::string Joined(const std::vector<std::string>& words) {
     std::string text;
     for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
@@ -60,7 +69,7 @@ StreamSource::StreamSource(const std::string& name, const std::vector<std::strin
     commandText_ = Joined(command);
     int pipeEnds[2];
     if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
-        throw Error(ErrorKind::SourceFailed, "cannot start " + commandText_ + ": " + std::strerror(errno));
+        throw Error(ErrorKind::SourceFailed, "cannot start " + commandText_ + ": " + ErrnoText());
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -86,8 +95,7 @@ StreamSource::~StreamSource() {
         close(fd_);
         kill(child_, SIGTERM);
         int status = 0;
-        while (waitpid(child_, &status, 0) < 0 && errno == EINTR) {
-        }
+        WaitFor(child_, status);
     }
 }
 
@@ -125,7 +133,7 @@ size_t StreamSource::Read(void* buffer, size_t size) {
         if (got < 0) {
             throw Error(ErrorKind::SourceFailed,
                         "cannot read " + (commandText_.empty() ? std::string("standard input") : "the output of " + commandText_) +
-                            ": " + std::strerror(errno));
+                            ": " + ErrnoText());
         }
         if (got == 0) {
             // What was read comes first; the next read, which finds only
@@ -142,11 +150,9 @@ void StreamSource::Finish() {
     if (child_ <= 0) return;
     close(fd_);
     int status = 0;
-    pid_t ended;
-    while ((ended = waitpid(child_, &status, 0)) < 0 && errno == EINTR) {
-    }
+    const pid_t ended = WaitFor(child_, status);
     child_ = -1;
-    if (ended < 0) throw Error(ErrorKind::SourceFailed, commandText_ + ": " + std::strerror(errno));
+    if (ended < 0) throw Error(ErrorKind::SourceFailed, commandText_ + ": " + ErrnoText());
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return;
     const std::string how = WIFEXITED(status) ? "exited with status " + std::to_string(WEXITSTATUS(status))
                                               : "was ended by signal " + std::to_string(WTERMSIG(status));
