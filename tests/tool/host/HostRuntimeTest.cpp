@@ -34,6 +34,18 @@ TEST(JvmOptions, TheHeapFollowsTheCallsInFlightStartsSmallAndOnlyTheQuickCompile
     EXPECT_EQ(ToolJvmOptions(2, (8u << 20) + 1)[0], "-Xmx168m");
 }
 
+TEST(ConnectionDefault, IsAddedOnlyWhenTheUserDidNotNameTheKey) {
+    EXPECT_EQ(WithConnectionDefault("AccountName=a;Container=c", "VerifyDownloadMd5", "false"),
+              "AccountName=a;Container=c;VerifyDownloadMd5=false");
+    EXPECT_EQ(WithConnectionDefault("AccountName=a;Container=c; ;", "VerifyDownloadMd5", "false"),
+              "AccountName=a;Container=c;VerifyDownloadMd5=false");
+    EXPECT_EQ(WithConnectionDefault("AccountName=a; verifydownloadMD5 =true;Container=c", "VerifyDownloadMd5", "false"),
+              "AccountName=a; verifydownloadMD5 =true;Container=c");
+    // A key only named in a value (a SAS, a path) is not the key.
+    EXPECT_EQ(WithConnectionDefault("ClientCertificatePath=/VerifyDownloadMd5=x", "VerifyDownloadMd5", "false"),
+              "ClientCertificatePath=/VerifyDownloadMd5=x;VerifyDownloadMd5=false");
+}
+
 TEST(JavaHome, AJavaHomeWithoutAJvmLibraryIsNotUsed) {
     testsupport::TempFolder folder;
     EXPECT_EQ(JvmLibraryIn(folder.PathUtf8()), "");

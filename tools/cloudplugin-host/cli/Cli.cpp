@@ -18,13 +18,22 @@ PluginSession& Context::Session() {
     if (options_.host.connectionString.empty()) {
         throw Error(ErrorKind::Usage, "no connection string: give --connection or set CLOUDPLUGIN_CONNECTION");
     }
-    runtime_ = std::make_unique<HostRuntime>(options_.host);
+    HostSettings settings = options_.host;
+    if (callerVerifiesReads_) {
+        settings.connectionString = WithConnectionDefault(settings.connectionString, kVerifyDownloadMd5Key, "false");
+    }
+    runtime_ = std::make_unique<HostRuntime>(settings);
     session_ = std::make_unique<PluginSession>(runtime_->plugin());
     return *session_;
 }
 
+PluginSession& Context::VerifyingSession() {
+    callerVerifiesReads_ = true;
+    return Session();
+}
+
 repo::PluginObjectStore& Context::Store() {
-    if (!store_) store_ = std::make_unique<repo::PluginObjectStore>(Session());
+    if (!store_) store_ = std::make_unique<repo::PluginObjectStore>(VerifyingSession());
     return *store_;
 }
 

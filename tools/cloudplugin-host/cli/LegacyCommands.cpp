@@ -26,7 +26,7 @@ struct LegacyOptions {
 };
 
 legacy::Context LegacyContext(Context& context) {
-    return legacy::Context{context.Session(), {context.options().repo}, context.options().host.jobs,
+    return legacy::Context{context.VerifyingSession(), {context.options().repo}, context.options().host.jobs,
                            context.Display(), [&context](const std::string& line) { context.Warn(line); }};
 }
 
@@ -34,11 +34,11 @@ CommandResult RunBackup(Context& context, const LegacyOptions& options) {
     context.host().partSize = options.partSize;  // sizes the JVM: each part is an array in it
     const std::string backupId = options.name.empty() ? legacy::NewBackupId() : options.name;
     context.Say("backup " + backupId + " of " + AbsolutePath(options.path));
-    const double pluginBefore = context.Session().PluginSeconds();
+    const double pluginBefore = context.VerifyingSession().PluginSeconds();
     const legacy::BackupReport report =
         legacy::Backup(LegacyContext(context), options.path, {backupId, options.partSize});
     const Json skipped = ReportSkipped(context, report.skipped);
-    const double pluginSeconds = context.Session().PluginSeconds() - pluginBefore;
+    const double pluginSeconds = context.VerifyingSession().PluginSeconds() - pluginBefore;
     context.Say("backup " + backupId + " complete: " + std::to_string(report.files) + " files, " +
                 std::to_string(report.folders) + " empty folders, " + std::to_string(report.links) + " links, " +
                 FormatBytes(static_cast<double>(report.bytes)) + " in " + FormatDuration(report.seconds) + " (" +
@@ -67,11 +67,11 @@ CommandResult RunBackup(Context& context, const LegacyOptions& options) {
 // restore, or verify without a destination.
 CommandResult RunRestore(Context& context, const LegacyOptions& options, bool writing) {
     const std::string command = writing ? "legacy restore" : "legacy verify";
-    const double pluginBefore = context.Session().PluginSeconds();
+    const double pluginBefore = context.VerifyingSession().PluginSeconds();
     const legacy::RestoreReport report =
         writing ? legacy::Restore(LegacyContext(context), options.backup, options.path, options.overwrite)
                 : legacy::Verify(LegacyContext(context), options.backup);
-    const double pluginSeconds = context.Session().PluginSeconds() - pluginBefore;
+    const double pluginSeconds = context.VerifyingSession().PluginSeconds() - pluginBefore;
     const Json damaged = ReportDamaged(context, report.damaged);
     ReportSetIdDropped(context, report.setIdDropped);
     for (const std::string& note : report.notes) context.Warn(note);

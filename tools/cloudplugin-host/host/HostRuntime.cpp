@@ -1,6 +1,7 @@
 #include "host/HostRuntime.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +10,7 @@
 #include "local/LocalFiles.h"
 #include "host/PluginSession.h"
 #include "util/Error.h"
+#include "util/Text.h"
 #include "platform/TextCodec.h"
 
 #ifdef _WIN32
@@ -183,6 +185,24 @@ std::string ClassPathOf(const std::string& jarFolder) {
         classPath += Utf8Of(PathOf(jarFolder) / PathOf(jar));
     }
     return classPath;
+}
+
+std::string WithConnectionDefault(const std::string& connection, const std::string& key, const std::string& value) {
+    const auto canonical = [](std::string text) {
+        const size_t first = text.find_first_not_of(" \t");
+        const size_t last = text.find_last_not_of(" \t");
+        text = first == std::string::npos ? "" : text.substr(first, last - first + 1);
+        std::transform(text.begin(), text.end(), text.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        return text;
+    };
+    for (const std::string& part : Split(connection, ';')) {
+        const size_t eq = part.find('=');
+        if (eq != std::string::npos && canonical(part.substr(0, eq)) == canonical(key)) return connection;
+    }
+    std::string result = connection;
+    while (!result.empty() && (result.back() == ' ' || result.back() == ';')) result.pop_back();
+    return result + ";" + key + "=" + value;
 }
 
 HostRuntime::HostRuntime(const HostSettings& settings) {

@@ -57,6 +57,17 @@ std::string LastJavaFailure(const std::string& logFile, uint64_t from);
 // in native code either way; no performance-data file.
 std::vector<std::string> ToolJvmOptions(unsigned jobs, uint64_t partSize);
 
+// The connection string with `key=value` added, unless it names the key
+// already (keys compare as the Java library compares them: trimmed, in any
+// case), in which case the user's value stands.
+std::string WithConnectionDefault(const std::string& connection, const std::string& key, const std::string& value);
+
+// The connection-string key that turns off the Java library's MD5 check of
+// whole-object reads; the repository authenticates every blob it reads
+// (AES-GCM and the blob's id), so the check is a second pass over every
+// byte that proves nothing more.
+constexpr const char* kVerifyDownloadMd5Key = "VerifyDownloadMd5";
+
 // The file name of the plug-in library on this platform.
 const char* PluginLibraryFileName();
 

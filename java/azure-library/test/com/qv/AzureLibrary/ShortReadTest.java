@@ -207,4 +207,24 @@ class ShortReadTest extends ProxiedAzuriteTest {
         assertError(ERRORID.CHECKSUM_MISMATCH, l.ReadObject(big, slice, slice.length, 3 << 20),
                     "the last slice of a whole answer whose MD5 does not match");
     }
+
+    /**
+     * VerifyDownloadMd5=false leaves the whole-object MD5 check to a caller
+     * that authenticates what it reads: the same damaged answer is handed
+     * on as read (the caller's own check is what catches it).
+     */
+    @Test
+    void aCallerThatVerifiesItselfCanTurnTheDownloadMd5Off() {
+        String name = unique("md5/off-");
+        byte[] data = stored(name, 100_000);
+        QVAzurePlugInLibrary l = viaProxy("VerifyDownloadMd5=false");
+        proxy.add(getOf(name), 1, FaultProxy.Fault.corruptReply());
+        byte[] back = new byte[100_000];
+        CReadObjectFnValue r = l.ReadObject(name, back, back.length, 0);
+        assertOk(r, "ReadObject without the MD5 check");
+        assertEquals(100_000, r.sizeRead);
+        assertTrue(!Arrays.equals(data, back), "the proxy damaged the answer");
+        assertOk(l.ReadObject(name, back, back.length, 0), "an undamaged read");
+        assertArrayEquals(data, back);
+    }
 }

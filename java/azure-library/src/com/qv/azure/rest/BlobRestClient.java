@@ -331,7 +331,7 @@ public final class BlobRestClient {
      * If-Match with the version the first answer was of: an object replaced
      * meanwhile fails with CONDITION_NOT_MET, its versions never mixed. A
      * read of a whole blob whose MD5 the service keeps is checked against it
-     * (CHECKSUM_MISMATCH).
+     * (CHECKSUM_MISMATCH), unless the connection turned that check off.
      */
     public ReadResult readRange(Deadline op, String blob, long offset, byte[] dest, int max) throws StorageException {
         if (max <= 0) {
@@ -406,7 +406,8 @@ public final class BlobRestClient {
                                                head.longHeader("Content-Length", -1), from);
             long announced = head.longHeader("Content-Length", extent == null ? -1 : extent[0] - from);
             blobSize = OpenReads.blobSize(head.status, head.header("Content-Range"), announced);
-            blobMd5 = head.status == 200 ? head.header("Content-MD5") : head.header("x-ms-blob-content-md5");
+            blobMd5 = !conn.verifyDownloadMd5 ? null
+                : head.status == 200 ? head.header("Content-MD5") : head.header("x-ms-blob-content-md5");
             int want = (int) Math.min(max - got, announced >= 0 ? announced : Long.MAX_VALUE);
             int n = HttpExchange.readFully(in, dest, got, want);
             got += n;

@@ -52,6 +52,13 @@ public final class StorageConnection {
     public final String serviceVersion;
     /** The most objects one GetObjectSubList answers (ListMaxEntries); more fail with a clear error. */
     public final long listMaxEntries;
+    /**
+     * Whether a read of a whole blob is checked against the MD5 the service
+     * keeps (VerifyDownloadMd5, true unless given). A caller that
+     * authenticates every byte it reads itself may turn it off and save
+     * the MD5's cost (about 1.7 s of CPU a GiB).
+     */
+    public final boolean verifyDownloadMd5;
 
     public static final long DEFAULT_LIST_MAX_ENTRIES = 1_000_000;
 
@@ -61,7 +68,7 @@ public final class StorageConnection {
     private StorageConnection(String accountName, byte[] accountKey, SasToken sas, EntraCredential entra,
                               URI blobEndpoint,
                               String container, RetryPolicy retryPolicy, String accessTier, String serviceVersion,
-                              long listMaxEntries) {
+                              long listMaxEntries, boolean verifyDownloadMd5) {
         this.accountName = accountName;
         this.accountKey = accountKey;
         this.sas = sas;
@@ -72,6 +79,7 @@ public final class StorageConnection {
         this.accessTier = accessTier;
         this.serviceVersion = serviceVersion;
         this.listMaxEntries = listMaxEntries;
+        this.verifyDownloadMd5 = verifyDownloadMd5;
     }
 
     /** Never shows the account key or the token. */
@@ -106,7 +114,7 @@ public final class StorageConnection {
         "RetryMaxDelayMillis", "RequestTimeoutSeconds", "ConnectTimeoutSeconds", "OperationTimeoutSeconds",
         "ServiceVersion", "AllowInsecureHttp", "StallTimeoutSeconds", "ListMaxEntries", "Authentication", "TenantId",
         "ClientId", "ClientSecret", "ClientCertificatePath", "ClientCertificatePassword", "FederatedTokenFile",
-        "AuthorityHost", "ManagedIdentityEndpoint");
+        "AuthorityHost", "ManagedIdentityEndpoint", "VerifyDownloadMd5");
 
     private static String knownSpelling(String lowerKey) {
         for (String k : KNOWN_KEYS) {
@@ -215,7 +223,7 @@ public final class StorageConnection {
         if (account == null) {
             account = accountOf(uri);
         }
-        boolean allowInsecure = flag(pairs, "AllowInsecureHttp");
+        boolean allowInsecure = flag(pairs, "AllowInsecureHttp", false);
         if (uri.getScheme().equalsIgnoreCase("http") && !isLoopback(uri.getHost()) && !allowInsecure) {
             throw new Invalid(Invalid.Reason.BAD_ENDPOINT,
                               "BlobEndpoint is plain http to a host that is not this machine: the "
@@ -229,7 +237,8 @@ public final class StorageConnection {
             : EntraCredential.parse(pairs, env, allowInsecure, retry.connectTimeout);
         return new StorageConnection(account, key, sas, entra, uri, container, retry, accessTier(pairs),
                                      serviceVersion(pairs),
-                                     whole(pairs, "ListMaxEntries", DEFAULT_LIST_MAX_ENTRIES, 1, 100_000_000));
+                                     whole(pairs, "ListMaxEntries", DEFAULT_LIST_MAX_ENTRIES, 1, 100_000_000),
+                                     flag(pairs, "VerifyDownloadMd5", true));
     }
 
     /**
@@ -249,9 +258,12 @@ public final class StorageConnection {
     private static final Pattern VERSION = Pattern.compile("20[0-9]{2}-[01][0-9]-[0-3][0-9]");
 
     /** A true/false key (any case); absent is false. */
-    private static boolean flag(Map<String, String> pairs, String key) throws Invalid {
+    private static boolean flag(Map<String, String> pairs, String key, boolean absent) throws Invalid {
         String v = pairs.get(key.toLowerCase(Locale.ROOT));
-        if (v == null || v.equalsIgnoreCase("false")) {
+        if (v == null) {
+            return absent;
+        }
+        if (v.equalsIgnoreCase("false")) {
             return false;
         }
         if (v.equalsIgnoreCase("true")) {

@@ -64,6 +64,16 @@ class RestPiecesTest {
         assertEquals("abc", c.container);
     }
 
+    /** The whole-download MD5 check is on unless VerifyDownloadMd5=false; any other value is refused. */
+    @Test
+    void theDownloadMd5CheckIsOnUnlessTurnedOff() throws Exception {
+        String base = "AccountName=dev;AccountKey=" + KEY + ";BlobEndpoint=http://127.0.0.1:1234/dev;Container=abc";
+        assertTrue(StorageConnection.parse(base).verifyDownloadMd5);
+        assertTrue(StorageConnection.parse(base + ";VerifyDownloadMd5=TRUE").verifyDownloadMd5);
+        assertFalse(StorageConnection.parse(base + ";verifydownloadmd5=false").verifyDownloadMd5);
+        assertEquals(StorageConnection.Invalid.Reason.BAD_OPTION, reasonOf(base + ";VerifyDownloadMd5=no"));
+    }
+
     private static StorageConnection.Invalid.Reason reasonOf(String s) {
         return assertThrows(StorageConnection.Invalid.class, () -> StorageConnection.parse(s)).reason;
     }
