@@ -148,10 +148,11 @@ dup_dir=$work/dup
 tool_restore=$work/restore-cloudplugin-host
 restic_restore=$work/restore-restic
 restic_cache=$work/restic-cache
+tool_cache=$work/tool-cache
 edit_save=$work/edit-originals
 logs=$work/logs
 results=$work/results.tsv
-rm -rf "$tool_restore" "$restic_restore" "$restic_cache" "$logs" "$work/azurite"
+rm -rf "$tool_restore" "$restic_restore" "$restic_cache" "$tool_cache" "$logs" "$work/azurite"
 mkdir -p "$logs"
 
 succeeded=no
@@ -159,7 +160,7 @@ cleanup() {
   azurite_stop
   if [ $succeeded = yes ] && [ $keep = no ]; then
     rm -rf "$source_dir" "$dup_dir" "$work/source.mix" "$work/source.made" "$work/dup.mix" "$tool_restore" "$restic_restore" \
-      "$restic_cache" "$edit_save"
+      "$restic_cache" "$tool_cache" "$edit_save"
   elif [ $succeeded = no ]; then
     echo "compare-restic: logs, data sets and restores kept in $work" >&2
   fi
@@ -397,13 +398,14 @@ RCLONE_CONFIG_BENCHAZ_SAS_URL="$azurite_url?$sas"
 # One password for both, new each run; each tool derives its key with its
 # own default: cloudplugin-host scrypt with --kdf-memory 64M, restic scrypt
 # with parameters it calibrates at init (about 0.5 s, at most 60 MiB).
-export CLOUDPLUGIN_PASSWORD RESTIC_PASSWORD RESTIC_CACHE_DIR
+export CLOUDPLUGIN_PASSWORD RESTIC_PASSWORD RESTIC_CACHE_DIR CLOUDPLUGIN_CACHE_DIR
 CLOUDPLUGIN_PASSWORD=$(openssl rand -hex 16)
 RESTIC_PASSWORD=$CLOUDPLUGIN_PASSWORD
-# restic keeps its local cache (index, snapshots and tree packs; part of how
-# it saves time on a second backup) from one command to the next of a round,
-# and starts every round with an empty one.
+# Both tools keep their local caches (index, snapshots and tree packs; part
+# of how they save time on a second backup) from one command to the next of
+# a round, and start every round with empty ones.
 RESTIC_CACHE_DIR=$restic_cache
+CLOUDPLUGIN_CACHE_DIR=$tool_cache
 
 # restic runs rclone through this wrapper, which runs it under GNU time, so
 # that rclone's own CPU seconds and peak RSS are known (restic waits for
@@ -427,7 +429,7 @@ restic_repository() { echo "rclone:benchaz:$1/repo"; }
 
 echo "==== command lines (round N; CONTAINER is new each round)"
 echo "  CLOUDPLUGIN_CONNECTION='$(tool_connection CONTAINER)'"
-echo "  CLOUDPLUGIN_PASSWORD=(new each run)"
+echo "  CLOUDPLUGIN_PASSWORD=(new each run) CLOUDPLUGIN_CACHE_DIR=$tool_cache (emptied each round)"
 echo "  $(quoted "${tool_cmd[@]}") init"
 echo "  $(quoted "${tool_cmd[@]}") --json backup SOURCE                       (three times)"
 echo "  $(quoted "${tool_cmd[@]}") restore latest DEST"
@@ -607,7 +609,7 @@ purge() {  # CONTAINER
 
 round_tool() {  # ROUND
   local round=$1 container=cph-r$1 dup_container=cph-dup-r$1 who=cloudplugin-host
-  rm -rf "$tool_restore"
+  rm -rf "$tool_restore" "$tool_cache"
   export CLOUDPLUGIN_CONNECTION
   CLOUDPLUGIN_CONNECTION=$(tool_connection "$container")
   run_step $who init "$round" "$work" "${tool_cmd[@]}" init
@@ -620,11 +622,13 @@ round_tool() {  # ROUND
   edit_revert
   purge "$container"
   if [ $keep = no ] || [ "$round" -lt "$rounds" ]; then rm -rf "$tool_restore"; fi
+  rm -rf "$tool_cache"
   [ $scale = no ] || return 0
   CLOUDPLUGIN_CONNECTION=$(tool_connection "$dup_container")
   run_step $who dupinit "$round" "$work" "${tool_cmd[@]}" init
   backup_step $who dup "$round" "$dup_container/$tool_prefix" "$work" "${tool_cmd[@]}" --json backup "$dup_dir"
   purge "$dup_container"
+  rm -rf "$tool_cache"
 }
 round_restic() {  # ROUND
   local round=$1 container=restic-r$1 dup_container=restic-dup-r$1 who=restic
@@ -862,7 +866,7 @@ notes() {
     echo "(c) stored bytes of a repository holding one backup of the set: $(to_mib "$dup_bytes") MiB of files, $dup_mib MiB distinct."
   fi
   echo "Stored bytes: the sum of the blob sizes under the tool's path (cloudplugin-host/ or repo/) in its own"
-  echo "container, config and keys included; restic's local cache is not counted."
+  echo "container, config and keys included; the local caches are not counted."
   echo "CPU s: user + system seconds of the command and every process it waited for; restic's include its"
   echo "rclone (its share in brackets); cloudplugin-host's include its JVM (one process). Peak RSS: of the"
   echo "command's own process, the JVM included for cloudplugin-host; restic's own without rclone (rclone's in"
@@ -870,8 +874,8 @@ notes() {
   echo "of restic and rclone; when rclone was the larger, restic's own is the highest VmHWM read from /proc every"
   echo "0.1 s (*: $sampled_total of $((${#sampled_steps[@]} * rounds)) measurements). host/restic: ratio of the medians."
   echo "Keys: each tool's default key derivation (cloudplugin-host scrypt of 64 MiB, restic scrypt calibrated"
-  echo "at init to about 0.5 s and at most 60 MiB), paid again by every command. restic keeps its local cache"
-  echo "from one command to the next within a round and starts each round with an empty one."
+  echo "at init to about 0.5 s and at most 60 MiB), paid again by every command. Both tools keep their local"
+  echo "caches from one command to the next within a round and start each round with empty ones."
   echo "Every restore was compared with the source (contents, sizes, modification times) outside the timing."
   echo "cloudplugin-host writes restored files with O_DIRECT; restic's land in the page cache (no sync timed)."
 }

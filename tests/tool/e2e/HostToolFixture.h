@@ -97,12 +97,14 @@ protected:
     ToolRun Tool(std::vector<std::string> arguments) { return ToolOn(Azurite::Shared(), std::move(arguments)); }
     ToolRun ToolOn(const Azurite& azurite, std::vector<std::string> arguments) {
         std::vector<std::string> all = {"--connection", azurite.ConnectionString(container_), "--log-folder", logs_,
-                                        "--json"};
+                                        "--cache-dir", CacheFolder(), "--json"};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return RunTool(all);
     }
 
     std::string Folder(const std::string& name) const { return work_.PathUtf8() + "/" + name; }
+    // The test's own local cache (a command given --no-cache uses none).
+    std::string CacheFolder() const { return Folder("cache"); }
 
     // Writes the file as the manifest `name` through the plug-in, with the
     // metadata the tool checks it by (its SHA-256): what anyone who can
@@ -197,7 +199,8 @@ protected:
     // user reads, or the bytes dump writes.
     std::vector<std::string> PlainArguments(const std::vector<std::string>& arguments) const {
         std::vector<std::string> all = {"--connection", Azurite::Shared().ConnectionString(container_),
-                                        "--log-folder", logs_, "--password-file", passwordFile_};
+                                        "--log-folder", logs_, "--cache-dir", CacheFolder(),
+                                        "--password-file", passwordFile_};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return all;
     }

@@ -127,6 +127,69 @@ TEST_F(RepositoryToolTest, ARepositoryOfAnUnknownVersionIsRefusedInOneLine) {
     EXPECT_NE(refused.err.find("format 7"), std::string::npos) << refused.err;
 }
 
+// The repository's folder in the test's cache (the one folder named by a repository id).
+static std::vector<fs::path> CachedFilesUnder(const std::string& cacheRoot) {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::recursive_directory_iterator(cacheRoot)) {
+        const std::string kind = entry.path().parent_path().filename().string();
+        if (entry.is_regular_file() && (kind == "index" || kind == "snapshots" || kind == "trees")) {
+            files.push_back(entry.path());
+        }
+    }
+    return files;
+}
+
+TEST_F(RepositoryToolTest, TheLocalCacheIsUsedButADamagedOrForeignOneIsNeverTrusted) {
+    const std::string source = MakeTree();
+    BackupOk(source);
+    const std::vector<fs::path> cached = CachedFilesUnder(CacheFolder());
+    ASSERT_GE(cached.size(), 3u) << "the backup kept its index, snapshot and tree pack";
+
+    // Damaged: every file changed in one byte, one cut short.
+    for (const fs::path& file : cached) {
+        std::string bytes = ReadFile(file.string());
+        bytes[bytes.size() / 2] = static_cast<char>(bytes[bytes.size() / 2] ^ 0x01);
+        WriteFile(file.string(), bytes);
+    }
+    fs::resize_file(cached.front(), 7);
+    ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+
+    // Foreign: another repository's cache put in this one's place.
+    const std::string otherCache = Folder("other-cache");
+    WriteFile(Folder("other/file"), Bytes(5000, 9));
+    const auto onOther = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--connection", Azurite::Shared().ConnectionString(container_),
+                                             "--log-folder", logs_, "--password-file", passwordFile_, "--repo",
+                                             "other", "--cache-dir", otherCache});
+        return RunTool(arguments).status;
+    };
+    ASSERT_EQ(onOther({"init", "--kdf-memory", "1M"}), 0);
+    ASSERT_EQ(onOther({"backup", Folder("other")}), 0);
+    for (const fs::path& file : CachedFilesUnder(otherCache)) {
+        const fs::path mine = fs::path(cached.front()).parent_path().parent_path() /
+                              file.parent_path().filename() / file.filename();
+        fs::copy_file(file, mine, fs::copy_options::overwrite_existing);
+    }
+    restore = Repo({"restore", "latest", Folder("restored-again")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored-again"));
+    EXPECT_EQ(CachedFilesUnder(CacheFolder()).size(), cached.size()) << "the foreign files were removed";
+
+    // Listed, removed, and not made again under --no-cache.
+    const ToolRun list = Repo({"cache"});
+    ASSERT_EQ(list.status, 0) << list.err;
+    EXPECT_EQ(Member(list.out, "removed_caches"), "0");
+    EXPECT_NE(list.out.find("\"repository\":"), std::string::npos) << list.out;
+    const ToolRun removed = Repo({"cache", "--remove-all"});
+    ASSERT_EQ(removed.status, 0) << removed.err;
+    EXPECT_EQ(Member(removed.out, "removed_caches"), "1");
+    ASSERT_EQ(Repo({"--no-cache", "ls", "latest"}).status, 0);
+    EXPECT_TRUE(CachedFilesUnder(CacheFolder()).empty());
+    EXPECT_EQ(Repo({"check", "--read-data"}).status, 0);
+}
+
 TEST_F(RepositoryToolTest, AChangedBitInAPackIsFoundByCheckAndRestore) {
     WriteFile(Folder("source/victim.bin"), Bytes(300000, 5));
     const std::string backup = BackupOk(Folder("source"));
@@ -414,7 +477,9 @@ TEST_F(RepositoryToolTest, ADamagedIndexAndALostPackAreRepaired) {
     ASSERT_EQ(Tool({"object", "put", indexes[1], Folder("index")}).status, 0);
 
     EXPECT_EQ(Repo({"snapshots"}).status, 0) << "a listing reads no index";
-    const ToolRun refused = Repo({"restore", "latest", Folder("refused")});
+    // This machine's cache holds the index as it was written; another
+    // machine (no cache) reads the damaged one.
+    const ToolRun refused = Repo({"--no-cache", "restore", "latest", Folder("refused")});
     EXPECT_EQ(refused.status, 1);
     EXPECT_NE(refused.err.find("'cloudplugin-host repair index'"), std::string::npos) << refused.err;
     EXPECT_NE(Repo({"check"}).out.find("\"repairs\":[\"'cloudplugin-host repair index'"), std::string::npos);

@@ -26,6 +26,7 @@ public:
     void ReadRange(const std::string& name, uint64_t offset, uint64_t length, qvhost::repo::Bytes& out) override {
         std::lock_guard<std::mutex> lock(mutex_);
         ++reads_;
+        readNames_.push_back(name);
         const auto found = objects_.find(name);
         if (found == objects_.end()) throw qvhost::repo::ObjectMissing(name);
         if (tiers_[name] == "Archive") throw qvhost::repo::ObjectArchived(name);
@@ -69,6 +70,17 @@ public:
     const std::vector<std::string>& rehydrations() const { return rehydrations_; }
     size_t writes() const { return writes_; }
     size_t reads() const { return reads_; }
+    // Reads of objects whose names start with `prefix` since the last ForgetReads().
+    size_t ReadsUnder(const std::string& prefix) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        size_t count = 0;
+        for (const std::string& name : readNames_) count += name.compare(0, prefix.size(), prefix) == 0;
+        return count;
+    }
+    void ForgetReads() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        readNames_.clear();
+    }
 
 private:
     std::mutex mutex_;
@@ -78,6 +90,7 @@ private:
     std::vector<std::string> rehydrations_;
     size_t writes_ = 0;
     size_t reads_ = 0;
+    std::vector<std::string> readNames_;
 };
 
 }  // namespace repotest

@@ -13,7 +13,7 @@ struct CheckCommandOptions {
 };
 
 CommandResult RunCheck(Context& context, const CheckCommandOptions& options) {
-    repo::Repository repository = OpenRepository(context);
+    repo::Repository repository = OpenRepository(context, LocalCacheUse::Bypass);
     repo::RepositoryLock lock(repository, "check", false, context.options().lockWaitSeconds);
     repo::CheckOptions check;
     check.readData = options.readData;

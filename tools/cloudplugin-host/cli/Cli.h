@@ -32,6 +32,8 @@ struct GlobalOptions {
     std::string repo = "cloudplugin-host";  // -r, --repo: the prefix of every object name
     std::string password;                   // CLOUDPLUGIN_PASSWORD or --password-file
     int64_t lockWaitSeconds = 0;
+    std::string cacheDir;  // --cache-dir; empty: LocalCache::DefaultRoot()
+    bool noCache = false;  // --no-cache
     bool json = false;
     bool quiet = false;
     int verbose = 0;
@@ -160,6 +162,7 @@ void AddTagCommand(CommandTable& table);
 void AddLocksCommands(CommandTable& table);
 void AddKeyCommands(CommandTable& table);
 void AddRehydrateCommand(CommandTable& table);
+void AddCacheCommand(CommandTable& table);
 void AddRepairCommands(CommandTable& table);
 void AddInfoCommands(CommandTable& table);
 void AddObjectCommands(CommandTable& table);

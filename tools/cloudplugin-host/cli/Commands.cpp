@@ -21,6 +21,7 @@ void AddCommands(CommandTable& table) {
     AddLocksCommands(table);
     AddKeyCommands(table);
     AddRehydrateCommand(table);
+    AddCacheCommand(table);
     AddLegacyCommands(table);
     AddInfoCommands(table);
     AddObjectCommands(table);

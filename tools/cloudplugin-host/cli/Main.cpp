@@ -73,6 +73,12 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
            "wait up to AGE for a lock another process holds (30s, 10m; default: 0)")
         ->type_name("AGE")
         ->group(group);
+    app.add_option("--cache-dir", options.cacheDir,
+                   "the local cache of index, snapshot and tree objects (default: $CLOUDPLUGIN_CACHE_DIR, else "
+                   "$XDG_CACHE_HOME/cloudplugin-host, else ~/.cache/cloudplugin-host)")
+        ->type_name("DIR")
+        ->group(group);
+    app.add_flag("--no-cache", options.noCache, "read everything from the storage, keep nothing locally")->group(group);
     app.add_flag("--json", options.json, "machine-readable output on standard output")->group(group);
     app.add_flag("-q,--quiet", options.quiet, "no progress and no summary")->group(group);
     app.add_flag("-v,--verbose", options.verbose, "more detail (what a backup reads, and the like)")->group(group);

@@ -16,7 +16,7 @@ struct RepairSnapshotsCommandOptions {
 };
 
 CommandResult RunRepairIndex(Context& context) {
-    repo::Repository repository = OpenRepository(context);
+    repo::Repository repository = OpenRepository(context, LocalCacheUse::Bypass);
     repo::RepositoryLock lock(repository, "repair index", true, context.options().lockWaitSeconds);
     repo::RepairIndexOptions options;
     options.jobs = context.options().host.jobs;
@@ -67,7 +67,7 @@ Json SayRepair(Context& context, const repo::SnapshotRepair& repair, bool dryRun
 }
 
 CommandResult RunRepairSnapshots(Context& context, const RepairSnapshotsCommandOptions& options) {
-    repo::Repository repository = OpenRepository(context);
+    repo::Repository repository = OpenRepository(context, LocalCacheUse::Bypass);
     repo::RepositoryLock lock(repository, "repair snapshots", !options.dryRun, context.options().lockWaitSeconds);
     const std::vector<repo::SnapshotRepair> repairs =
         repo::RepairSnapshots(repository, options.snapshots, {options.dryRun, options.forget});

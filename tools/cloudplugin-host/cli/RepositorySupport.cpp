@@ -6,10 +6,15 @@
 
 namespace qvhost::cli {
 
-repo::Repository OpenRepository(Context& context) {
+repo::Repository OpenRepository(Context& context, LocalCacheUse cacheUse) {
     repo::RepositoryOptions options;
     options.warn = [&context](const std::string& text) { context.Warn("warning: " + Printable(text)); };
+    if (cacheUse == LocalCacheUse::Use && !context.options().noCache) options.cacheRoot = CacheRoot(context.options());
     return repo::Repository(context.Store(), context.options().repo, context.options().password, std::move(options));
+}
+
+std::string CacheRoot(const GlobalOptions& options) {
+    return options.cacheDir.empty() ? repo::LocalCache::DefaultRoot() : options.cacheDir;
 }
 
 std::string ResolveSnapshot(repo::Repository& repository, const std::string& argument,

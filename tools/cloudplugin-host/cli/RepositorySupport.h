@@ -13,8 +13,16 @@
 
 namespace qvhost::cli {
 
-// The repository under --repo, opened with the password.
-repo::Repository OpenRepository(Context& context);
+// Whether a command reads through the local cache: check and repair read
+// what the storage holds, nothing else (as restic's check does).
+enum class LocalCacheUse { Use, Bypass };
+
+// The repository under --repo, opened with the password, with its local
+// cache unless --no-cache (or there is no place for one).
+repo::Repository OpenRepository(Context& context, LocalCacheUse cacheUse = LocalCacheUse::Use);
+
+// The folder holding the local caches: --cache-dir, else the default.
+std::string CacheRoot(const GlobalOptions& options);
 
 // The snapshot an argument names ("latest" is the newest the filter selects);
 // throws Error (not found) when none.

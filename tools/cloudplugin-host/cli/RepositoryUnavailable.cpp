@@ -47,6 +47,7 @@ void AddKeyCommands(CommandTable& table) {
     AddUnavailable(table, "key remove", "remove a key");
 }
 void AddRehydrateCommand(CommandTable& table) { AddUnavailable(table, "rehydrate", "rehydrate a snapshot"); }
+void AddCacheCommand(CommandTable& table) { AddUnavailable(table, "cache", "the local caches"); }
 void AddRepairCommands(CommandTable& table) {
     table.Group("repair", "rebuild the index, repair snapshots", "Repairs of a damaged repository.");
     AddUnavailable(table, "repair index", "rebuild the index from the packs");

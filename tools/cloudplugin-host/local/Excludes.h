@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "local/LocalFiles.h"
+#include "util/PathRules.h"
 #include "util/Pattern.h"
 
 namespace qvhost {
@@ -25,9 +26,6 @@ struct ExcludeOptions {
     bool oneFileSystem = false;              // -x, --one-file-system
     uint64_t largerThan = 0;                 // --exclude-larger-than; 0: no limit
 };
-
-// The first line of a cache folder's CACHEDIR.TAG (https://bford.info/cachedir/).
-constexpr const char* kCacheDirSignature = "Signature: 8a477f597d28d172789f06886806bc55";
 
 // The lines of an exclude file as patterns: blanks around a line trimmed,
 // empty lines and lines starting with '#' left out, $NAME and ${NAME}

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <set>
 
 #include "util/Text.h"
 #include "repository/Binary.h"
@@ -69,6 +70,10 @@ Repository::Repository(ObjectStore& store, const std::string& root, const std::s
         Damaged("the repository under " + root + " has keys but no config object");
     }
     gear_ = GearTableFor(keys_.chunker);
+    Id id;
+    if (!options.cacheRoot.empty() && IdFromHex(config_.id, id)) {
+        cache_ = std::make_shared<LocalCache>(options.cacheRoot, config_.id, [this](const std::string& text) { Warn(text); });
+    }
 }
 
 void Repository::Warn(const std::string& text) {
@@ -97,12 +102,43 @@ std::vector<NamedObject> Repository::ListIds(const std::string& prefix, std::vec
     return objects;
 }
 
+Bytes Repository::ReadNamed(CachedKind kind, const std::string& name, const Id& id, uint64_t limit) {
+    Bytes bytes;
+    if (cache_ && cache_->Get(kind, id, bytes)) return bytes;
+    bytes = store_.ReadAll(name, limit);
+    Keep(kind, id, bytes);
+    return bytes;
+}
+
+void Repository::Keep(CachedKind kind, const Id& id, const Bytes& bytes) {
+    if (cache_) cache_->Put(kind, id, bytes.data(), bytes.size());
+}
+
+bool Repository::ReadTreePack(const Id& pack, Bytes& bytes) {
+    if (cache_ && cache_->Get(CachedKind::TreePack, pack, bytes)) return true;
+    // A pack is filled to the pack size, and may pass it by one blob.
+    const uint64_t limit = std::min<uint64_t>(kMaximumPackSize, config_.packSize + kMaximumBlobSealedSize +
+                                                                    kMaximumPackHeaderSize);
+    try {
+        bytes = store_.ReadAll(layout_.Pack(pack), limit);
+    } catch (const Error& failure) {
+        if (failure.kind() != ErrorKind::Damaged) throw;  // too large to be read whole
+        return false;
+    }
+    if (Sha256Id(bytes.data(), bytes.size()) != pack) return false;
+    Keep(CachedKind::TreePack, pack, bytes);
+    return true;
+}
+
 MasterIndex Repository::LoadIndex() {
     MasterIndex index;
+    std::set<Id> listed;
     for (const NamedObject& object : ListIds(layout_.IndexPrefix())) {
+        listed.insert(object.id);
         std::vector<IndexedPack> packs;
         try {
-            packs = DecodeIndex(keys_, store_.ReadAll(object.name, kMaximumIndexSize), object.name);
+            packs = DecodeIndex(keys_, ReadNamed(CachedKind::Index, object.name, object.id, kMaximumIndexSize),
+                                object.name);
         } catch (const Error& failure) {
             if (failure.kind() != ErrorKind::Damaged) throw;
             // The index is only a list of what the packs hold: it can be made again.
@@ -114,6 +150,10 @@ MasterIndex Repository::LoadIndex() {
         for (const IndexedPack& pack : packs) index.Add(pack);
         index.objects.push_back(object.name);
     }
+    if (cache_) {
+        cache_->KeepOnly(CachedKind::Index, listed);
+        cache_->KeepOnly(CachedKind::TreePack, index.packs());
+    }
     return index;
 }
 
@@ -123,17 +163,25 @@ std::string Repository::SaveIndex(const std::vector<IndexedPack>& packs, uint64_
     const Id id = Sha256Id(sealed.data(), sealed.size());
     const std::string name = layout_.IndexPrefix() + IdHex(id);
     store_.Write(name, sealed.data(), sealed.size());
+    Keep(CachedKind::Index, id, sealed);
     return name;
 }
 
 void Repository::WritePack(const PackBuilder::Finished& pack) {
     store_.Write(layout_.Pack(pack.id), pack.bytes.data(), pack.bytes.size());
+    const bool trees = !pack.entries.empty() && std::all_of(pack.entries.begin(), pack.entries.end(), [](const PackEntry& e) {
+        return e.type == BlobType::Tree;
+    });
+    if (trees) Keep(CachedKind::TreePack, pack.id, pack.bytes);
 }
 
 Snapshot Repository::LoadSnapshot(const std::string& id) {
     Bytes sealed;
+    Id named;
     try {
-        sealed = store_.ReadAll(layout_.SnapshotsPrefix() + id, kMaximumSnapshotSize);
+        sealed = IdFromHex(id, named) ? ReadNamed(CachedKind::Snapshot, layout_.SnapshotsPrefix() + id, named,
+                                                  kMaximumSnapshotSize)
+                                      : store_.ReadAll(layout_.SnapshotsPrefix() + id, kMaximumSnapshotSize);
     } catch (const ObjectMissing&) {
         throw Error(ErrorKind::NotFound, "no snapshot " + id);
     }
@@ -172,22 +220,37 @@ std::string Repository::SaveSnapshot(Snapshot& snapshot, uint64_t* written) {
     const std::string info = EncodeSnapshotInfo(keys_, InfoOf(snapshot));
     if (!info.empty()) properties[kSnapshotInfoProperty] = info;
     store_.Write(layout_.SnapshotsPrefix() + snapshot.id, sealed.data(), sealed.size(), properties);
+    Id id;
+    if (IdFromHex(snapshot.id, id)) Keep(CachedKind::Snapshot, id, sealed);
     if (written) *written += sealed.size();
     return snapshot.id;
+}
+
+std::vector<NamedObject> Repository::ListSnapshots() {
+    std::vector<NamedObject> snapshots = ListIds(layout_.SnapshotsPrefix());
+    if (cache_) {
+        std::set<Id> listed;
+        for (const NamedObject& snapshot : snapshots) listed.insert(snapshot.id);
+        cache_->KeepOnly(CachedKind::Snapshot, listed);
+    }
+    return snapshots;
 }
 
 std::vector<SnapshotInfo> Repository::ListSnapshotInfos() {
     std::vector<SnapshotInfo> infos;
     const std::string prefix = layout_.SnapshotsPrefix();
+    std::set<Id> listed;
     for (const StoredObject& object : store_.List(prefix)) {
         const std::string id = object.name.substr(prefix.size());
         Id parsed;
         if (!IdFromHex(id, parsed)) continue;
+        listed.insert(parsed);
         const auto property = object.properties.find(kSnapshotInfoProperty);
         std::optional<SnapshotInfo> info;
         if (property != object.properties.end()) info = DecodeSnapshotInfo(keys_, property->second, id);
         infos.push_back(info ? *info : InfoOf(LoadSnapshot(id)));
     }
+    if (cache_) cache_->KeepOnly(CachedKind::Snapshot, listed);
     std::sort(infos.begin(), infos.end(), [](const SnapshotInfo& a, const SnapshotInfo& b) {
         return a.timeNs != b.timeNs ? a.timeNs < b.timeNs : a.id < b.id;
     });

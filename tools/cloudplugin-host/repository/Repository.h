@@ -25,6 +25,7 @@
 
 #include "repository/Index.h"
 #include "repository/KeyRing.h"
+#include "repository/LocalCache.h"
 #include "repository/Keys.h"
 #include "repository/ObjectStore.h"
 #include "repository/Snapshot.h"
@@ -56,6 +57,8 @@ struct RepositoryOptions {
     // Where warnings go as they happen (damaged key objects skipped); they
     // are also kept (warnings()).
     WarningSink warn;
+    // The folder of the local caches (LocalCache.h); empty: no cache.
+    std::string cacheRoot;
 };
 
 // A listed pack, index or snapshot object: its id from its name.
@@ -103,7 +106,17 @@ public:
     std::string SaveIndex(const std::vector<IndexedPack>& packs, uint64_t* written = nullptr);
     void WritePack(const PackBuilder::Finished& pack);
 
-    std::vector<NamedObject> ListSnapshots() { return ListIds(layout_.SnapshotsPrefix()); }
+    // From here on, index, snapshot and tree-pack objects are kept in
+    // `cache` and read from it (LocalCache.h); null: all from the storage.
+    void UseCache(std::shared_ptr<LocalCache> cache) { cache_ = std::move(cache); }
+    LocalCache* cache() const { return cache_.get(); }
+    // A pack of tree blobs whole, from the cache or the storage. False when
+    // it cannot be had whole and checked against its name (too large, or
+    // damaged somewhere): its blobs are then read one by one, each opened
+    // and checked on its own. Throws ObjectMissing, ObjectArchived.
+    bool ReadTreePack(const Id& pack, Bytes& bytes);
+
+    std::vector<NamedObject> ListSnapshots();
     // A snapshot of format version 1 leaves the trees its lists became
     // here (SyntheticTree).
     Snapshot LoadSnapshot(const std::string& id);
@@ -123,7 +136,13 @@ public:
     std::string FindSnapshot(const std::string& argument, const SnapshotFilter& filter = {});
 
 private:
+    // An object named by the SHA-256 of its bytes, from the cache when it
+    // holds it, else from the storage (and then kept).
+    Bytes ReadNamed(CachedKind kind, const std::string& name, const Id& id, uint64_t limit);
+    void Keep(CachedKind kind, const Id& id, const Bytes& bytes);
+
     ObjectStore& store_;
+    std::shared_ptr<LocalCache> cache_;
     RepositoryLayout layout_;
     MasterKeys keys_;
     RepositoryConfig config_;

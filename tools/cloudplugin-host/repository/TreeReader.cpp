@@ -4,8 +4,38 @@
 
 namespace qvhost::repo {
 
-TreeReader::TreeReader(Repository& repository, const MasterIndex& index, size_t cachedTrees)
-    : repository_(repository), index_(index), capacity_(std::max<size_t>(1, cachedTrees)) {}
+TreeReader::TreeReader(Repository& repository, const MasterIndex& index, size_t cachedTrees, size_t heldPacks)
+    : repository_(repository), index_(index), capacity_(std::max<size_t>(1, cachedTrees)), heldPacks_(heldPacks) {}
+
+std::shared_ptr<const Bytes> TreeReader::HeldPack(const Id& pack) {
+    std::lock_guard<std::mutex> lock(packMutex_);
+    for (auto it = packs_.begin(); it != packs_.end(); ++it) {
+        if (it->first != pack) continue;
+        packs_.splice(packs_.begin(), packs_, it);
+        return packs_.front().second;
+    }
+    if (heldPacks_ == 0) return nullptr;
+    auto bytes = std::make_shared<Bytes>();
+    std::shared_ptr<const Bytes> held;
+    if (repository_.ReadTreePack(pack, *bytes)) held = std::move(bytes);
+    // A pack that cannot be had whole is remembered too, so it is not asked for again.
+    packs_.emplace_front(pack, held);
+    if (packs_.size() > heldPacks_) packs_.pop_back();
+    return held;
+}
+
+Bytes TreeReader::SealedBlob(const BlobLocation& location) {
+    const std::shared_ptr<const Bytes> pack = HeldPack(location.pack);
+    const uint64_t end = location.entry.offset + location.entry.length;
+    if (pack && end <= pack->size()) {
+        return Bytes(pack->begin() + static_cast<ptrdiff_t>(location.entry.offset),
+                     pack->begin() + static_cast<ptrdiff_t>(end));
+    }
+    Bytes sealed;
+    repository_.store().ReadRange(repository_.layout().Pack(location.pack), location.entry.offset,
+                                  location.entry.length, sealed);
+    return sealed;
+}
 
 Nodes TreeReader::Load(const Id& id) {
     {
@@ -21,9 +51,7 @@ Nodes TreeReader::Load(const Id& id) {
     if (!repository_.SyntheticTree(id, plain)) {
         const BlobLocation* location = index_.Find(id);
         if (!location || location->entry.type != BlobType::Tree) Damaged(what + " is in no index");
-        Bytes sealed;
-        repository_.store().ReadRange(repository_.layout().Pack(location->pack), location->entry.offset,
-                                      location->entry.length, sealed);
+        const Bytes sealed = SealedBlob(*location);
         std::string why;
         if (sealed.size() != location->entry.length ||
             !OpenBlob(repository_.keys(), location->entry, sealed.data(), sealed.size(), plain, why)) {

@@ -1,6 +1,8 @@
-// Reading trees: each tree blob found through the index, read by its range,
-// opened and checked like any blob, and the most recent ones kept, so that
-// walking a snapshot reads every tree once. Trees of snapshots of format
+// Reading trees: each tree blob found through the index, opened and checked
+// like any blob, and the most recent ones kept, so that walking a snapshot
+// reads every tree once. Tree blobs come from packs of their own, which are
+// read whole (from the local cache when there is one) and the last few held:
+// a walk of thousands of folders costs a request per pack, not per folder. Trees of snapshots of format
 // version 1 come from the repository's memory (Repository::LoadTree).
 #pragma once
 
@@ -23,7 +25,7 @@ using Nodes = std::shared_ptr<const std::vector<Node>>;
 
 class TreeReader {
 public:
-    TreeReader(Repository& repository, const MasterIndex& index, size_t cachedTrees = 512);
+    TreeReader(Repository& repository, const MasterIndex& index, size_t cachedTrees = 512, size_t heldPacks = 4);
 
     // The nodes of one tree blob. Throws Damaged (a tree no index names, or
     // one that does not open), ObjectMissing or ObjectArchived (its pack).
@@ -33,9 +35,17 @@ public:
     std::vector<Node> Entries(const std::vector<Id>& trees);
 
 private:
+    // The sealed blob, from its pack held whole, else by its range.
+    Bytes SealedBlob(const BlobLocation& location);
+    // The pack held whole; null when it cannot be had whole (its blobs are read by range).
+    std::shared_ptr<const Bytes> HeldPack(const Id& pack);
+
     Repository& repository_;
     const MasterIndex& index_;
     const size_t capacity_;
+    const size_t heldPacks_;
+    std::mutex packMutex_;  // one pack read at a time: a walk's next trees are in the same pack
+    std::list<std::pair<Id, std::shared_ptr<const Bytes>>> packs_;  // most recent first
     std::mutex mutex_;
     std::list<Id> recent_;  // most recent first
     std::map<Id, std::pair<Nodes, std::list<Id>::iterator>> cache_;

@@ -56,4 +56,7 @@ struct TreePath {
 std::pair<std::string, std::string> FirstTreeProblem(const std::vector<TreePath>& entries,
                                                      PathRules rules = kNativePathRules);
 
+// The first line of a cache folder's CACHEDIR.TAG (https://bford.info/cachedir/).
+constexpr const char* kCacheDirSignature = "Signature: 8a477f597d28d172789f06886806bc55";
+
 }  // namespace qvhost
