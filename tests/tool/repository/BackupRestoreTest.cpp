@@ -110,7 +110,7 @@ TEST_F(RepositoryTest, ADamagedPackNamesEveryAffectedFileAndWritesNoneOfThem) {
     // One bit of one chunk of each file, in storage.
     const MasterIndex index = repository_->LoadIndex();
     for (const auto& [path, file] : Files(report.snapshot.id)) {
-        const BlobLocation* location = index.Find(file.content.back());
+        const std::optional<BlobLocation> location = index.Find(file.content.back());
         store_.objects()[repository_->layout().Pack(location->pack)][location->entry.offset + 40] ^= 0x04;
     }
     const RestoreReport restore = Restore(report.snapshot.id, Folder("restored"));

@@ -76,7 +76,7 @@ TEST_F(DumpTest, ADamagedChunkStopsTheDumpAfterTheGoodOnesBeforeIt) {
     const Node file = Files(id).front().second;
     ASSERT_GE(file.content.size(), 3u);
     const MasterIndex index = repository_->LoadIndex();
-    const BlobLocation* third = index.Find(file.content[2]);
+    const std::optional<BlobLocation> third = index.Find(file.content[2]);
     store_.objects()[repository_->layout().Pack(third->pack)][third->entry.offset + 40] ^= 0x10;
     uint64_t before = 0;
     for (size_t i = 0; i < 2; ++i) before += index.Find(file.content[i])->entry.plainLength;

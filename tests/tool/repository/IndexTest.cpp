@@ -27,14 +27,56 @@ TEST(Index, RoundTripsAndMerges) {
     MasterIndex index;
     index.Add(decoded[0]);
     for (const PackEntry& entry : pack.blobs) {
-        const BlobLocation* found = index.Find(entry.id);
-        ASSERT_NE(found, nullptr);
+        const std::optional<BlobLocation> found = index.Find(entry.id);
+        ASSERT_TRUE(found.has_value());
         EXPECT_EQ(found->pack, pack.pack);
         EXPECT_EQ(found->entry.offset, entry.offset);
         EXPECT_EQ(found->entry.plainLength, entry.plainLength);
         EXPECT_EQ(found->entry.compressed, entry.compressed);
     }
     EXPECT_TRUE(index.HasPack(pack.pack));
+}
+
+// Enough blobs for the table to grow several times; a blob named by two
+// packs is found in the first one added, and counted once.
+TEST(Index, ManyBlobsAreFoundInTheFirstPackThatHoldsThemAndNothingElseIs) {
+    const MasterKeys keys = MasterKeys::Random();
+    const auto idOf = [&](uint32_t i) { return KeyedHash(keys.mac, reinterpret_cast<const uint8_t*>(&i), sizeof i); };
+    MasterIndex index;
+    std::vector<Id> packIds;
+    for (uint32_t p = 0; p < 50; ++p) {
+        IndexedPack pack;
+        pack.pack = idOf(1000000 + p);
+        packIds.push_back(pack.pack);
+        // Pack p holds blobs p*1000 .. p*1000+1199: the last 200 again in the next pack.
+        for (uint32_t b = 0; b < 1200; ++b) {
+            PackEntry entry;
+            entry.id = idOf(p * 1000 + b);
+            entry.offset = b * 64;
+            entry.length = 64;
+            entry.plainLength = b;
+            entry.type = b % 2 ? BlobType::Tree : BlobType::Data;
+            pack.blobs.push_back(entry);
+        }
+        index.Add(pack);
+    }
+    EXPECT_EQ(index.BlobCount(), 49u * 1000 + 1200);
+    EXPECT_EQ(index.all().size(), 50u);
+    for (uint32_t i = 0; i < 50 * 1000 + 200; ++i) {
+        const std::optional<BlobLocation> found = index.Find(idOf(i));
+        ASSERT_TRUE(found.has_value()) << i;
+        const uint32_t pack = i >= 1000 && i % 1000 < 200 ? i / 1000 - 1 : i / 1000;
+        EXPECT_EQ(found->pack, packIds[pack]) << i;
+        EXPECT_EQ(found->entry.id, idOf(i));
+        EXPECT_EQ(found->entry.plainLength, i - pack * 1000);
+        EXPECT_EQ(found->entry.type, (i - pack * 1000) % 2 ? BlobType::Tree : BlobType::Data);
+        EXPECT_TRUE(index.Has(idOf(i)));
+    }
+    for (uint32_t i = 50 * 1000 + 200; i < 50 * 1000 + 5000; ++i) {
+        EXPECT_FALSE(index.Has(idOf(i))) << i;
+        EXPECT_FALSE(index.Find(idOf(i)).has_value()) << i;
+    }
+    EXPECT_FALSE(MasterIndex().Has(idOf(0)));
 }
 
 TEST(Index, ACountLargerThanTheObjectIsDamageNotAnAllocation) {

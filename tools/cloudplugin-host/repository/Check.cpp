@@ -109,7 +109,7 @@ private:
         std::vector<Node> entries;
         try {
             for (const Id& tree : trees) {
-                const BlobLocation* location = index_.Find(tree);
+                const std::optional<BlobLocation> location = index_.Find(tree);
                 if (location && badPacks_.count(location->pack) && !GoodCopy(tree)) Damaged("its pack is damaged or missing");
             }
             entries = reader.Entries(trees);
@@ -129,7 +129,7 @@ private:
 
     void CheckFile(const std::string& shortId, const std::string& path, const Node& node) {
         for (const Id& chunk : node.content) {
-            const BlobLocation* location = index_.Find(chunk);
+            const std::optional<BlobLocation> location = index_.Find(chunk);
             if (!location) {
                 report_.errors.push_back("the snapshot " + shortId + " names a chunk of '" + Printable(path) +
                                          "' that no index holds (" + Short(chunk) + ")");

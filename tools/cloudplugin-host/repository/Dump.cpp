@@ -15,13 +15,13 @@ namespace qvhost::repo {
 namespace {
 
 // The chunks' places, checked against the file's size before any is read.
-std::vector<const BlobLocation*> Locate(const MasterIndex& index, const Node& file, const std::string& path) {
-    std::vector<const BlobLocation*> locations;
+std::vector<BlobLocation> Locate(const MasterIndex& index, const Node& file, const std::string& path) {
+    std::vector<BlobLocation> locations;
     uint64_t total = 0;
     for (const Id& chunk : file.content) {
-        const BlobLocation* location = index.Find(chunk);
+        const std::optional<BlobLocation> location = index.Find(chunk);
         if (!location) Damaged(path + ": its chunk " + IdHex(chunk).substr(0, 16) + " is in no index");
-        locations.push_back(location);
+        locations.push_back(*location);
         total += location->entry.plainLength;
     }
     if (total != file.size) {
@@ -138,8 +138,8 @@ uint64_t DumpFile(Repository& repository, const MasterIndex& index, const Node& 
                   const ByteSink& sink) {
     Bytes sealed, plain;
     uint64_t written = 0;
-    for (const BlobLocation* location : Locate(index, file, path)) {
-        ReadChunk(repository, *location, path, sealed, plain);
+    for (const BlobLocation& location : Locate(index, file, path)) {
+        ReadChunk(repository, location, path, sealed, plain);
         sink(plain.data(), plain.size());
         written += plain.size();
     }

@@ -1,5 +1,7 @@
 #include "repository/Index.h"
 
+#include <algorithm>
+
 #include "repository/Binary.h"
 #include "repository/Keys.h"
 
@@ -64,13 +66,46 @@ std::vector<IndexedPack> DecodeIndex(const MasterKeys& keys, const Bytes& sealed
 
 void MasterIndex::Add(const IndexedPack& pack) {
     packs_.insert(pack.pack);
-    for (const PackEntry& blob : pack.blobs) blobs_.emplace(blob.id, BlobLocation{pack.pack, blob});
+    const uint64_t packIndex = all_.size();
     all_.push_back(pack);
+    for (uint64_t entry = 0; entry < pack.blobs.size(); ++entry) {
+        if (Slot(pack.blobs[entry].id) != kEmpty) continue;  // the first pack named keeps it
+        if ((blobs_ + 1) * 2 > table_.size()) {
+            // Twice as large, and every reference in it again.
+            std::vector<uint64_t> old(std::max<size_t>(1024, table_.size() * 2), kEmpty);
+            old.swap(table_);
+            for (const uint64_t reference : old) {
+                if (reference != kEmpty) Insert(reference);
+            }
+        }
+        Insert(packIndex << 32 | entry);
+        ++blobs_;
+    }
 }
 
-const BlobLocation* MasterIndex::Find(const Id& blob) const {
-    const auto found = blobs_.find(blob);
-    return found == blobs_.end() ? nullptr : &found->second;
+void MasterIndex::Insert(uint64_t reference) {
+    const size_t mask = table_.size() - 1;
+    for (size_t slot = IdHash()(EntryOf(reference).id) & mask;; slot = (slot + 1) & mask) {
+        if (table_[slot] == kEmpty) {
+            table_[slot] = reference;
+            return;
+        }
+    }
+}
+
+uint64_t MasterIndex::Slot(const Id& blob) const {
+    if (table_.empty()) return kEmpty;
+    const size_t mask = table_.size() - 1;
+    for (size_t slot = IdHash()(blob) & mask;; slot = (slot + 1) & mask) {
+        const uint64_t reference = table_[slot];
+        if (reference == kEmpty || EntryOf(reference).id == blob) return reference;
+    }
+}
+
+std::optional<BlobLocation> MasterIndex::Find(const Id& blob) const {
+    const uint64_t reference = Slot(blob);
+    if (reference == kEmpty) return std::nullopt;
+    return BlobLocation{all_[reference >> 32].pack, EntryOf(reference)};
 }
 
 }  // namespace qvhost::repo

@@ -151,9 +151,14 @@ void LocalCache::KeepOnly(CachedKind kind, const std::set<Id>& listed) {
         Id id;
         const std::string name = entry.path().filename().string();
         if (IdFromHex(name, id) && listed.count(id)) continue;
-        // Gone from the repository, or no object's name (a temporary file
-        // left by a command that was stopped).
+        // A temporary file may be another command's write in progress:
+        // only one left for an hour is a stopped command's.
         std::error_code ignored;
+        if (name.find(".tmp-") != std::string::npos &&
+            fs::last_write_time(entry.path(), ignored) > fs::file_time_type::clock::now() - std::chrono::hours(1)) {
+            continue;
+        }
+        // Gone from the repository, or no object's name.
         if (fs::remove(entry.path(), ignored)) ++removed;
     }
     std::lock_guard<std::mutex> lock(mutex_);

@@ -32,7 +32,7 @@ std::vector<StoredObject> TreePacks(Repository& repository, const MasterIndex& i
 std::vector<StoredObject> PacksOf(Repository& repository, const Snapshot& snapshot, const MasterIndex& index) {
     std::set<std::string> packs;
     auto add = [&](const Id& blob) {
-        if (const BlobLocation* location = index.Find(blob)) packs.insert(repository.layout().Pack(location->pack));
+        if (const std::optional<BlobLocation> location = index.Find(blob)) packs.insert(repository.layout().Pack(location->pack));
     };
     for (const Id& tree : snapshot.tree) add(tree);
     TreeReader reader(repository, index);

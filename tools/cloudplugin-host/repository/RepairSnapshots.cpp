@@ -127,7 +127,7 @@ private:
 
     bool Readable(const Node& file) const {
         return std::all_of(file.content.begin(), file.content.end(), [this](const Id& chunk) {
-            const BlobLocation* location = index_.Find(chunk);
+            const std::optional<BlobLocation> location = index_.Find(chunk);
             return location && location->entry.type == BlobType::Data;
         });
     }

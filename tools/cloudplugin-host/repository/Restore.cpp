@@ -93,15 +93,15 @@ void RestoreRun::Plan() {
     std::vector<Id> order;
     for (size_t file = 0; file < sink_.files().size(); ++file) {
         const Node& entry = sink_.files()[file].node;
-        std::vector<const BlobLocation*> locations;
+        std::vector<BlobLocation> locations;
         uint64_t total = 0;
         for (const Id& chunk : entry.content) {
-            const BlobLocation* location = index_.Find(chunk);
+            const std::optional<BlobLocation> location = index_.Find(chunk);
             if (!location) {
                 sink_.Fail(file, "", "its chunk " + IdHex(chunk).substr(0, 16) + " is in no index");
                 break;
             }
-            locations.push_back(location);
+            locations.push_back(*location);
             total += location->entry.plainLength;
         }
         if (sink_.Failed(file)) continue;
@@ -110,13 +110,13 @@ void RestoreRun::Plan() {
             continue;
         }
         uint64_t offset = 0;
-        for (const BlobLocation* location : locations) {
-            auto& blobs = packs_[location->pack];
-            if (blobs.empty()) order.push_back(location->pack);
-            PlannedBlob& blob = blobs[location->entry.offset];
-            blob.entry = location->entry;
+        for (const BlobLocation& location : locations) {
+            auto& blobs = packs_[location.pack];
+            if (blobs.empty()) order.push_back(location.pack);
+            PlannedBlob& blob = blobs[location.entry.offset];
+            blob.entry = location.entry;
             blob.uses.push_back({file, offset});
-            offset += location->entry.plainLength;
+            offset += location.entry.plainLength;
         }
         sink_.Expect(file, locations.size());
     }

@@ -35,7 +35,7 @@ std::string CompareWithChunks(ExistingFile& file, const Node& node, const Master
     Bytes buffer;
     uint64_t offset = 0;
     for (const Id& chunk : node.content) {
-        const BlobLocation* location = index.Find(chunk);
+        const std::optional<BlobLocation> location = index.Find(chunk);
         if (!location) return "its chunk " + IdHex(chunk).substr(0, 16) + " is in no index";
         buffer.resize(location->entry.plainLength);
         const size_t read = file.ReadAt(offset, buffer.data(), buffer.size());

@@ -19,7 +19,7 @@ void CountNode(RestoreSizeStats& stats, const Node& node) {
 // Adds a blob the first time it is seen.
 void CountBlob(RawDataStats& stats, const MasterIndex& index, std::set<Id>& seen, const Id& id, bool tree) {
     if (!seen.insert(id).second) return;
-    const BlobLocation* location = index.Find(id);
+    const std::optional<BlobLocation> location = index.Find(id);
     if (!location) {
         ++stats.missing;
         return;

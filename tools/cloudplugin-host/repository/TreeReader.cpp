@@ -49,7 +49,7 @@ Nodes TreeReader::Load(const Id& id) {
     const std::string what = "the tree " + IdHex(id).substr(0, 16);
     Bytes plain;
     if (!repository_.SyntheticTree(id, plain)) {
-        const BlobLocation* location = index_.Find(id);
+        const std::optional<BlobLocation> location = index_.Find(id);
         if (!location || location->entry.type != BlobType::Tree) Damaged(what + " is in no index");
         const Bytes sealed = SealedBlob(*location);
         std::string why;
