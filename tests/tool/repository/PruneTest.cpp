@@ -2,6 +2,7 @@
 // is deleted when a snapshot names missing data.
 #include <ctime>
 
+#include "repository/Forget.h"
 #include "repository/RepositoryFixture.h"
 
 namespace repotest {
@@ -29,6 +30,58 @@ TEST_F(RepositoryTest, PruneRemovesWhatNoSnapshotNeedsAndKeepsTheRestRestorable)
     EXPECT_LT(stored, 600000u + 60000u) << "one file's data remains";
     Restore(second.snapshot.id, Folder("restored"));
     EXPECT_EQ(ReadFile(Folder("restored") + "/kept.bin"), ReadFile(source + "/kept.bin"));
+}
+
+// Folders unchanged between two snapshots share their trees; forgetting the
+// first makes its tree pack partly used, and the rewrite must keep the
+// shared trees as trees, in packs of their own.
+TEST_F(RepositoryTest, TreesSharedWithAForgottenSnapshotSurvivePruneAsTrees) {
+    const std::string source = Folder("source");
+    for (const char* folder : {"a", "b", "c/d"}) {
+        for (int i = 0; i < 3; ++i) {
+            WriteFile(source + "/" + folder + "/f" + std::to_string(i), RandomBytes(3000 + i, 40 + i));
+        }
+    }
+    const BackupReport first = Backup(source);
+    WriteFile(source + "/c/d/f1", RandomBytes(5000, 50));
+    const BackupReport second = Backup(source);
+    ApplyForget(*repository_, {first.snapshot.id});
+    const PruneReport report = Prune(*repository_);
+    EXPECT_GT(report.packsRewritten, 0u) << "the first tree pack holds trees of both snapshots";
+
+    const CheckReport check = RunCheck(*repository_, CheckOptions{true, 2, nullptr});
+    EXPECT_TRUE(check.errors.empty()) << check.errors[0];
+    EXPECT_EQ(Files(second.snapshot.id).size(), 9u);
+    Restore(second.snapshot.id, Folder("restored"));
+    EXPECT_EQ(ReadFile(Folder("restored") + "/a/f2"), ReadFile(source + "/a/f2"));
+    EXPECT_EQ(ReadFile(Folder("restored") + "/c/d/f1"), ReadFile(source + "/c/d/f1"));
+    for (const IndexedPack& pack : repository_->LoadIndex().all()) {
+        const bool trees = pack.blobs.front().type == BlobType::Tree;
+        for (const PackEntry& blob : pack.blobs) EXPECT_EQ(blob.type == BlobType::Tree, trees) << "a pack of one kind";
+    }
+}
+
+// A repository an earlier prune left with its kept trees indexed as data
+// blobs: the snapshot names them trees and their ids prove their bytes.
+TEST_F(RepositoryTest, TreesIndexedAsDataBlobsByAnEarlierPruneStillRead) {
+    const std::string source = Folder("source");
+    WriteFile(source + "/a/f", RandomBytes(3000, 60));
+    WriteFile(source + "/b/f", RandomBytes(3000, 61));
+    const BackupReport backup = Backup(source);
+    std::vector<IndexedPack> packs = repository_->LoadIndex().all();
+    size_t retyped = 0;
+    for (IndexedPack& pack : packs) {
+        for (PackEntry& blob : pack.blobs) {
+            retyped += blob.type == BlobType::Tree;
+            blob.type = BlobType::Data;
+        }
+    }
+    ASSERT_GE(retyped, 3u);
+    for (const std::string& name : Names("repo/index/")) store_.Delete(name);
+    repository_->SaveIndex(packs);
+    EXPECT_EQ(Files(backup.snapshot.id).size(), 2u);
+    Restore(backup.snapshot.id, Folder("restored"));
+    EXPECT_EQ(ReadFile(Folder("restored") + "/b/f"), ReadFile(source + "/b/f"));
 }
 
 TEST_F(RepositoryTest, PruneDeletesNothingWhenASnapshotNamesMissingData) {

@@ -166,7 +166,9 @@ public:
             progress.BytesDone(bytes.size());
             progress.FileDone(Short(pack), bytes.size());
         }
-        if (!builder_.empty()) Flush();
+        for (PackBuilder* builder : {&data_, &trees_}) {
+            if (!builder->empty()) Flush(*builder);
+        }
         return std::move(written_);
     }
 
@@ -187,16 +189,21 @@ private:
             }
             SealedBlob copy;
             copy.id = blob.id;
+            copy.type = blob.type;
             copy.compressed = blob.compressed;
             copy.plainLength = blob.plainLength;
             copy.bytes.assign(bytes.begin() + blob.offset, bytes.begin() + blob.offset + blob.length);
-            builder_.Add(std::move(copy));
-            if (builder_.size() >= repository_.config().packSize) Flush();
+            // Trees into packs of their own, as a backup writes them.
+            PackBuilder& builder = BuilderFor(blob.type);
+            builder.Add(std::move(copy));
+            if (builder.size() >= repository_.config().packSize) Flush(builder);
         }
     }
 
-    void Flush() {
-        PackBuilder::Finished pack = builder_.Finish(repository_.keys());
+    PackBuilder& BuilderFor(BlobType type) { return type == BlobType::Tree ? trees_ : data_; }
+
+    void Flush(PackBuilder& builder) {
+        PackBuilder::Finished pack = builder.Finish(repository_.keys());
         repository_.WritePack(pack);
         report_.bytesRewritten += pack.bytes.size();
         report_.bytesFreed -= std::min<uint64_t>(report_.bytesFreed, pack.bytes.size());
@@ -207,7 +214,8 @@ private:
     Repository& repository_;
     const PrunePlan& plan_;
     PruneReport& report_;
-    PackBuilder builder_;
+    PackBuilder data_;
+    PackBuilder trees_;
     std::vector<IndexedPack> written_;
 };
 
