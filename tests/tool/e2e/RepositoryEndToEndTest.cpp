@@ -190,6 +190,44 @@ TEST_F(RepositoryToolTest, TheLocalCacheIsUsedButADamagedOrForeignOneIsNeverTrus
     EXPECT_EQ(Repo({"check", "--read-data"}).status, 0);
 }
 
+// The append-only set-up: backup hosts hold a SAS that may create and
+// write but not delete; one maintenance host holds the full credential.
+TEST_F(RepositoryToolTest, BackupsUnderASasWithoutDeleteAndMaintenanceWithTheFullCredential) {
+    const std::string appendOnly = Azurite::Shared().SasConnectionString(container_, "rwlacup");
+    const auto backupHost = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--connection", appendOnly, "--log-folder", logs_, "--cache-dir",
+                                             Folder("backup-host-cache"), "--password-file", passwordFile_});
+        return RunTool(arguments);
+    };
+    const std::string source = MakeTree();
+    ToolRun backup = backupHost({"backup", source});
+    ASSERT_EQ(backup.status, 0) << backup.err;
+    EXPECT_NE(backup.err.find("may not delete"), std::string::npos) << "the lock it leaves is named: " << backup.err;
+    WriteFile(source + "/many/file7", "changed content");
+    backup = backupHost({"backup", source});
+    ASSERT_EQ(backup.status, 0) << backup.err;
+    const size_t objects = ObjectNames(Tool({"object", "list", "cloudplugin-host/"}).out).size();
+
+    for (const std::vector<std::string>& maintenance :
+         {std::vector<std::string>{"forget", "--keep-last", "1", "--prune"}, std::vector<std::string>{"prune"}}) {
+        const ToolRun refused = backupHost(maintenance);
+        EXPECT_EQ(refused.status, 8) << refused.err;
+        EXPECT_EQ(LineCount(refused.err), 1u) << refused.err;
+        EXPECT_NE(refused.err.find("'d' permission"), std::string::npos) << refused.err;
+    }
+    EXPECT_EQ(ObjectNames(Tool({"object", "list", "cloudplugin-host/"}).out).size(), objects)
+        << "the refused commands changed nothing";
+
+    const ToolRun forget = Repo({"forget", "--keep-last", "1", "--prune"});
+    ASSERT_EQ(forget.status, 0) << forget.err;
+    EXPECT_EQ(ObjectNames(Tool({"object", "list", "cloudplugin-host/snapshots/"}).out).size(), 1u);
+    const ToolRun check = Repo({"check", "--read-data"});
+    EXPECT_EQ(check.status, 0) << check.out << check.err;
+    const ToolRun restore = backupHost({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(source, Folder("restored"));
+}
+
 TEST_F(RepositoryToolTest, AChangedBitInAPackIsFoundByCheckAndRestore) {
     WriteFile(Folder("source/victim.bin"), Bytes(300000, 5));
     const std::string backup = BackupOk(Folder("source"));

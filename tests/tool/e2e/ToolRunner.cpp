@@ -215,9 +215,9 @@ std::string PercentEncoded(const std::string& text) {
     return out;
 }
 
-// An account SAS for the Blob service (version 2020-12-06): every
-// permission on services, containers and objects, valid for a day.
-std::string AccountSas() {
+// An account SAS for the Blob service (version 2020-12-06) with these
+// permissions on services, containers and objects, valid for a day.
+std::string AccountSas(const std::string& permissions) {
     const size_t length = std::strlen(kDevelopmentKey);
     unsigned char key[66];
     EVP_DecodeBlock(key, reinterpret_cast<const unsigned char*>(kDevelopmentKey), static_cast<int>(length));
@@ -228,20 +228,20 @@ std::string AccountSas() {
     gmtime_r(&expiry, &parts);
     char se[32];
     std::strftime(se, sizeof se, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    const std::string toSign = std::string("devstoreaccount1\nrwdlacup\nb\nsco\n\n") + se + "\n\n\n2020-12-06\n\n";
+    const std::string toSign = "devstoreaccount1\n" + permissions + "\nb\nsco\n\n" + se + "\n\n\n2020-12-06\n\n";
     unsigned char mac[32];
     unsigned int macSize = 0;
     HMAC(EVP_sha256(), key, static_cast<int>(keySize), reinterpret_cast<const unsigned char*>(toSign.data()), toSign.size(), mac,
          &macSize);
-    return "sv=2020-12-06&ss=b&srt=sco&sp=rwdlacup&se=" + PercentEncoded(se) +
+    return "sv=2020-12-06&ss=b&srt=sco&sp=" + permissions + "&se=" + PercentEncoded(se) +
            "&sig=" + PercentEncoded(Base64(mac, macSize));
 }
 
 }  // namespace
 
-std::string Azurite::SasConnectionString(const std::string& container) const {
+std::string Azurite::SasConnectionString(const std::string& container, const std::string& permissions) const {
     return std::string("BlobEndpoint=") + (tls_ ? "https://localhost:" : "http://127.0.0.1:") +
-           std::to_string(port_) + "/devstoreaccount1;SharedAccessSignature=" + AccountSas() +
+           std::to_string(port_) + "/devstoreaccount1;SharedAccessSignature=" + AccountSas(permissions) +
            ";Container=" + container;
 }
 

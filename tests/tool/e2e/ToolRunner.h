@@ -28,8 +28,9 @@ public:
     // The connection string of Azurite's development account for a container.
     std::string ConnectionString(const std::string& container) const;
     // The same with an account SAS signed in the test (no account key), over
-    // https://localhost when the service speaks TLS.
-    std::string SasConnectionString(const std::string& container) const;
+    // https://localhost when the service speaks TLS, with these permissions
+    // (r read, w write, d delete, l list, a add, c create, u update, p process).
+    std::string SasConnectionString(const std::string& container, const std::string& permissions = "rwdlacup") const;
     // Ends the service at once (SIGKILL), as a crash or a lost network would.
     void Kill();
 

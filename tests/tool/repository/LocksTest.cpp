@@ -42,5 +42,46 @@ TEST_F(RepositoryTest, ALockThatDoesNotOpenCountsAsHeld) {
     EXPECT_EQ(KindOf([&] { RepositoryLock(*repository_, "backup", false, 0); }), ErrorKind::Locked);
 }
 
+// Append-only: a credential that may create and write but not delete.
+TEST_F(RepositoryTest, ABackupWithACredentialThatMayNotDeleteLeavesItsLockToGoStaleAndSaysSo) {
+    const std::string source = Folder("src");
+    WriteFile(source + "/a", RandomBytes(70000, 1));
+    store_.refuseDeletes = true;
+    const BackupReport first = Backup(source);
+    {
+        RepositoryLock held(*repository_, "backup", false, 0);
+    }
+    WriteFile(source + "/b", RandomBytes(70000, 2));
+    const BackupReport second = Backup(source);
+    EXPECT_EQ(second.snapshot.parent, first.snapshot.id);
+    EXPECT_EQ(Names("repo/snapshots/").size(), 2u);
+    ASSERT_EQ(Names("repo/locks/").size(), 1u) << "the lock that could not be removed";
+    const std::vector<std::string> warnings = repository_->warnings();
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_NE(warnings[0].find("may not delete"), std::string::npos) << warnings[0];
+    // Once its holder is gone the lock counts for nobody: maintenance goes on.
+    store_.refuseDeletes = false;
+    EXPECT_NO_THROW(RepositoryLock(*repository_, "prune", true, 0, [](int64_t) { return false; }));
+}
+
+TEST_F(RepositoryTest, ForgetAndPruneWithACredentialThatMayNotDeleteStopAtOnceInOneLine) {
+    store_.refuseDeletes = true;
+    const size_t writes = store_.writes();
+    try {
+        repository_->CheckMayDelete("prune");
+        FAIL() << "no refusal";
+    } catch (const Error& failure) {
+        EXPECT_EQ(failure.kind(), ErrorKind::Storage);
+        const std::string text = failure.what();
+        EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+        EXPECT_EQ(text.rfind("prune removes objects", 0), 0u) << text;
+        EXPECT_NE(text.find("'d' permission"), std::string::npos) << text;
+    }
+    EXPECT_EQ(store_.writes(), writes) << "nothing written before the refusal";
+    store_.refuseDeletes = false;
+    EXPECT_NO_THROW(repository_->CheckMayDelete("prune"));
+    EXPECT_TRUE(Names("repo/locks/").empty()) << "the question leaves nothing behind";
+}
+
 }  // namespace
 }  // namespace repotest

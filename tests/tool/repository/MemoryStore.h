@@ -50,6 +50,7 @@ public:
         return out;
     }
     void Delete(const std::string& name) override {
+        if (refuseDeletes) throw qvhost::repo::AccessDenied("delete", name, "a credential without delete");
         std::lock_guard<std::mutex> lock(mutex_);
         objects_.erase(name);
         properties_.erase(name);
@@ -70,6 +71,8 @@ public:
     const std::vector<std::string>& rehydrations() const { return rehydrations_; }
     size_t writes() const { return writes_; }
     size_t reads() const { return reads_; }
+    // Deletes refused as for a credential that may not delete.
+    bool refuseDeletes = false;
     // Reads of objects whose names start with `prefix` since the last ForgetReads().
     size_t ReadsUnder(const std::string& prefix) {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -55,6 +55,7 @@ CommandResult RunForget(Context& context, const ForgetCommandOptions& options) {
     }
     const unsigned groupBy = repo::ParseGroupBy(options.groupBy);
     repo::Repository repository = OpenRepository(context);
+    if (!options.dryRun) repository.CheckMayDelete("forget");
     repo::RepositoryLock lock(repository, "forget", true, context.options().lockWaitSeconds);
     std::vector<std::string> forget;
     Json groups = Json::array();

@@ -27,6 +27,7 @@ Json PruneJson(const repo::PruneReport& report) {
 
 CommandResult RunPruneCommand(Context& context, const PruneCommandOptions& options) {
     repo::Repository repository = OpenRepository(context);
+    if (!options.dryRun) repository.CheckMayDelete("prune");
     repo::RepositoryLock lock(repository, "prune", true, context.options().lockWaitSeconds);
     CommandResult result;
     result.json = Json{{"command", "prune"}, {"ok", true}, {"dry_run", options.dryRun}};

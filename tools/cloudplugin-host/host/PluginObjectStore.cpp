@@ -63,7 +63,14 @@ std::vector<StoredObject> PluginObjectStore::List(const std::string& prefix) {
     return objects;
 }
 
-void PluginObjectStore::Delete(const std::string& name) { session_.DeleteIfPresent(name); }
+void PluginObjectStore::Delete(const std::string& name) {
+    try {
+        session_.DeleteIfPresent(name);
+    } catch (const PluginError& failure) {
+        if (failure.code() == kResultAuthorizationFailed) throw AccessDenied("delete", name, failure.what());
+        throw;
+    }
+}
 
 void PluginObjectStore::SetTier(const std::string& name, const std::string& tier, const std::string& priority) {
     MissingAsObjectMissing(name, [&] {

@@ -46,6 +46,8 @@ private:
 
 // The plug-in's result code for an object that does not exist.
 constexpr uint32_t kResultObjectNotFound = 7;
+// ... for an operation the credential is not authorized to do.
+constexpr uint32_t kResultAuthorizationFailed = 8;
 // ... for an object in the Archive tier, which cannot be read until it is
 // rehydrated to an online tier.
 constexpr uint32_t kResultArchived = 49;

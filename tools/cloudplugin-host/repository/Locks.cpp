@@ -134,7 +134,11 @@ RepositoryLock::RepositoryLock(Repository& repository, const std::string& comman
             }
         }
         if (holder.empty()) break;
-        repository.store().Delete(name_);
+        try {
+            repository.store().Delete(name_);
+        } catch (const AccessDenied&) {
+            // A credential that may not delete leaves its lock to go stale.
+        }
         // Both of two processes that wrote at once step back: wait a little
         // and differently before trying again.
         const auto pause = std::chrono::milliseconds(std::min(200 << std::min(attempt, 4), 3000) + jitter() % 500);
@@ -156,6 +160,10 @@ RepositoryLock::~RepositoryLock() {
     if (refresher_.joinable()) refresher_.join();
     try {
         repository_.store().Delete(name_);
+    } catch (const AccessDenied&) {
+        repository_.Warn("the lock " + name_ + " stays: this credential may not delete objects. It counts for "
+                         "nobody once this process has ended (on this host) or after " +
+                         std::to_string(kLockStaleSeconds / 60) + " minutes (anywhere)");
     } catch (const std::exception&) {
         // Left behind, the lock goes stale and counts for nobody.
     }

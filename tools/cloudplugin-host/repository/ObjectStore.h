@@ -62,6 +62,18 @@ public:
     const std::string& name() const { return object(); }
 };
 
+// An operation the credential may not do (a SAS without the permission, a
+// role without the action): the storage refused it for who is asking, not
+// for what is asked. A backup with a credential that may not delete meets
+// it when it removes its lock.
+class AccessDenied : public Error {
+public:
+    AccessDenied(const std::string& operation, const std::string& name, const std::string& detail)
+        : Error(ErrorKind::Storage, "the storage refused to " + operation + " " + name + " for this credential" +
+                                        (detail.empty() ? "" : ": " + detail),
+                name) {}
+};
+
 // Reading an object that does not exist.
 class ObjectMissing : public Error {
 public:

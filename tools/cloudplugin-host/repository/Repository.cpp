@@ -226,6 +226,18 @@ std::string Repository::SaveSnapshot(Snapshot& snapshot, uint64_t* written) {
     return snapshot.id;
 }
 
+void Repository::CheckMayDelete(const std::string& command) {
+    const Key256 random = RandomKey();
+    try {
+        store_.Delete(layout_.LocksPrefix() + "probe-" + ToHex(random.data(), 16));
+    } catch (const AccessDenied&) {
+        throw Error(ErrorKind::Storage,
+                    command + " removes objects, and this credential may not delete any (a SAS needs the 'd' "
+                              "permission, an Entra ID role the delete action): run it with the credential that "
+                              "may, as the maintenance host of an append-only set-up does");
+    }
+}
+
 std::vector<NamedObject> Repository::ListSnapshots() {
     std::vector<NamedObject> snapshots = ListIds(layout_.SnapshotsPrefix());
     if (cache_) {

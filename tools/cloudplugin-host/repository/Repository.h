@@ -117,6 +117,11 @@ public:
     bool ReadTreePack(const Id& pack, Bytes& bytes);
 
     std::vector<NamedObject> ListSnapshots();
+
+    // Throws Error (storage) in one line when the credential may not delete
+    // objects, which `command` must do: asked by deleting a name no object
+    // has, which the storage refuses for who asks before it looks for it.
+    void CheckMayDelete(const std::string& command);
     // A snapshot of format version 1 leaves the trees its lists became
     // here (SyntheticTree).
     Snapshot LoadSnapshot(const std::string& id);
