@@ -55,7 +55,8 @@ TEST_F(RepositoryTest, TreesSharedWithAForgottenSnapshotSurvivePruneAsTrees) {
     Restore(second.snapshot.id, Folder("restored"));
     EXPECT_EQ(ReadFile(Folder("restored") + "/a/f2"), ReadFile(source + "/a/f2"));
     EXPECT_EQ(ReadFile(Folder("restored") + "/c/d/f1"), ReadFile(source + "/c/d/f1"));
-    for (const IndexedPack& pack : repository_->LoadIndex().all()) {
+    const MasterIndex index = repository_->LoadIndex();
+    for (const IndexedPack& pack : index.all()) {
         const bool trees = pack.blobs.front().type == BlobType::Tree;
         for (const PackEntry& blob : pack.blobs) EXPECT_EQ(blob.type == BlobType::Tree, trees) << "a pack of one kind";
     }
