@@ -26,12 +26,14 @@ CommandResult RunCache(Context& context, const CacheOptions& options) {
     Json caches = Json::array();
     uint64_t removedBytes = 0;
     size_t removed = 0;
+    size_t old = 0;
     const std::vector<repo::CacheFolder> found = repo::ListCaches(root);
     if (found.empty()) context.Say("no caches under " + Printable(root));
     else context.Say("repository              size  last used");
     for (const repo::CacheFolder& cache : found) {
-        const bool old = now - cache.lastUsed > options.maxAgeSeconds;
-        const bool remove = options.removeAll || (options.cleanup && old);
+        const bool isOld = now - cache.lastUsed > options.maxAgeSeconds;
+        old += isOld;
+        const bool remove = options.removeAll || (options.cleanup && isOld);
         if (remove) {
             repo::RemoveCache(cache);
             removedBytes += cache.bytes;
@@ -40,22 +42,20 @@ CommandResult RunCache(Context& context, const CacheOptions& options) {
         char line[160];
         std::snprintf(line, sizeof line, "%-16s  %10s  %s%s", cache.repositoryId.substr(0, 16).c_str(),
                       FormatBytes(static_cast<double>(cache.bytes)).c_str(), LocalTimeText(cache.lastUsed).c_str(),
-                      remove ? "  removed" : old ? "  old" : "");
+                      remove ? "  removed" : isOld ? "  old" : "");
         context.Say(line);
         caches.push_back(Json{{"repository", cache.repositoryId},
                               {"path", cache.path},
                               {"bytes", cache.bytes},
                               {"last_used", UtcTimeText(cache.lastUsed)},
-                              {"old", old},
+                              {"old", isOld},
                               {"removed", remove}});
     }
     if (removed) {
         context.Say("removed " + std::to_string(removed) + " caches, " +
                     FormatBytes(static_cast<double>(removedBytes)));
-    } else if (!options.cleanup && !options.removeAll) {
-        size_t old = 0;
-        for (const repo::CacheFolder& cache : found) old += now - cache.lastUsed > options.maxAgeSeconds;
-        if (old) context.Say(std::to_string(old) + " caches are old: 'cloudplugin-host cache --cleanup' removes them");
+    } else if (old && !options.cleanup && !options.removeAll) {
+        context.Say(std::to_string(old) + " caches are old: 'cloudplugin-host cache --cleanup' removes them");
     }
     CommandResult result;
     result.json = Json{{"command", "cache"}, {"ok", true}, {"root", root}, {"caches", std::move(caches)},

@@ -240,11 +240,9 @@ void Repository::CheckMayDelete(const std::string& command) {
 
 std::vector<NamedObject> Repository::ListSnapshots() {
     std::vector<NamedObject> snapshots = ListIds(layout_.SnapshotsPrefix());
-    if (cache_) {
-        std::set<Id> listed;
-        for (const NamedObject& snapshot : snapshots) listed.insert(snapshot.id);
-        cache_->KeepOnly(CachedKind::Snapshot, listed);
-    }
+    std::set<Id> listed;
+    for (const NamedObject& snapshot : snapshots) listed.insert(snapshot.id);
+    if (cache_) cache_->KeepOnly(CachedKind::Snapshot, listed);
     return snapshots;
 }
 
