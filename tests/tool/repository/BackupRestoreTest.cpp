@@ -194,6 +194,7 @@ TEST_F(RepositoryTest, ADryRunReadsAndChunksButStoresNothing) {
     options.jobs = 2;
     options.host = "test-host";
     options.dryRun = true;
+    options.listReads = true;
     const BackupReport dry = BackupFolder(*repository_, source, options);
     EXPECT_EQ(store_.objects(), before) << "a dry run writes nothing, not even a lock";
     EXPECT_EQ(dry.filesNew, 2u);

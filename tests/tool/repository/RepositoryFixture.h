@@ -95,6 +95,7 @@ protected:
         options.jobs = 2;
         options.host = "test-host";
         options.ignoreParent = ignoreParent;
+        options.listReads = true;
         return BackupFolder(*repository_, source, options);
     }
 

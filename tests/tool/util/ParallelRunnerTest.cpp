@@ -52,4 +52,61 @@ TEST(RunInParallel, TheFirstFailureStopsTheRestAndIsRethrown) {
     EXPECT_LT(done.load(), 100000u - 1);
 }
 
+TEST(RunWhileProducing, EveryItemPushedIsConsumedOnceAndThePushWaitsForRoom) {
+    std::mutex mutex;
+    std::multiset<int> seen;
+    std::atomic<int> pushed{0}, consumed{0}, mostAhead{0};
+    RunWhileProducing<int>(
+        2, 8,
+        [&](const std::function<void(int&&)>& push) {
+            for (int i = 0; i < 5000; ++i) {
+                push(int(i));
+                const int ahead = ++pushed - consumed;
+                if (ahead > mostAhead) mostAhead = ahead;
+            }
+        },
+        [&](int& item, unsigned worker) {
+            EXPECT_LT(worker, 2u);
+            std::this_thread::yield();
+            std::lock_guard<std::mutex> lock(mutex);
+            seen.insert(item);
+            ++consumed;
+        });
+    ASSERT_EQ(seen.size(), 5000u);
+    for (int i = 0; i < 5000; ++i) EXPECT_EQ(seen.count(i), 1u);
+    // At most 8 waiting and one in the hands of each of the 2 jobs.
+    EXPECT_LE(mostAhead.load(), 8 + 2);
+}
+
+TEST(RunWhileProducing, AJobsFailureEndsTheProducerAndIsRethrown) {
+    std::atomic<int> pushed{0};
+    const std::optional<ErrorKind> status = KindOf([&] {
+        RunWhileProducing<int>(
+            2, 4,
+            [&](const std::function<void(int&&)>& push) {
+                for (int i = 0; i < 1000000; ++i) push(int(i)), ++pushed;
+            },
+            [&](int& item, unsigned) {
+                if (item == 100) throw PluginError("WriteObject", "x", 7);
+            });
+    });
+    EXPECT_EQ(status, ErrorKind::Storage);
+    EXPECT_LT(pushed.load(), 1000000) << "the producer stopped";
+}
+
+TEST(RunWhileProducing, TheProducersFailureStopsTheJobsAndIsRethrown) {
+    std::atomic<int> consumed{0};
+    const std::optional<ErrorKind> status = KindOf([&] {
+        RunWhileProducing<int>(
+            2, 4,
+            [&](const std::function<void(int&&)>& push) {
+                for (int i = 0; i < 50; ++i) push(int(i));
+                throw Error(ErrorKind::LocalFile, "the source went away");
+            },
+            [&](int&, unsigned) { ++consumed; });
+    });
+    EXPECT_EQ(status, ErrorKind::LocalFile);
+    EXPECT_LE(consumed.load(), 50);
+}
+
 }  // namespace

@@ -151,6 +151,7 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     backup.tags = options.tags;
     backup.ignoreParent = options.force;
     backup.dryRun = options.dryRun;
+    backup.listReads = options.dryRun || context.options().verbose > 0;
     backup.progress = context.Display();
     const double pluginBefore = context.Session().PluginSeconds();
     const repo::BackupReport report = Back(context, repository, *chosen.source, options, backup);

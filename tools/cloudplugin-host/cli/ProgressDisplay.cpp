@@ -41,23 +41,24 @@ double ProgressDisplay::Seconds() const {
 }
 
 std::string ProgressDisplay::StatusText() const {
+    const uint64_t totalBytes = totalBytes_, totalItems = totalItems_;
     const double seconds = Seconds();
     const double done = static_cast<double>(doneBytes_.load());
     const double rate = seconds > 0 ? done / seconds : 0;
-    const double left = rate > 0 ? (static_cast<double>(totalBytes_) - done) / rate : -1;
-    const int percent = totalBytes_ ? static_cast<int>(100.0 * done / static_cast<double>(totalBytes_)) : 100;
+    const double left = rate > 0 ? (static_cast<double>(totalBytes) - done) / rate : -1;
+    const int percent = totalBytes ? static_cast<int>(100.0 * done / static_cast<double>(totalBytes)) : 100;
     char text[160];
     std::snprintf(text, sizeof text, "%3d%% %s / %s  %s/s  %s left  %llu/%llu files", percent,
-                  FormatBytes(done).c_str(), FormatBytes(static_cast<double>(totalBytes_)).c_str(),
+                  FormatBytes(done).c_str(), FormatBytes(static_cast<double>(totalBytes)).c_str(),
                   FormatBytes(rate).c_str(), FormatDuration(left).c_str(),
-                  static_cast<unsigned long long>(doneItems_.load()), static_cast<unsigned long long>(totalItems_));
+                  static_cast<unsigned long long>(doneItems_.load()), static_cast<unsigned long long>(totalItems));
     return text;
 }
 
 void ProgressDisplay::Redraw() {
     constexpr int kWidth = 24;
-    const double fraction =
-        totalBytes_ ? static_cast<double>(doneBytes_.load()) / static_cast<double>(totalBytes_) : 1.0;
+    const uint64_t totalBytes = totalBytes_;
+    const double fraction = totalBytes ? static_cast<double>(doneBytes_.load()) / static_cast<double>(totalBytes) : 1.0;
     const int filled = static_cast<int>(fraction * kWidth);
     std::string bar(static_cast<size_t>(kWidth), ' ');
     for (int i = 0; i < filled && i < kWidth; ++i) bar[static_cast<size_t>(i)] = '#';

@@ -32,6 +32,10 @@ public:
     ProgressSink* sink() { return style_ == ProgressStyle::Silent ? nullptr : this; }
 
     void Begin(const std::string& stage, uint64_t totalBytes, uint64_t totalItems) override;
+    void Grow(uint64_t bytes, uint64_t items) override {
+        totalBytes_ += bytes;
+        totalItems_ += items;
+    }
     void BytesDone(uint64_t bytes) override { doneBytes_ += bytes; }
     void PartDone(const std::string& item, uint64_t part, uint64_t parts, uint64_t bytes) override;
     void ItemDone(const std::string& item, uint64_t bytes) override;
@@ -46,8 +50,8 @@ private:
 
     const ProgressStyle style_;
     std::string stage_;
-    uint64_t totalBytes_ = 0;
-    uint64_t totalItems_ = 0;
+    std::atomic<uint64_t> totalBytes_{0};
+    std::atomic<uint64_t> totalItems_{0};
     std::chrono::steady_clock::time_point start_;
     std::atomic<uint64_t> doneBytes_{0};
     std::atomic<uint64_t> doneItems_{0};

@@ -4,11 +4,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <unordered_map>
+#include <stdexcept>
 #include <unordered_set>
 
 #include "repository/PackVerify.h"
@@ -24,31 +26,62 @@ namespace {
 
 // Bytes read from a file at a time, beyond the chunker's maximum.
 constexpr size_t kReadBlock = 4u << 20;
+// How far the walk may run ahead of the reads: files found, not yet taken
+// by a job. Folders stay in memory from their listing until their last file
+// is read, so this bounds them too.
+constexpr size_t kQueuedFiles = 1024;
 
-// A folder of the source as the walk found it: its entries, and where its
-// subfolders are in the walk.
-struct Folder {
+struct FolderState;
+
+// A file of several names (hard links): the first name found is read, the
+// others take its chunks, waiting for them when the read is not done yet.
+struct LinkGroup {
+    bool done = false;
+    bool failed = false;
+    std::vector<Id> content;
+    struct Waiter {
+        FolderState* folder;
+        size_t node;
+        std::string path;
+    };
+    std::vector<Waiter> waiting;
+};
+
+// A folder between its listing and its tree: its entries, and how much of it
+// is not done (files being read, names waiting for another's read,
+// subfolders not finished, and one for the walk while it lists the folder).
+// It is encoded and let go as soon as that reaches none, so memory holds the
+// folders on the walk's way down and those with files in the queue, never
+// the whole tree.
+struct FolderState {
     std::string path;
     std::vector<Node> nodes;
-    std::vector<std::pair<size_t, size_t>> children;  // (index of the node, index of its folder)
-    std::vector<Id> trees;                            // once encoded
+    std::vector<uint8_t> unreadable;  // per node: could not be read, left out of the tree
+    FolderState* parent = nullptr;    // none: the root
+    size_t nodeInParent = 0;
+    size_t pending = 1;
+    std::list<FolderState>::iterator self;
+};
+
+// A folder the walk has still to list: where it goes, and the parent
+// snapshot's trees of it (none when the parent had no such folder).
+struct ToWalk {
+    std::string path;
+    std::vector<Id> parentTrees;
+    FolderState* parent = nullptr;
+    size_t nodeInParent = 0;
 };
 
 // A file to read: where its node is.
 struct FileWork {
-    size_t folder = 0;
+    FolderState* folder = nullptr;
     size_t node = 0;
     std::string path;
     uint64_t size = 0;
+    LinkGroup* link = nullptr;  // other names wait for this read
 };
 
-// The same file under another name (a hard link): it takes the chunks of
-// the first name read.
-struct LinkedFile {
-    size_t folder = 0;
-    size_t node = 0;
-    size_t first = 0;  // index of the work item read
-};
+using Push = std::function<void(FileWork&&)>;
 
 bool SameFile(const Node& was, const Node& now) {
     // A parent written before change times were kept (format version 1) has none.
@@ -56,6 +89,15 @@ bool SameFile(const Node& was, const Node& now) {
            was.inode == now.inode && now.inode != 0 && (was.changedNs == 0 || was.changedNs == now.changedNs);
 }
 
+std::string ChildPath(const std::string& folder, const std::string& name) {
+    return folder.empty() ? name : folder + "/" + name;
+}
+
+// The walk, the reads and the trees overlap: one thread lists folders
+// (depth first, each beside the parent snapshot's same folder) and queues
+// the files that changed; the jobs read, chunk and store them; whichever
+// thread finishes a folder's last piece encodes its tree and hands it to the
+// folder above.
 class BackupRun {
 public:
     BackupRun(Repository& repository, Source& source, const BackupOptions& options)
@@ -65,18 +107,19 @@ public:
     BackupReport Run();
 
 private:
-    void Walk(const std::optional<Snapshot>& parent);
-    void WalkFolder(size_t folder, const std::vector<Id>& parentTrees, TreeReader* reader);
-    void Compare(size_t folder, size_t index, const Node* was);
-    void ReadFiles();
-    void EncodeTrees();
+    void Walk(const std::optional<Snapshot>& parent, const Push& push);
+    void WalkFolder(ToWalk&& next, TreeReader* reader, std::vector<ToWalk>& stack, const Push& push);
+    // Whether the file must be read; else it takes the parent's chunks.
+    bool Compare(Node& node, const Node* was);
+    void Release(FolderState* folder);
+    void FinishFolder(FolderState& folder, std::vector<Id>& trees);
     void StoreTree(const Bytes& plain, std::vector<Id>& ids);
     void FinishSnapshot(double seconds);
     void AdoptInterruptedPacks();
     std::optional<Snapshot> FindParent();
-    void ReadFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher, Progress& progress);
-    std::vector<Id> ChunkFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher,
-                              Progress& progress);
+    void ReadFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher);
+    std::vector<Id> ChunkFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher);
+    void LinkRead(LinkGroup& group, const std::vector<Id>* content, const std::string& why);
     void StoreChunk(const uint8_t* data, size_t size, const Id& id);
     void Upload(PackBuilder::Finished&& pack);
     void FlushLastPacks();
@@ -86,19 +129,20 @@ private:
     Source& source_;
     const BackupOptions options_;
     const Chunker chunker_;
-    MasterIndex index_;
+    MasterIndex index_;  // read only once the walk begins
     BackupReport report_;
-    std::vector<Folder> folders_;  // the root first, every folder after its parent
-    std::vector<FileWork> work_;
-    std::vector<LinkedFile> linked_;
+    std::map<NodeType, uint64_t> kinds_;  // entries of each kind found (the walk's)
+    std::unique_ptr<Progress> progress_;
+
+    std::mutex foldersMutex_;  // guards what follows
+    std::list<FolderState> open_;
+    std::map<std::pair<uint64_t, uint64_t>, LinkGroup> links_;  // (device, inode) of files read with other names
+    std::vector<Id> rootTrees_;
     uint64_t files_ = 0;  // in the snapshot
     uint64_t bytes_ = 0;
-    std::map<NodeType, uint64_t> kinds_;  // entries of each kind found
-    std::map<std::pair<uint64_t, uint64_t>, size_t> firstLink_;  // (device, inode) -> work item
 
     std::mutex mutex_;  // guards what follows
     std::unordered_set<Id, IdHash> stored_;  // blobs of this backup
-    std::set<std::string> unreadable_;      // paths of files that could not be read
     PackBuilder pack_;
     PackBuilder treePack_;
     std::vector<IndexedPack> newPacks_;
@@ -117,139 +161,192 @@ BackupReport BackupRun::Run() {
     snapshot.parent = parent ? parent->id : "";
     snapshot.root = source_.RootFolder(report_.skipped);
     const auto start = std::chrono::steady_clock::now();
-    Walk(parent);
-    ReadFiles();
-    EncodeTrees();
+    progress_ = std::make_unique<Progress>(options_.progress, options_.dryRun ? "dry run" : "backup", 0, 0);
+    const unsigned jobs = std::max(1u, options_.jobs);
+    std::vector<std::vector<uint8_t>> buffers(jobs);
+    std::vector<std::unique_ptr<KeyedHasher>> hashers(jobs);
+    RunWhileProducing<FileWork>(
+        jobs, kQueuedFiles, [&](const Push& push) { Walk(parent, push); },
+        [&](FileWork& work, unsigned worker) {
+            if (!hashers[worker]) hashers[worker] = std::make_unique<KeyedHasher>(repository_.keys().mac);
+            ReadFile(work, buffers[worker], *hashers[worker]);
+        });
+    progress_->Finish();
+    if (!open_.empty()) throw std::logic_error("the backup ended with folders not finished");
+    snapshot.tree = std::move(rootTrees_);
     FlushLastPacks();
     FinishSnapshot(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     return std::move(report_);
 }
 
-// The whole source, folder by folder, each beside the same folder of the
+// The whole source, depth first, each folder beside the same folder of the
 // parent snapshot (read only where the source has that folder).
-void BackupRun::Walk(const std::optional<Snapshot>& parent) {
+void BackupRun::Walk(const std::optional<Snapshot>& parent, const Push& push) {
     std::unique_ptr<TreeReader> reader;
     if (parent) reader = std::make_unique<TreeReader>(repository_, index_);
-    folders_.push_back({"", {}, {}, {}});
-    std::vector<std::pair<size_t, std::vector<Id>>> pending = {{0, parent ? parent->tree : std::vector<Id>{}}};
-    while (!pending.empty()) {
-        auto [folder, parentTrees] = std::move(pending.back());
-        pending.pop_back();
-        WalkFolder(folder, parentTrees, reader.get());
-        const Folder& walked = folders_[folder];
-        for (auto child = walked.children.rbegin(); child != walked.children.rend(); ++child) {
-            const Node& node = folders_[folder].nodes[child->first];
-            pending.push_back({child->second, node.subtree});  // the parent's trees of that folder, if any
-            folders_[folder].nodes[child->first].subtree.clear();
-        }
+    std::vector<ToWalk> stack;
+    stack.push_back({"", parent ? parent->tree : std::vector<Id>{}, nullptr, 0});
+    while (!stack.empty()) {
+        ToWalk next = std::move(stack.back());
+        stack.pop_back();
+        WalkFolder(std::move(next), reader.get(), stack, push);
     }
-    std::sort(report_.skipped.begin(), report_.skipped.end(),
-              [](const SkippedEntry& a, const SkippedEntry& b) { return a.relativePath < b.relativePath; });
 }
 
-void BackupRun::WalkFolder(size_t folder, const std::vector<Id>& parentTrees, TreeReader* reader) {
-    Listing listing = source_.List(folders_[folder].path);
-    report_.skipped.insert(report_.skipped.end(), listing.skipped.begin(), listing.skipped.end());
-    std::unordered_map<std::string, Node> before;
-    if (reader && !parentTrees.empty()) {
-        for (Node& node : reader->Entries(parentTrees)) before.emplace(node.name, std::move(node));
+void BackupRun::WalkFolder(ToWalk&& next, TreeReader* reader, std::vector<ToWalk>& stack, const Push& push) {
+    Listing listing = source_.List(next.path);
+    if (!listing.skipped.empty()) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        report_.skipped.insert(report_.skipped.end(), listing.skipped.begin(), listing.skipped.end());
     }
-    folders_[folder].nodes = std::move(listing.nodes);
-    std::vector<std::pair<size_t, std::string>> subfolders;
-    for (size_t i = 0; i < folders_[folder].nodes.size(); ++i) {
-        Node& node = folders_[folder].nodes[i];
+    std::unordered_map<std::string, Node> before;
+    if (reader && !next.parentTrees.empty()) {
+        for (Node& node : reader->Entries(next.parentTrees)) before.emplace(node.name, std::move(node));
+    }
+    FolderState* folder;
+    {
+        std::lock_guard<std::mutex> lock(foldersMutex_);
+        folder = &open_.emplace_back();
+        folder->self = std::prev(open_.end());
+        report_.foldersHeldAtMost = std::max(report_.foldersHeldAtMost, open_.size());
+    }
+    folder->path = std::move(next.path);
+    folder->nodes = std::move(listing.nodes);
+    folder->unreadable.assign(folder->nodes.size(), 0);
+    folder->parent = next.parent;
+    folder->nodeInParent = next.nodeInParent;
+
+    std::vector<ToWalk> subfolders;
+    std::vector<FileWork> reads;
+    std::vector<size_t> linked;  // files read with other names
+    for (size_t i = 0; i < folder->nodes.size(); ++i) {
+        Node& node = folder->nodes[i];
         const auto was = before.find(node.name);
         const Node* old = was == before.end() ? nullptr : &was->second;
         ++kinds_[node.type];
         if (node.IsFolder()) {
-            // The walk reads the parent's trees of this folder from here.
-            node.subtree = old && old->IsFolder() ? old->subtree : std::vector<Id>{};
-            subfolders.push_back({i, folders_[folder].path.empty() ? node.name : folders_[folder].path + "/" + node.name});
-        } else if (node.type == NodeType::File) {
-            Compare(folder, i, old);
+            // The walk reads the parent's trees of this folder when it gets there.
+            subfolders.push_back({ChildPath(folder->path, node.name),
+                                  old && old->IsFolder() ? old->subtree : std::vector<Id>{}, folder, i});
+        } else if (node.type == NodeType::File && Compare(node, old)) {
+            if (node.links > 1) {
+                linked.push_back(i);
+            } else {
+                reads.push_back({folder, i, ChildPath(folder->path, node.name), node.size, nullptr});
+            }
         }
     }
-    for (auto& [node, path] : subfolders) {
-        folders_[folder].children.push_back({node, folders_.size()});
-        folders_.push_back({std::move(path), {}, {}, {}});
+    before.clear();
+    {
+        // A name of a file read under another name takes its chunks, now or
+        // when that read ends; the first name found is read.
+        std::lock_guard<std::mutex> lock(foldersMutex_);
+        for (size_t i : linked) {
+            Node& node = folder->nodes[i];
+            auto [group, first] = links_.try_emplace(std::make_pair(node.device, node.inode));
+            if (first) {
+                reads.push_back({folder, i, ChildPath(folder->path, node.name), node.size, &group->second});
+            } else if (!group->second.done) {
+                group->second.waiting.push_back({folder, i, ChildPath(folder->path, node.name)});
+                ++folder->pending;
+            } else if (group->second.failed) {
+                folder->unreadable[i] = 1;
+            } else {
+                node.content = group->second.content;
+            }
+        }
+        folder->pending += subfolders.size() + reads.size();
     }
+    std::sort(reads.begin(), reads.end(), [](const FileWork& a, const FileWork& b) { return a.node < b.node; });
+    uint64_t bytes = 0;
+    for (const FileWork& work : reads) {
+        bytes += work.size;
+        if (options_.listReads) report_.toRead.push_back(work.path);
+    }
+    // Large files first, so that a folder's last file does not run alone.
+    std::stable_sort(reads.begin(), reads.end(), [](const FileWork& a, const FileWork& b) { return a.size > b.size; });
+    progress_->Grow(bytes, reads.size());
+    for (auto child = subfolders.rbegin(); child != subfolders.rend(); ++child) stack.push_back(std::move(*child));
+    for (FileWork& work : reads) push(std::move(work));
+    Release(folder);  // the walk's part
 }
 
 // A file whose size, times and inode are those of the parent takes the
 // parent's chunks unread (when the index still holds them all).
-void BackupRun::Compare(size_t folder, size_t index, const Node* was) {
-    Node& node = folders_[folder].nodes[index];
-    const std::string path = folders_[folder].path.empty() ? node.name : folders_[folder].path + "/" + node.name;
+bool BackupRun::Compare(Node& node, const Node* was) {
     if (was && SameFile(*was, node) &&
         std::all_of(was->content.begin(), was->content.end(), [this](const Id& id) { return index_.Has(id); })) {
         node.content = was->content;
         ++report_.filesUnmodified;
-        return;
+        return false;
     }
     ++(was ? report_.filesChanged : report_.filesNew);
-    if (node.links > 1) {
-        const auto first = firstLink_.emplace(std::make_pair(node.device, node.inode), work_.size());
-        if (!first.second) return linked_.push_back({folder, index, first.first->second});
-    }
-    work_.push_back({folder, index, path, node.size});
-    report_.toRead.push_back(path);
+    return true;
 }
 
-void BackupRun::ReadFiles() {
-    std::vector<size_t> order(work_.size());
-    uint64_t bytesToRead = 0;
-    for (size_t i = 0; i < order.size(); ++i) order[i] = i, bytesToRead += work_[i].size;
-    // Large files first, so that the last file does not run alone.
-    std::stable_sort(order.begin(), order.end(), [this](size_t a, size_t b) { return work_[a].size > work_[b].size; });
-    Progress progress(options_.progress, options_.dryRun ? "dry run" : "backup", bytesToRead, work_.size());
-    const unsigned jobs = std::max(1u, options_.jobs);
-    std::vector<std::vector<uint8_t>> buffers(jobs);
-    std::vector<std::unique_ptr<KeyedHasher>> hashers(jobs);
-    RunInParallel(jobs, order.size(), [&](size_t item, unsigned worker) {
-        if (!hashers[worker]) hashers[worker] = std::make_unique<KeyedHasher>(repository_.keys().mac);
-        ReadFile(work_[order[item]], buffers[worker], *hashers[worker], progress);
-    });
-    for (const LinkedFile& link : linked_) {
-        const FileWork& first = work_[link.first];
-        folders_[link.folder].nodes[link.node].content = folders_[first.folder].nodes[first.node].content;
-    }
-}
-
-// Deepest folders first: a folder's tree names the trees of its subfolders.
-// Files that could not be read are left out.
-void BackupRun::EncodeTrees() {
-    for (size_t folder = folders_.size(); folder-- > 0;) {
-        Folder& entry = folders_[folder];
-        for (const auto& [node, child] : entry.children) entry.nodes[node].subtree = folders_[child].trees;
-        std::vector<Node> kept;
-        kept.reserve(entry.nodes.size());
-        for (Node& node : entry.nodes) {
-            const std::string path = entry.path.empty() ? node.name : entry.path + "/" + node.name;
-            if (node.type == NodeType::File) {
-                if (unreadable_.count(path)) continue;
-                ++files_;  // what the snapshot holds, not what was listed
-                bytes_ += node.size;
-            }
-            kept.push_back(std::move(node));
+// One piece of a folder done; the last one encodes its tree, which may be
+// the last piece of the folder above.
+void BackupRun::Release(FolderState* folder) {
+    while (folder) {
+        {
+            std::lock_guard<std::mutex> lock(foldersMutex_);
+            if (--folder->pending > 0) return;
         }
-        for (const Bytes& plain : EncodeTree(kept)) StoreTree(plain, entry.trees);
-        entry.nodes.clear();
-        entry.nodes.shrink_to_fit();
+        std::vector<Id> trees;
+        FinishFolder(*folder, trees);
+        std::lock_guard<std::mutex> lock(foldersMutex_);
+        FolderState* parent = folder->parent;
+        if (parent) {
+            parent->nodes[folder->nodeInParent].subtree = std::move(trees);
+        } else {
+            rootTrees_ = std::move(trees);
+        }
+        open_.erase(folder->self);
+        folder = parent;
     }
-    report_.snapshot.tree = folders_[0].trees;
+}
+
+// Every piece of the folder is done: its tree, without the files that could
+// not be read.
+void BackupRun::FinishFolder(FolderState& folder, std::vector<Id>& trees) {
+    std::vector<Node> kept;
+    kept.reserve(folder.nodes.size());
+    uint64_t files = 0, bytes = 0;
+    for (size_t i = 0; i < folder.nodes.size(); ++i) {
+        Node& node = folder.nodes[i];
+        if (node.type == NodeType::File) {
+            if (folder.unreadable[i]) continue;
+            ++files;  // what the snapshot holds, not what was listed
+            bytes += node.size;
+        }
+        kept.push_back(std::move(node));
+    }
+    folder.nodes.clear();
+    for (const Bytes& plain : EncodeTree(kept)) StoreTree(plain, trees);
+    std::lock_guard<std::mutex> lock(foldersMutex_);
+    files_ += files;
+    bytes_ += bytes;
 }
 
 void BackupRun::StoreTree(const Bytes& plain, std::vector<Id>& ids) {
     const Id id = KeyedHash(repository_.keys().mac, plain.data(), plain.size());
     ids.push_back(id);
-    if (index_.Has(id) || !stored_.insert(id).second) return;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (index_.Has(id) || !stored_.insert(id).second) return;
+    }
     SealedBlob blob = SealBlob(repository_.keys(), id, plain.data(), plain.size(), BlobType::Tree);
-    ++report_.treesNew;
-    treePack_.Add(std::move(blob));
-    if (treePack_.size() >= repository_.config().packSize) Upload(treePack_.Finish(repository_.keys()));
+    PackBuilder::Finished full;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++report_.treesNew;
+        treePack_.Add(std::move(blob));
+        if (treePack_.size() < repository_.config().packSize) return;
+        full = treePack_.Finish(repository_.keys());
+    }
+    Upload(std::move(full));
 }
 
-// Packs, then the index naming them, then the snapshot naming their blobs.
 void BackupRun::FinishSnapshot(double seconds) {
     uint64_t written = 0;
     if (!newPacks_.empty() && !options_.dryRun) repository_.SaveIndex(newPacks_, &written);
@@ -317,23 +414,49 @@ std::optional<Snapshot> BackupRun::FindParent() {
 
 // A file that cannot be read, or changes while it is read, is not kept (and
 // reported); any other failure ends the backup.
-void BackupRun::ReadFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher, Progress& progress) {
-    Node& node = folders_[work.folder].nodes[work.node];
+void BackupRun::ReadFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher) {
+    Node& node = work.folder->nodes[work.node];
     try {
-        node.content = ChunkFile(work, buffer, hasher, progress);
+        node.content = ChunkFile(work, buffer, hasher);
         if (!source_.Unchanged(work.path, node)) {
             throw Error(ErrorKind::LocalFile, work.path + " changed while it was being read");
         }
     } catch (const Error& failure) {
         if (failure.kind() != ErrorKind::LocalFile) throw;
-        progress.FileFailed();
-        return Unreadable(work.path, failure.what());
+        progress_->FileFailed();
+        work.folder->unreadable[work.node] = 1;
+        Unreadable(work.path, failure.what());
+        if (work.link) LinkRead(*work.link, nullptr, failure.what());
+        return Release(work.folder);
     }
-    progress.FileDone(work.path, work.size);
+    progress_->FileDone(work.path, work.size);
+    if (work.link) LinkRead(*work.link, &node.content, "");
+    Release(work.folder);
 }
 
-std::vector<Id> BackupRun::ChunkFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher,
-                                     Progress& progress) {
+// The read of a file with other names ended: those waiting take its chunks,
+// or are not kept either.
+void BackupRun::LinkRead(LinkGroup& group, const std::vector<Id>* content, const std::string& why) {
+    std::vector<LinkGroup::Waiter> waiting;
+    {
+        std::lock_guard<std::mutex> lock(foldersMutex_);
+        group.done = true;
+        group.failed = content == nullptr;
+        if (content) group.content = *content;
+        waiting.swap(group.waiting);
+    }
+    for (const LinkGroup::Waiter& name : waiting) {
+        if (content) {
+            name.folder->nodes[name.node].content = *content;
+        } else {
+            name.folder->unreadable[name.node] = 1;
+            Unreadable(name.path, why);
+        }
+        Release(name.folder);
+    }
+}
+
+std::vector<Id> BackupRun::ChunkFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher) {
     const size_t maximum = chunker_.parameters().maximum;
     buffer.resize(maximum + kReadBlock);
     std::vector<Id> chunks;
@@ -360,11 +483,11 @@ std::vector<Id> BackupRun::ChunkFile(const FileWork& work, std::vector<uint8_t>&
         start += length;
         total += length;
         bytesProcessed_ += length;
-        progress.BytesDone(length);
+        progress_->BytesDone(length);
         if (Interrupted()) throw Error(ErrorKind::Interrupted, "interrupted");
     }
     if (!source_.SizesKnownBeforeReading()) {
-        folders_[work.folder].nodes[work.node].size = total;
+        work.folder->nodes[work.node].size = total;
     } else if (total != work.size) {
         throw Error(ErrorKind::LocalFile, work.path + " changed while it was being read");
     }
@@ -414,7 +537,6 @@ void BackupRun::FlushLastPacks() {
 void BackupRun::Unreadable(const std::string& path, const std::string& why) {
     std::lock_guard<std::mutex> guard(mutex_);
     report_.skipped.push_back({path, why, true});
-    unreadable_.insert(path);
 }
 
 }  // namespace

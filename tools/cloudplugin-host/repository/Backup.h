@@ -1,9 +1,10 @@
 // A backup into a repository: the source tree walked folder by folder
 // beside the parent snapshot's trees (the newest of the same host and
-// paths), every file that changed since cut into chunks, only chunks the
-// repository lacks sealed into packs and uploaded, then each folder's tree
-// (a folder that did not change is the blob it was), then the index of the
-// new packs, then the snapshot.
+// paths), every file that changed since cut into chunks while the walk goes
+// on, only chunks the repository lacks sealed into packs and uploaded, each
+// folder's tree as soon as its files and subfolders are done (a folder that
+// did not change is the blob it was), then the index of the new packs, then
+// the snapshot. Memory holds the folders being worked on, not the tree.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +23,7 @@ struct BackupOptions {
     std::vector<std::string> tags;
     bool ignoreParent = false;  // read every file, as if there were no parent
     bool dryRun = false;        // read and chunk, store nothing: the report says what would be added
+    bool listReads = false;     // the report names every file read (toRead)
     ProgressSink* progress = nullptr;  // none: nothing is shown
 };
 
@@ -38,8 +40,9 @@ struct BackupReport {
     size_t packsWritten = 0;
     size_t packsAdopted = 0;  // packs of an interrupted backup, indexed now
     size_t packsRefused = 0;  // packs no index names that did not verify: not adopted
+    size_t foldersHeldAtMost = 0;  // folders in memory at once (listed, tree not yet stored)
     std::vector<SkippedEntry> skipped;  // by design or unreadable, sorted by path
-    std::vector<std::string> toRead;    // the files read (new or changed), in the order found
+    std::vector<std::string> toRead;    // with listReads: the files read (new or changed), in the order found
     size_t Unreadable() const;
 };
 

@@ -17,6 +17,8 @@ public:
     // A stage of work begins: its name ("backup", "restore", "check") and how
     // much it has to do.
     virtual void Begin(const std::string& stage, uint64_t totalBytes, uint64_t totalItems) = 0;
+    // More work found after the stage began (a walk that finds its work as it goes).
+    virtual void Grow(uint64_t bytes, uint64_t items) = 0;
     // Bytes done that finish no item.
     virtual void BytesDone(uint64_t bytes) = 0;
     // A part of an item of several parts done (index counted from 0), with its bytes.
@@ -41,6 +43,9 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
+    void Grow(uint64_t bytes, uint64_t items) {
+        if (sink_) sink_->Grow(bytes, items);
+    }
     void BytesDone(uint64_t bytes) {
         if (sink_) sink_->BytesDone(bytes);
     }
