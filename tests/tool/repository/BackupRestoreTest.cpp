@@ -185,6 +185,26 @@ TEST(RepositoryCrash, ABackupStoppedAtAnyWriteLeavesNothingThatNamesMissingData)
     }
 }
 
+TEST_F(RepositoryTest, ABlobUsedManyTimesInOneFileAndByOthersIsReadOnceAndWrittenEverywhere) {
+    const std::string source = Folder("source");
+    // Zeros cut into chunks of the maximum size: one blob, many times in each file.
+    const Bytes zeros(3u << 20, 0);
+    WriteFile(source + "/a.bin", zeros);
+    WriteFile(source + "/b/b.bin", zeros);
+    Bytes mixed = RandomBytes(200000, 70);
+    mixed.insert(mixed.end(), zeros.begin(), zeros.end());
+    WriteFile(source + "/c.bin", mixed);
+    const BackupReport backup = Backup(source);
+    store_.ForgetReads();
+    const RestoreReport restored = Restore(backup.snapshot.id, Folder("restored"));
+    EXPECT_TRUE(restored.damaged.empty());
+    EXPECT_TRUE(ReadFile(Folder("restored/a.bin")) == zeros);
+    EXPECT_TRUE(ReadFile(Folder("restored/b/b.bin")) == zeros);
+    EXPECT_TRUE(ReadFile(Folder("restored/c.bin")) == mixed);
+    // The packs hold a few hundred KiB: one span each.
+    EXPECT_LE(store_.ReadsUnder("repo/data/"), Names("repo/data/").size());
+}
+
 TEST_F(RepositoryTest, ADryRunReadsAndChunksButStoresNothing) {
     const std::string source = Folder("source");
     WriteFile(source + "/a.bin", RandomBytes(500000, 50));

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <unordered_map>
 
 #include "util/ParallelRunner.h"
 #include "util/Error.h"
@@ -18,23 +19,23 @@ namespace {
 // reading the gap costs less than another request.
 constexpr uint64_t kGapReadThrough = 256u << 10;
 
-// Where a blob's bytes go: a file and the offset in it.
-struct BlobUse {
-    size_t file = 0;
-    uint64_t offset = 0;
-};
-
-struct PlannedBlob {
+// One chunk of one file: where it is stored and where it goes. Sorted by
+// pack (in the order the files first need them) and offset, so that the
+// uses of one blob lie side by side.
+struct PlannedUse {
     PackEntry entry;
-    std::vector<BlobUse> uses;
+    uint32_t pack = 0;  // in packs_
+    size_t file = 0;
+    uint64_t offset = 0;  // in the file
 };
 
-// One request: a span of one pack and the blobs in it.
+// One request: a span of one pack, and the uses of the blobs in it.
 struct Range {
-    Id pack{};
+    uint32_t pack = 0;
     uint64_t start = 0;
     uint64_t length = 0;
-    std::vector<const PlannedBlob*> blobs;
+    size_t first = 0;  // uses_[first, end)
+    size_t end = 0;
 };
 
 class RestoreRun {
@@ -55,7 +56,8 @@ private:
     const MasterIndex& index_;
     const RestoreOptions options_;
     RestoreSink sink_;
-    std::map<Id, std::map<uint32_t, PlannedBlob>> packs_;  // pack -> offset -> blob
+    std::vector<Id> packs_;
+    std::vector<PlannedUse> uses_;
     std::vector<Range> ranges_;
 };
 
@@ -64,7 +66,12 @@ RestoreReport RestoreRun::Run(bool writing) {
     Plan();
     Progress progress(options_.progress, writing ? "restore" : "read", sink_.TotalBytes(), sink_.files().size());
     const unsigned jobs = std::max(1u, options_.jobs);
+    // Each job's buffer made once for the longest span: grown as spans
+    // come, it would reach twice that.
+    uint64_t longest = 0;
+    for (const Range& range : ranges_) longest = std::max(longest, range.length);
     std::vector<Bytes> buffers(jobs);
+    for (Bytes& buffer : buffers) buffer.reserve(static_cast<size_t>(longest));
     std::vector<Bytes> plains(jobs);
     RunInParallel(jobs, ranges_.size(), [&](size_t item, unsigned worker) {
         RestoreRange(ranges_[item], buffers[worker], plains[worker], progress);
@@ -90,10 +97,14 @@ RestoreReport RestoreRun::Run(bool writing) {
 // file whose chunks are not all indexed, or whose chunk sizes do not add
 // up to its size, is damaged before anything is read.
 void RestoreRun::Plan() {
-    std::vector<Id> order;
+    size_t chunks = 0;
+    for (const RestoreEntry& file : sink_.files()) chunks += file.node.content.size();
+    uses_.reserve(chunks);
+    std::unordered_map<Id, uint32_t, IdHash> packNumbers;
+    std::vector<BlobLocation> locations;
     for (size_t file = 0; file < sink_.files().size(); ++file) {
         const Node& entry = sink_.files()[file].node;
-        std::vector<BlobLocation> locations;
+        locations.clear();
         uint64_t total = 0;
         for (const Id& chunk : entry.content) {
             const std::optional<BlobLocation> location = index_.Find(chunk);
@@ -111,29 +122,29 @@ void RestoreRun::Plan() {
         }
         uint64_t offset = 0;
         for (const BlobLocation& location : locations) {
-            auto& blobs = packs_[location.pack];
-            if (blobs.empty()) order.push_back(location.pack);
-            PlannedBlob& blob = blobs[location.entry.offset];
-            blob.entry = location.entry;
-            blob.uses.push_back({file, offset});
+            const auto number = packNumbers.try_emplace(location.pack, static_cast<uint32_t>(packs_.size())).first;
+            if (number->second == packs_.size()) packs_.push_back(location.pack);
+            uses_.push_back({location.entry, number->second, file, offset});
             offset += location.entry.plainLength;
         }
         sink_.Expect(file, locations.size());
     }
-    for (const Id& pack : order) {
-        for (const auto& [offset, blob] : packs_[pack]) {
-            const uint64_t end = uint64_t{offset} + blob.entry.length;
-            if (!ranges_.empty()) {
-                Range& last = ranges_.back();
-                if (last.pack == pack && offset <= last.start + last.length + kGapReadThrough &&
-                    end - last.start <= kRestoreRangeBytes) {
-                    last.length = end - last.start;
-                    last.blobs.push_back(&blob);
-                    continue;
-                }
+    std::stable_sort(uses_.begin(), uses_.end(), [](const PlannedUse& a, const PlannedUse& b) {
+        return a.pack != b.pack ? a.pack < b.pack : a.entry.offset < b.entry.offset;
+    });
+    for (size_t i = 0; i < uses_.size(); ++i) {
+        const PlannedUse& use = uses_[i];
+        const uint64_t end = uint64_t{use.entry.offset} + use.entry.length;
+        if (!ranges_.empty()) {
+            Range& last = ranges_.back();
+            if (last.pack == use.pack && use.entry.offset <= last.start + last.length + kGapReadThrough &&
+                end - last.start <= kRestoreRangeBytes) {
+                last.length = std::max(last.length, end - last.start);
+                last.end = i + 1;
+                continue;
             }
-            ranges_.push_back({pack, offset, blob.entry.length, {&blob}});
         }
+        ranges_.push_back({use.pack, use.entry.offset, use.entry.length, i, i + 1});
     }
 }
 
@@ -153,7 +164,7 @@ std::vector<RestoreProblem> RestoreRun::ReadBack(const RestoreTarget& target,
 }
 
 void RestoreRun::RestoreRange(const Range& range, Bytes& buffer, Bytes& plain, Progress& progress) {
-    const std::string pack = repository_.layout().Pack(range.pack);
+    const std::string pack = repository_.layout().Pack(packs_[range.pack]);
     std::string problem;
     try {
         repository_.store().ReadRange(pack, range.start, range.length, buffer);
@@ -161,21 +172,23 @@ void RestoreRun::RestoreRange(const Range& range, Bytes& buffer, Bytes& plain, P
     } catch (const ObjectMissing&) {
         problem = "its pack is missing";
     }
-    for (const PlannedBlob* blob : range.blobs) {
-        std::string why = problem;
-        if (why.empty() && !OpenBlob(repository_.keys(), blob->entry, buffer.data() + (blob->entry.offset - range.start),
-                                     blob->entry.length, plain, why)) {
-            why = "a chunk " + why;
-        }
-        for (const BlobUse& use : blob->uses) {
-            if (!why.empty()) {
-                sink_.Fail(use.file, pack, why);
-            } else if (!sink_.Failed(use.file)) {
-                sink_.Write(use.file, use.offset, plain.data(), plain.size());
-                progress.BytesDone(plain.size());
+    std::string why;
+    for (size_t i = range.first; i < range.end; ++i) {
+        const PlannedUse& use = uses_[i];
+        if (i == range.first || use.entry.offset != uses_[i - 1].entry.offset) {  // the next blob
+            why = problem;
+            if (why.empty() && !OpenBlob(repository_.keys(), use.entry, buffer.data() + (use.entry.offset - range.start),
+                                         use.entry.length, plain, why)) {
+                why = "a chunk " + why;
             }
-            sink_.PieceDone(use.file, progress);
         }
+        if (!why.empty()) {
+            sink_.Fail(use.file, pack, why);
+        } else if (!sink_.Failed(use.file)) {
+            sink_.Write(use.file, use.offset, plain.data(), plain.size());
+            progress.BytesDone(plain.size());
+        }
+        sink_.PieceDone(use.file, progress);
     }
 }
 
@@ -264,7 +277,7 @@ RestoreReport RunRestore(Repository& repository, const MasterIndex& index, const
                          RestoreTarget* target, const RestoreOptions& options) {
     TreeReader reader(repository, index);
     RestorePlan plan = PlanRestore(reader, snapshot, options.subPath, options.selection);
-    const std::set<std::string> held = PlannedPaths(plan);
+    const std::set<std::string> held = options.deleteOthers ? PlannedPaths(plan) : std::set<std::string>{};
     const size_t skipped = target ? LeaveExisting(plan, *target, options, index, repository.keys().mac) : 0;
     RestoreRun run(repository, index, std::move(plan), target, options);
     RestoreReport report = run.Run(target != nullptr);

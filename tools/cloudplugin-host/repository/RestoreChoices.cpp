@@ -22,8 +22,8 @@ bool StaysAsItIs(const ExistingEntry& existing, const Node& node, OverwriteMode 
     return false;
 }
 
-template <class Keep>
-size_t DropIf(std::vector<RestoreEntry>& entries, Keep stays) {
+template <class Entries, class Keep>
+size_t DropIf(Entries& entries, Keep stays) {
     const size_t before = entries.size();
     entries.erase(std::remove_if(entries.begin(), entries.end(), stays), entries.end());
     return before - entries.size();
@@ -81,7 +81,8 @@ std::set<std::string> PlannedPaths(const RestorePlan& plan) {
         }
         paths.insert(path);
     };
-    for (const auto* entries : {&plan.files, &plan.folders, &plan.links, &plan.specials}) {
+    for (const RestoreEntry& entry : plan.files) add(entry.relativePath);
+    for (const auto* entries : {&plan.folders, &plan.links, &plan.specials}) {
         for (const RestoreEntry& entry : *entries) add(entry.relativePath);
     }
     for (const RestoreHardLink& link : plan.hardLinks) add(link.relativePath);

@@ -40,7 +40,9 @@ void RestoreSink::Write(size_t file, uint64_t offset, const void* data, size_t s
 void RestoreSink::Fail(size_t file, const std::string& object, const std::string& what) {
     FileState& state = states_[file];
     std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.failed.exchange(true)) state.problem = {plan_.files[file].relativePath, object, what};
+    if (!state.failed.exchange(true)) {
+        state.problem = std::make_unique<RestoreProblem>(RestoreProblem{plan_.files[file].relativePath, object, what});
+    }
 }
 
 void RestoreSink::PieceDone(size_t file, Progress& progress) {
@@ -118,7 +120,7 @@ void RestoreSink::Finish(size_t file, Progress& progress) {
         }
         progress.FileFailed();
         std::lock_guard<std::mutex> lock(mutex_);
-        damaged_.push_back(state.problem);
+        damaged_.push_back(*state.problem);
         return;
     }
     if (target_) {

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -37,7 +38,9 @@ struct RestoreHardLink {
 
 // What a restore makes.
 struct RestorePlan {
-    std::vector<RestoreEntry> files;
+    // A deque: a plan of a million files grows without copying itself or
+    // holding room it does not use.
+    std::deque<RestoreEntry> files;
     std::vector<RestoreEntry> folders;
     std::vector<RestoreEntry> links;
     std::vector<RestoreEntry> specials;  // FIFOs and devices
@@ -63,7 +66,7 @@ public:
     // anything is written.
     void CheckPaths() const;
 
-    const std::vector<RestoreEntry>& files() const { return plan_.files; }
+    const std::deque<RestoreEntry>& files() const { return plan_.files; }
     size_t FolderCount() const { return plan_.folders.size(); }
     size_t LinkCount() const { return plan_.links.size(); }
     uint64_t TotalBytes() const;
@@ -97,7 +100,7 @@ private:
         std::unique_ptr<RestoredFile> output;  // made by the first piece written
         std::atomic<bool> failed{false};
         std::atomic<bool> finished{false};
-        RestoreProblem problem;
+        std::unique_ptr<RestoreProblem> problem;  // once failed
     };
 
     void Finish(size_t file, Progress& progress);
