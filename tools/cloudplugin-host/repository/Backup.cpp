@@ -458,7 +458,11 @@ void BackupRun::LinkRead(LinkGroup& group, const std::vector<Id>* content, const
 
 std::vector<Id> BackupRun::ChunkFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher) {
     const size_t maximum = chunker_.parameters().maximum;
-    buffer.resize(maximum + kReadBlock);
+    // A small file needs no more than itself and a byte to see its end: a
+    // job that meets only small files keeps a small buffer.
+    const uint64_t wanted = source_.SizesKnownBeforeReading() ? std::min<uint64_t>(maximum + kReadBlock, work.size + 1)
+                                                             : maximum + kReadBlock;
+    if (buffer.size() < wanted) buffer.resize(static_cast<size_t>(wanted));
     std::vector<Id> chunks;
     uint64_t total = 0;
     const std::unique_ptr<SourceReader> input = source_.Open(work.path);
