@@ -121,16 +121,20 @@ TEST_F(RepositoryTest, TheOtherNamesOfAFileThatCouldNotBeReadAreLeftOutToo) {
     MakeTree(source, 2, 3);
     WriteFile(source + "/d0/locked.bin", RandomBytes(5000, 62));
     ASSERT_EQ(link((source + "/d0/locked.bin").c_str(), (source + "/d2/d1/locked.bin").c_str()), 0);
+    // A name the walk finds long after the read failed.
+    MakeTree(source, 3, 4, "/z");
+    ASSERT_EQ(link((source + "/d0/locked.bin").c_str(), (source + "/z/d3/d3/d3/locked.bin").c_str()), 0);
     FaultySource faulty(source, "locked");
     const BackupReport report = RunBackup(*repository_, faulty, Options());
     ASSERT_EQ(faulty.Refused().size(), 1u) << "the file is opened once, under its first name";
-    EXPECT_EQ(report.Unreadable(), 2u) << "both names are reported";
+    EXPECT_EQ(report.Unreadable(), 3u) << "every name is reported";
     std::set<std::string> named;
     for (const SkippedEntry& entry : report.skipped) named.insert(entry.relativePath);
-    EXPECT_EQ(named, (std::set<std::string>{"d0/locked.bin", "d2/d1/locked.bin"}));
+    EXPECT_EQ(named, (std::set<std::string>{"d0/locked.bin", "d2/d1/locked.bin", "z/d3/d3/d3/locked.bin"}));
     Restore(report.snapshot.id, Folder("restored"));
     EXPECT_FALSE(fs::exists(Folder("restored/d0/locked.bin")));
     EXPECT_FALSE(fs::exists(Folder("restored/d2/d1/locked.bin"))) << "not kept as an empty file";
+    EXPECT_FALSE(fs::exists(Folder("restored/z/d3/d3/d3/locked.bin")));
     EXPECT_TRUE(fs::exists(Folder("restored/d2/d1/file.txt")));
 }
 

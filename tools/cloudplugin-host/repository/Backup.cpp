@@ -38,6 +38,7 @@ struct FolderState;
 struct LinkGroup {
     bool done = false;
     bool failed = false;
+    std::string why;  // when failed
     std::vector<Id> content;
     struct Waiter {
         FolderState* folder;
@@ -251,6 +252,7 @@ void BackupRun::WalkFolder(ToWalk&& next, TreeReader* reader, std::vector<ToWalk
                 ++folder->pending;
             } else if (group->second.failed) {
                 folder->unreadable[i] = 1;
+                Unreadable(ChildPath(folder->path, node.name), group->second.why);
             } else {
                 node.content = group->second.content;
             }
@@ -442,6 +444,7 @@ void BackupRun::LinkRead(LinkGroup& group, const std::vector<Id>* content, const
         std::lock_guard<std::mutex> lock(foldersMutex_);
         group.done = true;
         group.failed = content == nullptr;
+        group.why = why;
         if (content) group.content = *content;
         waiting.swap(group.waiting);
     }
