@@ -228,6 +228,65 @@ TEST_F(RepositoryToolTest, BackupsUnderASasWithoutDeleteAndMaintenanceWithTheFul
     ExpectSameTree(source, Folder("restored"));
 }
 
+TEST_F(RepositoryToolTest, AnArchivedSnapshotIsRestoredAfterRehydratingOnlyItsOwnPacks) {
+    const ToolRun set = Repo({"data-tier", "Archive"});
+    ASSERT_EQ(set.status, 0) << set.err;
+    EXPECT_EQ(Member(set.out, "data_tier"), "\"Archive\"");
+    const auto archived = [&](const std::string& pack) {
+        return Tool({"object", "list", pack}).out.find("\"x-ms-access-tier\":\"Archive\"") != std::string::npos;
+    };
+    WriteFile(Folder("one/a.bin"), Bytes(400000, 31));
+    WriteFile(Folder("one/sub/b.bin"), Bytes(300000, 32));
+    const std::string first = BackupSnapshot(Folder("one"));
+    const std::vector<std::string> firstPacks = Packs();
+    WriteFile(Folder("two/c.bin"), Bytes(500000, 33));
+    const std::string second = BackupSnapshot(Folder("two"));
+    std::vector<std::string> firstData, secondData;
+    size_t online = 0;
+    for (const std::string& pack : Packs()) {
+        const bool ofFirst = std::find(firstPacks.begin(), firstPacks.end(), pack) != firstPacks.end();
+        if (!archived(pack)) ++online;
+        else (ofFirst ? firstData : secondData).push_back(pack);
+    }
+    ASSERT_FALSE(firstData.empty());
+    ASSERT_FALSE(secondData.empty());
+    EXPECT_GE(online, 2u) << "each backup's tree pack stays online";
+    for (const char* prefix : {"cloudplugin-host/index/", "cloudplugin-host/snapshots/", "cloudplugin-host/keys/"}) {
+        for (const std::string& name : ObjectNames(Tool({"object", "list", prefix}).out)) {
+            EXPECT_FALSE(archived(name)) << name;
+        }
+    }
+    EXPECT_FALSE(archived("cloudplugin-host/config"));
+
+    const ToolRun refused = Repo({"restore", first, Folder("refused")});
+    EXPECT_EQ(refused.status, 8) << refused.err;
+    EXPECT_NE(refused.err.find("rehydrate " + first), std::string::npos) << refused.err;
+    const ToolRun check = Repo({"check", "--read-data"});
+    EXPECT_EQ(check.status, 0) << check.out << check.err;
+    EXPECT_EQ(Member(check.out, "packs_archived"), std::to_string(firstData.size() + secondData.size()));
+
+    const ToolRun asked = Repo({"rehydrate", first});
+    ASSERT_EQ(asked.status, 0) << asked.err;
+    for (const std::string& pack : firstData) EXPECT_NE(asked.out.find(pack), std::string::npos) << pack;
+    for (const std::string& pack : secondData) {
+        EXPECT_EQ(asked.out.find(pack), std::string::npos) << "not needed by the snapshot: " << pack;
+        EXPECT_TRUE(archived(pack)) << pack;
+    }
+    const ToolRun restore = Repo({"restore", first, Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(Folder("one"), Folder("restored"));
+    (void)second;
+}
+
+TEST_F(RepositoryToolTest, AConnectionStringThatArchivesEveryObjectIsRefusedForARepository) {
+    std::vector<std::string> arguments = PlainArguments({"snapshots"});
+    arguments[1] += ";AccessTier=Archive";
+    const ToolRun refused = RunTool(arguments);
+    EXPECT_EQ(refused.status, 2) << refused.err;
+    EXPECT_EQ(LineCount(refused.err), 1u) << refused.err;
+    EXPECT_NE(refused.err.find("--data-tier Archive"), std::string::npos) << refused.err;
+}
+
 TEST_F(RepositoryToolTest, AChangedBitInAPackIsFoundByCheckAndRestore) {
     WriteFile(Folder("source/victim.bin"), Bytes(300000, 5));
     const std::string backup = BackupOk(Folder("source"));

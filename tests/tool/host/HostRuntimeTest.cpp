@@ -46,6 +46,14 @@ TEST(ConnectionDefault, IsAddedOnlyWhenTheUserDidNotNameTheKey) {
               "ClientCertificatePath=/VerifyDownloadMd5=x;VerifyDownloadMd5=false");
 }
 
+TEST(ConnectionValue, IsTheTrimmedValueOfTheKeyNamedWithoutCase) {
+    EXPECT_EQ(ConnectionValue("AccountName=a; accesstier = Archive ;Container=c", "AccessTier"), "Archive");
+    EXPECT_EQ(ConnectionValue("AccountName=a;SharedAccessSignature=sv=1&sig=x=", "SharedAccessSignature"),
+              "sv=1&sig=x=");
+    EXPECT_EQ(ConnectionValue("AccountName=a;Container=c", "AccessTier"), std::nullopt);
+    EXPECT_EQ(ConnectionValue("ClientCertificatePath=/AccessTier=Archive", "AccessTier"), std::nullopt);
+}
+
 TEST(JavaHome, AJavaHomeWithoutAJvmLibraryIsNotUsed) {
     testsupport::TempFolder folder;
     EXPECT_EQ(JvmLibraryIn(folder.PathUtf8()), "");

@@ -39,6 +39,7 @@ CommandResult RunCheck(Context& context, const CheckCommandOptions& options) {
                        {"packs", report.packs},
                        {"blobs", report.blobs},
                        {"bytes_read", report.bytesRead},
+                       {"packs_archived", report.packsArchived},
                        {"errors", report.errors},
                        {"warnings", report.warnings},
                        {"affected", report.affected},

@@ -1,4 +1,5 @@
-// init: a new encrypted repository under --repo.
+// init: a new encrypted repository under --repo; data-tier: where its data
+// packs go.
 #include "cli/RepositorySupport.h"
 #include "host/PluginObjectStore.h"
 #include "repository/Locks.h"
@@ -10,13 +11,23 @@ namespace {
 struct InitOptions {
     uint64_t kdfMemory = 64ull << 20;
     uint64_t packSize = 16ull << 20;
+    std::string dataTier;
 };
+
+const char* const kDataTierText =
+    "Keys, config, indexes, snapshots, tree packs and locks stay online whatever the tier; packs of file data are "
+    "moved to the data tier as they are written. In the Archive tier they cannot be read until rehydrated: "
+    "'cloudplugin-host rehydrate SNAPSHOT' brings back exactly the packs a snapshot needs, 'check --read-data' "
+    "skips archived packs and says how many, and prune keeps partly used archived packs whole (it cannot read "
+    "them to rewrite) and notes when a deletion is charged for leaving a cool, cold or archived blob early.";
 
 CommandResult RunInit(Context& context, const InitOptions& options) {
     repo::InitOptions init;
     init.kdfMemory = options.kdfMemory;
     init.packSize = options.packSize;
+    init.dataTier = options.dataTier;
     const std::string& root = context.options().repo;
+    RefuseArchivingConnection(context);
     repo::Repository::Init(context.Store(), root, context.options().password, init, repo::HostName());
     const repo::Repository repository = OpenRepository(context);
     context.Say("created the repository " + ShortId(repository.config().id) + " under " + root +
@@ -26,7 +37,30 @@ CommandResult RunInit(Context& context, const InitOptions& options) {
                        {"ok", true},
                        {"repository", repository.config().id},
                        {"root", root},
-                       {"pack_size", repository.config().packSize}};
+                       {"pack_size", repository.config().packSize},
+                       {"data_tier", repository.config().dataTier}};
+    return result;
+}
+
+struct DataTierOptions {
+    std::string tier;  // empty: show
+    bool none = false;
+};
+
+CommandResult RunDataTier(Context& context, const DataTierOptions& options) {
+    repo::Repository repository = OpenRepository(context);
+    const std::string before = repository.config().dataTier;
+    if (!options.tier.empty() || options.none) {
+        repo::RepositoryLock lock(repository, "data-tier", true, context.options().lockWaitSeconds);
+        repository.SetDataTier(options.none ? "" : options.tier);
+    }
+    const std::string& tier = repository.config().dataTier;
+    const std::string shown = tier.empty() ? "none (data packs stay where the storage puts them)" : tier;
+    context.Say(tier == before ? "data tier: " + shown
+                               : "data tier: " + shown + " for the data packs written from now on (was " +
+                                     (before.empty() ? "none" : before) + ")");
+    CommandResult result;
+    result.json = Json{{"command", "data-tier"}, {"ok", true}, {"data_tier", tier}, {"was", before}};
     return result;
 }
 
@@ -38,7 +72,8 @@ void AddInitCommand(CommandTable& table) {
         {"init", "make a new encrypted repository under --repo",
          "Makes a new repository under the prefix --repo (default cloudplugin-host) of the container: its master "
          "keys, sealed by a key derived from the password (CLOUDPLUGIN_PASSWORD or --password-file) with scrypt, "
-         "and its config. Nothing can be read without the password, and nothing recovers a lost one."},
+         "and its config. Nothing can be read without the password, and nothing recovers a lost one.\n\n"
+         "--data-tier chooses the access tier of the data packs (see 'data-tier'). " + std::string(kDataTierText)},
         [options](Context& context) { return RunInit(context, *options); });
     command
         ->add_option_function<std::string>(
@@ -56,6 +91,21 @@ void AddInitCommand(CommandTable& table) {
             },
             "the size of the repository's packs (default: 16M)")
         ->type_name("SIZE");
+    command->add_option("--data-tier", options->dataTier, "the access tier of the data packs (default: none)")
+        ->check(CLI::IsMember(repo::DataTiers()))
+        ->type_name("TIER");
+
+    auto tier = std::make_shared<DataTierOptions>();
+    command = table.Add({"data-tier", "show or change the tier the repository's data packs go to",
+                         std::string("Without TIER, shows the data tier; with TIER (Hot, Cool, Cold or Archive) "
+                                     "or --none, changes it for the packs written from then on (the packs already "
+                                     "written stay where they are: 'object tier' moves one). It takes the exclusive "
+                                     "lock.\n\n") +
+                             kDataTierText},
+                        [tier](Context& context) { return RunDataTier(context, *tier); });
+    command->add_option("TIER", tier->tier, "Hot, Cool, Cold or Archive")->check(CLI::IsMember(repo::DataTiers()));
+    command->add_flag("--none", tier->none, "no data tier: data packs stay where the storage puts them")
+        ->excludes(command->get_option("TIER"));
 }
 
 }  // namespace qvhost::cli

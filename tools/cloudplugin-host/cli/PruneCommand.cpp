@@ -22,7 +22,22 @@ Json PruneJson(const repo::PruneReport& report) {
                 {"blobs_removed", report.blobsRemoved},
                 {"bytes_freed", report.bytesFreed},
                 {"bytes_rewritten", report.bytesRewritten},
-                {"index_objects_replaced", report.indexObjectsReplaced}};
+                {"index_objects_replaced", report.indexObjectsReplaced},
+                {"packs_archived_kept", report.packsArchivedKept},
+                {"early_deletion_tiers", report.earlyDeletionTiers}};
+}
+
+// What the plan leaves or costs because of tiers.
+void SayTiers(Context& context, const repo::PruneReport& planned, bool dryRun) {
+    if (planned.packsArchivedKept) {
+        context.Say(std::to_string(planned.packsArchivedKept) + " partly used packs are archived and kept whole "
+                    "(a rewrite would have to read them); they go once nothing in them is used");
+    }
+    for (const auto& [tier, packs] : planned.earlyDeletionTiers) {
+        context.Say("note: " + std::to_string(packs) + " packs " + (dryRun ? "would be" : "are") +
+                    " deleted from the " + tier + " tier; Azure charges for deleting a blob before it spent " +
+                    (tier == "Cool" ? "30" : tier == "Cold" ? "90" : "180") + " days there");
+    }
 }
 
 CommandResult RunPruneCommand(Context& context, const PruneCommandOptions& options) {
@@ -45,6 +60,7 @@ Json Prune(Context& context, repo::Repository& repository, bool dryRun) {
                 " packs to delete (" + std::to_string(planned.packsUnindexed) + " of interrupted backups), " +
                 std::to_string(planned.packsRewritten) + " to rewrite, " + std::to_string(planned.packsKept) +
                 " kept; about " + FormatBytes(static_cast<double>(planned.bytesFreed)) + " to free");
+    SayTiers(context, planned, dryRun);
     if (dryRun) return PruneJson(planned);
     repo::PruneOptions options;
     options.jobs = context.options().host.jobs;

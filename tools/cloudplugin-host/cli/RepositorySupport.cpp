@@ -1,12 +1,28 @@
 #include "cli/RepositorySupport.h"
 
+#include <algorithm>
+#include <cctype>
+
+#include "host/HostRuntime.h"
 #include "host/PluginObjectStore.h"
 #include "repository/Listing.h"
 #include "util/Text.h"
 
 namespace qvhost::cli {
 
+void RefuseArchivingConnection(const Context& context) {
+    std::string tier = ConnectionValue(context.options().host.connectionString, "AccessTier").value_or("");
+    std::transform(tier.begin(), tier.end(), tier.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (tier == "archive") {
+        throw Error(ErrorKind::Usage,
+                    "AccessTier=Archive in the connection string would archive the repository's keys, config, "
+                    "indexes and snapshots too, and no command could read them: remove it, and give 'init "
+                    "--data-tier Archive' (or 'data-tier Archive') to archive the data packs alone");
+    }
+}
+
 repo::Repository OpenRepository(Context& context, LocalCacheUse cacheUse) {
+    RefuseArchivingConnection(context);
     repo::RepositoryOptions options;
     options.warn = [&context](const std::string& text) { context.Warn("warning: " + Printable(text)); };
     if (cacheUse == LocalCacheUse::Use && !context.options().noCache) options.cacheRoot = CacheRoot(context.options());

@@ -17,6 +17,10 @@ namespace qvhost::cli {
 // what the storage holds, nothing else (as restic's check does).
 enum class LocalCacheUse { Use, Bypass };
 
+// Refuses (usage) a connection string whose AccessTier would archive every
+// object written, the repository's own objects with them.
+void RefuseArchivingConnection(const Context& context);
+
 // The repository under --repo, opened with the password, with its local
 // cache unless --no-cache (or there is no place for one).
 repo::Repository OpenRepository(Context& context, LocalCacheUse cacheUse = LocalCacheUse::Use);

@@ -22,7 +22,10 @@ void AddUnavailable(CommandTable& table, const std::string& name, const std::str
 
 }  // namespace
 
-void AddInitCommand(CommandTable& table) { AddUnavailable(table, "init", "make a new encrypted repository"); }
+void AddInitCommand(CommandTable& table) {
+    AddUnavailable(table, "init", "make a new encrypted repository");
+    AddUnavailable(table, "data-tier", "show or change the tier of the data packs");
+}
 void AddBackupCommand(CommandTable& table) { AddUnavailable(table, "backup", "back up a folder as a new snapshot"); }
 void AddSnapshotsCommand(CommandTable& table) { AddUnavailable(table, "snapshots", "the repository's snapshots"); }
 void AddRestoreCommand(CommandTable& table) { AddUnavailable(table, "restore", "restore a snapshot"); }

@@ -187,19 +187,28 @@ std::string ClassPathOf(const std::string& jarFolder) {
     return classPath;
 }
 
-std::string WithConnectionDefault(const std::string& connection, const std::string& key, const std::string& value) {
-    const auto canonical = [](std::string text) {
+std::optional<std::string> ConnectionValue(const std::string& connection, const std::string& key) {
+    const auto trimmed = [](const std::string& text) {
         const size_t first = text.find_first_not_of(" \t");
         const size_t last = text.find_last_not_of(" \t");
-        text = first == std::string::npos ? "" : text.substr(first, last - first + 1);
+        return first == std::string::npos ? std::string() : text.substr(first, last - first + 1);
+    };
+    const auto lower = [](std::string text) {
         std::transform(text.begin(), text.end(), text.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
         return text;
     };
     for (const std::string& part : Split(connection, ';')) {
         const size_t eq = part.find('=');
-        if (eq != std::string::npos && canonical(part.substr(0, eq)) == canonical(key)) return connection;
+        if (eq != std::string::npos && lower(trimmed(part.substr(0, eq))) == lower(trimmed(key))) {
+            return trimmed(part.substr(eq + 1));
+        }
     }
+    return std::nullopt;
+}
+
+std::string WithConnectionDefault(const std::string& connection, const std::string& key, const std::string& value) {
+    if (ConnectionValue(connection, key)) return connection;
     std::string result = connection;
     while (!result.empty() && (result.back() == ' ' || result.back() == ';')) result.pop_back();
     return result + ";" + key + "=" + value;

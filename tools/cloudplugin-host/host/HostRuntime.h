@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,9 @@ std::vector<std::string> ToolJvmOptions(unsigned jobs, uint64_t partSize);
 // already (keys compare as the Java library compares them: trimmed, in any
 // case), in which case the user's value stands.
 std::string WithConnectionDefault(const std::string& connection, const std::string& key, const std::string& value);
+// The value the connection string gives `key` (names compared without case,
+// both trimmed); none when it names no such key.
+std::optional<std::string> ConnectionValue(const std::string& connection, const std::string& key);
 
 // The connection-string key that turns off the Java library's MD5 check of
 // whole-object reads; the repository authenticates every blob it reads

@@ -396,8 +396,12 @@ void BackupRun::AdoptInterruptedPacks() {
             newPacks_.push_back(std::move(pack));
             ++report_.packsAdopted;
         } catch (const Error& failure) {
-            // Damaged, not ours, or removed meanwhile: left to check and prune.
-            if (failure.kind() != ErrorKind::Damaged && failure.kind() != ErrorKind::ObjectMissing) throw;
+            // Damaged, not ours, removed meanwhile, or archived (the data
+            // tier): left to check and prune.
+            if (failure.kind() != ErrorKind::Damaged && failure.kind() != ErrorKind::ObjectMissing &&
+                failure.kind() != ErrorKind::Archived) {
+                throw;
+            }
             ++report_.packsRefused;
         }
     }

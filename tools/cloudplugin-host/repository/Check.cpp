@@ -31,6 +31,7 @@ public:
         LoadSnapshots();
         for (const NamedObject& object : repository_.ListIds(layout_.DataPrefix(), &strays_)) {
             stored_[object.id] = object.size;
+            if (object.tier == "Archive") archived_.insert(object.id);
         }
         for (const std::string& stray : strays_) report_.warnings.push_back("an object of no known kind: " + stray);
         CheckPacksExist();
@@ -205,7 +206,18 @@ private:
         std::vector<Id> packs;
         uint64_t total = 0;
         for (const auto& [pack, entries] : indexed_) {
-            if (stored_.count(pack)) packs.push_back(pack), total += stored_.at(pack);
+            if (!stored_.count(pack)) continue;
+            if (archived_.count(pack)) {
+                ++report_.packsArchived;
+                continue;
+            }
+            packs.push_back(pack);
+            total += stored_.at(pack);
+        }
+        if (report_.packsArchived) {
+            report_.warnings.push_back(std::to_string(report_.packsArchived) +
+                                       " packs are in the Archive tier and were not read: 'cloudplugin-host rehydrate "
+                                       "SNAPSHOT' brings back the packs of a snapshot");
         }
         Progress progress(options_.progress, "check", total, packs.size());
         RunInParallel(std::max(1u, options_.jobs), packs.size(), [&](size_t item, unsigned) {
@@ -258,6 +270,7 @@ private:
     std::vector<std::string> strays_;
     std::map<Id, uint64_t> stored_;  // pack -> size
     std::map<Id, std::vector<PackEntry>> indexed_;
+    std::set<Id> archived_;  // stored packs in the Archive tier
     std::set<Id> badPacks_;
     std::map<Id, std::string> damage_;  // pack -> what read-data found wrong
     std::unordered_map<Id, std::set<Id>, IdHash> copies_;  // blob -> the packs the index says hold it

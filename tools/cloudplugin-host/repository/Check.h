@@ -25,6 +25,7 @@ struct CheckReport {
     size_t packs = 0;
     size_t blobs = 0;
     uint64_t bytesRead = 0;
+    size_t packsArchived = 0;  // read-data: packs in the Archive tier, not read
     std::vector<std::string> errors;    // damage: the repository does not hold what it names
     std::vector<std::string> warnings;  // garbage: packs no index names, objects of unknown names
     std::vector<std::string> affected;  // "<snapshot> <path>" of files whose data is damaged or missing

@@ -1,5 +1,6 @@
 #include "repository/Keys.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "repository/BoundedJson.h"
@@ -106,13 +107,23 @@ Bytes OpenObject(const MasterKeys& keys, const std::string& kind, const Bytes& s
     return plain;
 }
 
+const std::vector<std::string>& DataTiers() {
+    static const std::vector<std::string> tiers = {"Hot", "Cool", "Cold", "Archive"};
+    return tiers;
+}
+
+bool IsDataTier(const std::string& tier) {
+    return std::find(DataTiers().begin(), DataTiers().end(), tier) != DataTiers().end();
+}
+
 Bytes EncodeConfig(const MasterKeys& keys, const RepositoryConfig& config) {
-    const Json json = {{"format", config.format},
-                       {"id", config.id},
-                       {"chunker_minimum", config.chunker.minimum},
-                       {"chunker_average", config.chunker.average},
-                       {"chunker_maximum", config.chunker.maximum},
-                       {"pack_size", config.packSize}};
+    Json json = {{"format", config.format},
+                 {"id", config.id},
+                 {"chunker_minimum", config.chunker.minimum},
+                 {"chunker_average", config.chunker.average},
+                 {"chunker_maximum", config.chunker.maximum},
+                 {"pack_size", config.packSize}};
+    if (!config.dataTier.empty()) json["data_tier"] = config.dataTier;
     const std::string text = json.dump();
     return SealObject(keys, "config", Bytes(text.begin(), text.end()));
 }
@@ -136,6 +147,10 @@ RepositoryConfig DecodeConfig(const MasterKeys& keys, const Bytes& sealed) {
     }
     if (config.packSize < (1u << 20) || config.packSize > kMaximumPackSize / 2) {
         Damaged(what + " has a pack size this tool refuses");
+    }
+    if (json.contains("data_tier")) {
+        config.dataTier = StringMember(json, "data_tier", what);
+        if (!IsDataTier(config.dataTier)) Damaged(what + " names a data tier this tool does not know");
     }
     return config;
 }

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "repository/Chunker.h"
 #include "repository/Crypto.h"
@@ -43,7 +44,16 @@ struct RepositoryConfig {
     std::string id;  // 64 hex digits
     ChunkerParameters chunker;
     uint64_t packSize = 16u << 20;
+    // The access tier data packs are moved to once written (Hot, Cool, Cold
+    // or Archive); empty: they stay where the storage puts them. Keys,
+    // config, indexes, snapshots, tree packs and locks stay online.
+    std::string dataTier;
 };
+
+// The access tiers a repository's data packs may take, and whether `tier`
+// is one of them.
+const std::vector<std::string>& DataTiers();
+bool IsDataTier(const std::string& tier);
 
 // The key object's text for `keys` under `password`.
 std::string EncodeKeyObject(const MasterKeys& keys, const std::string& password, const KdfParameters& kdf,

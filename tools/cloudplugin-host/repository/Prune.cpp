@@ -15,6 +15,22 @@ namespace {
 
 std::string Short(const Id& id) { return IdHex(id).substr(0, 16); }
 
+// Packs in the Archive tier cannot be read until rehydrated.
+bool Archived(const PrunePlan& plan, const Id& pack) {
+    const auto tier = plan.tiers.find(pack);
+    return tier != plan.tiers.end() && tier->second == "Archive";
+}
+
+// A pack that goes: Azure charges for deleting a blob before it spent 30
+// (Cool), 90 (Cold) or 180 (Archive) days in its tier.
+void CountEarlyDeletion(PrunePlan& plan, const Id& pack) {
+    const auto tier = plan.tiers.find(pack);
+    if (tier == plan.tiers.end()) return;
+    if (tier->second == "Cool" || tier->second == "Cold" || tier->second == "Archive") {
+        ++plan.report.earlyDeletionTiers[tier->second];
+    }
+}
+
 // What the snapshots need: their trees and every chunk the trees name. A
 // snapshot or a tree that does not open stops prune: what it needs cannot
 // be known.
@@ -89,7 +105,12 @@ void ChooseKeepers(Repository& repository, const MasterIndex& index, const std::
         const std::pair<Id, PackEntry>* chosen = list.size() == 1 ? &list.front() : nullptr;
         for (size_t i = 0; !chosen && i < list.size(); ++i) {
             auto verdict = verified.find(list[i].first);
-            if (verdict == verified.end()) verdict = verified.emplace(list[i].first, Verifies(repository, list[i].first)).first;
+            // An archived copy cannot be read to verify: it is not chosen
+            // over one that verifies, and kept when none does.
+            if (verdict == verified.end()) {
+                const bool archived = Archived(plan, list[i].first);
+                verdict = verified.emplace(list[i].first, !archived && Verifies(repository, list[i].first)).first;
+            }
             if (verdict->second) chosen = &list[i];
         }
         if (!chosen) {
@@ -126,16 +147,24 @@ void SortPacks(const MasterIndex& index, PrunePlan& plan) {
         } else if (needed.size() == offsets.size()) {
             plan.kept.push_back({pack, needed});
             ++report.packsKept;
+            continue;
+        } else if (Archived(plan, pack)) {
+            plan.kept.push_back({pack, needed});
+            ++report.packsKept;
+            ++report.packsArchivedKept;
+            continue;
         } else {
             plan.rewrite.push_back(pack);
             report.blobsRemoved += offsets.size() - needed.size();
             ++report.packsRewritten;
         }
+        CountEarlyDeletion(plan, pack);
     }
     for (const auto& [pack, size] : plan.stored) {
         if (!index.HasPack(pack)) {
             plan.remove.push_back(pack);
             ++report.packsUnindexed;
+            CountEarlyDeletion(plan, pack);
         }
     }
     for (const Id& pack : plan.remove) report.bytesFreed += plan.stored.at(pack);
@@ -246,6 +275,7 @@ PrunePlan PlanPrune(Repository& repository) {
     const std::unordered_set<Id, IdHash> used = UsedBlobs(repository, index);
     for (const NamedObject& object : repository.ListIds(repository.layout().DataPrefix())) {
         plan.stored[object.id] = object.size;
+        if (!object.tier.empty() && object.tier != "Hot") plan.tiers[object.id] = object.tier;
     }
     ChooseKeepers(repository, index, used, plan);
     SortPacks(index, plan);

@@ -32,6 +32,10 @@ struct PruneReport {
     uint64_t bytesFreed = 0;    // stored bytes gone (deleted less written)
     uint64_t bytesRewritten = 0;
     size_t indexObjectsReplaced = 0;
+    size_t packsArchivedKept = 0;  // partly used but archived: kept whole, as they cannot be read to rewrite
+    // Packs deleted (or rewritten) from a tier that charges for deleting
+    // early (Cool 30 days, Cold 90, Archive 180), by tier.
+    std::map<std::string, size_t> earlyDeletionTiers;
 };
 
 // What prune will do: the figures of its report (before any pack is
@@ -42,6 +46,7 @@ struct PrunePlan {
     std::vector<Id> rewrite;          // partly used packs
     std::vector<Id> remove;           // unused or unindexed packs
     std::map<Id, uint64_t> stored;    // every stored pack and its size
+    std::map<Id, std::string> tiers;  // the stored packs not in the Hot tier (or of no tier listed)
     std::map<Id, std::vector<PackEntry>> packBlobs;  // every blob the index names, by pack
     // For each used blob, the one copy kept: its pack and entry.
     std::unordered_map<Id, std::pair<Id, PackEntry>, IdHash> keeper;

@@ -15,6 +15,16 @@ struct Repository::WarningLog {
     WarningSink sink;
 };
 
+namespace {
+
+void RefuseUnknownDataTier(const std::string& tier) {
+    if (!tier.empty() && !IsDataTier(tier)) {
+        throw Error(ErrorKind::Usage, "no data tier " + tier + ": Hot, Cool, Cold or Archive");
+    }
+}
+
+}  // namespace
+
 bool Repository::Exists(ObjectStore& store, const std::string& root) {
     const RepositoryLayout layout{root};
     for (const StoredObject& object : store.List(layout.Config())) {
@@ -36,6 +46,8 @@ void Repository::Init(ObjectStore& store, const std::string& root, const std::st
     config.id = ToHex(id.data(), id.size());
     config.chunker = options.chunker;
     config.packSize = options.packSize;
+    RefuseUnknownDataTier(options.dataTier);
+    config.dataTier = options.dataTier;
     Key256 keyName = RandomKey();
     const std::string keyText = EncodeKeyObject(keys, password, NewKdfParameters(options.kdfMemory),
                                                 UtcNow("%Y-%m-%dT%H:%M:%SZ"), host);
@@ -94,6 +106,7 @@ std::vector<NamedObject> Repository::ListIds(const std::string& prefix, std::vec
         if (IdFromHex(object.name.substr(prefix.size()), named.id)) {
             named.name = object.name;
             named.size = object.size;
+            named.tier = object.tier;
             objects.push_back(std::move(named));
         } else if (strays) {
             strays->push_back(object.name);
@@ -172,7 +185,20 @@ void Repository::WritePack(const PackBuilder::Finished& pack) {
     const bool trees = !pack.entries.empty() && std::all_of(pack.entries.begin(), pack.entries.end(), [](const PackEntry& e) {
         return e.type == BlobType::Tree;
     });
-    if (trees) Keep(CachedKind::TreePack, pack.id, pack.bytes);
+    if (trees) {
+        Keep(CachedKind::TreePack, pack.id, pack.bytes);
+    } else if (!config_.dataTier.empty()) {
+        store_.SetTier(layout_.Pack(pack.id), config_.dataTier, "");
+    }
+}
+
+void Repository::SetDataTier(const std::string& tier) {
+    RefuseUnknownDataTier(tier);
+    RepositoryConfig changed = config_;
+    changed.dataTier = tier;
+    const Bytes sealed = EncodeConfig(keys_, changed);
+    store_.Write(layout_.Config(), sealed.data(), sealed.size());
+    config_ = std::move(changed);
 }
 
 Snapshot Repository::LoadSnapshot(const std::string& id) {

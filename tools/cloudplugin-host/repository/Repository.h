@@ -49,6 +49,7 @@ struct InitOptions {
     uint64_t kdfMemory = 64ull << 20;  // memory of the password's key derivation (scrypt)
     uint64_t packSize = 16ull << 20;
     ChunkerParameters chunker;
+    std::string dataTier;  // RepositoryConfig::dataTier
 };
 
 // How a repository is opened.
@@ -66,6 +67,7 @@ struct NamedObject {
     Id id{};
     std::string name;
     uint64_t size = 0;  // 0 when the listing does not say
+    std::string tier;   // the access tier, when the listing says
 };
 
 class Repository {
@@ -104,7 +106,11 @@ public:
     // Writes an index object of the packs; answers its name (and adds the
     // bytes written to `written`).
     std::string SaveIndex(const std::vector<IndexedPack>& packs, uint64_t* written = nullptr);
+    // A pack of data blobs goes on to the config's data tier.
     void WritePack(const PackBuilder::Finished& pack);
+    // Changes the tier of the data packs written from now on (empty: none);
+    // the caller holds an exclusive lock.
+    void SetDataTier(const std::string& tier);
 
     // From here on, index, snapshot and tree-pack objects are kept in
     // `cache` and read from it (LocalCache.h); null: all from the storage.
