@@ -275,7 +275,16 @@ TEST_F(RepositoryToolTest, AnArchivedSnapshotIsRestoredAfterRehydratingOnlyItsOw
     const ToolRun restore = Repo({"restore", first, Folder("restored")});
     ASSERT_EQ(restore.status, 0) << restore.err;
     ExpectSameTree(Folder("one"), Folder("restored"));
-    (void)second;
+
+    // In one command: asked for, then (the emulator brings blobs back at
+    // once) restored after waiting.
+    const ToolRun asking = Repo({"restore", "--rehydrate", second, Folder("restored-two")});
+    EXPECT_EQ(asking.status, 8) << asking.err;
+    EXPECT_EQ(Member(asking.out, "rehydrating"), "true") << asking.out;
+    EXPECT_NE(Member(asking.out, "next").find("or add --wait"), std::string::npos) << asking.out;
+    const ToolRun waited = Repo({"restore", "--rehydrate", "--wait", "--wait-interval", "1s", second, Folder("restored-two")});
+    ASSERT_EQ(waited.status, 0) << waited.err;
+    ExpectSameTree(Folder("two"), Folder("restored-two"));
 }
 
 TEST_F(RepositoryToolTest, AConnectionStringThatArchivesEveryObjectIsRefusedForARepository) {

@@ -15,29 +15,14 @@ struct RehydrateOptions {
 };
 
 CommandResult RunRehydrate(Context& context, const RehydrateOptions& options) {
-    repo::ObjectStore& store = context.Store();
-    const repo::RepositoryLayout layout{context.options().repo};
     repo::Rehydration state;
-    std::string stage = "repository";
-    repo::RehydrateObjects(store, repo::OwnObjects(store, layout), options.request, state);
-    if (!state.Ready()) {
+    const std::string stage = RehydrateSnapshot(context, options.snapshot, options.request, state);
+    if (stage == "repository" && !state.Ready()) {
         context.Say("the repository's own objects (keys, config, index, snapshots) are coming back first: run "
                     "'cloudplugin-host rehydrate " + options.snapshot + "' again once they are online");
-    } else {
-        repo::Repository repository = OpenRepository(context);
-        const repo::MasterIndex index = repository.LoadIndex();
-        stage = "trees";
-        state.online = 0;
-        repo::RehydrateObjects(store, repo::TreePacks(repository, index), options.request, state);
-        if (state.Ready()) {
-            stage = "packs";
-            const repo::Snapshot snapshot = repository.LoadSnapshot(ResolveSnapshot(repository, options.snapshot));
-            state.online = 0;
-            repo::RehydrateObjects(store, repo::PacksOf(repository, snapshot, index), options.request, state);
-        } else {
-            context.Say("the packs of the repository's trees are coming back next: run 'cloudplugin-host rehydrate " +
-                        options.snapshot + "' again once they are online");
-        }
+    } else if (stage == "trees" && !state.Ready()) {
+        context.Say("the packs of the repository's trees are coming back next: run 'cloudplugin-host rehydrate " +
+                    options.snapshot + "' again once they are online");
     }
     return RehydrationResult(context, options.snapshot, stage, options.request, state);
 }

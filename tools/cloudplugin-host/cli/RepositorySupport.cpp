@@ -6,6 +6,7 @@
 #include "host/HostRuntime.h"
 #include "host/PluginObjectStore.h"
 #include "repository/Listing.h"
+#include "repository/Rehydrate.h"
 #include "util/Text.h"
 
 namespace qvhost::cli {
@@ -116,6 +117,23 @@ Json EntryJson(const repo::ListedEntry& entry) {
               {"mtime", Rfc3339Nanos(node.modifiedNs)}};
     if (node.type == repo::NodeType::Link) json["link_target"] = node.linkTarget;
     return json;
+}
+
+std::string RehydrateSnapshot(Context& context, const std::string& snapshotArgument,
+                              const repo::RehydrateRequest& request, repo::Rehydration& state) {
+    repo::ObjectStore& store = context.Store();
+    const repo::RepositoryLayout layout{context.options().repo};
+    repo::RehydrateObjects(store, repo::OwnObjects(store, layout), request, state);
+    if (!state.Ready()) return "repository";
+    repo::Repository repository = OpenRepository(context);
+    const repo::MasterIndex index = repository.LoadIndex();
+    state.online = 0;
+    repo::RehydrateObjects(store, repo::TreePacks(repository, index), request, state);
+    if (!state.Ready()) return "trees";
+    const repo::Snapshot snapshot = repository.LoadSnapshot(ResolveSnapshot(repository, snapshotArgument));
+    state.online = 0;
+    repo::RehydrateObjects(store, repo::PacksOf(repository, snapshot, index), request, state);
+    return "packs";
 }
 
 }  // namespace qvhost::cli

@@ -48,4 +48,11 @@ void PrintLine(const std::string& line);
 std::string LongEntryLine(const repo::ListedEntry& entry);
 Json EntryJson(const repo::ListedEntry& entry);
 
+// Asks for what a snapshot needs to come back, in three stages (the
+// repository's own objects, the packs of trees, the snapshot's packs),
+// going on to the next only when the one before is online; answers the
+// stage reached, with `state` of that stage.
+std::string RehydrateSnapshot(Context& context, const std::string& snapshotArgument,
+                              const repo::RehydrateRequest& request, repo::Rehydration& state);
+
 }  // namespace qvhost::cli

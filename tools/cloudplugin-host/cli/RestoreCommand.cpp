@@ -1,10 +1,14 @@
 // restore: a snapshot, or one path of it, into a folder, every chunk checked.
+#include <chrono>
+#include <thread>
+
 #include "cli/RepositorySupport.h"
 #include "host/PluginObjectStore.h"
 #include "host/PluginSession.h"
 #include "local/Destination.h"
 #include "repository/Locks.h"
 #include "repository/Restore.h"
+#include "util/Interrupt.h"
 #include "util/Pattern.h"
 #include "util/Text.h"
 
@@ -22,7 +26,31 @@ struct RestoreCommandOptions {
     std::string overwrite = "if-changed";
     bool deleteOthers = false;
     bool verify = false;
+    bool rehydrate = false;
+    bool wait = false;
+    uint64_t waitSeconds = 600;
+    repo::RehydrateRequest request;
 };
+
+// --rehydrate: asks for what the snapshot needs to come back from the
+// Archive tier; --wait asks again every --wait-interval until all of it is
+// online. Whether the restore can go on.
+bool Rehydrated(Context& context, const RestoreCommandOptions& options, const std::string& snapshot) {
+    for (;;) {
+        repo::Rehydration state;
+        const std::string stage = RehydrateSnapshot(context, snapshot, options.request, state);
+        if (stage == "packs" && state.Ready()) return true;
+        context.Say("rehydrating " + Printable(snapshot) + " (" + stage + "): " +
+                    std::to_string(state.requested.size()) + " objects asked to come back now, " +
+                    std::to_string(state.pending.size()) + " on their way, " + std::to_string(state.online) +
+                    " online");
+        if (!options.wait) return false;
+        for (uint64_t waited = 0; waited < options.waitSeconds; ++waited) {
+            if (Interrupted()) throw Error(ErrorKind::Interrupted, "interrupted");
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+    }
+}
 
 repo::OverwriteMode OverwriteModeOf(const std::string& text) {
     if (text == "always") return repo::OverwriteMode::Always;
@@ -91,6 +119,15 @@ CommandResult RunRestore(Context& context, const RestoreCommandOptions& options)
     const size_t colon = options.snapshot.find(':');
     const std::string subPath = colon == std::string::npos ? "" : options.snapshot.substr(colon + 1);
     const repo::RestoreOptions restore = RestoreOptionsOf(context, options, subPath);
+    if (options.rehydrate && !Rehydrated(context, options, options.snapshot.substr(0, colon))) {
+        const std::string next = "the snapshot's data is on its way back from the Archive tier (Azure takes hours): run "
+                                 "the same restore again once it is online, or add --wait";
+        context.Warn(next);
+        CommandResult result;
+        result.status = kExitStorage;
+        result.json = Json{{"command", "restore"}, {"ok", false}, {"rehydrating", true}, {"next", next}};
+        return result;
+    }
     repo::Repository repository = OpenRepository(context);
     repo::RepositoryLock lock(repository, "restore", false, context.options().lockWaitSeconds);
     const repo::Snapshot snapshot =
@@ -142,7 +179,10 @@ void AddRestoreCommand(CommandTable& table) {
          "replaced. "
          "Set-user-ID and set-group-ID bits are restored only with the owner they were set for (as root); "
          "otherwise they are dropped, and a line names the file.\n\nArchived data (the Archive tier) cannot be read: "
-         "the restore stops in one line naming 'rehydrate'."},
+         "the restore stops in one line naming 'rehydrate'. With --rehydrate it first asks for exactly what the "
+         "snapshot needs to come back (as 'rehydrate' does) and, when something is still on its way, stops with "
+         "status 8; with --wait as well it asks again every --wait-interval (default 10m) until everything is "
+         "online, saying where it stands each time, then restores."},
         [options](Context& context) { return RunRestore(context, *options); });
     command->add_option("SNAPSHOT[:PATH]", options->snapshot, "the snapshot, and optionally a path in it")->required();
     command->add_option("DEST_DIR", options->destination, "the folder to restore into")->required();
@@ -164,6 +204,19 @@ void AddRestoreCommand(CommandTable& table) {
     command->add_flag("--verify", options->verify, "read every restored file back and check it against its chunks");
     command->add_flag("--numeric-owner", options->destination_.numericOwner,
                       "as root: give files their recorded owner and group ids, not the ids their names have here");
+    command->add_flag("--rehydrate", options->rehydrate,
+                      "first bring back from the Archive tier what the snapshot needs (see 'rehydrate')");
+    command->add_flag("--wait", options->wait, "with --rehydrate: wait until it is back, then restore")
+        ->needs(command->get_option("--rehydrate"));
+    command
+        ->add_option_function<std::string>(
+            "--wait-interval",
+            [options](const std::string& text) {
+                options->waitSeconds = static_cast<uint64_t>(std::max<int64_t>(1, AgeArgument("--wait-interval", text)));
+            },
+            "how often --wait asks again (30s, 10m; default: 10m)")
+        ->type_name("AGE");
+    AddRehydrateOptions(command, options->request);
     AddFilterOptions(command, options->filter, "snapshots");
 }
 
