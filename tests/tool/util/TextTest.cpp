@@ -88,3 +88,8 @@ TEST(TimeTexts, LocalTimesReadBackAsTheyAreShown) {
     EXPECT_EQ(ParseLocalTime("yesterday"), -1);
     EXPECT_EQ(ParseLocalTime("2023-11-14 22"), -1);
 }
+
+TEST(AsciiLower, LowersAsciiLettersAndLeavesEveryOtherByte) {
+    EXPECT_EQ(AsciiLower("AccessTier=ARCHIVE"), "accesstier=archive");
+    EXPECT_EQ(AsciiLower("\xC3\x84Z9_"), "\xC3\x84z9_");
+}

@@ -36,7 +36,7 @@ void SayTiers(Context& context, const repo::PruneReport& planned, bool dryRun) {
     for (const auto& [tier, packs] : planned.earlyDeletionTiers) {
         context.Say("note: " + std::to_string(packs) + " packs " + (dryRun ? "would be" : "are") +
                     " deleted from the " + tier + " tier; Azure charges for deleting a blob before it spent " +
-                    (tier == "Cool" ? "30" : tier == "Cold" ? "90" : "180") + " days there");
+                    std::to_string(repo::EarlyDeletionDays(tier)) + " days there");
     }
 }
 

@@ -33,12 +33,15 @@ void ReportSetIdDropped(const Context& context, const std::vector<std::string>& 
     }
 }
 
+std::string RehydrationText(const repo::Rehydration& state) {
+    return std::to_string(state.requested.size()) + " objects asked to come back now, " +
+           std::to_string(state.pending.size()) + " on their way, " + std::to_string(state.online) + " online";
+}
+
 CommandResult RehydrationResult(Context& context, const std::string& target, const std::string& stage,
                                 const repo::RehydrateRequest& request, const repo::Rehydration& state) {
     context.Say("rehydrate " + Printable(target) + " to " + request.tier + " (" + request.priority +
-                " priority): " + std::to_string(state.requested.size()) + " objects asked to come back now, " +
-                std::to_string(state.pending.size()) + " on their way, " + std::to_string(state.online) + " online" +
-                (state.Ready() ? ": ready to restore" : ""));
+                " priority): " + RehydrationText(state) + (state.Ready() ? ": ready to restore" : ""));
     CommandResult result;
     result.json = Json{{"command", "rehydrate"},
                        {"ok", true},

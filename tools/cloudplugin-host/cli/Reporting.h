@@ -21,6 +21,9 @@ Json ReportSkipped(const Context& context, const std::vector<SkippedEntry>& skip
 Json ReportDamaged(const Context& context, const std::vector<repo::RestoreProblem>& damaged);
 void ReportSetIdDropped(const Context& context, const std::vector<std::string>& paths);
 
+// Where a rehydration stands: "N objects asked to come back now, N on
+// their way, N online".
+std::string RehydrationText(const repo::Rehydration& state);
 // Where a rehydration stands, said and as --json.
 CommandResult RehydrationResult(Context& context, const std::string& target, const std::string& stage,
                                 const repo::RehydrateRequest& request, const repo::Rehydration& state);

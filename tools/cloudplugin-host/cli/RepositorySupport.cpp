@@ -1,8 +1,5 @@
 #include "cli/RepositorySupport.h"
 
-#include <algorithm>
-#include <cctype>
-
 #include "host/HostRuntime.h"
 #include "host/PluginObjectStore.h"
 #include "repository/Listing.h"
@@ -12,9 +9,8 @@
 namespace qvhost::cli {
 
 void RefuseArchivingConnection(const Context& context) {
-    std::string tier = ConnectionValue(context.options().host.connectionString, "AccessTier").value_or("");
-    std::transform(tier.begin(), tier.end(), tier.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    if (tier == "archive") {
+    const std::string tier = ConnectionValue(context.options().host.connectionString, "AccessTier").value_or("");
+    if (AsciiLower(tier) == AsciiLower(repo::kArchiveTier)) {
         throw Error(ErrorKind::Usage,
                     "AccessTier=Archive in the connection string would archive the repository's keys, config, "
                     "indexes and snapshots too, and no command could read them: remove it, and give 'init "

@@ -40,10 +40,7 @@ bool Rehydrated(Context& context, const RestoreCommandOptions& options, const st
         repo::Rehydration state;
         const std::string stage = RehydrateSnapshot(context, snapshot, options.request, state);
         if (stage == "packs" && state.Ready()) return true;
-        context.Say("rehydrating " + Printable(snapshot) + " (" + stage + "): " +
-                    std::to_string(state.requested.size()) + " objects asked to come back now, " +
-                    std::to_string(state.pending.size()) + " on their way, " + std::to_string(state.online) +
-                    " online");
+        context.Say("rehydrating " + Printable(snapshot) + " (" + stage + "): " + RehydrationText(state));
         if (!options.wait) return false;
         for (uint64_t waited = 0; waited < options.waitSeconds; ++waited) {
             if (Interrupted()) throw Error(ErrorKind::Interrupted, "interrupted");

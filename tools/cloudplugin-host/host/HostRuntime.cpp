@@ -193,14 +193,9 @@ std::optional<std::string> ConnectionValue(const std::string& connection, const 
         const size_t last = text.find_last_not_of(" \t");
         return first == std::string::npos ? std::string() : text.substr(first, last - first + 1);
     };
-    const auto lower = [](std::string text) {
-        std::transform(text.begin(), text.end(), text.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        return text;
-    };
     for (const std::string& part : Split(connection, ';')) {
         const size_t eq = part.find('=');
-        if (eq != std::string::npos && lower(trimmed(part.substr(0, eq))) == lower(trimmed(key))) {
+        if (eq != std::string::npos && AsciiLower(trimmed(part.substr(0, eq))) == AsciiLower(trimmed(key))) {
             return trimmed(part.substr(eq + 1));
         }
     }

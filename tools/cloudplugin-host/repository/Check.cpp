@@ -31,7 +31,7 @@ public:
         LoadSnapshots();
         for (const NamedObject& object : repository_.ListIds(layout_.DataPrefix(), &strays_)) {
             stored_[object.id] = object.size;
-            if (object.tier == "Archive") archived_.insert(object.id);
+            if (object.tier == kArchiveTier) archived_.insert(object.id);
         }
         for (const std::string& stray : strays_) report_.warnings.push_back("an object of no known kind: " + stray);
         CheckPacksExist();

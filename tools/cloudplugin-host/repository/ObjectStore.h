@@ -62,6 +62,16 @@ public:
     const std::string& name() const { return object(); }
 };
 
+// The tier whose blobs cannot be read until rehydrated.
+constexpr const char* kArchiveTier = "Archive";
+
+// The days a blob must spend in its tier before leaving it (deleted or
+// moved) costs nothing more: Azure charges the rest of Cool's 30, Cold's
+// 90 and Archive's 180 days; 0 for the others.
+inline unsigned EarlyDeletionDays(const std::string& tier) {
+    return tier == "Cool" ? 30 : tier == "Cold" ? 90 : tier == kArchiveTier ? 180 : 0;
+}
+
 // An operation the credential may not do (a SAS without the permission, a
 // role without the action): the storage refused it for who is asking, not
 // for what is asked. A backup with a credential that may not delete meets

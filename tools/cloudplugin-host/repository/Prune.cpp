@@ -18,17 +18,14 @@ std::string Short(const Id& id) { return IdHex(id).substr(0, 16); }
 // Packs in the Archive tier cannot be read until rehydrated.
 bool Archived(const PrunePlan& plan, const Id& pack) {
     const auto tier = plan.tiers.find(pack);
-    return tier != plan.tiers.end() && tier->second == "Archive";
+    return tier != plan.tiers.end() && tier->second == kArchiveTier;
 }
 
-// A pack that goes: Azure charges for deleting a blob before it spent 30
-// (Cool), 90 (Cold) or 180 (Archive) days in its tier.
+// A pack that goes from a tier that charges for leaving it early
+// (EarlyDeletionDays).
 void CountEarlyDeletion(PrunePlan& plan, const Id& pack) {
     const auto tier = plan.tiers.find(pack);
-    if (tier == plan.tiers.end()) return;
-    if (tier->second == "Cool" || tier->second == "Cold" || tier->second == "Archive") {
-        ++plan.report.earlyDeletionTiers[tier->second];
-    }
+    if (tier != plan.tiers.end() && EarlyDeletionDays(tier->second) > 0) ++plan.report.earlyDeletionTiers[tier->second];
 }
 
 // What the snapshots need: their trees and every chunk the trees name. A

@@ -7,7 +7,7 @@ void RehydrateObjects(ObjectStore& store, const std::vector<StoredObject>& objec
     for (const StoredObject& object : objects) {
         if (!object.archiveStatus.empty()) {
             state.pending.push_back(object.name);
-        } else if (object.tier == "Archive") {
+        } else if (object.tier == kArchiveTier) {
             store.SetTier(object.name, request.tier, request.priority);
             state.requested.push_back(object.name);
         } else {

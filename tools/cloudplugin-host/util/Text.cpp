@@ -152,6 +152,13 @@ std::string FormatDuration(double seconds) {
     return text;
 }
 
+std::string AsciiLower(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return text;
+}
+
 std::string Printable(const std::string& text) {
     std::string out;
     for (const unsigned char c : text) {

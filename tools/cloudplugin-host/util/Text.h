@@ -54,6 +54,9 @@ std::string FormatDuration(double seconds);
 // Text from storage made safe for a terminal: control characters as \xNN.
 std::string Printable(const std::string& text);
 
+// ASCII letters made lower case (names and values compared without case).
+std::string AsciiLower(std::string text);
+
 // Whether the bytes are well-formed UTF-8.
 bool IsUtf8(const std::string& text);
 
