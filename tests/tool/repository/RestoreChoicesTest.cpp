@@ -153,15 +153,15 @@ TEST_F(RestoreChoicesTest, ReadingBackNamesAnyByteThatDiffersFromItsChunks) {
     ASSERT_EQ(node.size, 90000u);
     const Key256& mac = repository_->keys().mac;
     BytesFile good(RandomBytes(90000, 2));
-    EXPECT_EQ(CompareWithChunks(good, node, index, mac), "");
+    EXPECT_EQ(CompareWithChunks(good, node.content, index, mac), "");
     BytesFile changed(RandomBytes(90000, 2));
     changed.bytes[89999] ^= 1;
-    EXPECT_NE(CompareWithChunks(changed, node, index, mac).find("differ from its chunk"), std::string::npos);
+    EXPECT_NE(CompareWithChunks(changed, node.content, index, mac).find("differ from its chunk"), std::string::npos);
     BytesFile longer(RandomBytes(90000, 2));
     longer.bytes.push_back(0);
-    EXPECT_NE(CompareWithChunks(longer, node, index, mac).find("longer"), std::string::npos);
+    EXPECT_NE(CompareWithChunks(longer, node.content, index, mac).find("longer"), std::string::npos);
     BytesFile shorter(Bytes(100, 0));
-    EXPECT_NE(CompareWithChunks(shorter, node, index, mac), "");
+    EXPECT_NE(CompareWithChunks(shorter, node.content, index, mac), "");
 }
 
 }  // namespace

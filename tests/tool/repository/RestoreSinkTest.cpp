@@ -79,7 +79,8 @@ public:
 
 RestorePlan Plan() {
     RestorePlan plan;
-    plan.files = {{"a", Of(NodeType::File, 0644, 6)}, {"d/s", Of(NodeType::File, 04755, 2)}};
+    plan.AddFile("a", Of(NodeType::File, 0644, 6));
+    plan.AddFile("d/s", Of(NodeType::File, 04755, 2));
     plan.folders = {{"d", Of(NodeType::Folder, 0700)}, {"d/e", Of(NodeType::Folder, 0755)}};
     plan.links = {{"link", Of(NodeType::Link, 0777)}};
     plan.specials = {{"d/pipe", Of(NodeType::Fifo, 0600)}};
@@ -146,7 +147,7 @@ TEST(RestoreSink, ARefusedPathStopsEverythingBeforeAnyWrite) {
 
 TEST(RestoreSink, WithoutATargetItOnlyChecks) {
     RestorePlan plan;
-    plan.files = {{"a", Of(NodeType::File, 0644, 3)}};
+    plan.AddFile("a", Of(NodeType::File, 0644, 3));
     RestoreSink sink(nullptr, plan);
     sink.CheckPaths();
     Progress progress(nullptr, "verify", 3, 1);
@@ -156,6 +157,46 @@ TEST(RestoreSink, WithoutATargetItOnlyChecks) {
     sink.MakeTheRest();
     EXPECT_TRUE(sink.Damaged().empty());
     EXPECT_TRUE(sink.Notes().empty());
+}
+
+TEST(RestorePlan, AFilesNodeComesBackWithEverythingARestoreSetsAndOwnerNamesAreKeptOnce) {
+    Node node = Of(NodeType::File, 04750, 12);
+    node.name = "f";
+    node.modifiedNs = 1700000000123456789;
+    node.accessedNs = 1700000001000000000;
+    node.hasOwner = true;
+    node.uid = 1000;
+    node.gid = 100;
+    node.user = "a-rather-long-user-name";
+    node.group = "users";
+    node.sparse = true;
+    node.xattrs = {{"user.k", "v"}};
+    node.content = {Id{}, Id{}};
+    node.content[1][0] = 7;
+    RestorePlan plan;
+    plan.AddFile("one", node);
+    plan.AddFile("two", node);
+    Node other = node;
+    other.group = "staff";
+    plan.AddFile("three", other);
+    ASSERT_EQ(plan.files.size(), 3u);
+    EXPECT_EQ(plan.ownerNames.size(), 2u);
+    const Node back = plan.NodeOf(plan.files[1]);
+    EXPECT_EQ(back.type, NodeType::File);
+    EXPECT_EQ(back.mode, node.mode);
+    EXPECT_EQ(back.size, node.size);
+    EXPECT_EQ(back.modifiedNs, node.modifiedNs);
+    EXPECT_EQ(back.accessedNs, node.accessedNs);
+    EXPECT_TRUE(back.hasOwner);
+    EXPECT_EQ(back.uid, node.uid);
+    EXPECT_EQ(back.gid, node.gid);
+    EXPECT_EQ(back.user, node.user);
+    EXPECT_EQ(back.group, node.group);
+    EXPECT_TRUE(back.sparse);
+    EXPECT_EQ(back.xattrs.size(), 1u);
+    EXPECT_EQ(back.content, node.content);
+    EXPECT_EQ(plan.NodeOf(plan.files[2]).group, "staff");
+    EXPECT_EQ(plan.files[2].relativePath, "three");
 }
 
 }  // namespace

@@ -56,8 +56,9 @@ repo::RestorePlan PlanOf(const Manifest& manifest) {
         return made;
     };
     for (const ManifestFile& file : manifest.files) {
-        plan.files.push_back({file.relativePath, node(repo::NodeType::File, file.mode.value_or(0644), file.modifiedNs)});
-        plan.files.back().node.size = file.size;
+        repo::Node made = node(repo::NodeType::File, file.mode.value_or(0644), file.modifiedNs);
+        made.size = file.size;
+        plan.AddFile(file.relativePath, made);
     }
     for (const ManifestFolder& folder : manifest.folders) {
         plan.folders.push_back({folder.relativePath, node(repo::NodeType::Folder, folder.mode, folder.modifiedNs)});

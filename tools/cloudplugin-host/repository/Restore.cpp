@@ -64,6 +64,7 @@ private:
 RestoreReport RestoreRun::Run(bool writing) {
     sink_.CheckPaths();
     Plan();
+    if (!options_.verify) sink_.ForgetContent();
     Progress progress(options_.progress, writing ? "restore" : "read", sink_.TotalBytes(), sink_.files().size());
     const unsigned jobs = std::max(1u, options_.jobs);
     // Each job's buffer made once for the longest span: grown as spans
@@ -98,12 +99,12 @@ RestoreReport RestoreRun::Run(bool writing) {
 // up to its size, is damaged before anything is read.
 void RestoreRun::Plan() {
     size_t chunks = 0;
-    for (const RestoreEntry& file : sink_.files()) chunks += file.node.content.size();
+    for (const RestoreFile& file : sink_.files()) chunks += file.content.size();
     uses_.reserve(chunks);
     std::unordered_map<Id, uint32_t, IdHash> packNumbers;
     std::vector<BlobLocation> locations;
     for (size_t file = 0; file < sink_.files().size(); ++file) {
-        const Node& entry = sink_.files()[file].node;
+        const RestoreFile& entry = sink_.files()[file];
         locations.clear();
         uint64_t total = 0;
         for (const Id& chunk : entry.content) {
@@ -153,10 +154,10 @@ std::vector<RestoreProblem> RestoreRun::ReadBack(const RestoreTarget& target,
     std::set<std::string> skip;
     for (const RestoreProblem& problem : damaged) skip.insert(problem.file);
     std::vector<RestoreProblem> mismatched;
-    for (const RestoreEntry& file : sink_.files()) {
+    for (const RestoreFile& file : sink_.files()) {
         if (skip.count(file.relativePath)) continue;
         const std::unique_ptr<ExistingFile> opened = target.OpenExisting(file.relativePath);
-        std::string why = opened ? CompareWithChunks(*opened, file.node, index_, repository_.keys().mac)
+        std::string why = opened ? CompareWithChunks(*opened, file.content, index_, repository_.keys().mac)
                                  : "it cannot be read back";
         if (!why.empty()) mismatched.push_back({file.relativePath, "", why});
     }
@@ -203,12 +204,12 @@ void Place(RestorePlan& plan, std::map<std::pair<uint64_t, uint64_t>, size_t>& n
             const auto found = names.find(key);
             if (found == names.end()) {
                 names[key] = plan.files.size();
-            } else if (const RestoreEntry& earlier = plan.files[found->second];
-                       earlier.node.content == node.content && earlier.node.size == node.size) {
+            } else if (const RestoreFile& earlier = plan.files[found->second];
+                       earlier.content == node.content && earlier.size == node.size) {
                 return plan.hardLinks.push_back({path, earlier.relativePath});
             }
         }
-        return plan.files.push_back({path, node});
+        return plan.AddFile(path, node);
     }
     case NodeType::Folder: return plan.folders.push_back({path, node});
     case NodeType::Link: return plan.links.push_back({path, node});

@@ -23,7 +23,7 @@ namespace qvhost::repo {
 // The most one span carries: one request, which the tool reads in slices of
 // kReadSlice (the Java library serves them from that one answer), so a job
 // holds a span and a blob natively and a slice in the JVM.
-constexpr uint64_t kRestoreRangeBytes = 8u << 20;
+constexpr uint64_t kRestoreRangeBytes = 4u << 20;
 
 // Which entries a restore takes, by their path in the snapshot ("/docs/a.txt",
 // as ls and find show it). An excluded folder takes its whole subtree with

@@ -10,14 +10,14 @@ namespace {
 
 // Whether an entry that exists stays as it is; `file`: a regular file of
 // the snapshot, which alone may be skipped as unchanged.
-bool StaysAsItIs(const ExistingEntry& existing, const Node& node, OverwriteMode mode, bool file) {
+bool StaysAsItIs(const ExistingEntry& existing, uint64_t size, int64_t modifiedNs, OverwriteMode mode, bool file) {
     if (existing.folder) return false;  // refused later: a folder is never replaced
     switch (mode) {
     case OverwriteMode::Always: return false;
     case OverwriteMode::Never: return true;
-    case OverwriteMode::IfNewer: return node.modifiedNs <= existing.modifiedNs;
+    case OverwriteMode::IfNewer: return modifiedNs <= existing.modifiedNs;
     case OverwriteMode::IfChanged:
-        return file && existing.regularFile && existing.size == node.size && existing.modifiedNs == node.modifiedNs;
+        return file && existing.regularFile && existing.size == size && existing.modifiedNs == modifiedNs;
     }
     return false;
 }
@@ -31,10 +31,11 @@ size_t DropIf(Entries& entries, Keep stays) {
 
 }  // namespace
 
-std::string CompareWithChunks(ExistingFile& file, const Node& node, const MasterIndex& index, const Key256& mac) {
+std::string CompareWithChunks(ExistingFile& file, const std::vector<Id>& content, const MasterIndex& index,
+                              const Key256& mac) {
     Bytes buffer;
     uint64_t offset = 0;
-    for (const Id& chunk : node.content) {
+    for (const Id& chunk : content) {
         const std::optional<BlobLocation> location = index.Find(chunk);
         if (!location) return "its chunk " + IdHex(chunk).substr(0, 16) + " is in no index";
         buffer.resize(location->entry.plainLength);
@@ -52,15 +53,18 @@ std::string CompareWithChunks(ExistingFile& file, const Node& node, const Master
 
 size_t LeaveExisting(RestorePlan& plan, const RestoreTarget& target, const RestoreOptions& options,
                      const MasterIndex& index, const Key256& mac) {
+    const auto staysFile = [&](const RestoreFile& entry) {
+        const std::optional<ExistingEntry> existing = target.Existing(entry.relativePath);
+        if (!existing || !StaysAsItIs(*existing, entry.size, entry.modifiedNs, options.overwrite, true)) return false;
+        if (!options.verify || options.overwrite != OverwriteMode::IfChanged) return true;
+        const std::unique_ptr<ExistingFile> opened = target.OpenExisting(entry.relativePath);
+        return opened && CompareWithChunks(*opened, entry.content, index, mac).empty();
+    };
     const auto stays = [&](const RestoreEntry& entry) {
         const std::optional<ExistingEntry> existing = target.Existing(entry.relativePath);
-        const bool file = entry.node.type == NodeType::File;
-        if (!existing || !StaysAsItIs(*existing, entry.node, options.overwrite, file)) return false;
-        if (!options.verify || !file || options.overwrite != OverwriteMode::IfChanged) return true;
-        const std::unique_ptr<ExistingFile> opened = target.OpenExisting(entry.relativePath);
-        return opened && CompareWithChunks(*opened, entry.node, index, mac).empty();
+        return existing && StaysAsItIs(*existing, entry.node.size, entry.node.modifiedNs, options.overwrite, false);
     };
-    size_t skipped = DropIf(plan.files, stays) + DropIf(plan.links, stays) + DropIf(plan.specials, stays);
+    size_t skipped = DropIf(plan.files, staysFile) + DropIf(plan.links, stays) + DropIf(plan.specials, stays);
     if (options.overwrite == OverwriteMode::Never) {
         const size_t before = plan.hardLinks.size();
         plan.hardLinks.erase(std::remove_if(plan.hardLinks.begin(), plan.hardLinks.end(),
@@ -81,7 +85,7 @@ std::set<std::string> PlannedPaths(const RestorePlan& plan) {
         }
         paths.insert(path);
     };
-    for (const RestoreEntry& entry : plan.files) add(entry.relativePath);
+    for (const RestoreFile& entry : plan.files) add(entry.relativePath);
     for (const auto* entries : {&plan.folders, &plan.links, &plan.specials}) {
         for (const RestoreEntry& entry : *entries) add(entry.relativePath);
     }

@@ -12,8 +12,9 @@
 namespace qvhost::repo {
 
 // Reads the file back chunk by chunk, each against its keyed hash: empty
-// when it matches `node`, else what differs.
-std::string CompareWithChunks(ExistingFile& file, const Node& node, const MasterIndex& index, const Key256& mac);
+// when it holds those chunks and no more, else what differs.
+std::string CompareWithChunks(ExistingFile& file, const std::vector<Id>& content, const MasterIndex& index,
+                              const Key256& mac);
 
 // Leaves out of the plan the entries that stay as they are in the target;
 // answers how many. With `verify`, a file skipped as unchanged is read

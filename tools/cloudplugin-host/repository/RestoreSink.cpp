@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <tuple>
 
 #include "util/Error.h"
 
@@ -13,12 +14,49 @@ size_t Depth(const std::string& path) { return static_cast<size_t>(std::count(pa
 
 }  // namespace
 
+void RestorePlan::AddFile(std::string relativePath, const Node& node) {
+    RestoreFile file;
+    file.relativePath = std::move(relativePath);
+    file.content = node.content;
+    file.xattrs = node.xattrs;
+    file.size = node.size;
+    file.modifiedNs = node.modifiedNs;
+    file.accessedNs = node.accessedNs;
+    file.mode = node.mode;
+    file.uid = node.uid;
+    file.gid = node.gid;
+    file.hasOwner = node.hasOwner;
+    file.sparse = node.sparse;
+    const auto number =
+        ownerNumbers_.try_emplace({node.user, node.group}, static_cast<uint32_t>(ownerNames.size())).first;
+    if (number->second == ownerNames.size()) ownerNames.emplace_back(node.user, node.group);
+    file.owner = number->second;
+    files.push_back(std::move(file));
+}
+
+Node RestorePlan::NodeOf(const RestoreFile& file) const {
+    Node node;
+    node.type = NodeType::File;
+    node.content = file.content;
+    node.xattrs = file.xattrs;
+    node.size = file.size;
+    node.modifiedNs = file.modifiedNs;
+    node.accessedNs = file.accessedNs;
+    node.mode = file.mode;
+    node.uid = file.uid;
+    node.gid = file.gid;
+    node.hasOwner = file.hasOwner;
+    node.sparse = file.sparse;
+    if (file.owner < ownerNames.size()) std::tie(node.user, node.group) = ownerNames[file.owner];
+    return node;
+}
+
 RestoreSink::RestoreSink(RestoreTarget* target, RestorePlan plan)
     : target_(target), plan_(std::move(plan)), states_(plan_.files.size()) {}
 
 void RestoreSink::CheckPaths() const {
     if (!target_) return;
-    for (const RestoreEntry& file : plan_.files) target_->Check(file.relativePath, EntryKind::File);
+    for (const RestoreFile& file : plan_.files) target_->Check(file.relativePath, EntryKind::File);
     for (const RestoreHardLink& link : plan_.hardLinks) target_->Check(link.relativePath, EntryKind::File);
     for (const RestoreEntry& special : plan_.specials) target_->Check(special.relativePath, EntryKind::File);
     for (const RestoreEntry& folder : plan_.folders) target_->Check(folder.relativePath, EntryKind::Folder);
@@ -27,8 +65,12 @@ void RestoreSink::CheckPaths() const {
 
 uint64_t RestoreSink::TotalBytes() const {
     uint64_t total = 0;
-    for (const RestoreEntry& file : plan_.files) total += file.node.size;
+    for (const RestoreFile& file : plan_.files) total += file.size;
     return total;
+}
+
+void RestoreSink::ForgetContent() {
+    for (RestoreFile& file : plan_.files) std::vector<Id>().swap(file.content);
 }
 
 void RestoreSink::Expect(size_t file, uint64_t pieces) { states_[file].pieces = pieces; }
@@ -39,7 +81,7 @@ void RestoreSink::Write(size_t file, uint64_t offset, const void* data, size_t s
 
 void RestoreSink::Fail(size_t file, const std::string& object, const std::string& what) {
     FileState& state = states_[file];
-    std::lock_guard<std::mutex> lock(state.mutex);
+    std::lock_guard<std::mutex> lock(LockOf(file));
     if (!state.failed.exchange(true)) {
         state.problem = std::make_unique<RestoreProblem>(RestoreProblem{plan_.files[file].relativePath, object, what});
     }
@@ -102,8 +144,8 @@ std::vector<std::string> RestoreSink::Notes() {
 // The file's output, made by the first piece to get here.
 RestoredFile& RestoreSink::OutputOf(size_t file) {
     FileState& state = states_[file];
-    std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.output) state.output = target_->MakeFile(plan_.files[file].relativePath, plan_.files[file].node);
+    std::lock_guard<std::mutex> lock(LockOf(file));
+    if (!state.output) state.output = target_->MakeFile(plan_.files[file].relativePath, NodeOf(file));
     return *state.output;
 }
 
@@ -112,10 +154,10 @@ RestoredFile& RestoreSink::OutputOf(size_t file) {
 void RestoreSink::Finish(size_t file, Progress& progress) {
     FileState& state = states_[file];
     if (state.finished.exchange(true)) return;
-    const RestoreEntry& entry = plan_.files[file];
+    const RestoreFile& entry = plan_.files[file];
     if (state.failed) {
         {
-            std::lock_guard<std::mutex> lock(state.mutex);
+            std::lock_guard<std::mutex> lock(LockOf(file));
             state.output.reset();  // removes the partial file
         }
         progress.FileFailed();
@@ -124,17 +166,17 @@ void RestoreSink::Finish(size_t file, Progress& progress) {
         return;
     }
     if (target_) {
-        OutputOf(file).Commit(entry.node);
+        OutputOf(file).Commit(NodeOf(file));
         {
-            std::lock_guard<std::mutex> lock(state.mutex);
+            std::lock_guard<std::mutex> lock(LockOf(file));
             state.output.reset();
         }
-        if ((entry.node.mode & kSetIdBits) && !(entry.node.hasOwner && target_->KeepsOwners())) {
+        if ((entry.mode & kSetIdBits) && !(entry.hasOwner && target_->KeepsOwners())) {
             std::lock_guard<std::mutex> lock(mutex_);
             setIdDropped_.push_back(entry.relativePath);
         }
     }
-    progress.FileDone(entry.relativePath, entry.node.size);
+    progress.FileDone(entry.relativePath, entry.size);
 }
 
 }  // namespace qvhost::repo

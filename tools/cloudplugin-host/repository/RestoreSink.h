@@ -10,9 +10,11 @@
 // check).
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -30,6 +32,23 @@ struct RestoreEntry {
     Node node;
 };
 
+// A file a restore makes: of its node only what making it takes (a full
+// node is three times the size, and a plan holds one for every file).
+struct RestoreFile {
+    std::string relativePath;
+    std::vector<Id> content;
+    std::vector<Xattr> xattrs;
+    uint64_t size = 0;
+    int64_t modifiedNs = 0;
+    int64_t accessedNs = 0;
+    uint32_t mode = 0;
+    uint32_t uid = 0;
+    uint32_t gid = 0;
+    uint32_t owner = 0;  // its user and group names: RestorePlan::ownerNames
+    bool hasOwner = false;
+    bool sparse = false;
+};
+
 // A second name of a file restored under another (a hard link).
 struct RestoreHardLink {
     std::string relativePath;
@@ -40,7 +59,9 @@ struct RestoreHardLink {
 struct RestorePlan {
     // A deque: a plan of a million files grows without copying itself or
     // holding room it does not use.
-    std::deque<RestoreEntry> files;
+    std::deque<RestoreFile> files;
+    // The user and group names the files name, each pair once.
+    std::vector<std::pair<std::string, std::string>> ownerNames;
     std::vector<RestoreEntry> folders;
     std::vector<RestoreEntry> links;
     std::vector<RestoreEntry> specials;  // FIFOs and devices
@@ -48,6 +69,13 @@ struct RestorePlan {
     // DEST_DIR's own metadata: the snapshot's root folder, or the folder
     // chosen of it; given last, after everything beneath it.
     std::optional<Node> root;
+
+    void AddFile(std::string relativePath, const Node& node);
+    // The file's node as it was stored, but for its name, inode and change time.
+    Node NodeOf(const RestoreFile& file) const;
+
+private:
+    std::map<std::pair<std::string, std::string>, uint32_t> ownerNumbers_;  // in ownerNames
 };
 
 // A file that could not be restored, and why.
@@ -66,10 +94,14 @@ public:
     // anything is written.
     void CheckPaths() const;
 
-    const std::deque<RestoreEntry>& files() const { return plan_.files; }
+    const std::deque<RestoreFile>& files() const { return plan_.files; }
+    Node NodeOf(size_t file) const { return plan_.NodeOf(plan_.files[file]); }
     size_t FolderCount() const { return plan_.folders.size(); }
     size_t LinkCount() const { return plan_.links.size(); }
     uint64_t TotalBytes() const;
+    // Lets the files' chunk lists go once the reads are planned (a restore
+    // that reads nothing back needs them no longer).
+    void ForgetContent();
 
     // How many pieces the file waits for (0 unless set).
     void Expect(size_t file, uint64_t pieces);
@@ -94,21 +126,26 @@ public:
     std::vector<std::string> Notes();
 
 private:
+    // Kept small: a restore holds one for every file. Its lock is one of
+    // kLocks, shared by files far apart in the plan.
     struct FileState {
         std::atomic<uint64_t> pieces{0};
-        std::mutex mutex;
         std::unique_ptr<RestoredFile> output;  // made by the first piece written
         std::atomic<bool> failed{false};
         std::atomic<bool> finished{false};
         std::unique_ptr<RestoreProblem> problem;  // once failed
     };
 
+    static constexpr size_t kLocks = 64;
+
     void Finish(size_t file, Progress& progress);
     RestoredFile& OutputOf(size_t file);
+    std::mutex& LockOf(size_t file) { return locks_[file % kLocks]; }
 
     RestoreTarget* target_;
     RestorePlan plan_;
     std::vector<FileState> states_;
+    std::array<std::mutex, kLocks> locks_;
     mutable std::mutex mutex_;  // guards what follows
     std::vector<RestoreProblem> damaged_;
     std::vector<std::string> setIdDropped_;
