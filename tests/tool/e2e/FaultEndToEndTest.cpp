@@ -12,6 +12,8 @@
 #include <functional>
 #include <thread>
 
+#include <nlohmann/json.hpp>
+
 #include "HostToolFixture.h"
 
 namespace e2e {
@@ -76,6 +78,10 @@ TEST_F(FaultTest, AReadCutOffCleanlyMidBodyIsResumedAndTheObjectComesBackWhole) 
     // The cut answer, then one going on from its millionth byte on the same version.
     EXPECT_EQ(proxy.Count({"GET ", "/cut/whole", "fault=CUT_BODY"}), 1u);
     EXPECT_EQ(proxy.Count({"GET ", "/cut/whole", "range=bytes=1000000-", "if-match=\""}), 1u);
+    // Both sends are counted, as the service bills them, and every byte that came.
+    const nlohmann::json traffic = nlohmann::json::parse(get.out).at("storage_traffic");
+    EXPECT_EQ(traffic["requests"]["read"].get<size_t>(), proxy.Count({"GET ", "/cut/whole"}));
+    EXPECT_GE(traffic["bytes_received"].get<uint64_t>(), 3000000u);
 }
 
 TEST_F(FaultTest, AReadCutOffWithoutRetriesExitsNonZeroAndLeavesNoHalfObject) {

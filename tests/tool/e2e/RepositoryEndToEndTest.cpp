@@ -8,6 +8,8 @@
 #include <chrono>
 #include <thread>
 
+#include <nlohmann/json.hpp>
+
 #include "HostToolFixture.h"
 
 namespace e2e {
@@ -285,6 +287,74 @@ TEST_F(RepositoryToolTest, AnArchivedSnapshotIsRestoredAfterRehydratingOnlyItsOw
     const ToolRun waited = Repo({"restore", "--rehydrate", "--wait", "--wait-interval", "1s", second, Folder("restored-two")});
     ASSERT_EQ(waited.status, 0) << waited.err;
     ExpectSameTree(Folder("two"), Folder("restored-two"));
+}
+
+TEST_F(RepositoryToolTest, CommandsCountTheirStorageRequestsAndStatsCostPricesEveryObjectByTier) {
+    // Priced so that an estimate is a count: one unit a write request, a
+    // hundred a GiB received; a GiB-month of Cool costs 2, of Hot 1.
+    const std::string prices = Folder("prices.json");
+    WriteFile(prices, R"({"currency": "XTS", "source": "a test's table",
+        "per_10000_requests": {"write": 10000, "read": 0, "list": 0, "other": 0}, "per_gib_received": 100,
+        "per_gib_month": {"Hot": 1, "Cool": 2, "Cold": 3, "Archive": 4}})");
+    ASSERT_EQ(Repo({"data-tier", "Cool"}).status, 0);
+    WriteFile(Folder("src/a.bin"), Bytes(400000, 41));
+    WriteFile(Folder("src/b.bin"), Bytes(300000, 42));
+
+    const ToolRun backup = Repo({"--prices", prices, "backup", Folder("src")});
+    ASSERT_EQ(backup.status, 0) << backup.err;
+    const nlohmann::json sent = nlohmann::json::parse(backup.out).at("storage_traffic");
+    const uint64_t writes = sent["requests"]["write"];
+    EXPECT_GE(writes, 4u) << "a data pack, a tree pack, an index, a snapshot (and a lock)";
+    EXPECT_GE(sent["bytes_sent"].get<uint64_t>(), 700000u);
+    EXPECT_GE(sent["requests"]["list"].get<uint64_t>(), 1u);
+    EXPECT_EQ(sent["currency"], "XTS");
+    EXPECT_NEAR(sent["estimated_cost"].get<double>(), static_cast<double>(writes) +
+                    sent["bytes_received"].get<double>() / (1 << 30) * 100, 1e-9);
+
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    const nlohmann::json read = nlohmann::json::parse(restore.out).at("storage_traffic");
+    EXPECT_GE(read["requests"]["read"].get<uint64_t>(), 2u);
+    EXPECT_GE(read["bytes_received"].get<uint64_t>(), 700000u);
+    EXPECT_EQ(read["currency"], "USD") << "the default table without --prices";
+
+    const ToolRun text = RepoText({"--prices", prices, "check"});
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_NE(text.out.find("storage requests: 1 write, "), std::string::npos) << "its lock: " << text.out;
+    EXPECT_NE(text.out.find("about 1.00 XTS"), std::string::npos) << text.out;
+    const ToolRun listing = RepoText({"snapshots"});
+    EXPECT_EQ(listing.out.find("storage requests"), std::string::npos) << "only after a summary: " << listing.out;
+
+    const ToolRun stats = Repo({"--prices", prices, "stats", "--cost"});
+    ASSERT_EQ(stats.status, 0) << stats.err;
+    const nlohmann::json cost = nlohmann::json::parse(stats.out);
+    const std::vector<std::string> packs = Packs();
+    const size_t cool = std::count_if(packs.begin(), packs.end(), [&](const std::string& pack) {
+        return Tool({"object", "list", pack}).out.find("\"x-ms-access-tier\":\"Cool\"") != std::string::npos;
+    });
+    ASSERT_GE(cool, 1u);
+    uint64_t objects = 0;
+    double total = 0;
+    bool sawCool = false;
+    for (const nlohmann::json& tier : cost.at("storage_by_tier")) {
+        objects += tier["objects"].get<uint64_t>();
+        total += tier["monthly_cost"].get<double>();
+        const double perGiB = tier["tier"] == "Cool" ? 2 : 1;
+        EXPECT_NEAR(tier["monthly_cost"].get<double>(), tier["bytes"].get<double>() / (1 << 30) * perGiB, 1e-12);
+        if (tier["tier"] != "Cool") continue;
+        sawCool = true;
+        EXPECT_EQ(tier["objects"].get<size_t>(), cool);
+        EXPECT_GE(tier["bytes"].get<uint64_t>(), 700000u);
+    }
+    EXPECT_TRUE(sawCool) << stats.out;
+    EXPECT_EQ(objects, ObjectNames(Tool({"object", "list", "cloudplugin-host/"}).out).size()) << "locks left out";
+    EXPECT_NEAR(cost["monthly_cost"].get<double>(), total, 1e-12);
+    EXPECT_EQ(cost["prices"], "a test's table");
+
+    WriteFile(prices, R"({"currency": "XTS"})");
+    const ToolRun refused = Repo({"--prices", prices, "snapshots"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_NE(refused.err.find("per_10000_requests"), std::string::npos) << refused.err;
 }
 
 TEST_F(RepositoryToolTest, AConnectionStringThatArchivesEveryObjectIsRefusedForARepository) {

@@ -165,6 +165,7 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     SaySummary(context, report, options.dryRun, seconds);
     context.SayPluginShare(context.Session().PluginSeconds() - pluginBefore, seconds, backup.jobs);
     CommandResult result;
+    result.summarised = true;
     result.status = report.Unreadable() && !options.skipUnreadable ? kExitIncomplete : kExitOk;
     result.json = BackupJson(report, options.dryRun, seconds, result.status);
     result.json["skipped"] = skipped;

@@ -30,6 +30,7 @@ CommandResult RunCheck(Context& context, const CheckCommandOptions& options) {
                 (check.readData ? ", read " + FormatBytes(static_cast<double>(report.bytesRead)) : "") + ": " +
                 (report.errors.empty() ? "no errors" : std::to_string(report.errors.size()) + " errors"));
     CommandResult result;
+    result.summarised = true;
     result.status = report.errors.empty() ? kExitOk : kExitDamaged;
     result.json = Json{{"command", "check"},
                        {"ok", report.errors.empty()},

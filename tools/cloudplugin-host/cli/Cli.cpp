@@ -37,6 +37,10 @@ repo::PluginObjectStore& Context::Store() {
     return *store_;
 }
 
+std::optional<StorageTraffic> Context::Traffic() const {
+    return runtime_ ? runtime_->Traffic() : std::nullopt;
+}
+
 void Context::Close() {
     store_.reset();
     if (runtime_) runtime_->Close();

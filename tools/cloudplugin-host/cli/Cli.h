@@ -15,6 +15,7 @@
 #include "cli/ExitStatus.h"
 #include "cli/ProgressDisplay.h"
 #include "host/HostRuntime.h"
+#include "host/StorageCost.h"
 #include "util/Json.h"
 
 namespace qvhost {
@@ -34,6 +35,7 @@ struct GlobalOptions {
     int64_t lockWaitSeconds = 0;
     std::string cacheDir;  // --cache-dir; empty: LocalCache::DefaultRoot()
     bool noCache = false;  // --no-cache
+    PriceTable prices = DefaultPrices();  // --prices FILE, $CLOUDPLUGIN_PRICES
     bool json = false;
     bool quiet = false;
     int verbose = 0;
@@ -46,6 +48,9 @@ struct CommandResult {
     Json json = Json::object();
     int status = kExitOk;
     bool printed = false;  // the command wrote its own --json output (ls: a line per entry)
+    // The command ended with a human summary (backup, restore, check, ...):
+    // the line of its storage requests and their cost follows it.
+    bool summarised = false;
 };
 
 // What a command runs with: the options, the plug-in (started on first
@@ -71,6 +76,9 @@ public:
     // (about 1.7 s of CPU a GiB) and prove nothing more.
     PluginSession& VerifyingSession();
     repo::PluginObjectStore& Store();
+    // What the command's requests to the storage were; none when it made
+    // none (the plug-in never started).
+    std::optional<StorageTraffic> Traffic() const;
     // Ends the plug-in session (DeInit), reporting a failure.
     void Close();
 

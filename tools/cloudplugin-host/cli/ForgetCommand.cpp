@@ -71,6 +71,7 @@ CommandResult RunForget(Context& context, const ForgetCommandOptions& options) {
     context.Say(std::string(options.dryRun ? "would forget " : "forgot ") + std::to_string(forget.size()) +
                 " snapshots");
     CommandResult result;
+    result.summarised = true;
     result.json = Json{{"command", "forget"}, {"ok", true}, {"dry_run", options.dryRun}, {"forgotten", forget},
                        {"groups", std::move(groups)}};
     if (options.prune) result.json["prune"] = Prune(context, repository, options.dryRun);

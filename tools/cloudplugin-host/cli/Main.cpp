@@ -79,6 +79,11 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
         ->type_name("DIR")
         ->group(group);
     app.add_flag("--no-cache", options.noCache, "read everything from the storage, keep nothing locally")->group(group);
+    app.add_option_function<std::string>(
+           "--prices", [&options](const std::string& path) { options.prices = ReadPriceTable(path); },
+           "the price table cost estimates use, as JSON (default: $CLOUDPLUGIN_PRICES, else Azure's list prices)")
+        ->type_name("FILE")
+        ->group(group);
     app.add_flag("--json", options.json, "machine-readable output on standard output")->group(group);
     app.add_flag("-q,--quiet", options.quiet, "no progress and no summary")->group(group);
     app.add_flag("-v,--verbose", options.verbose, "more detail (what a backup reads, and the like)")->group(group);
@@ -109,6 +114,16 @@ void ReadEnvironment(GlobalOptions& options) {
     if (const char* connection = std::getenv("CLOUDPLUGIN_CONNECTION")) options.host.connectionString = connection;
     if (const char* install = std::getenv("CLOUDPLUGIN_INSTALL")) options.host.installFolder = install;
     if (const char* password = std::getenv("CLOUDPLUGIN_PASSWORD")) options.password = password;
+}
+
+// What the command asked of the storage, in its --json document and after
+// its human summary.
+void ReportTraffic(Context& context, CommandResult& result) {
+    const std::optional<StorageTraffic> traffic = context.Traffic();
+    if (!traffic) return;
+    const PriceTable& prices = context.options().prices;
+    if (result.json.is_object()) result.json["storage_traffic"] = TrafficJson(*traffic, prices);
+    if (result.summarised) context.Say(TrafficText(*traffic, prices));
 }
 
 // `detail`: for a plug-in failure, the storage library's own reason (from
@@ -197,6 +212,10 @@ int Main(int argc, char** argv) {
     if (AsksForHelp(argc, argv)) return PrintHelp(table, CommandNamed(table, argc, argv)), kExitOk;
     try {
         try {
+            // Before the command line, whose --prices wins.
+            if (const char* prices = std::getenv("CLOUDPLUGIN_PRICES"); prices && *prices) {
+                options.prices = ReadPriceTable(prices);
+            }
             app.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
             const CommandTable::Entry* selected = table.Selected();
@@ -215,7 +234,8 @@ int Main(int argc, char** argv) {
         javaLog = JavaLogFileOf(options.host);
         javaLogStart = JavaLogSize(javaLog);
         Context context(options);
-        const CommandResult result = selected->runner(context);
+        CommandResult result = selected->runner(context);
+        ReportTraffic(context, result);
         context.Close();
         if (options.json && !result.printed) std::printf("%s\n", JsonText(result.json).c_str());
         return result.status;

@@ -45,6 +45,7 @@ CommandResult RunPruneCommand(Context& context, const PruneCommandOptions& optio
     if (!options.dryRun) repository.CheckMayDelete("prune");
     repo::RepositoryLock lock(repository, "prune", true, context.options().lockWaitSeconds);
     CommandResult result;
+    result.summarised = true;
     result.json = Json{{"command", "prune"}, {"ok", true}, {"dry_run", options.dryRun}};
     result.json.update(Prune(context, repository, options.dryRun));
     return result;

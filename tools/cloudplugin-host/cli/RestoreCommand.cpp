@@ -92,6 +92,7 @@ CommandResult ResultOf(const std::string& snapshotId, const std::string& subPath
                        const Json& damaged, const Json& mismatched) {
     const bool ok = report.damaged.empty() && report.mismatched.empty();
     CommandResult result;
+    result.summarised = true;
     result.status = ok ? kExitOk : kExitDamaged;
     result.json = Json{{"command", "restore"},
                        {"ok", ok},

@@ -13,6 +13,7 @@ namespace {
 struct StatsOptions {
     std::vector<std::string> snapshots;
     std::string mode = "restore-size";
+    bool cost = false;
     repo::SnapshotFilter filter;
 };
 
@@ -73,6 +74,36 @@ Json RawData(Context& context, repo::TreeReader& reader, const repo::MasterIndex
                 {"missing_blobs", stats.missing}};
 }
 
+// Every object of the repository, by access tier, and what a month of it
+// costs; locks left out (they last minutes, this one included).
+Json StorageCost(Context& context, repo::Repository& repository) {
+    const std::string locks = repository.layout().LocksPrefix();
+    std::vector<std::pair<std::string, uint64_t>> objects;
+    for (const repo::StoredObject& object : repository.store().List(repository.layout().root + "/")) {
+        if (object.name.compare(0, locks.size(), locks) != 0) objects.emplace_back(object.tier, object.size);
+    }
+    const PriceTable& prices = context.options().prices;
+    const std::vector<TierStorage> tiers = StorageByTier(objects, prices);
+    context.Say("storage a month, at " + prices.source + ":");
+    Json list = Json::array();
+    double total = 0;
+    uint64_t bytes = 0;
+    for (const TierStorage& tier : tiers) {
+        const std::string name = tier.tier.empty() ? "the account's default tier (priced as Hot)" : tier.tier;
+        context.Say("  " + name + ": " + std::to_string(tier.objects) + " objects, " + SizeText(tier.bytes) + ", " +
+                    CostText(tier.monthlyCost, prices.currency));
+        list.push_back(Json{{"tier", tier.tier}, {"objects", tier.objects}, {"bytes", tier.bytes},
+                            {"monthly_cost", tier.monthlyCost}});
+        total += tier.monthlyCost;
+        bytes += tier.bytes;
+    }
+    context.Say("  in all: " + SizeText(bytes) + ", about " + CostText(total, prices.currency) + " a month");
+    return Json{{"storage_by_tier", std::move(list)},
+                {"monthly_cost", total},
+                {"currency", prices.currency},
+                {"prices", prices.source}};
+}
+
 CommandResult RunStats(Context& context, const StatsOptions& options) {
     if (options.mode != "restore-size" && options.mode != "raw-data") {
         throw Error(ErrorKind::Usage, "--mode takes restore-size or raw-data, not " + options.mode);
@@ -88,6 +119,7 @@ CommandResult RunStats(Context& context, const StatsOptions& options) {
     const Json figures = options.mode == "raw-data" ? RawData(context, reader, index, snapshots)
                                                     : RestoreSize(context, reader, snapshots);
     result.json.update(figures);
+    if (options.cost) result.json.update(StorageCost(context, repository));
     return result;
 }
 
@@ -101,10 +133,14 @@ void AddStatsCommand(CommandTable& table) {
          "(the default): the files, folders and links a restore of each would make and the bytes of the files, "
          "every snapshot counted in full. --mode raw-data: the unique blobs the snapshots reference (trees and "
          "file chunks, each once), their bytes as stored and uncompressed, the compression ratio, and the "
-         "deduplication ratio (the files' bytes over the bytes of the unique chunks that hold them)."},
+         "deduplication ratio (the files' bytes over the bytes of the unique chunks that hold them). --cost adds "
+         "every object the repository holds (but locks), summed by access tier, and what a month of each costs at the price "
+         "table (--prices)."},
         [options](Context& context) { return RunStats(context, *options); });
     command->add_option("SNAPSHOT", options->snapshots, "snapshots to count (ids, prefixes, 'latest')");
     command->add_option("--mode", options->mode, "restore-size (default) or raw-data")->type_name("MODE");
+    command->add_flag("--cost", options->cost,
+                      "also every object of the repository by access tier, and what a month of it costs");
     AddFilterOptions(command, options->filter, "snapshots");
 }
 

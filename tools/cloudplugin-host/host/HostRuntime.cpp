@@ -295,6 +295,26 @@ void HostRuntime::StartJvm(const HostSettings& settings) {
     }
 }
 
+std::optional<StorageTraffic> HostRuntime::Traffic() const {
+    if (!vm_) return std::nullopt;
+    JNIEnv* env = nullptr;
+    if (vm_->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_8) != JNI_OK) return std::nullopt;
+    std::optional<StorageTraffic> traffic;
+    const jclass meter = env->FindClass("com/qv/azure/rest/Traffic");
+    const jmethodID counts = meter ? env->GetStaticMethodID(meter, "counts", "()[J") : nullptr;
+    const auto array = counts ? static_cast<jlongArray>(env->CallStaticObjectMethod(meter, counts)) : nullptr;
+    if (array && !env->ExceptionCheck() && env->GetArrayLength(array) >= 7) {
+        jlong values[7] = {};
+        env->GetLongArrayRegion(array, 0, 7, values);
+        const auto at = [&](int i) { return static_cast<uint64_t>(std::max<jlong>(0, values[i])); };
+        traffic = StorageTraffic{at(0), at(1), at(2), at(3), at(4), at(5), at(6)};
+    }
+    env->ExceptionClear();
+    if (array) env->DeleteLocalRef(array);
+    if (meter) env->DeleteLocalRef(meter);
+    return traffic;
+}
+
 void HostRuntime::LoadPlugin(const HostSettings& settings) {
     const std::string path = settings.pluginLibrary.empty()
                                  ? Utf8Of(PathOf(settings.installFolder) / "Plugin" / "Azure" / PluginLibraryFileName())

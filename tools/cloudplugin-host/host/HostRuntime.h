@@ -86,6 +86,21 @@ std::string FindJavaHome(const std::string& given);
 // others by name. Separated by ':' (';' on Windows).
 std::string ClassPathOf(const std::string& jarFolder);
 
+// What the Java library sent to the Blob service in this process: each
+// send of a request (a retry counts again, as the service bills it) by the
+// kind the price list names, and the bytes of the bodies either way.
+struct StorageTraffic {
+    uint64_t write = 0;
+    uint64_t read = 0;
+    uint64_t list = 0;    // listings, and creating the container
+    uint64_t other = 0;   // properties, HEADs
+    uint64_t remove = 0;  // deletes: free
+    uint64_t bytesSent = 0;
+    uint64_t bytesReceived = 0;
+
+    uint64_t Requests() const { return write + read + list + other + remove; }
+};
+
 class HostRuntime {
 public:
     // Throws Error (set-up failed) or PluginError (Init refused).
@@ -95,6 +110,10 @@ public:
     HostRuntime& operator=(const HostRuntime&) = delete;
 
     ICloudPluginInterface& plugin() { return *plugin_; }
+
+    // The library's count so far (from the calling thread, which the JVM
+    // knows: the one that made it); none when its jar keeps no count.
+    std::optional<StorageTraffic> Traffic() const;
 
     // Ends the plug-in's session (DeInit) and releases it; throws PluginError
     // when DeInit fails. The destructor does the same quietly.

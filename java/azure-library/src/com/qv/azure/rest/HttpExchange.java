@@ -144,6 +144,7 @@ final class HttpExchange {
             all.put("Authorization", "Bearer " + bearer);
         }
         HttpURLConnection http = open(r, query, all, timeout);
+        Traffic.sent(r.method, r.query);
         if (expectContinue) {
             // Not a signed header: Shared Key signs the standard headers and x-ms-*, not Expect.
             http.setRequestProperty("Expect", "100-continue");
@@ -177,6 +178,7 @@ final class HttpExchange {
                     for (int done = 0; done < r.length; ) {
                         int n = Math.min(WRITE_PIECE, r.length - done);
                         out.write(r.body, r.offset + done, n);
+                        Traffic.bytesSent(n);
                         done += n;
                         watch.wrote(done, r.length);
                     }
@@ -615,6 +617,7 @@ final class HttpExchange {
                     int b = super.read();
                     if (b >= 0) {
                         moved();
+                        Traffic.bytesReceived(1);
                     }
                     return b;
                 }
@@ -624,6 +627,7 @@ final class HttpExchange {
                     int n = super.read(buf, off, len);
                     if (n > 0) {
                         moved();
+                        Traffic.bytesReceived(n);
                     }
                     return n;
                 }

@@ -33,6 +33,31 @@ class RestPiecesTest {
     private static final String KEY = Base64.getEncoder().encodeToString("0123456789abcdef".getBytes(StandardCharsets.US_ASCII));
 
     @Test
+    void requestsAreCountedAsThePriceListNamesThem() {
+        assertEquals(Traffic.WRITE, Traffic.kindOf("PUT", null));
+        assertEquals(Traffic.WRITE, Traffic.kindOf("PUT", "comp=block&blockid=AAAA"));
+        assertEquals(Traffic.WRITE, Traffic.kindOf("PUT", "comp=blocklist"));
+        assertEquals(Traffic.WRITE, Traffic.kindOf("PUT", "comp=tier"));
+        assertEquals(Traffic.LIST, Traffic.kindOf("PUT", "restype=container"));
+        assertEquals(Traffic.LIST, Traffic.kindOf("GET", "restype=container&comp=list&prefix=a%2F"));
+        assertEquals(Traffic.LIST, Traffic.kindOf("GET", "comp=list"));
+        assertEquals(Traffic.READ, Traffic.kindOf("GET", null));
+        assertEquals(Traffic.OTHER, Traffic.kindOf("GET", "comp=metadata"));
+        assertEquals(Traffic.OTHER, Traffic.kindOf("GET", "restype=container"));
+        assertEquals(Traffic.OTHER, Traffic.kindOf("GET", "comp=listing"));
+        assertEquals(Traffic.OTHER, Traffic.kindOf("HEAD", null));
+        assertEquals(Traffic.DELETE, Traffic.kindOf("DELETE", null));
+        long[] before = Traffic.counts();
+        Traffic.sent("PUT", null);
+        Traffic.bytesSent(10);
+        Traffic.bytesReceived(3);
+        long[] after = Traffic.counts();
+        assertEquals(before[Traffic.WRITE] + 1, after[Traffic.WRITE]);
+        assertEquals(before[Traffic.BYTES_SENT] + 10, after[Traffic.BYTES_SENT]);
+        assertEquals(before[Traffic.BYTES_RECEIVED] + 3, after[Traffic.BYTES_RECEIVED]);
+    }
+
+    @Test
     void httpDatesAreRfc1123InGmtWithTwoDigitDays() {
         java.time.format.DateTimeFormatter reference =
             java.time.format.DateTimeFormatter.ofPattern("EEE, dd MMM yyyy HH:mm:ss 'GMT'", java.util.Locale.US);
