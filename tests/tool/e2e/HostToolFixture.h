@@ -69,6 +69,20 @@ inline std::string Member(const std::string& json, const std::string& name) {
     return json.substr(start, json.find_first_of(",}]", start) - start);
 }
 
+// The --json document without its "storage_traffic" member (what the
+// command asked of the storage, which retries and the cache vary).
+inline std::string WithoutTraffic(const std::string& json) {
+    const std::string key = ",\"storage_traffic\":{";
+    const size_t at = json.find(key);
+    if (at == std::string::npos) return json;
+    size_t depth = 0;
+    for (size_t i = at + key.size() - 1; i < json.size(); ++i) {
+        if (json[i] == '{') ++depth;
+        if (json[i] == '}' && --depth == 0) return json.substr(0, at) + json.substr(i + 1);
+    }
+    return json;
+}
+
 inline std::string Unquoted(const std::string& text) {
     return text.size() >= 2 ? text.substr(1, text.size() - 2) : text;
 }

@@ -289,6 +289,92 @@ TEST_F(RepositoryToolTest, AnArchivedSnapshotIsRestoredAfterRehydratingOnlyItsOw
     ExpectSameTree(Folder("two"), Folder("restored-two"));
 }
 
+TEST_F(RepositoryToolTest, CheckAndPruneAskForTheArchivedPacksTheyMustReadAndWaitForThemWhenTold) {
+    ASSERT_EQ(Repo({"data-tier", "Archive"}).status, 0);
+    // Two files in one pack; the second goes with the first snapshot, so
+    // that its pack is left partly used.
+    WriteFile(Folder("src/keep.bin"), Bytes(300000, 51));
+    WriteFile(Folder("src/drop.bin"), Bytes(300000, 52));
+    BackupSnapshot(Folder("src"));
+    fs::remove(Folder("src/drop.bin"));
+    BackupSnapshot(Folder("src"));
+    ASSERT_EQ(Repo({"forget", "--keep-last", "1"}).status, 0);
+
+    const ToolRun skipped = Repo({"check", "--read-data"});
+    ASSERT_EQ(skipped.status, 0) << skipped.err;
+    const std::string archived = Member(skipped.out, "packs_archived");
+    EXPECT_NE(archived, "0");
+    EXPECT_NE(skipped.out.find("'check --read-data --rehydrate' all of them"), std::string::npos) << skipped.out;
+    EXPECT_EQ(Repo({"check", "--rehydrate"}).status, 2) << "--rehydrate goes with --read-data";
+    EXPECT_EQ(Repo({"prune", "--dry-run", "--rehydrate"}).status, 2) << "a dry run asks for nothing";
+
+    // Not asked for: the prune keeps the pack whole.
+    const ToolRun kept = Repo({"prune"});
+    ASSERT_EQ(kept.status, 0) << kept.err;
+    EXPECT_EQ(Member(kept.out, "packs_archived_kept"), "1") << kept.out;
+    EXPECT_EQ(Member(kept.out, "packs_rewritten"), "0");
+    // Asked for and waited for (the emulator brings a blob back at once:
+    // the second asking finds it online), then read and rewritten.
+    const ToolRun rewritten = Repo({"prune", "--rehydrate", "--wait", "--wait-interval", "1s"});
+    ASSERT_EQ(rewritten.status, 0) << rewritten.err;
+    EXPECT_EQ(Member(rewritten.out, "packs_archived_kept"), "0") << rewritten.out;
+    EXPECT_EQ(Member(rewritten.out, "packs_rewritten"), "1") << rewritten.out;
+
+    // check: asks for every archived pack, waits, then reads them all.
+    WriteFile(Folder("src/more.bin"), Bytes(300000, 53));
+    BackupSnapshot(Folder("src"));
+    const ToolRun read = Repo({"check", "--read-data", "--rehydrate", "--wait", "--wait-interval", "1s"});
+    ASSERT_EQ(read.status, 0) << read.err;
+    EXPECT_EQ(Member(read.out, "packs_archived"), "0") << read.out;
+    EXPECT_GE(std::stoull(Member(read.out, "bytes_read")), 600000u);
+    const ToolRun restore = Repo({"restore", "latest", Folder("restored")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ExpectSameTree(Folder("src"), Folder("restored"));
+
+    // The packs written so far follow a change of the data tier when told.
+    const ToolRun moved = Repo({"data-tier", "Cool", "--move"});
+    ASSERT_EQ(moved.status, 0) << moved.err;
+    size_t cool = 0;
+    for (const std::string& pack : Packs()) {
+        cool += Tool({"object", "list", pack}).out.find("\"x-ms-access-tier\":\"Cool\"") != std::string::npos;
+    }
+    EXPECT_GE(cool, 2u);
+    EXPECT_EQ(Member(moved.out, "moved").find("{\"moved\":" + std::to_string(cool)), 0u) << moved.out;
+    EXPECT_EQ(Repo({"data-tier", "--none", "--move"}).status, 2);
+}
+
+TEST_F(RepositoryToolTest, TheRehydrationRequestsAsSentNameOnlyTheSnapshotsArchivedPacksWithTheTierAndPriorityAsked) {
+    ASSERT_EQ(Repo({"data-tier", "Archive"}).status, 0);
+    WriteFile(Folder("one/a.bin"), Bytes(400000, 61));
+    const std::string first = BackupSnapshot(Folder("one"));
+    const std::vector<std::string> firstPacks = Packs();
+    WriteFile(Folder("two/b.bin"), Bytes(400000, 62));
+    BackupSnapshot(Folder("two"));
+    std::vector<std::string> archivedOfFirst;
+    for (const std::string& pack : firstPacks) {
+        if (Tool({"object", "list", pack}).out.find("\"x-ms-access-tier\":\"Archive\"") != std::string::npos) {
+            archivedOfFirst.push_back(pack);
+        }
+    }
+    ASSERT_FALSE(archivedOfFirst.empty());
+
+    FaultProxy proxy(Azurite::Shared(), {});
+    const ToolRun asked = RunTool({"--connection", proxy.ConnectionString(container_), "--log-folder", logs_,
+                                   "--cache-dir", CacheFolder(), "--password-file", passwordFile_, "--json",
+                                   "rehydrate", first, "--tier", "Cool", "--priority", "High"});
+    ASSERT_EQ(asked.status, 0) << asked.err;
+    size_t tierRequests = 0;
+    for (const std::string& line : proxy.Requests()) {
+        if (line.rfind("PUT ", 0) != 0 || line.find("comp=tier") == std::string::npos) continue;
+        ++tierRequests;
+        EXPECT_NE(line.find(" tier=Cool priority=High"), std::string::npos) << line;
+        EXPECT_TRUE(std::any_of(archivedOfFirst.begin(), archivedOfFirst.end(), [&](const std::string& pack) {
+            return line.find("/" + pack + "?") != std::string::npos;
+        })) << "not a pack of the snapshot's: " << line;
+    }
+    EXPECT_EQ(tierRequests, archivedOfFirst.size());
+}
+
 TEST_F(RepositoryToolTest, CommandsCountTheirStorageRequestsAndStatsCostPricesEveryObjectByTier) {
     // Priced so that an estimate is a count: one unit a write request, a
     // hundred a GiB received; a GiB-month of Cool costs 2, of Hot 1.

@@ -66,7 +66,8 @@ public:
     // with `extra` ("Key=Value;...") after it.
     std::string ConnectionString(const std::string& container, const std::string& extra = "") const;
     // A line for each request the proxy is done with:
-    // "METHOD PATH?QUERY range=... if-match=... fault=KIND reply=STATUS".
+    // "METHOD PATH?QUERY range=... if-match=... fault=KIND reply=STATUS
+    // tier=... priority=..." (x-ms-access-tier, x-ms-rehydrate-priority).
     std::vector<std::string> Requests() const;
     // The requests whose line holds every one of `parts`.
     size_t Count(const std::vector<std::string>& parts) const;

@@ -2,6 +2,7 @@
 // repository reads to find its data stays online, and check and prune plan
 // around packs they cannot read.
 #include "repository/Keys.h"
+#include "repository/Rehydrate.h"
 #include "repository/RepositoryFixture.h"
 
 namespace repotest {
@@ -77,12 +78,42 @@ TEST(DataTierConfig, AConfigWithoutATierReadsAndAnUnknownTierIsRefused) {
     EXPECT_EQ(KindOf([&] { DecodeConfig(keys, EncodeConfig(keys, config)); }), ErrorKind::Damaged);
 }
 
+TEST_F(DataTierTest, MovingTheDataTierMovesTheDataPacksWrittenAndLeavesTheTreesOnline) {
+    WriteFile(Folder("source/a.bin"), RandomBytes(300000, 83));
+    WriteFile(Folder("source/b.bin"), RandomBytes(300000, 84));
+    Backup(Folder("source"));
+    const std::vector<std::string> data = DataPacks();
+    ASSERT_FALSE(data.empty());
+    const MasterIndex index = repository_->LoadIndex();
+    const TierMove out = MoveDataPacks(*repository_, index, "Cool", "High");
+    EXPECT_EQ(out.rehydrating, data.size()) << "out of the Archive tier: a rehydration";
+    EXPECT_EQ(out.moved, 0u);
+    EXPECT_GE(out.treePacks, 1u);
+    EXPECT_EQ(store_.rehydrations().size(), data.size());
+    EXPECT_NE(store_.rehydrations()[0].find(" High"), std::string::npos);
+    for (const std::string& pack : data) EXPECT_EQ(TierOf(pack), "Cool") << pack;
+    const TierMove back = MoveDataPacks(*repository_, index, "Archive", "Standard");
+    EXPECT_EQ(back.moved, data.size());
+    EXPECT_EQ(MoveDataPacks(*repository_, index, "Archive", "Standard").already, data.size());
+    for (const auto& [name, tier] : store_.tiers()) {
+        if (std::find(data.begin(), data.end(), name) == data.end()) {
+            EXPECT_NE(tier, "Archive") << name;
+        }
+    }
+}
+
 TEST_F(DataTierTest, CheckReadDataSkipsArchivedPacksAndSaysHowMany) {
     WriteFile(Folder("source/a.bin"), RandomBytes(300000, 85));
     Backup(Folder("source"));
     const CheckReport check = RunCheck(*repository_, CheckOptions{true, 1, nullptr});
     EXPECT_TRUE(check.errors.empty()) << check.errors[0];
     EXPECT_EQ(check.packsArchived, DataPacks().size());
+    // What check --read-data --rehydrate asks for: every indexed pack (the
+    // archived among them; the rest are counted online).
+    Rehydration state;
+    RehydrateObjects(store_, IndexedPacks(*repository_, repository_->LoadIndex()), RehydrateRequest{}, state);
+    EXPECT_EQ(state.requested.size(), check.packsArchived);
+    EXPECT_GE(state.online, 1u) << "the tree pack";
     ASSERT_FALSE(check.warnings.empty());
     EXPECT_NE(check.warnings.back().find("rehydrate"), std::string::npos) << check.warnings.back();
 }
@@ -103,14 +134,26 @@ TEST_F(DataTierTest, PruneKeepsPartlyUsedArchivedPacksWholeAndCountsEarlyDeletio
     const PrunePlan plan = PlanPrune(*repository_);
     EXPECT_EQ(plan.report.packsRewritten, 0u) << "an archived pack cannot be read to be rewritten";
     EXPECT_GE(plan.report.packsArchivedKept, 1u);
+    EXPECT_EQ(plan.archivedKept.size(), plan.report.packsArchivedKept);
+    // What prune --rehydrate asks for: those packs, listed as archived.
+    const std::vector<StoredObject> asked = StoredPacks(*repository_, plan.archivedKept);
+    ASSERT_EQ(asked.size(), plan.archivedKept.size());
+    for (const StoredObject& pack : asked) EXPECT_EQ(pack.tier, "Archive") << pack.name;
     EXPECT_GE(plan.report.packsDeleted, 1u);
     // The two packs of big-gone.bin; the forgotten snapshots' tree packs
     // are online and cost nothing to delete.
     EXPECT_EQ(plan.report.earlyDeletionTiers.at("Archive"), 2u);
     EXPECT_EQ(plan.report.packsDeleted, 4u);
     Prune(*repository_);
-    // Everything the kept snapshot needs is still there, once rehydrated.
+    // Everything the kept snapshot needs is still there, once rehydrated;
+    // and what the archived pack holds unused is still indexed, so that a
+    // prune then rewrites it.
     for (const std::string& pack : DataPacks()) store_.SetTier(pack, "Hot", "Standard");
+    const PrunePlan after = PlanPrune(*repository_);
+    EXPECT_EQ(after.report.packsRewritten, plan.report.packsArchivedKept);
+    EXPECT_EQ(after.report.packsArchivedKept, 0u);
+    Prune(*repository_);
+    for (const std::string& pack : DataPacks()) store_.SetTier(pack, "Hot", "Standard");  // the rewritten ones
     const RestoreReport restored = Restore(third.snapshot.id, Folder("restored"));
     EXPECT_TRUE(restored.damaged.empty());
     EXPECT_TRUE(ReadFile(Folder("restored/kept.bin")) == ReadFile(Folder("source/kept.bin")));

@@ -2,6 +2,7 @@
 #include "cli/RepositorySupport.h"
 #include "repository/Check.h"
 #include "repository/Locks.h"
+#include "repository/Rehydrate.h"
 #include "util/Text.h"
 
 namespace qvhost::cli {
@@ -10,9 +11,22 @@ namespace {
 
 struct CheckCommandOptions {
     bool readData = false;
+    RehydrateChoice rehydrate;
 };
 
 CommandResult RunCheck(Context& context, const CheckCommandOptions& options) {
+    // Before the lock: a wait of hours holds up no prune. Without --wait
+    // the check goes on and reads what is online.
+    if (options.rehydrate.rehydrate) {
+        BringBack(context, options.rehydrate, "the indexed packs", [&](repo::Rehydration& state) {
+            repo::Repository repository = OpenRepository(context, LocalCacheUse::Bypass);
+            repo::RepositoryLock lock(repository, "check", false, context.options().lockWaitSeconds);
+            const repo::MasterIndex index = repository.LoadIndex();
+            repo::RehydrateObjects(repository.store(), repo::IndexedPacks(repository, index), options.rehydrate.request,
+                                   state);
+            return std::string("packs");
+        });
+    }
     repo::Repository repository = OpenRepository(context, LocalCacheUse::Bypass);
     repo::RepositoryLock lock(repository, "check", false, context.options().lockWaitSeconds);
     repo::CheckOptions check;
@@ -60,9 +74,15 @@ void AddCheckCommand(CommandTable& table) {
          "indexed pack exists; with --read-data it also reads every pack and checks every chunk. Damage is named "
          "with the snapshot files it affects, and the exit status is 1. It says which command repairs what it "
          "found: 'repair index' for a damaged index or lost packs, 'repair snapshots' for snapshots that name lost "
-         "data, 'prune' for a damaged copy of data kept intact elsewhere."},
+         "data, 'prune' for a damaged copy of data kept intact elsewhere.\n\nPacks in the Archive tier cannot be read: "
+         "--read-data counts them and goes on. With --rehydrate it first asks for every archived pack the index "
+         "names to come back (as 'rehydrate' does for a snapshot) and reads what is online; with --wait as well it "
+         "asks again every --wait-interval until all of them are back, then reads everything."},
         [options](Context& context) { return RunCheck(context, *options); });
-    command->add_flag("--read-data", options->readData, "read every pack and check every chunk");
+    CLI::Option* readData =
+        command->add_flag("--read-data", options->readData, "read every pack and check every chunk");
+    AddRehydrateChoiceOptions(command, options->rehydrate, "check");
+    command->get_option("--rehydrate")->needs(readData);
 }
 
 }  // namespace qvhost::cli

@@ -3,6 +3,7 @@
 #include "cli/RepositorySupport.h"
 #include "host/PluginObjectStore.h"
 #include "repository/Locks.h"
+#include "repository/Rehydrate.h"
 
 namespace qvhost::cli {
 
@@ -45,10 +46,15 @@ CommandResult RunInit(Context& context, const InitOptions& options) {
 struct DataTierOptions {
     std::string tier;  // empty: show
     bool none = false;
+    bool move = false;  // --move: the packs already written too
+    std::string priority = "Standard";
 };
 
 CommandResult RunDataTier(Context& context, const DataTierOptions& options) {
     repo::Repository repository = OpenRepository(context);
+    if (options.move && options.tier.empty() && repository.config().dataTier.empty()) {
+        throw Error(ErrorKind::Usage, "--move needs a data tier: give TIER");
+    }
     const std::string before = repository.config().dataTier;
     if (!options.tier.empty() || options.none) {
         repo::RepositoryLock lock(repository, "data-tier", true, context.options().lockWaitSeconds);
@@ -61,6 +67,27 @@ CommandResult RunDataTier(Context& context, const DataTierOptions& options) {
                                      (before.empty() ? "none" : before) + ")");
     CommandResult result;
     result.json = Json{{"command", "data-tier"}, {"ok", true}, {"data_tier", tier}, {"was", before}};
+    if (options.move) {
+        repo::RepositoryLock lock(repository, "data-tier", false, context.options().lockWaitSeconds);
+        const repo::TierMove move = repo::MoveDataPacks(repository, repository.LoadIndex(), tier, options.priority);
+        context.Say("data packs: " + std::to_string(move.moved) + " moved to " + tier + ", " +
+                    std::to_string(move.already) + " there already" +
+                    (move.rehydrating ? ", " + std::to_string(move.rehydrating) +
+                                            " asked to leave the Archive tier (Azure takes hours)"
+                                      : "") +
+                    (move.pending ? ", " + std::to_string(move.pending) + " on their way out of the Archive tier"
+                                  : "") +
+                    "; " + std::to_string(move.treePacks) + " packs of trees stay online");
+        if (move.moved && repo::EarlyDeletionDays(before) > 0) {
+            context.Say("note: Azure charges for moving a blob out of the " + before + " tier before it spent " +
+                        std::to_string(repo::EarlyDeletionDays(before)) + " days there");
+        }
+        result.json["moved"] = Json{{"moved", move.moved},
+                                    {"already", move.already},
+                                    {"rehydrating", move.rehydrating},
+                                    {"pending", move.pending},
+                                    {"tree_packs", move.treePacks}};
+    }
     return result;
 }
 
@@ -98,14 +125,20 @@ void AddInitCommand(CommandTable& table) {
     auto tier = std::make_shared<DataTierOptions>();
     command = table.Add({"data-tier", "show or change the tier the repository's data packs go to",
                          std::string("Without TIER, shows the data tier; with TIER (Hot, Cool, Cold or Archive) "
-                                     "or --none, changes it for the packs written from then on (the packs already "
-                                     "written stay where they are: 'object tier' moves one). It takes the exclusive "
-                                     "lock.\n\n") +
+                                     "or --none, changes it for the packs written from then on. --move moves the "
+                                     "data packs already written to the tier too (out of the Archive tier that is "
+                                     "a rehydration, at --priority, which Azure finishes hours later); packs of "
+                                     "trees stay online. It takes the exclusive lock to change the tier.\n\n") +
                              kDataTierText},
                         [tier](Context& context) { return RunDataTier(context, *tier); });
     command->add_option("TIER", tier->tier, "Hot, Cool, Cold or Archive")->check(CLI::IsMember(repo::DataTiers()));
-    command->add_flag("--none", tier->none, "no data tier: data packs stay where the storage puts them")
-        ->excludes(command->get_option("TIER"));
+    CLI::Option* none =
+        command->add_flag("--none", tier->none, "no data tier: data packs stay where the storage puts them")
+            ->excludes(command->get_option("TIER"));
+    command->add_flag("--move", tier->move, "also move the data packs already written to the tier")->excludes(none);
+    command->add_option("--priority", tier->priority, "out of the Archive tier: Standard or High (default: Standard)")
+        ->check(CLI::IsMember({"Standard", "High"}))
+        ->type_name("PRIORITY");
 }
 
 }  // namespace qvhost::cli

@@ -3,6 +3,8 @@
 
 #include "cli/RepositorySupport.h"
 #include "repository/Locks.h"
+#include "repository/Prune.h"
+#include "repository/Rehydrate.h"
 #include "util/Text.h"
 
 namespace qvhost::cli {
@@ -11,6 +13,7 @@ namespace {
 
 struct PruneCommandOptions {
     bool dryRun = false;
+    RehydrateChoice rehydrate;
 };
 
 Json PruneJson(const repo::PruneReport& report) {
@@ -43,6 +46,18 @@ void SayTiers(Context& context, const repo::PruneReport& planned, bool dryRun) {
 CommandResult RunPruneCommand(Context& context, const PruneCommandOptions& options) {
     repo::Repository repository = OpenRepository(context);
     if (!options.dryRun) repository.CheckMayDelete("prune");
+    // The partly used packs it would rewrite but cannot read, asked for
+    // under a shared lock (a wait of hours holds up no backup); without
+    // --wait the prune goes on and keeps them whole.
+    if (options.rehydrate.rehydrate) {
+        BringBack(context, options.rehydrate, "the archived packs to rewrite", [&](repo::Rehydration& state) {
+            repo::RepositoryLock planning(repository, "prune", false, context.options().lockWaitSeconds);
+            const repo::PrunePlan plan = repo::PlanPrune(repository);
+            repo::RehydrateObjects(repository.store(), repo::StoredPacks(repository, plan.archivedKept),
+                                   options.rehydrate.request, state);
+            return std::string("packs");
+        });
+    }
     repo::RepositoryLock lock(repository, "prune", true, context.options().lockWaitSeconds);
     CommandResult result;
     result.summarised = true;
@@ -81,9 +96,15 @@ void AddPruneCommand(CommandTable& table) {
          "Removes the chunks no snapshot needs: packs nothing uses are deleted, partly used ones rewritten (every "
          "chunk copied is checked first), packs of interrupted backups deleted. It stops and deletes nothing if a "
          "snapshot names data that no pack holds. It takes the exclusive lock: it waits for, or is refused by, "
-         "running backups, restores and checks. --dry-run shows the plan and changes nothing."},
+         "running backups, restores and checks. --dry-run shows the plan and changes nothing.\n\nA partly used pack in "
+         "the Archive tier cannot be read to rewrite: it is kept whole until nothing in it is used. With --rehydrate "
+         "prune first asks for those packs to come back and prunes the rest; with --wait as well it waits until "
+         "they are back (asking again every --wait-interval, under a lock that holds up no backup), then rewrites "
+         "them too."},
         [options](Context& context) { return RunPruneCommand(context, *options); });
-    command->add_flag("-n,--dry-run", options->dryRun, "say what would be removed, remove nothing");
+    CLI::Option* dryRun = command->add_flag("-n,--dry-run", options->dryRun, "say what would be removed, remove nothing");
+    AddRehydrateChoiceOptions(command, options->rehydrate, "prune");
+    command->get_option("--rehydrate")->excludes(dryRun);
 }
 
 }  // namespace qvhost::cli

@@ -1,9 +1,14 @@
 #include "cli/RepositorySupport.h"
 
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
 #include "host/HostRuntime.h"
 #include "host/PluginObjectStore.h"
 #include "repository/Listing.h"
 #include "repository/Rehydrate.h"
+#include "util/Interrupt.h"
 #include "util/Text.h"
 
 namespace qvhost::cli {
@@ -130,6 +135,37 @@ std::string RehydrateSnapshot(Context& context, const std::string& snapshotArgum
     state.online = 0;
     repo::RehydrateObjects(store, repo::PacksOf(repository, snapshot, index), request, state);
     return "packs";
+}
+
+void AddRehydrateChoiceOptions(CLI::App* command, RehydrateChoice& choice, const std::string& then) {
+    CLI::Option* rehydrate =
+        command->add_flag("--rehydrate", choice.rehydrate, "first ask for what it needs back from the Archive tier (see 'rehydrate')");
+    command->add_flag("--wait", choice.wait, "with --rehydrate: wait until they are back, then " + then)
+        ->needs(rehydrate);
+    command
+        ->add_option_function<std::string>(
+            "--wait-interval",
+            [&choice](const std::string& text) {
+                choice.waitSeconds = static_cast<uint64_t>(std::max<int64_t>(1, AgeArgument("--wait-interval", text)));
+            },
+            "how often --wait asks again (30s, 10m; default: 10m)")
+        ->type_name("AGE");
+    AddRehydrateOptions(command, choice.request);
+}
+
+bool BringBack(Context& context, const RehydrateChoice& choice, const std::string& what,
+               const std::function<std::string(repo::Rehydration& state)>& ask) {
+    for (;;) {
+        repo::Rehydration state;
+        const std::string stage = ask(state);
+        if (stage == "packs" && state.Ready()) return true;
+        context.Say("rehydrating " + what + " (" + stage + "): " + RehydrationText(state));
+        if (!choice.wait) return false;
+        for (uint64_t waited = 0; waited < choice.waitSeconds; ++waited) {
+            if (Interrupted()) throw Error(ErrorKind::Interrupted, "interrupted");
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+    }
 }
 
 }  // namespace qvhost::cli

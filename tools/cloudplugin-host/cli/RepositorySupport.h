@@ -2,6 +2,7 @@
 // snapshots, and the snapshot filter options.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -54,5 +55,22 @@ Json EntryJson(const repo::ListedEntry& entry);
 // stage reached, with `state` of that stage.
 std::string RehydrateSnapshot(Context& context, const std::string& snapshotArgument,
                               const repo::RehydrateRequest& request, repo::Rehydration& state);
+
+// --rehydrate, --wait and --wait-interval (with rehydrate's --tier and
+// --priority): a command that reads archived packs first asks for them.
+struct RehydrateChoice {
+    bool rehydrate = false;
+    bool wait = false;
+    uint64_t waitSeconds = 600;
+    repo::RehydrateRequest request;
+};
+// `then`: what the command does once the packs are back ("restore").
+void AddRehydrateChoiceOptions(CLI::App* command, RehydrateChoice& choice, const std::string& then);
+
+// Asks for what `ask` names (it fills the state and answers the stage
+// reached, e.g. "packs") and says where that stands; with --wait asks again
+// every --wait-interval until all of it is online. Whether it is.
+bool BringBack(Context& context, const RehydrateChoice& choice, const std::string& what,
+               const std::function<std::string(repo::Rehydration& state)>& ask);
 
 }  // namespace qvhost::cli

@@ -1,14 +1,10 @@
 // restore: a snapshot, or one path of it, into a folder, every chunk checked.
-#include <chrono>
-#include <thread>
-
 #include "cli/RepositorySupport.h"
 #include "host/PluginObjectStore.h"
 #include "host/PluginSession.h"
 #include "local/Destination.h"
 #include "repository/Locks.h"
 #include "repository/Restore.h"
-#include "util/Interrupt.h"
 #include "util/Pattern.h"
 #include "util/Text.h"
 
@@ -26,28 +22,8 @@ struct RestoreCommandOptions {
     std::string overwrite = "if-changed";
     bool deleteOthers = false;
     bool verify = false;
-    bool rehydrate = false;
-    bool wait = false;
-    uint64_t waitSeconds = 600;
-    repo::RehydrateRequest request;
+    RehydrateChoice rehydrate;
 };
-
-// --rehydrate: asks for what the snapshot needs to come back from the
-// Archive tier; --wait asks again every --wait-interval until all of it is
-// online. Whether the restore can go on.
-bool Rehydrated(Context& context, const RestoreCommandOptions& options, const std::string& snapshot) {
-    for (;;) {
-        repo::Rehydration state;
-        const std::string stage = RehydrateSnapshot(context, snapshot, options.request, state);
-        if (stage == "packs" && state.Ready()) return true;
-        context.Say("rehydrating " + Printable(snapshot) + " (" + stage + "): " + RehydrationText(state));
-        if (!options.wait) return false;
-        for (uint64_t waited = 0; waited < options.waitSeconds; ++waited) {
-            if (Interrupted()) throw Error(ErrorKind::Interrupted, "interrupted");
-            std::this_thread::sleep_for(std::chrono::seconds(1));
-        }
-    }
-}
 
 repo::OverwriteMode OverwriteModeOf(const std::string& text) {
     if (text == "always") return repo::OverwriteMode::Always;
@@ -117,7 +93,11 @@ CommandResult RunRestore(Context& context, const RestoreCommandOptions& options)
     const size_t colon = options.snapshot.find(':');
     const std::string subPath = colon == std::string::npos ? "" : options.snapshot.substr(colon + 1);
     const repo::RestoreOptions restore = RestoreOptionsOf(context, options, subPath);
-    if (options.rehydrate && !Rehydrated(context, options, options.snapshot.substr(0, colon))) {
+    const std::string snapshotArgument = options.snapshot.substr(0, colon);
+    if (options.rehydrate.rehydrate &&
+        !BringBack(context, options.rehydrate, Printable(snapshotArgument), [&](repo::Rehydration& state) {
+            return RehydrateSnapshot(context, snapshotArgument, options.rehydrate.request, state);
+        })) {
         const std::string next = "the snapshot's data is on its way back from the Archive tier (Azure takes hours): run "
                                  "the same restore again once it is online, or add --wait";
         context.Warn(next);
@@ -202,19 +182,7 @@ void AddRestoreCommand(CommandTable& table) {
     command->add_flag("--verify", options->verify, "read every restored file back and check it against its chunks");
     command->add_flag("--numeric-owner", options->destination_.numericOwner,
                       "as root: give files their recorded owner and group ids, not the ids their names have here");
-    command->add_flag("--rehydrate", options->rehydrate,
-                      "first bring back from the Archive tier what the snapshot needs (see 'rehydrate')");
-    command->add_flag("--wait", options->wait, "with --rehydrate: wait until it is back, then restore")
-        ->needs(command->get_option("--rehydrate"));
-    command
-        ->add_option_function<std::string>(
-            "--wait-interval",
-            [options](const std::string& text) {
-                options->waitSeconds = static_cast<uint64_t>(std::max<int64_t>(1, AgeArgument("--wait-interval", text)));
-            },
-            "how often --wait asks again (30s, 10m; default: 10m)")
-        ->type_name("AGE");
-    AddRehydrateOptions(command, options->request);
+    AddRehydrateChoiceOptions(command, options->rehydrate, "restore");
     AddFilterOptions(command, options->filter, "snapshots");
 }
 

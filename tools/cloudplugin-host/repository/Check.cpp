@@ -217,7 +217,8 @@ private:
         if (report_.packsArchived) {
             report_.warnings.push_back(std::to_string(report_.packsArchived) +
                                        " packs are in the Archive tier and were not read: 'cloudplugin-host rehydrate "
-                                       "SNAPSHOT' brings back the packs of a snapshot");
+                                       "SNAPSHOT' brings back the packs of a snapshot, 'check --read-data "
+                                       "--rehydrate' all of them");
         }
         Progress progress(options_.progress, "check", total, packs.size());
         RunInParallel(std::max(1u, options_.jobs), packs.size(), [&](size_t item, unsigned) {

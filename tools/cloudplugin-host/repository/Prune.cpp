@@ -146,7 +146,15 @@ void SortPacks(const MasterIndex& index, PrunePlan& plan) {
             ++report.packsKept;
             continue;
         } else if (Archived(plan, pack)) {
-            plan.kept.push_back({pack, needed});
+            // Its unused blobs stay indexed too: once the pack is back
+            // online, a later prune sees them and rewrites it.
+            std::vector<PackEntry> every;
+            std::set<Id> indexed;
+            for (const PackEntry& blob : blobs) {
+                if (indexed.insert(blob.id).second) every.push_back(blob);
+            }
+            plan.kept.push_back({pack, std::move(every)});
+            plan.archivedKept.push_back(pack);
             ++report.packsKept;
             ++report.packsArchivedKept;
             continue;

@@ -45,6 +45,7 @@ struct PrunePlan {
     std::vector<IndexedPack> kept;    // packs kept whole, with the blobs the index keeps of them
     std::vector<Id> rewrite;          // partly used packs
     std::vector<Id> remove;           // unused or unindexed packs
+    std::vector<Id> archivedKept;     // partly used but archived: kept whole (PruneReport::packsArchivedKept)
     std::map<Id, uint64_t> stored;    // every stored pack and its size
     std::map<Id, std::string> tiers;  // the stored packs not in the Hot tier (or of no tier listed)
     std::map<Id, std::vector<PackEntry>> packBlobs;  // every blob the index names, by pack

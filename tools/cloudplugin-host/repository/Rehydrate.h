@@ -37,5 +37,22 @@ std::vector<StoredObject> OwnObjects(ObjectStore& store, const RepositoryLayout&
 std::vector<StoredObject> TreePacks(Repository& repository, const MasterIndex& index);
 // The packs a snapshot's trees and files need (its trees read on the way).
 std::vector<StoredObject> PacksOf(Repository& repository, const Snapshot& snapshot, const MasterIndex& index);
+// Every pack the index names: what check --read-data reads.
+std::vector<StoredObject> IndexedPacks(Repository& repository, const MasterIndex& index);
+// Moving the data packs already written to the data tier.
+struct TierMove {
+    size_t moved = 0;         // to the tier now
+    size_t already = 0;       // there before
+    size_t rehydrating = 0;   // out of the Archive tier: asked for, back in hours
+    size_t pending = 0;       // on their way out of the Archive tier since before
+    size_t treePacks = 0;     // hold trees: stay online
+};
+// Every indexed pack of file data not in `tier` is moved to it (from the
+// Archive tier, at `priority`); packs that hold trees are left online.
+TierMove MoveDataPacks(Repository& repository, const MasterIndex& index, const std::string& tier,
+                       const std::string& priority);
+
+// The packs named, as stored (each with its tier).
+std::vector<StoredObject> StoredPacks(Repository& repository, const std::vector<Id>& packs);
 
 }  // namespace qvhost::repo

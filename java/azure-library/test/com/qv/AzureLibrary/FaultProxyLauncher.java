@@ -26,7 +26,7 @@ import java.util.function.Predicate;
  * Once it listens, the proxy writes its port to the port file (written
  * under another name and renamed, so that a reader never sees half of it).
  * With --log, each request it is done with adds one line:
- * {@code METHOD PATH?QUERY range=... if-match=... fault=KIND reply=STATUS}
+ * {@code METHOD PATH?QUERY range=... if-match=... fault=KIND reply=STATUS tier=... priority=...}
  * ("-" where there is none). It runs until it is killed.
  *
  * Faults, each a rule tried in the order given:
@@ -106,7 +106,9 @@ public final class FaultProxyLauncher {
         return r.method + " " + r.path + (r.query.isEmpty() ? "" : "?" + r.query)
             + " range=" + orDash(range) + " if-match=" + orDash(r.header("If-Match"))
             + " fault=" + (r.fault == null ? "-" : r.fault.name())
-            + " reply=" + (status == null ? "-" : status.replace(' ', '_'));
+            + " reply=" + (status == null ? "-" : status.replace(' ', '_'))
+            + " tier=" + orDash(r.header("x-ms-access-tier"))
+            + " priority=" + orDash(r.header("x-ms-rehydrate-priority"));
     }
 
     private static String orDash(String s) {
