@@ -437,6 +437,14 @@ TEST_F(RepositoryToolTest, CommandsCountTheirStorageRequestsAndStatsCostPricesEv
     EXPECT_NEAR(cost["monthly_cost"].get<double>(), total, 1e-12);
     EXPECT_EQ(cost["prices"], "a test's table");
 
+    // --prices replaces the variable's table unread: a broken one named there does not matter.
+    const std::vector<std::string> brokenVariable = {"env", "CLOUDPLUGIN_PRICES=" + Folder("no-such-table.json")};
+    const ToolRun overridden = RunToolUnder(brokenVariable, PlainArguments({"--prices", prices, "snapshots"}));
+    EXPECT_EQ(overridden.status, 0) << overridden.err;
+    const ToolRun fromVariable = RunToolUnder(brokenVariable, PlainArguments({"snapshots"}));
+    EXPECT_NE(fromVariable.status, 0);
+    EXPECT_NE(fromVariable.err.find("cannot read the price table"), std::string::npos) << fromVariable.err;
+
     WriteFile(prices, R"({"currency": "XTS"})");
     const ToolRun refused = Repo({"--prices", prices, "snapshots"});
     EXPECT_EQ(refused.status, 2);

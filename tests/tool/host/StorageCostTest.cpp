@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 
 #include "host/StorageCost.h"
-#include "support/TempFolder.h"
 #include "util/Error.h"
 
 using namespace qvhost;
-using testsupport::WriteText;
 
 namespace {
 
@@ -29,10 +27,7 @@ TEST(PriceTable, TheDefaultsPriceEveryKindAndTierAndSayWhereTheyComeFrom) {
 }
 
 TEST(PriceTable, AFileOfTheUsersReplacesEveryFigure) {
-    testsupport::TempFolder folder;
-    const std::string path = folder.PathUtf8() + "/prices.json";
-    WriteText(path, kTable);
-    const PriceTable prices = ReadPriceTable(path);
+    const PriceTable prices = ParsePriceTable(kTable, "prices.json");
     EXPECT_EQ(prices.currency, "EUR");
     EXPECT_EQ(prices.source, "our contract, 2026");
     EXPECT_DOUBLE_EQ(prices.write, 0.1);
@@ -42,12 +37,9 @@ TEST(PriceTable, AFileOfTheUsersReplacesEveryFigure) {
 }
 
 TEST(PriceTable, AFileLackingAFigureOrHoldingANegativeOneIsRefusedNamingIt) {
-    testsupport::TempFolder folder;
-    const std::string path = folder.PathUtf8() + "/prices.json";
     const auto refusal = [&](const std::string& text) {
-        WriteText(path, text);
         try {
-            ReadPriceTable(path);
+            ParsePriceTable(text, "prices.json");
         } catch (const Error& error) {
             EXPECT_EQ(error.kind(), ErrorKind::Usage);
             return std::string(error.what());
@@ -63,7 +55,6 @@ TEST(PriceTable, AFileLackingAFigureOrHoldingANegativeOneIsRefusedNamingIt) {
     EXPECT_NE(refusal("{\"currency\": \"EUR\"}").find("per_10000_requests"), std::string::npos);
     EXPECT_NE(refusal("not json").find("not a JSON object"), std::string::npos);
     EXPECT_NE(refusal("{}").find("\"currency\""), std::string::npos);
-    EXPECT_THROW(ReadPriceTable(folder.PathUtf8() + "/missing.json"), Error);
 }
 
 TEST(RequestCost, RequestsArePricedPerTenThousandDeletesAreFreeAndBytesReceivedPerGiB) {

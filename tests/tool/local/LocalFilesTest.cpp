@@ -129,6 +129,20 @@ TEST(LocalFiles, ModificationTimesRoundTripToTheNanosecond) {
     }
 }
 
+TEST(LocalFiles, AUserFileIsReadWholeUpToItsLimitAndRefusedBeyondIt) {
+    testsupport::TempFolder folder;
+    const std::string path = folder.PathUtf8() + "/list";
+    const std::string text(70000, 'x');  // more than one read of the helper's buffer
+    WriteText(path, text);
+    EXPECT_EQ(ReadUserFile(path, "list", text.size()), text);
+    const auto [kind, message] = Outcome([&] { ReadUserFile(path, "list", text.size() - 1); });
+    EXPECT_EQ(kind, ErrorKind::LocalFile);
+    EXPECT_NE(message.find("the list " + path + " is over 69999 bytes"), std::string::npos) << message;
+    const auto missing = Outcome([&] { ReadUserFile(path + ".missing", "price table", 100); });
+    EXPECT_EQ(missing.first, ErrorKind::LocalFile);
+    EXPECT_NE(missing.second.find("cannot read the price table " + path + ".missing"), std::string::npos);
+}
+
 TEST(LocalFiles, InputFileDoesNotFollowALink) {
     testsupport::TempFolder folder;
     WriteText(folder.PathUtf8() + "/target", "secret");

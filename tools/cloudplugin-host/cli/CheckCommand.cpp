@@ -15,19 +15,18 @@ struct CheckCommandOptions {
 };
 
 CommandResult RunCheck(Context& context, const CheckCommandOptions& options) {
-    // Before the lock: a wait of hours holds up no prune. Without --wait
-    // the check goes on and reads what is online.
+    repo::Repository repository = OpenRepository(context, LocalCacheUse::Bypass);
+    // Before the check's lock: a wait of hours holds up no prune. Without
+    // --wait the check goes on and reads what is online.
     if (options.rehydrate.rehydrate) {
         BringBack(context, options.rehydrate, "the indexed packs", [&](repo::Rehydration& state) {
-            repo::Repository repository = OpenRepository(context, LocalCacheUse::Bypass);
-            repo::RepositoryLock lock(repository, "check", false, context.options().lockWaitSeconds);
+            repo::RepositoryLock asking(repository, "check", false, context.options().lockWaitSeconds);
             const repo::MasterIndex index = repository.LoadIndex();
             repo::RehydrateObjects(repository.store(), repo::IndexedPacks(repository, index), options.rehydrate.request,
                                    state);
             return std::string("packs");
         });
     }
-    repo::Repository repository = OpenRepository(context, LocalCacheUse::Bypass);
     repo::RepositoryLock lock(repository, "check", false, context.options().lockWaitSeconds);
     repo::CheckOptions check;
     check.readData = options.readData;

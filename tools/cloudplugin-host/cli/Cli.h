@@ -35,7 +35,8 @@ struct GlobalOptions {
     int64_t lockWaitSeconds = 0;
     std::string cacheDir;  // --cache-dir; empty: LocalCache::DefaultRoot()
     bool noCache = false;  // --no-cache
-    PriceTable prices = DefaultPrices();  // --prices FILE, $CLOUDPLUGIN_PRICES
+    std::string pricesFile;               // --prices FILE, else $CLOUDPLUGIN_PRICES
+    PriceTable prices = DefaultPrices();  // pricesFile's table when one is named
     bool json = false;
     bool quiet = false;
     int verbose = 0;

@@ -1,6 +1,7 @@
 // From the process's arguments to an exit status: the global options, the
 // parse, the command, and the one place where a failure becomes a line on
 // standard error (and a --json document) and an exit status.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -8,6 +9,7 @@
 #include "cli/Cli.h"
 #include "cli/Help.h"
 #include "host/PluginSession.h"
+#include "local/LocalFiles.h"
 #include "util/Interrupt.h"
 #include "util/Text.h"
 
@@ -17,16 +19,17 @@
 
 namespace qvhost::cli {
 
+namespace {
+
+// Far beyond any password or price table; a file larger is not one.
+constexpr size_t kPasswordFileLimit = 64u << 10;
+constexpr size_t kPriceTableLimit = 1u << 20;
+
+}  // namespace
+
 std::string ReadPasswordFile(const std::string& path) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file) throw Error(ErrorKind::LocalFile, "cannot read the password file " + path);
-    std::string text;
-    char buffer[4096];
-    for (size_t read; (read = std::fread(buffer, 1, sizeof buffer, file)) > 0 && text.size() < 65536;) {
-        text.append(buffer, read);
-    }
-    std::fclose(file);
-    text = text.substr(0, text.find('\n'));
+    std::string text = ReadUserFile(path, "password file", kPasswordFileLimit);
+    text.resize(std::min(text.size(), text.find('\n')));
     if (!text.empty() && text.back() == '\r') text.pop_back();
     return text;
 }
@@ -79,9 +82,9 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
         ->type_name("DIR")
         ->group(group);
     app.add_flag("--no-cache", options.noCache, "read everything from the storage, keep nothing locally")->group(group);
-    app.add_option_function<std::string>(
-           "--prices", [&options](const std::string& path) { options.prices = ReadPriceTable(path); },
-           "the price table cost estimates use, as JSON (default: $CLOUDPLUGIN_PRICES, else Azure's list prices)")
+    app.add_option("--prices", options.pricesFile,
+                   "the price table cost estimates use, as JSON (default: $CLOUDPLUGIN_PRICES, else Azure's list "
+                   "prices)")
         ->type_name("FILE")
         ->group(group);
     app.add_flag("--json", options.json, "machine-readable output on standard output")->group(group);
@@ -114,6 +117,7 @@ void ReadEnvironment(GlobalOptions& options) {
     if (const char* connection = std::getenv("CLOUDPLUGIN_CONNECTION")) options.host.connectionString = connection;
     if (const char* install = std::getenv("CLOUDPLUGIN_INSTALL")) options.host.installFolder = install;
     if (const char* password = std::getenv("CLOUDPLUGIN_PASSWORD")) options.password = password;
+    if (const char* prices = std::getenv("CLOUDPLUGIN_PRICES")) options.pricesFile = prices;
 }
 
 // What the command asked of the storage, in its --json document and after
@@ -212,10 +216,6 @@ int Main(int argc, char** argv) {
     if (AsksForHelp(argc, argv)) return PrintHelp(table, CommandNamed(table, argc, argv)), kExitOk;
     try {
         try {
-            // Before the command line, whose --prices wins.
-            if (const char* prices = std::getenv("CLOUDPLUGIN_PRICES"); prices && *prices) {
-                options.prices = ReadPriceTable(prices);
-            }
             app.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
             const CommandTable::Entry* selected = table.Selected();
@@ -225,6 +225,11 @@ int Main(int argc, char** argv) {
         const CommandTable::Entry* selected = table.Selected();
         if (selected) command = selected->text.name;
         if (options.version) return PrintVersion(), kExitOk;
+        // Read once the command line is: --prices replaces $CLOUDPLUGIN_PRICES unread.
+        if (!options.pricesFile.empty()) {
+            options.prices = ParsePriceTable(ReadUserFile(options.pricesFile, "price table", kPriceTableLimit),
+                                             options.pricesFile);
+        }
         if (!selected) throw Error(ErrorKind::Usage, "no command given");
         if (!selected->runner) throw Error(ErrorKind::Usage, command + " takes a command: " + MembersOf(table, command));
         if (options.host.installFolder.empty()) {

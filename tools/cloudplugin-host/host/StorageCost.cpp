@@ -1,7 +1,6 @@
 #include "host/StorageCost.h"
 
 #include <cstdio>
-#include <fstream>
 #include <sstream>
 
 #include "util/Error.h"
@@ -12,7 +11,6 @@ namespace qvhost {
 namespace {
 
 constexpr double kGiB = 1024.0 * 1024.0 * 1024.0;
-constexpr uint64_t kPriceFileLimit = 1u << 20;
 
 double Figure(const Json& json, const char* name, const std::string& path) {
     const auto found = json.find(name);
@@ -46,13 +44,7 @@ PriceTable DefaultPrices() {
     return prices;
 }
 
-PriceTable ReadPriceTable(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw Error(ErrorKind::Usage, "cannot read the price table " + path);
-    std::string text(kPriceFileLimit + 1, '\0');
-    in.read(&text[0], static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<size_t>(in.gcount()));
-    if (text.size() > kPriceFileLimit) throw Error(ErrorKind::Usage, "the price table " + path + " is over 1 MiB");
+PriceTable ParsePriceTable(const std::string& text, const std::string& path) {
     const Json json = Json::parse(text, nullptr, false);
     if (!json.is_object()) throw Error(ErrorKind::Usage, "the price table " + path + " is not a JSON object");
     PriceTable prices;

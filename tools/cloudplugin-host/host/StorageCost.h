@@ -30,9 +30,10 @@ struct PriceTable {
 // East US, in US dollars), with their source and date in `source`.
 PriceTable DefaultPrices();
 
-// A price table from a JSON file, every figure named (README, "What it
-// costs"); throws Error (usage) naming the file and what is wrong with it.
-PriceTable ReadPriceTable(const std::string& path);
+// A price table from the JSON text of the file `path`, every figure named
+// (README, "What it costs"); throws Error (usage) naming the file and what
+// is wrong with it.
+PriceTable ParsePriceTable(const std::string& text, const std::string& path);
 
 // "0.12 USD"; amounts under a cent with six decimals.
 std::string CostText(double amount, const std::string& currency);

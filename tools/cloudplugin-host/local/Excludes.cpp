@@ -4,8 +4,6 @@
 
 #include <cctype>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include "util/Error.h"
 #include "util/Text.h"
@@ -55,13 +53,8 @@ std::string ExpandEnvironment(const std::string& line) {
     return out;
 }
 
-std::string ReadWhole(const std::string& path) {
-    std::ifstream in(PathOf(path), std::ios::binary);
-    std::ostringstream text;
-    if (in) text << in.rdbuf();
-    if (!in || in.bad()) throw Error(ErrorKind::LocalFile, "cannot read the exclude file " + path);
-    return text.str();
-}
+// Pattern files are lists a person keeps; 64 MiB is far beyond any.
+std::string ReadPatternFile(const std::string& path) { return ReadUserFile(path, "exclude file", 64u << 20); }
 
 void AddPatterns(PatternList& list, const std::vector<std::string>& patterns, bool ignoreCase) {
     for (const std::string& pattern : patterns) list.Add(PathPattern(pattern, ignoreCase));
@@ -99,10 +92,10 @@ Excludes::Excludes(const ExcludeOptions& options, const std::string& root)
     : root_(AbsolutePath(root)), oneFileSystem_(options.oneFileSystem), largerThan_(options.largerThan) {
     while (root_.size() > 1 && root_.back() == '/') root_.pop_back();
     AddPatterns(patterns_, options.patterns, false);
-    for (const std::string& file : options.patternFiles) AddPatterns(patterns_, PatternLines(ReadWhole(file)), false);
+    for (const std::string& file : options.patternFiles) AddPatterns(patterns_, PatternLines(ReadPatternFile(file)), false);
     AddPatterns(caselessPatterns_, options.caselessPatterns, true);
     for (const std::string& file : options.caselessFiles) {
-        AddPatterns(caselessPatterns_, PatternLines(ReadWhole(file)), true);
+        AddPatterns(caselessPatterns_, PatternLines(ReadPatternFile(file)), true);
     }
     if (options.caches) tags_.push_back({"CACHEDIR.TAG", kCacheDirSignature});
     for (const std::string& rule : options.ifPresent) {

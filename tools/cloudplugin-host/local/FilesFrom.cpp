@@ -4,10 +4,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 
+#include "local/LocalFiles.h"
 #include "util/Error.h"
 #include "util/Text.h"
 
@@ -53,10 +53,8 @@ std::vector<std::string> ReadPathList(const std::string& file, PathListForm form
         text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
         if (std::cin.bad()) throw Error(ErrorKind::LocalFile, "cannot read the list of paths from standard input");
     } else {
-        std::ifstream input(file, std::ios::binary);
-        if (!input) throw Error(ErrorKind::LocalFile, "cannot read the list of paths " + file + ": " + std::strerror(errno));
-        text.assign(std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>());
-        if (input.bad()) throw Error(ErrorKind::LocalFile, "cannot read the list of paths " + file);
+        // A million paths of a hundred bytes are 100 MB; 4 GiB allows for forty times that.
+        text = ReadUserFile(file, "list of paths", size_t{4} << 30);
     }
     return ParsePathList(text, form);
 }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 
 #include "util/PathRules.h"
@@ -204,6 +205,22 @@ std::string AbsolutePath(const std::string& path) {
     std::error_code error;
     const fs::path absolute = fs::absolute(PathOf(path), error);
     return error ? path : absolute.lexically_normal().u8string();
+}
+
+std::string ReadUserFile(const std::string& path, const std::string& what, size_t limit) {
+    std::ifstream in(PathOf(path), std::ios::binary);
+    if (!in) throw Error(ErrorKind::LocalFile, "cannot read the " + what + " " + path + ": " + std::strerror(errno));
+    std::string text;
+    char buffer[65536];
+    while (in && text.size() <= limit) {
+        in.read(buffer, sizeof buffer);
+        text.append(buffer, static_cast<size_t>(in.gcount()));
+    }
+    if (in.bad()) throw Error(ErrorKind::LocalFile, "cannot read the " + what + " " + path);
+    if (text.size() > limit) {
+        throw Error(ErrorKind::LocalFile, "the " + what + " " + path + " is over " + std::to_string(limit) + " bytes");
+    }
+    return text;
 }
 
 std::string JoinPath(const std::string& root, const std::string& relativePath) {

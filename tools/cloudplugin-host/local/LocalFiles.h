@@ -35,6 +35,11 @@ SourceTree ScanTree(const std::string& root, const ScanFilter& filter = {});
 // The absolute, normalised form of a path (the path itself when that fails).
 std::string AbsolutePath(const std::string& path);
 
+// The whole of a small file the user names (a password, a price table, a
+// list of patterns or of paths). Throws Error (local file) naming `what`
+// when it cannot be read or holds more than `limit` bytes.
+std::string ReadUserFile(const std::string& path, const std::string& what, size_t limit);
+
 // root + relative path, with the platform's separators.
 std::string JoinPath(const std::string& root, const std::string& relativePath);
 

@@ -12,21 +12,28 @@ namespace {
 
 size_t Depth(const std::string& path) { return static_cast<size_t>(std::count(path.begin(), path.end(), '/')); }
 
+// The fields a planned file keeps of its node, copied the same way both
+// ways: one list, so a field added to both cannot be copied one way only.
+template <typename From, typename To>
+void CopyFileFields(const From& from, To& to) {
+    to.content = from.content;
+    to.xattrs = from.xattrs;
+    to.size = from.size;
+    to.modifiedNs = from.modifiedNs;
+    to.accessedNs = from.accessedNs;
+    to.mode = from.mode;
+    to.uid = from.uid;
+    to.gid = from.gid;
+    to.hasOwner = from.hasOwner;
+    to.sparse = from.sparse;
+}
+
 }  // namespace
 
 void RestorePlan::AddFile(std::string relativePath, const Node& node) {
     RestoreFile file;
     file.relativePath = std::move(relativePath);
-    file.content = node.content;
-    file.xattrs = node.xattrs;
-    file.size = node.size;
-    file.modifiedNs = node.modifiedNs;
-    file.accessedNs = node.accessedNs;
-    file.mode = node.mode;
-    file.uid = node.uid;
-    file.gid = node.gid;
-    file.hasOwner = node.hasOwner;
-    file.sparse = node.sparse;
+    CopyFileFields(node, file);
     const auto number =
         ownerNumbers_.try_emplace({node.user, node.group}, static_cast<uint32_t>(ownerNames.size())).first;
     if (number->second == ownerNames.size()) ownerNames.emplace_back(node.user, node.group);
@@ -37,16 +44,7 @@ void RestorePlan::AddFile(std::string relativePath, const Node& node) {
 Node RestorePlan::NodeOf(const RestoreFile& file) const {
     Node node;
     node.type = NodeType::File;
-    node.content = file.content;
-    node.xattrs = file.xattrs;
-    node.size = file.size;
-    node.modifiedNs = file.modifiedNs;
-    node.accessedNs = file.accessedNs;
-    node.mode = file.mode;
-    node.uid = file.uid;
-    node.gid = file.gid;
-    node.hasOwner = file.hasOwner;
-    node.sparse = file.sparse;
+    CopyFileFields(file, node);
     if (file.owner < ownerNames.size()) std::tie(node.user, node.group) = ownerNames[file.owner];
     return node;
 }
