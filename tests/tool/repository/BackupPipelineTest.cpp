@@ -150,5 +150,24 @@ TEST_F(RepositoryTest, ASourceThatFailsInTheMiddleOfTheWalkEndsTheBackupAndStore
     EXPECT_TRUE(RunCheck(*repository_, CheckOptions{true, 1, nullptr}).errors.empty());
 }
 
+TEST_F(RepositoryTest, AChunkMetAgainInTheSameBackupIsStoredOnceWhetherItsPackIsFinishedOrStillFilling) {
+    // The same 1.5 MB in five files (its chunks fill more than one 1 MiB
+    // pack, so later copies meet both finished packs and the one filling),
+    // and the same small file in twenty folders.
+    const Bytes big = RandomBytes(1500000, 97);
+    for (int i = 0; i < 5; ++i) WriteFile(Folder("source/big" + std::to_string(i) + ".bin"), big);
+    for (int i = 0; i < 20; ++i) WriteFile(Folder("source/d" + std::to_string(i) + "/small.txt"), RandomBytes(3000, 98));
+    const BackupReport report = Backup(Folder("source"));
+    const MasterIndex index = repository_->LoadIndex();
+    size_t entries = 0;
+    for (const IndexedPack& pack : index.all()) entries += pack.blobs.size();
+    EXPECT_EQ(entries, index.BlobCount()) << "no chunk stored twice";
+    EXPECT_EQ(index.BlobCount(), report.blobsNew + report.treesNew);
+    EXPECT_LT(report.blobBytesNew, big.size() + 3000 + 64 * 1024) << "one copy of each";
+    const RestoreReport restored = Restore(report.snapshot.id, Folder("restored"));
+    EXPECT_TRUE(restored.damaged.empty());
+    EXPECT_TRUE(ReadFile(Folder("restored/big4.bin")) == big);
+}
+
 }  // namespace
 }  // namespace repotest

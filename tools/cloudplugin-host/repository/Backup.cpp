@@ -122,6 +122,8 @@ private:
     std::vector<Id> ChunkFile(const FileWork& work, std::vector<uint8_t>& buffer, KeyedHasher& hasher);
     void LinkRead(LinkGroup& group, const std::vector<Id>* content, const std::string& why);
     void StoreChunk(const uint8_t* data, size_t size, const Id& id);
+    // Under mutex_: a pack just finished is indexed with what it holds.
+    void Finished(const PackBuilder::Finished& pack);
     void Upload(PackBuilder::Finished&& pack);
     void FlushLastPacks();
     void Unreadable(const std::string& path, const std::string& why);
@@ -143,10 +145,14 @@ private:
     uint64_t bytes_ = 0;
 
     std::mutex mutex_;  // guards what follows
-    std::unordered_set<Id, IdHash> stored_;  // blobs of this backup
+    // The packs this backup wrote or adopted, indexed as the repository's
+    // index is (some 64 bytes a blob, where a set of ids took more than 80
+    // on top of the entries); and the blobs of the packs still being
+    // filled, until their pack is finished.
+    MasterIndex added_;
+    std::unordered_set<Id, IdHash> pending_;
     PackBuilder pack_;
     PackBuilder treePack_;
-    std::vector<IndexedPack> newPacks_;
     std::atomic<uint64_t> bytesAdded_{0};
     std::atomic<uint64_t> bytesProcessed_{0};
 };
@@ -335,7 +341,7 @@ void BackupRun::StoreTree(const Bytes& plain, std::vector<Id>& ids) {
     ids.push_back(id);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (index_.Has(id) || !stored_.insert(id).second) return;
+        if (index_.Has(id) || added_.Has(id) || !pending_.insert(id).second) return;
     }
     SealedBlob blob = SealBlob(repository_.keys(), id, plain.data(), plain.size(), BlobType::Tree);
     PackBuilder::Finished full;
@@ -345,13 +351,14 @@ void BackupRun::StoreTree(const Bytes& plain, std::vector<Id>& ids) {
         treePack_.Add(std::move(blob));
         if (treePack_.size() < repository_.config().packSize) return;
         full = treePack_.Finish(repository_.keys());
+        Finished(full);
     }
     Upload(std::move(full));
 }
 
 void BackupRun::FinishSnapshot(double seconds) {
     uint64_t written = 0;
-    if (!newPacks_.empty() && !options_.dryRun) repository_.SaveIndex(newPacks_, &written);
+    if (!added_.all().empty() && !options_.dryRun) repository_.SaveIndex(added_.all(), &written);
     std::sort(report_.skipped.begin(), report_.skipped.end(),
               [](const SkippedEntry& a, const SkippedEntry& b) { return a.relativePath < b.relativePath; });
     report_.bytesProcessed = bytesProcessed_;
@@ -393,7 +400,7 @@ void BackupRun::AdoptInterruptedPacks() {
         try {
             IndexedPack pack{object.id, ReadVerifiedPack(repository_, object.id)};
             index_.Add(pack);
-            newPacks_.push_back(std::move(pack));
+            added_.Add(pack);
             ++report_.packsAdopted;
         } catch (const Error& failure) {
             // Damaged, not ours, removed meanwhile, or archived (the data
@@ -508,7 +515,7 @@ std::vector<Id> BackupRun::ChunkFile(const FileWork& work, std::vector<uint8_t>&
 void BackupRun::StoreChunk(const uint8_t* data, size_t size, const Id& id) {
     {
         std::lock_guard<std::mutex> guard(mutex_);
-        if (index_.Has(id) || !stored_.insert(id).second) return;
+        if (index_.Has(id) || added_.Has(id) || !pending_.insert(id).second) return;
     }
     SealedBlob blob = SealBlob(repository_.keys(), id, data, size);
     PackBuilder::Finished full;
@@ -520,8 +527,14 @@ void BackupRun::StoreChunk(const uint8_t* data, size_t size, const Id& id) {
         pack_.Add(std::move(blob));
         if (pack_.size() < repository_.config().packSize) return;
         full = pack_.Finish(repository_.keys());
+        Finished(full);
     }
     Upload(std::move(full));
+}
+
+void BackupRun::Finished(const PackBuilder::Finished& pack) {
+    added_.Add({pack.id, pack.entries});
+    for (const PackEntry& entry : pack.entries) pending_.erase(entry.id);
 }
 
 // On the job's own thread: the jobs that fill packs also upload them, so
@@ -532,17 +545,19 @@ void BackupRun::Upload(PackBuilder::Finished&& pack) {
     bytesAdded_ += pack.bytes.size();
     std::lock_guard<std::mutex> guard(mutex_);
     ++report_.packsWritten;
-    newPacks_.push_back({pack.id, std::move(pack.entries)});
 }
 
 void BackupRun::FlushLastPacks() {
-    PackBuilder::Finished last;
-    {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (!pack_.empty()) last = pack_.Finish(repository_.keys());
+    for (PackBuilder* builder : {&pack_, &treePack_}) {
+        PackBuilder::Finished last;
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (builder->empty()) continue;
+            last = builder->Finish(repository_.keys());
+            Finished(last);
+        }
+        Upload(std::move(last));
     }
-    if (!last.entries.empty()) Upload(std::move(last));
-    if (!treePack_.empty()) Upload(treePack_.Finish(repository_.keys()));
 }
 
 void BackupRun::Unreadable(const std::string& path, const std::string& why) {
