@@ -314,8 +314,12 @@ TEST_F(RepositoryToolTest, CheckAndPruneAskForTheArchivedPacksTheyMustReadAndWai
     EXPECT_EQ(Member(kept.out, "packs_archived_kept"), "1") << kept.out;
     EXPECT_EQ(Member(kept.out, "packs_rewritten"), "0");
     // Asked for and waited for (the emulator brings a blob back at once:
-    // the second asking finds it online), then read and rewritten.
-    const ToolRun rewritten = Repo({"prune", "--rehydrate", "--wait", "--wait-interval", "1s"});
+    // the second asking finds it online), then read and rewritten; forget
+    // --prune asks as prune does.
+    EXPECT_EQ(Repo({"forget", "--keep-last", "1", "--rehydrate"}).status, 2) << "--rehydrate goes with --prune";
+    EXPECT_EQ(Repo({"forget", "--keep-last", "1", "--prune", "--dry-run", "--rehydrate"}).status, 2);
+    const ToolRun rewritten =
+        Repo({"forget", "--keep-last", "1", "--prune", "--rehydrate", "--wait", "--wait-interval", "1s"});
     ASSERT_EQ(rewritten.status, 0) << rewritten.err;
     EXPECT_EQ(Member(rewritten.out, "packs_archived_kept"), "0") << rewritten.out;
     EXPECT_EQ(Member(rewritten.out, "packs_rewritten"), "1") << rewritten.out;
@@ -373,6 +377,86 @@ TEST_F(RepositoryToolTest, TheRehydrationRequestsAsSentNameOnlyTheSnapshotsArchi
         })) << "not a pack of the snapshot's: " << line;
     }
     EXPECT_EQ(tierRequests, archivedOfFirst.size());
+}
+
+TEST_F(RepositoryToolTest, AnImmutableRepositoryAsksARetentionForEachPackAndSnapshotAndForgetAndPruneLeaveThem) {
+    // Azurite does not model immutability: the proxy does, in front of it.
+    FaultProxy proxy(Azurite::Shared(), {"immutability"});
+    const auto held = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--connection", proxy.ConnectionString(container_), "--log-folder", logs_,
+                                             "--cache-dir", CacheFolder(), "--password-file", passwordFile_, "--json",
+                                             "-r", "held"});
+        return RunTool(arguments);
+    };
+    // Straight to Azurite, which keeps nothing immutable: init says so at
+    // once and leaves nothing that would make the next init refuse.
+    const ToolRun unkept = Tool({"--password-file", passwordFile_, "-r", "held", "init", "--kdf-memory", "1M",
+                                 "--immutable-days", "3"});
+    EXPECT_NE(unkept.status, 0);
+    EXPECT_NE(unkept.err.find("version-level immutability"), std::string::npos) << unkept.err;
+    EXPECT_TRUE(ObjectNames(Tool({"object", "list", "held/"}).out).empty());
+    const ToolRun init = held({"init", "--kdf-memory", "1M", "--immutable-days", "3"});
+    ASSERT_EQ(init.status, 0) << init.err;
+    EXPECT_EQ(nlohmann::json::parse(init.out).at("immutable_days"), 3);
+    WriteFile(Folder("src/kept.bin"), Bytes(400000, 71));
+    WriteFile(Folder("src/gone.bin"), Bytes(400000, 72));
+    const ToolRun first = held({"backup", Folder("src")});
+    ASSERT_EQ(first.status, 0) << first.err;
+    const std::string firstId = Unquoted(Member(first.out, "snapshot"));
+    fs::remove(Folder("src/gone.bin"));
+    ASSERT_EQ(held({"backup", Folder("src")}).status, 0);
+
+    // One retention asked for each pack, snapshot and the key object, none
+    // for index objects, each three days on and unlocked.
+    const auto listed = [&](const std::string& prefix) {
+        return ObjectNames(Tool({"object", "list", prefix}).out);
+    };
+    std::vector<std::string> retained;
+    for (const std::string& line : proxy.Requests()) {
+        if (line.rfind("PUT ", 0) != 0 || line.find("comp=immutabilityPolicies") == std::string::npos) continue;
+        EXPECT_NE(line.find(" mode=Unlocked"), std::string::npos) << line;
+        EXPECT_NE(line.find(" until="), std::string::npos) << line;
+        const size_t name = line.find("/held/");
+        retained.push_back(line.substr(name + 1, line.find('?') - name - 1));
+    }
+    std::vector<std::string> expected;
+    for (const char* prefix : {"held/data/", "held/snapshots/", "held/keys/"}) {
+        for (const std::string& object : listed(prefix)) expected.push_back(object);
+    }
+    std::sort(retained.begin(), retained.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(retained, expected);
+    EXPECT_FALSE(listed("held/index/").empty());
+
+    // forget leaves the held snapshot and says until when.
+    const ToolRun forget = held({"forget", firstId});
+    ASSERT_EQ(forget.status, 0) << forget.err;
+    const nlohmann::json forgot = nlohmann::json::parse(forget.out);
+    EXPECT_TRUE(forgot.at("forgotten").empty());
+    ASSERT_EQ(forgot.at("held").size(), 1u);
+    EXPECT_EQ(forgot["held"][0]["id"], firstId);
+    EXPECT_TRUE(forgot["held"][0]["until"].is_string());
+    EXPECT_EQ(listed("held/snapshots/").size(), 2u);
+
+    // With the snapshot gone by other means, prune finds the packs only it
+    // used held too: it keeps them whole, deletes nothing and says so.
+    ASSERT_EQ(Tool({"object", "delete", "held/snapshots/" + firstId}).status, 0);
+    const std::vector<std::string> packs = listed("held/data/");
+    const ToolRun prune = held({"prune"});
+    ASSERT_EQ(prune.status, 0) << prune.err;
+    const nlohmann::json pruned = nlohmann::json::parse(prune.out);
+    EXPECT_GE(pruned.at("packs_held").get<int>(), 1);
+    EXPECT_TRUE(pruned.at("held_until").is_string());
+    EXPECT_EQ(pruned.at("packs_deleted"), 0);
+    EXPECT_EQ(listed("held/data/"), packs);
+    EXPECT_EQ(proxy.Count({"DELETE ", "/held/data/"}), 0u) << "no delete of a held pack even tried";
+    // A delete of a held pack is refused as the service refuses it.
+    const ToolRun refused = RunTool({"--connection", proxy.ConnectionString(container_), "--log-folder", logs_,
+                                     "object", "delete", packs.front()});
+    EXPECT_NE(refused.status, 0);
+    EXPECT_EQ(proxy.Count({"DELETE ", "/held/data/", "fault=STATUS"}), 1u);
+    EXPECT_NE(refused.err.find("retention"), std::string::npos) << refused.err;
+    EXPECT_EQ(held({"check"}).status, 0);
 }
 
 TEST_F(RepositoryToolTest, CommandsCountTheirStorageRequestsAndStatsCostPricesEveryObjectByTier) {

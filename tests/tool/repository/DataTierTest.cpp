@@ -1,6 +1,8 @@
 // The data tier: data packs go to it as they are written, everything the
 // repository reads to find its data stays online, and check and prune plan
 // around packs they cannot read.
+#include <ctime>
+
 #include "repository/Keys.h"
 #include "repository/Rehydrate.h"
 #include "repository/RepositoryFixture.h"
@@ -157,6 +159,36 @@ TEST_F(DataTierTest, PruneKeepsPartlyUsedArchivedPacksWholeAndCountsEarlyDeletio
     const RestoreReport restored = Restore(third.snapshot.id, Folder("restored"));
     EXPECT_TRUE(restored.damaged.empty());
     EXPECT_TRUE(ReadFile(Folder("restored/kept.bin")) == ReadFile(Folder("source/kept.bin")));
+}
+
+TEST_F(DataTierTest, AnEarlyDeletionIsCountedOnlyForPacksWhoseDaysInTheTierAreNotOverWithTheMonthsLeft) {
+    WriteFile(Folder("source/kept.bin"), RandomBytes(200000, 95));
+    WriteFile(Folder("source/gone.bin"), RandomBytes(1500000, 96));
+    const BackupReport first = Backup(Folder("source"));
+    fs::remove(Folder("source/gone.bin"));
+    Backup(Folder("source"));
+    store_.Delete(repository_->layout().SnapshotsPrefix() + first.snapshot.id);
+    const int64_t now = static_cast<int64_t>(std::time(nullptr));
+    const auto plan = [&](int64_t daysAgo) {
+        for (auto& [name, since] : store_.tierSince()) since = now - daysAgo * 86400;
+        return PlanPrune(*repository_, now);
+    };
+    const PrunePlan fresh = plan(0);
+    ASSERT_EQ(fresh.report.earlyDeletionTiers.count("Archive"), 1u);
+    const size_t early = fresh.report.earlyDeletionTiers.at("Archive");
+    EXPECT_GE(early, 1u);
+    // What goes from Archive: its GiB times the six months left.
+    double gib = 0;
+    for (const Id& pack : fresh.remove) {
+        if (fresh.tiers.count(pack)) gib += static_cast<double>(fresh.stored.at(pack)) / (1 << 30);
+    }
+    EXPECT_NEAR(fresh.report.earlyDeletionGiBMonths.at("Archive"), gib * 6, gib * 0.01);
+    const PrunePlan halfway = plan(90);
+    EXPECT_EQ(halfway.report.earlyDeletionTiers.at("Archive"), early);
+    EXPECT_NEAR(halfway.report.earlyDeletionGiBMonths.at("Archive"), gib * 3, gib * 0.01);
+    const PrunePlan over = plan(181);
+    EXPECT_EQ(over.report.earlyDeletionTiers.count("Archive"), 0u) << "180 days spent: nothing more to pay";
+    EXPECT_EQ(over.remove, fresh.remove) << "the same packs go either way";
 }
 
 }  // namespace

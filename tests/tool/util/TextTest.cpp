@@ -55,6 +55,17 @@ TEST(UtcTimes, ParseTheFormTheToolWrites) {
     }
 }
 
+TEST(UtcTimes, HttpDatesAsTheServiceListsThemAreRead) {
+    EXPECT_EQ(ParseHttpDate("Mon, 23 Nov 2026 10:15:30 GMT"), 1795428930);
+    EXPECT_EQ(ParseHttpDate("Thu, 01 Jan 1970 00:00:00 GMT"), 0);
+    EXPECT_EQ(ParseHttpDate("Thu, 1 Jan 1970 00:00:01 GMT"), 1) << "a day of one digit";
+    for (const char* bad : {"", "Mon, 23 Nov 2026 10:15:30", "Mon, 23 Nov 2026 10:15:30 UTC",
+                            "Mon, 23 Foo 2026 10:15:30 GMT", "Mon, 32 Nov 2026 10:15:30 GMT",
+                            "Mon, 23 Nov 2026 10:15:30 GMT trailing", "2026-11-23T10:15:30Z"}) {
+        EXPECT_EQ(ParseHttpDate(bad), -1) << bad;
+    }
+}
+
 TEST(Printable, ControlCharactersFromStorageNeverReachTheTerminal) {
     EXPECT_EQ(Printable("plain Grüße"), "plain Grüße");
     EXPECT_EQ(Printable("a\x1b[2Jb\nc\x7f"), "a\\x1B[2Jb\\x0Ac\\x7F");

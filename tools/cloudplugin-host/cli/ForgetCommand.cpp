@@ -1,4 +1,9 @@
 // forget: remove snapshots, named or by a policy, each group on its own.
+#include <algorithm>
+#include <ctime>
+#include <map>
+#include <optional>
+
 #include "cli/RepositorySupport.h"
 #include "cli/PruneCommand.h"
 #include "repository/Forget.h"
@@ -16,6 +21,7 @@ struct ForgetCommandOptions {
     std::string groupBy = "host,paths";
     bool dryRun = false;
     bool prune = false;
+    RehydrateChoice rehydrate;  // with --prune
 };
 
 std::string GroupText(const repo::SnapshotGroup& group) {
@@ -56,7 +62,8 @@ CommandResult RunForget(Context& context, const ForgetCommandOptions& options) {
     const unsigned groupBy = repo::ParseGroupBy(options.groupBy);
     repo::Repository repository = OpenRepository(context);
     if (!options.dryRun) repository.CheckMayDelete("forget");
-    repo::RepositoryLock lock(repository, "forget", true, context.options().lockWaitSeconds);
+    std::optional<repo::RepositoryLock> lock;
+    lock.emplace(repository, "forget", true, context.options().lockWaitSeconds);
     std::vector<std::string> forget;
     Json groups = Json::array();
     if (!options.snapshots.empty()) {
@@ -67,14 +74,39 @@ CommandResult RunForget(Context& context, const ForgetCommandOptions& options) {
         groups = SayPlan(context, plan);
         forget = plan.forget;
     }
-    if (!options.dryRun) repo::ApplyForget(repository, forget);
+    // What the storage still holds stays; a forget once the hold is over takes it.
+    std::map<std::string, int64_t> held =
+        repo::HeldSnapshots(repository, forget, static_cast<int64_t>(std::time(nullptr)));
+    forget.erase(std::remove_if(forget.begin(), forget.end(), [&](const std::string& id) { return held.count(id); }),
+                 forget.end());
+    if (!options.dryRun) {
+        for (const std::string& id : repo::ApplyForget(repository, forget)) {
+            held.emplace(id, repo::kHeldIndefinitely);
+            forget.erase(std::find(forget.begin(), forget.end(), id));
+        }
+    }
+    Json heldJson = Json::array();
+    for (const auto& [id, until] : held) {
+        const std::string end = until == repo::kHeldIndefinitely ? "" : UtcTimeText(until);
+        context.Say("note: the storage holds " + ShortId(id) + (end.empty() ? "" : " until " + end) +
+                    ": it stays");
+        heldJson.push_back(Json{{"id", id}, {"until", end.empty() ? Json() : Json(end)}});
+    }
     context.Say(std::string(options.dryRun ? "would forget " : "forgot ") + std::to_string(forget.size()) +
-                " snapshots");
+                " snapshots" + (held.empty() ? "" : ", " + std::to_string(held.size()) + " held"));
     CommandResult result;
     result.summarised = true;
-    result.json = Json{{"command", "forget"}, {"ok", true}, {"dry_run", options.dryRun}, {"forgotten", forget},
-                       {"groups", std::move(groups)}};
-    if (options.prune) result.json["prune"] = Prune(context, repository, options.dryRun);
+    result.json = Json{{"command", "forget"}, {"ok", true},           {"dry_run", options.dryRun},
+                       {"forgotten", forget}, {"held", heldJson}, {"groups", std::move(groups)}};
+    if (options.prune) {
+        if (options.rehydrate.rehydrate) {
+            // Asked for with no exclusive lock held: a wait of hours holds up no backup.
+            lock.reset();
+            BringBackPacksToRewrite(context, repository, options.rehydrate, "forget");
+            lock.emplace(repository, "forget", true, context.options().lockWaitSeconds);
+        }
+        result.json["prune"] = Prune(context, repository, options.dryRun);
+    }
     return result;
 }
 
@@ -139,15 +171,19 @@ void AddForgetCommand(CommandTable& table) {
          "snapshot with the tags of a --keep-tag. A snapshot kept by no rule is forgotten; one dated in the "
          "future is kept; a policy that would forget every snapshot of a group is refused. --host, --tag and "
          "--path limit which snapshots are considered at all. The data only forgotten snapshots used stays "
-         "until 'prune' (or --prune)."},
+         "until 'prune' (or --prune; with --rehydrate [--wait] as prune takes them). A snapshot the storage "
+         "still holds (see 'init --immutable-days') stays, named with the end of its hold."},
         [options](Context& context) { return RunForget(context, *options); });
     command->add_option("SNAPSHOT", options->snapshots, "snapshots to forget (ids, or 'latest')");
     AddPolicyOptions(command, options->policy);
     AddFilterOptions(command, options->filter, "snapshots");
     command->add_option("--group-by", options->groupBy, "group snapshots by host, paths, tags (default: host,paths)")
         ->type_name("GROUPS");
-    command->add_flag("-n,--dry-run", options->dryRun, "say what would be forgotten, forget nothing");
-    command->add_flag("--prune", options->prune, "prune afterwards");
+    CLI::Option* dryRun =
+        command->add_flag("-n,--dry-run", options->dryRun, "say what would be forgotten, forget nothing");
+    CLI::Option* prune = command->add_flag("--prune", options->prune, "prune afterwards");
+    AddRehydrateChoiceOptions(command, options->rehydrate, "prune");
+    command->get_option("--rehydrate")->needs(prune)->excludes(dryRun);
 }
 
 }  // namespace qvhost::cli

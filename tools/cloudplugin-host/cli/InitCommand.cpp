@@ -13,6 +13,7 @@ struct InitOptions {
     uint64_t kdfMemory = 64ull << 20;
     uint64_t packSize = 16ull << 20;
     std::string dataTier;
+    uint32_t immutableDays = 0;
 };
 
 const char* const kDataTierText =
@@ -27,6 +28,7 @@ CommandResult RunInit(Context& context, const InitOptions& options) {
     init.kdfMemory = options.kdfMemory;
     init.packSize = options.packSize;
     init.dataTier = options.dataTier;
+    init.immutableDays = options.immutableDays;
     const std::string& root = context.options().repo;
     RefuseArchivingConnection(context);
     repo::Repository::Init(context.Store(), root, context.options().password, init, repo::HostName());
@@ -39,7 +41,12 @@ CommandResult RunInit(Context& context, const InitOptions& options) {
                        {"repository", repository.config().id},
                        {"root", root},
                        {"pack_size", repository.config().packSize},
-                       {"data_tier", repository.config().dataTier}};
+                       {"data_tier", repository.config().dataTier},
+                       {"immutable_days", repository.config().immutableDays}};
+    if (options.immutableDays != 0) {
+        context.Say("packs, snapshots and the key object are kept unchanged and undeleted for " +
+                    std::to_string(options.immutableDays) + " days from when each is written");
+    }
     return result;
 }
 
@@ -100,7 +107,13 @@ void AddInitCommand(CommandTable& table) {
          "Makes a new repository under the prefix --repo (default cloudplugin-host) of the container: its master "
          "keys, sealed by a key derived from the password (CLOUDPLUGIN_PASSWORD or --password-file) with scrypt, "
          "and its config. Nothing can be read without the password, and nothing recovers a lost one.\n\n"
-         "--data-tier chooses the access tier of the data packs (see 'data-tier'). " + std::string(kDataTierText)},
+         "--data-tier chooses the access tier of the data packs (see 'data-tier'). " + std::string(kDataTierText) +
+             "\n\n--immutable-days N asks the storage to keep every pack and snapshot (and the key object init "
+             "writes) unchanged and undeleted for N days from when each is written: a time-based retention, which "
+             "Azure applies where the container (or account) has version-level immutability; init fails if it "
+             "does not. Nobody can then delete a backup younger than N days, the credential that wrote it "
+             "included; forget and prune leave what is still held and say until when. Index objects are not "
+             "held: 'repair index' makes them again from the packs."},
         [options](Context& context) { return RunInit(context, *options); });
     command
         ->add_option_function<std::string>(
@@ -121,6 +134,16 @@ void AddInitCommand(CommandTable& table) {
     command->add_option("--data-tier", options->dataTier, "the access tier of the data packs (default: none)")
         ->check(CLI::IsMember(repo::DataTiers()))
         ->type_name("TIER");
+    command
+        ->add_option_function<std::string>(
+            "--immutable-days",
+            [options](const std::string& text) {
+                options->immutableDays =
+                    static_cast<uint32_t>(CountArgument("--immutable-days", text, repo::kMaximumImmutableDays));
+            },
+            "keep every pack and snapshot unchanged and undeleted for N days from when it is written "
+            "(a container with version-level immutability; default: none)")
+        ->type_name("N");
 
     auto tier = std::make_shared<DataTierOptions>();
     command = table.Add({"data-tier", "show or change the tier the repository's data packs go to",

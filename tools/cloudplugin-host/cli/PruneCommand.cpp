@@ -16,7 +16,27 @@ struct PruneCommandOptions {
     RehydrateChoice rehydrate;
 };
 
-Json PruneJson(const repo::PruneReport& report) {
+// The latest end of the holds that keep packs; empty for none or a legal hold.
+std::string HeldUntilText(const repo::PruneReport& report) {
+    return report.heldUntil == 0 || report.heldUntil == repo::kHeldIndefinitely ? "" : UtcTimeText(report.heldUntil);
+}
+
+Json HeldUntilJson(const repo::PruneReport& report) {
+    const std::string until = HeldUntilText(report);
+    return until.empty() ? Json() : Json(until);
+}
+
+// What deleting early costs, by tier, at the price table's storage prices.
+Json EarlyDeletionCostJson(const repo::PruneReport& report, const PriceTable& prices) {
+    Json costs = Json::object();
+    for (const auto& [tier, gibMonths] : report.earlyDeletionGiBMonths) {
+        const auto price = prices.perGiBMonth.find(tier);
+        costs[tier] = price == prices.perGiBMonth.end() ? 0.0 : price->second * gibMonths;
+    }
+    return costs;
+}
+
+Json PruneJson(const repo::PruneReport& report, const PriceTable& prices) {
     return Json{{"packs_kept", report.packsKept},
                 {"packs_deleted", report.packsDeleted},
                 {"packs_rewritten", report.packsRewritten},
@@ -27,7 +47,25 @@ Json PruneJson(const repo::PruneReport& report) {
                 {"bytes_rewritten", report.bytesRewritten},
                 {"index_objects_replaced", report.indexObjectsReplaced},
                 {"packs_archived_kept", report.packsArchivedKept},
-                {"early_deletion_tiers", report.earlyDeletionTiers}};
+                {"packs_held", report.packsHeld},
+                {"held_until", HeldUntilJson(report)},
+                {"index_objects_held", report.indexObjectsHeld},
+                {"early_deletion_tiers", report.earlyDeletionTiers},
+                {"early_deletion_cost", EarlyDeletionCostJson(report, prices)}};
+}
+
+// What prune could not do because the storage holds it.
+void SayHeld(Context& context, const repo::PruneReport& report) {
+    if (report.packsHeld) {
+        const std::string until = HeldUntilText(report);
+        context.Say("note: " + std::to_string(report.packsHeld) + " packs to delete or rewrite are held by the storage" +
+                    (until.empty() ? "" : " (until " + until + " at the latest)") +
+                    " and kept whole; a prune after that frees them");
+    }
+    if (report.indexObjectsHeld) {
+        context.Say("note: " + std::to_string(report.indexObjectsHeld) + " old index objects are held by the "
+                    "storage: no pack was deleted, as they still name them");
+    }
 }
 
 // What the plan leaves or costs because of tiers.
@@ -36,28 +74,26 @@ void SayTiers(Context& context, const repo::PruneReport& planned, bool dryRun) {
         context.Say(std::to_string(planned.packsArchivedKept) + " partly used packs are archived and kept whole "
                     "(a rewrite would have to read them); they go once nothing in them is used");
     }
+    const PriceTable& prices = context.options().prices;
     for (const auto& [tier, packs] : planned.earlyDeletionTiers) {
+        const auto price = prices.perGiBMonth.find(tier);
+        const auto owed = planned.earlyDeletionGiBMonths.find(tier);
+        const double charge = price == prices.perGiBMonth.end() || owed == planned.earlyDeletionGiBMonths.end()
+                                  ? 0.0
+                                  : price->second * owed->second;
         context.Say("note: " + std::to_string(packs) + " packs " + (dryRun ? "would be" : "are") +
-                    " deleted from the " + tier + " tier; Azure charges for deleting a blob before it spent " +
-                    std::to_string(repo::EarlyDeletionDays(tier)) + " days there");
+                    " deleted from the " + tier + " tier before their " +
+                    std::to_string(repo::EarlyDeletionDays(tier)) + " days there are over: Azure charges the days "
+                    "left, about " + CostText(charge, prices.currency));
     }
 }
+
 
 CommandResult RunPruneCommand(Context& context, const PruneCommandOptions& options) {
     repo::Repository repository = OpenRepository(context);
     if (!options.dryRun) repository.CheckMayDelete("prune");
-    // The partly used packs it would rewrite but cannot read, asked for
-    // under a shared lock (a wait of hours holds up no backup); without
-    // --wait the prune goes on and keeps them whole.
-    if (options.rehydrate.rehydrate) {
-        BringBack(context, options.rehydrate, "the archived packs to rewrite", [&](repo::Rehydration& state) {
-            repo::RepositoryLock planning(repository, "prune", false, context.options().lockWaitSeconds);
-            const repo::PrunePlan plan = repo::PlanPrune(repository);
-            repo::RehydrateObjects(repository.store(), repo::StoredPacks(repository, plan.archivedKept),
-                                   options.rehydrate.request, state);
-            return std::string("packs");
-        });
-    }
+    // Without --wait the prune goes on and keeps what is not back whole.
+    if (options.rehydrate.rehydrate) BringBackPacksToRewrite(context, repository, options.rehydrate, "prune");
     repo::RepositoryLock lock(repository, "prune", true, context.options().lockWaitSeconds);
     CommandResult result;
     result.summarised = true;
@@ -68,6 +104,17 @@ CommandResult RunPruneCommand(Context& context, const PruneCommandOptions& optio
 
 }  // namespace
 
+void BringBackPacksToRewrite(Context& context, repo::Repository& repository, const RehydrateChoice& choice,
+                             const std::string& command) {
+    BringBack(context, choice, "the archived packs to rewrite", [&](repo::Rehydration& state) {
+        repo::RepositoryLock planning(repository, command, false, context.options().lockWaitSeconds);
+        const repo::PrunePlan plan = repo::PlanPrune(repository);
+        repo::RehydrateObjects(repository.store(), repo::StoredPacks(repository, plan.archivedKept), choice.request,
+                               state);
+        return std::string("packs");
+    });
+}
+
 Json Prune(Context& context, repo::Repository& repository, bool dryRun) {
     const repo::PrunePlan plan = repo::PlanPrune(repository);
     const repo::PruneReport& planned = plan.report;
@@ -77,7 +124,10 @@ Json Prune(Context& context, repo::Repository& repository, bool dryRun) {
                 std::to_string(planned.packsRewritten) + " to rewrite, " + std::to_string(planned.packsKept) +
                 " kept; about " + FormatBytes(static_cast<double>(planned.bytesFreed)) + " to free");
     SayTiers(context, planned, dryRun);
-    if (dryRun) return PruneJson(planned);
+    if (dryRun) {
+        SayHeld(context, planned);
+        return PruneJson(planned, context.options().prices);
+    }
     repo::PruneOptions options;
     options.jobs = context.options().host.jobs;
     options.progress = context.Display();
@@ -86,7 +136,8 @@ Json Prune(Context& context, repo::Repository& repository, bool dryRun) {
                 std::to_string(report.packsDeleted + report.packsUnindexed) + " packs deleted, " +
                 std::to_string(report.packsRewritten) + " rewritten into " + std::to_string(report.packsWritten) +
                 "; " + FormatBytes(static_cast<double>(report.bytesFreed)) + " freed");
-    return PruneJson(report);
+    SayHeld(context, report);
+    return PruneJson(report, context.options().prices);
 }
 
 void AddPruneCommand(CommandTable& table) {
@@ -100,7 +151,8 @@ void AddPruneCommand(CommandTable& table) {
          "the Archive tier cannot be read to rewrite: it is kept whole until nothing in it is used. With --rehydrate "
          "prune first asks for those packs to come back and prunes the rest; with --wait as well it waits until "
          "they are back (asking again every --wait-interval, under a lock that holds up no backup), then rewrites "
-         "them too."},
+         "them too.\n\nPacks the storage holds (a retention set by 'init --immutable-days', or a legal hold) are "
+         "neither deleted nor rewritten: they are kept whole and named, with the latest end of their holds."},
         [options](Context& context) { return RunPruneCommand(context, *options); });
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", options->dryRun, "say what would be removed, remove nothing");
     AddRehydrateChoiceOptions(command, options->rehydrate, "prune");

@@ -25,6 +25,7 @@ public:
     std::vector<StoredObject> List(const std::string& prefix) override;
     void Delete(const std::string& name) override;
     void SetTier(const std::string& name, const std::string& tier, const std::string& priority) override;
+    void SetRetention(const std::string& name, int64_t until) override;
 
     // Bytes written and read through this store, for the commands' figures.
     uint64_t BytesWritten() const { return written_; }

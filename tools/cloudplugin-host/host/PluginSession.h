@@ -48,6 +48,8 @@ private:
 constexpr uint32_t kResultObjectNotFound = 7;
 // ... for an operation the credential is not authorized to do.
 constexpr uint32_t kResultAuthorizationFailed = 8;
+// ... for an object the storage holds (a retention or a legal hold).
+constexpr uint32_t kResultObjectLocked = 26;
 // ... for an object in the Archive tier, which cannot be read until it is
 // rehydrated to an online tier.
 constexpr uint32_t kResultArchived = 49;
@@ -59,6 +61,12 @@ constexpr uint32_t kResultArchived = 49;
 // the rehydrate priority).
 constexpr const char* kAccessTierProperty = "x-ms-access-tier";
 constexpr const char* kArchiveStatusProperty = "x-ms-archive-status";
+// ... and an object's time-based retention (an RFC 1123 date in listings;
+// SetProperty takes "YYYY-MM-DDTHH:MM:SSZ") and legal hold ("true").
+constexpr const char* kImmutableUntilProperty = "x-ms-immutability-policy-until-date";
+constexpr const char* kLegalHoldProperty = "x-ms-legal-hold";
+// ... and when its tier was last set explicitly (RFC 1123), for objects whose tier was.
+constexpr const char* kTierChangeTimeProperty = "x-ms-access-tier-change-time";
 
 // The most one read asks the plug-in for. Each read is a Java array of its
 // size in the plug-in's JVM, so a command's memory follows the reads it has

@@ -42,8 +42,30 @@ ForgetPlan PlanForget(const std::vector<SnapshotInfo>& snapshots, const Retentio
     return plan;
 }
 
-void ApplyForget(Repository& repository, const std::vector<std::string>& snapshots) {
-    for (const std::string& id : snapshots) repository.store().Delete(repository.layout().SnapshotsPrefix() + id);
+std::map<std::string, int64_t> HeldSnapshots(Repository& repository, const std::vector<std::string>& snapshots,
+                                             int64_t now) {
+    std::map<std::string, int64_t> listed;
+    for (const NamedObject& object : repository.ListIds(repository.layout().SnapshotsPrefix())) {
+        if (object.heldUntil > now) listed.emplace(IdHex(object.id), object.heldUntil);
+    }
+    std::map<std::string, int64_t> held;
+    for (const std::string& id : snapshots) {
+        const auto found = listed.find(id);
+        if (found != listed.end()) held.insert(*found);
+    }
+    return held;
+}
+
+std::vector<std::string> ApplyForget(Repository& repository, const std::vector<std::string>& snapshots) {
+    std::vector<std::string> refused;
+    for (const std::string& id : snapshots) {
+        try {
+            repository.store().Delete(repository.layout().SnapshotsPrefix() + id);
+        } catch (const ObjectHeld&) {
+            refused.push_back(id);
+        }
+    }
+    return refused;
 }
 
 }  // namespace qvhost::repo

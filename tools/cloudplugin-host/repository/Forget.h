@@ -3,6 +3,8 @@
 // removed). The data they alone used stays until `prune`.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -29,7 +31,15 @@ struct ForgetPlan {
 ForgetPlan PlanForget(const std::vector<SnapshotInfo>& snapshots, const RetentionPolicy& policy,
                       const SnapshotFilter& filter, unsigned groupBy, const RetentionClock& clock = LocalClock());
 
-// Removes the snapshot objects of the plan. The caller holds the exclusive lock.
-void ApplyForget(Repository& repository, const std::vector<std::string>& snapshots);
+// Of `snapshots`, those the storage holds at `now` (seconds since 1970):
+// their ids and the end of each hold (kHeldIndefinitely: a legal hold).
+// A forget leaves them; a later one, once the hold is over, takes them.
+std::map<std::string, int64_t> HeldSnapshots(Repository& repository, const std::vector<std::string>& snapshots,
+                                             int64_t now);
+
+// Removes the snapshot objects of the plan; answers those the storage
+// refused to delete as held (a hold the listing did not show). The caller
+// holds the exclusive lock.
+std::vector<std::string> ApplyForget(Repository& repository, const std::vector<std::string>& snapshots);
 
 }  // namespace qvhost::repo

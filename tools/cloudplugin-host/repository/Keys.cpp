@@ -124,6 +124,7 @@ Bytes EncodeConfig(const MasterKeys& keys, const RepositoryConfig& config) {
                  {"chunker_maximum", config.chunker.maximum},
                  {"pack_size", config.packSize}};
     if (!config.dataTier.empty()) json["data_tier"] = config.dataTier;
+    if (config.immutableDays != 0) json["immutable_days"] = config.immutableDays;
     const std::string text = json.dump();
     return SealObject(keys, "config", Bytes(text.begin(), text.end()));
 }
@@ -151,6 +152,11 @@ RepositoryConfig DecodeConfig(const MasterKeys& keys, const Bytes& sealed) {
     if (json.contains("data_tier")) {
         config.dataTier = StringMember(json, "data_tier", what);
         if (!IsDataTier(config.dataTier)) Damaged(what + " names a data tier this tool does not know");
+    }
+    if (json.contains("immutable_days")) {
+        const uint64_t days = NumberMember(json, "immutable_days", what);
+        if (days == 0 || days > kMaximumImmutableDays) Damaged(what + " has a retention this tool refuses");
+        config.immutableDays = static_cast<uint32_t>(days);
     }
     return config;
 }

@@ -48,7 +48,15 @@ struct RepositoryConfig {
     // or Archive); empty: they stay where the storage puts them. Keys,
     // config, indexes, snapshots, tree packs and locks stay online.
     std::string dataTier;
+    // Days every pack and snapshot (and the first key object) is kept
+    // unchanged and undeleted by the storage from when it is written (a
+    // time-based retention, where the container has version-level
+    // immutability); 0: none. Index objects are not: see docs/repository.md.
+    uint32_t immutableDays = 0;
 };
+
+// The longest retention a repository sets, in days (100 years).
+constexpr uint32_t kMaximumImmutableDays = 36500;
 
 // The access tiers a repository's data packs may take, and whether `tier`
 // is one of them.

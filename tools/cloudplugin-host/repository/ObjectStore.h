@@ -23,12 +23,21 @@ namespace qvhost::repo {
 // request per object.
 using Properties = std::map<std::string, std::string>;
 
+// The end of a hold that has none (a legal hold, or a retention whose end
+// the storage did not say in a form this tool reads).
+constexpr int64_t kHeldIndefinitely = INT64_MAX;
+
 struct StoredObject {
     std::string name;
     uint64_t size = 0;          // 0 when the storage does not say
     std::string tier;           // "Hot", "Cool", "Cold", "Archive"; empty when the storage does not say
     std::string archiveStatus;  // e.g. "rehydrate-pending-to-hot" while an archived object comes back
-    Properties properties;      // as written
+    int64_t tierSince = 0;      // when its tier was last set (seconds since 1970); 0: not listed
+    // The storage keeps the object unchanged and undeleted until then
+    // (seconds since 1970: a time-based retention; kHeldIndefinitely: a
+    // legal hold); 0: nothing holds it.
+    int64_t heldUntil = 0;
+    Properties properties;  // as written
 };
 
 class ObjectStore {
@@ -51,6 +60,10 @@ public:
     // from the Archive tier an online tier starts a rehydration at
     // `priority` ("Standard" or "High"), which the storage finishes later.
     virtual void SetTier(const std::string& name, const std::string& tier, const std::string& priority) = 0;
+    // Keeps the object unchanged and undeleted until `until` (seconds since
+    // 1970): a time-based retention, where the container has version-level
+    // immutability.
+    virtual void SetRetention(const std::string& name, int64_t until) = 0;
 };
 
 // Reading an object in the Archive tier: nothing of it can be read until it
@@ -80,6 +93,16 @@ class AccessDenied : public Error {
 public:
     AccessDenied(const std::string& operation, const std::string& name, const std::string& detail)
         : Error(ErrorKind::Storage, "the storage refused to " + operation + " " + name + " for this credential" +
+                                        (detail.empty() ? "" : ": " + detail),
+                name) {}
+};
+
+// Deleting an object the storage holds: under a retention not yet over, or
+// a legal hold.
+class ObjectHeld : public Error {
+public:
+    ObjectHeld(const std::string& name, const std::string& detail)
+        : Error(ErrorKind::Storage, "the storage holds " + name + " (a retention or a legal hold)" +
                                         (detail.empty() ? "" : ": " + detail),
                 name) {}
 };

@@ -21,11 +21,42 @@ bool Archived(const PrunePlan& plan, const Id& pack) {
     return tier != plan.tiers.end() && tier->second == kArchiveTier;
 }
 
-// A pack that goes from a tier that charges for leaving it early
-// (EarlyDeletionDays).
+// Packs the storage holds (a retention or a legal hold) cannot be deleted.
+bool Held(const PrunePlan& plan, const Id& pack) { return plan.held.count(pack) != 0; }
+
+// A pack kept whole because it cannot be read or deleted: every blob of it
+// stays indexed, so that a later prune, once it can, sees what it holds
+// unused and rewrites or deletes it.
+void KeepWhole(PrunePlan& plan, const Id& pack, const std::vector<PackEntry>& blobs) {
+    std::vector<PackEntry> every;
+    std::set<Id> indexed;
+    for (const PackEntry& blob : blobs) {
+        if (indexed.insert(blob.id).second) every.push_back(blob);
+    }
+    plan.kept.push_back({pack, std::move(every)});
+    ++plan.report.packsKept;
+}
+
+// A pack held that prune would have deleted or rewritten.
+void CountHeld(PrunePlan& plan, const Id& pack) {
+    ++plan.report.packsHeld;
+    plan.report.heldUntil = std::max(plan.report.heldUntil, plan.held.at(pack));
+}
+
+// A pack that goes from a tier that charges for leaving it before its days
+// there are over (EarlyDeletionDays): counted, with what is left of them.
 void CountEarlyDeletion(PrunePlan& plan, const Id& pack) {
     const auto tier = plan.tiers.find(pack);
-    if (tier != plan.tiers.end() && EarlyDeletionDays(tier->second) > 0) ++plan.report.earlyDeletionTiers[tier->second];
+    if (tier == plan.tiers.end()) return;
+    const int64_t days = EarlyDeletionDays(tier->second);
+    if (days == 0) return;
+    const auto since = plan.tierSince.find(pack);
+    const int64_t spent = since == plan.tierSince.end() ? 0 : std::max<int64_t>(0, plan.now - since->second);
+    const int64_t left = days * 86400 - spent;
+    if (left <= 0) return;
+    ++plan.report.earlyDeletionTiers[tier->second];
+    const double gib = static_cast<double>(plan.stored.at(pack)) / (1024.0 * 1024.0 * 1024.0);
+    plan.report.earlyDeletionGiBMonths[tier->second] += gib * static_cast<double>(left) / (30.0 * 86400);
 }
 
 // What the snapshots need: their trees and every chunk the trees name. A
@@ -137,25 +168,23 @@ void SortPacks(const MasterIndex& index, PrunePlan& plan) {
             ++report.packsKept;
             continue;
         }
+        if (!needed.empty() && needed.size() == offsets.size()) {
+            plan.kept.push_back({pack, needed});
+            ++report.packsKept;
+            continue;
+        }
+        if (Held(plan, pack)) {
+            KeepWhole(plan, pack, blobs);
+            CountHeld(plan, pack);
+            continue;
+        }
         if (needed.empty()) {
             plan.remove.push_back(pack);
             ++report.packsDeleted;
             report.blobsRemoved += offsets.size();
-        } else if (needed.size() == offsets.size()) {
-            plan.kept.push_back({pack, needed});
-            ++report.packsKept;
-            continue;
         } else if (Archived(plan, pack)) {
-            // Its unused blobs stay indexed too: once the pack is back
-            // online, a later prune sees them and rewrites it.
-            std::vector<PackEntry> every;
-            std::set<Id> indexed;
-            for (const PackEntry& blob : blobs) {
-                if (indexed.insert(blob.id).second) every.push_back(blob);
-            }
-            plan.kept.push_back({pack, std::move(every)});
+            KeepWhole(plan, pack, blobs);
             plan.archivedKept.push_back(pack);
-            ++report.packsKept;
             ++report.packsArchivedKept;
             continue;
         } else {
@@ -166,7 +195,9 @@ void SortPacks(const MasterIndex& index, PrunePlan& plan) {
         CountEarlyDeletion(plan, pack);
     }
     for (const auto& [pack, size] : plan.stored) {
-        if (!index.HasPack(pack)) {
+        if (!index.HasPack(pack) && Held(plan, pack)) {
+            CountHeld(plan, pack);  // left for a backup to adopt or a later prune
+        } else if (!index.HasPack(pack)) {
             plan.remove.push_back(pack);
             ++report.packsUnindexed;
             CountEarlyDeletion(plan, pack);
@@ -274,13 +305,16 @@ std::set<std::string> SaveIndex(Repository& repository, const std::vector<Indexe
 
 }  // namespace
 
-PrunePlan PlanPrune(Repository& repository) {
+PrunePlan PlanPrune(Repository& repository, int64_t now) {
     PrunePlan plan;
+    plan.now = now;
     const MasterIndex index = repository.LoadIndex();
     const std::unordered_set<Id, IdHash> used = UsedBlobs(repository, index);
     for (const NamedObject& object : repository.ListIds(repository.layout().DataPrefix())) {
         plan.stored[object.id] = object.size;
         if (!object.tier.empty() && object.tier != "Hot") plan.tiers[object.id] = object.tier;
+        if (object.heldUntil > now) plan.held[object.id] = object.heldUntil;
+        if (object.tierSince > 0) plan.tierSince[object.id] = object.tierSince;
     }
     ChooseKeepers(repository, index, used, plan);
     SortPacks(index, plan);
@@ -293,16 +327,34 @@ PruneReport ExecutePrune(Repository& repository, const PrunePlan& plan, const Pr
     if (plan.Empty()) return report;
     std::vector<IndexedPack> all = plan.kept;
     for (IndexedPack& pack : Rewriter(repository, plan, report).Run(options)) all.push_back(std::move(pack));
-    // The new index first, then the old one goes, then the packs.
+    // The new index first, then the old one goes, then the packs. An old
+    // index object the storage holds still names its packs: then no pack
+    // goes, and a later prune, once the hold is over, deletes them.
     const std::set<std::string> newIndex = SaveIndex(repository, all);
+    bool indexHeld = false;
     for (const std::string& object : plan.indexObjects) {
-        if (!newIndex.count(object)) {
+        if (newIndex.count(object)) continue;
+        try {
             repository.store().Delete(object);
             ++report.indexObjectsReplaced;
+        } catch (const ObjectHeld&) {
+            indexHeld = true;
+            ++report.indexObjectsHeld;
         }
     }
-    for (const Id& pack : plan.rewrite) repository.store().Delete(repository.layout().Pack(pack));
-    for (const Id& pack : plan.remove) repository.store().Delete(repository.layout().Pack(pack));
+    if (indexHeld) {
+        report.packsHeld += plan.rewrite.size() + plan.remove.size();
+        return report;
+    }
+    for (const std::vector<Id>* packs : {&plan.rewrite, &plan.remove}) {
+        for (const Id& pack : *packs) {
+            try {
+                repository.store().Delete(repository.layout().Pack(pack));
+            } catch (const ObjectHeld&) {
+                ++report.packsHeld;  // held since the plan was made: left for a later prune
+            }
+        }
+    }
     return report;
 }
 

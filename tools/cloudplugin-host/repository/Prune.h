@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <set>
 #include <string>
@@ -33,9 +34,19 @@ struct PruneReport {
     uint64_t bytesRewritten = 0;
     size_t indexObjectsReplaced = 0;
     size_t packsArchivedKept = 0;  // partly used but archived: kept whole, as they cannot be read to rewrite
+    // Packs to delete or rewrite that the storage holds (a retention or a
+    // legal hold): kept whole, every blob indexed, for a later prune.
+    size_t packsHeld = 0;
+    int64_t heldUntil = 0;         // the latest end of those holds (kHeldIndefinitely: a legal hold)
+    size_t indexObjectsHeld = 0;   // old index objects the storage refused to delete (then no pack went)
     // Packs deleted (or rewritten) from a tier that charges for deleting
-    // early (Cool 30 days, Cold 90, Archive 180), by tier.
+    // early (Cool 30 days, Cold 90, Archive 180) before their days there
+    // are over, by tier (a pack whose time in the tier is not listed
+    // counts as just moved there) ...
     std::map<std::string, size_t> earlyDeletionTiers;
+    // ... and what Azure charges for them: their GiB times the months
+    // left of their days there, by tier.
+    std::map<std::string, double> earlyDeletionGiBMonths;
 };
 
 // What prune will do: the figures of its report (before any pack is
@@ -48,6 +59,9 @@ struct PrunePlan {
     std::vector<Id> archivedKept;     // partly used but archived: kept whole (PruneReport::packsArchivedKept)
     std::map<Id, uint64_t> stored;    // every stored pack and its size
     std::map<Id, std::string> tiers;  // the stored packs not in the Hot tier (or of no tier listed)
+    std::map<Id, int64_t> held;       // the stored packs the storage holds, and until when
+    std::map<Id, int64_t> tierSince;  // when each stored pack's tier was set, where listed
+    int64_t now = 0;                  // what holds and days in a tier are measured at
     std::map<Id, std::vector<PackEntry>> packBlobs;  // every blob the index names, by pack
     // For each used blob, the one copy kept: its pack and entry.
     std::unordered_map<Id, std::pair<Id, PackEntry>, IdHash> keeper;
@@ -61,7 +75,8 @@ struct PrunePlan {
 
 // Throws Error (damaged), and plans nothing, when a snapshot or an index
 // does not open or a snapshot names data that is nowhere.
-PrunePlan PlanPrune(Repository& repository);
+// `now`: seconds since 1970, what a pack's hold is compared with.
+PrunePlan PlanPrune(Repository& repository, int64_t now = static_cast<int64_t>(std::time(nullptr)));
 // Rewrites, writes the new index, then deletes: a prune that stops anywhere
 // leaves every used blob named by some index. Answers the plan's report
 // with the packs written and the bytes really freed.

@@ -1,6 +1,7 @@
 #include "repository/Repository.h"
 
 #include <algorithm>
+#include <ctime>
 #include <mutex>
 #include <set>
 
@@ -16,6 +17,9 @@ struct Repository::WarningLog {
 };
 
 namespace {
+
+// The end of a retention of `days` days that begins now, in seconds since 1970.
+int64_t RetainedUntil(uint32_t days) { return static_cast<int64_t>(std::time(nullptr)) + int64_t{days} * 86400; }
 
 void RefuseUnknownDataTier(const std::string& tier) {
     if (!tier.empty() && !IsDataTier(tier)) {
@@ -48,11 +52,30 @@ void Repository::Init(ObjectStore& store, const std::string& root, const std::st
     config.packSize = options.packSize;
     RefuseUnknownDataTier(options.dataTier);
     config.dataTier = options.dataTier;
+    if (options.immutableDays > kMaximumImmutableDays) {
+        throw Error(ErrorKind::Usage, "a retention of at most " + std::to_string(kMaximumImmutableDays) + " days");
+    }
+    config.immutableDays = options.immutableDays;
     Key256 keyName = RandomKey();
     const std::string keyText = EncodeKeyObject(keys, password, NewKdfParameters(options.kdfMemory),
                                                 UtcNow("%Y-%m-%dT%H:%M:%SZ"), host);
-    store.Write(layout.KeysPrefix() + ToHex(keyName.data(), 16), reinterpret_cast<const uint8_t*>(keyText.data()),
-                keyText.size());
+    const std::string keyObject = layout.KeysPrefix() + ToHex(keyName.data(), 16);
+    store.Write(keyObject, reinterpret_cast<const uint8_t*>(keyText.data()), keyText.size());
+    if (config.immutableDays != 0) {
+        // The key object is the first kept: a container that cannot keep it
+        // is told now, not by the first backup.
+        try {
+            store.SetRetention(keyObject, RetainedUntil(config.immutableDays));
+        } catch (const Error& refused) {
+            try {
+                store.Delete(keyObject);
+            } catch (const Error&) {
+                // left for a later init to name as a repository that exists
+            }
+            throw Error(ErrorKind::Storage, "the storage refused a retention (does the container have version-level "
+                                            "immutability?): " + std::string(refused.what()));
+        }
+    }
     // The config last: a repository exists once it does.
     const Bytes sealed = EncodeConfig(keys, config);
     store.Write(layout.Config(), sealed.data(), sealed.size());
@@ -107,6 +130,8 @@ std::vector<NamedObject> Repository::ListIds(const std::string& prefix, std::vec
             named.name = object.name;
             named.size = object.size;
             named.tier = object.tier;
+            named.heldUntil = object.heldUntil;
+            named.tierSince = object.tierSince;
             objects.push_back(std::move(named));
         } else if (strays) {
             strays->push_back(object.name);
@@ -175,13 +200,22 @@ std::string Repository::SaveIndex(const std::vector<IndexedPack>& packs, uint64_
     if (written) *written += sealed.size();
     const Id id = Sha256Id(sealed.data(), sealed.size());
     const std::string name = layout_.IndexPrefix() + IdHex(id);
+    // Not retained: every prune writes the index of every pack it keeps, and
+    // a retention on it would hold those packs again each time (repair
+    // index makes it again from the packs, which are retained).
     store_.Write(name, sealed.data(), sealed.size());
     Keep(CachedKind::Index, id, sealed);
     return name;
 }
 
+void Repository::Retain(const std::string& name) {
+    if (config_.immutableDays == 0) return;
+    store_.SetRetention(name, RetainedUntil(config_.immutableDays));
+}
+
 void Repository::WritePack(const PackBuilder::Finished& pack) {
     store_.Write(layout_.Pack(pack.id), pack.bytes.data(), pack.bytes.size());
+    Retain(layout_.Pack(pack.id));
     const bool trees = !pack.entries.empty() && std::all_of(pack.entries.begin(), pack.entries.end(), [](const PackEntry& e) {
         return e.type == BlobType::Tree;
     });
@@ -246,6 +280,7 @@ std::string Repository::SaveSnapshot(Snapshot& snapshot, uint64_t* written) {
     const std::string info = EncodeSnapshotInfo(keys_, InfoOf(snapshot));
     if (!info.empty()) properties[kSnapshotInfoProperty] = info;
     store_.Write(layout_.SnapshotsPrefix() + snapshot.id, sealed.data(), sealed.size(), properties);
+    Retain(layout_.SnapshotsPrefix() + snapshot.id);
     Id id;
     if (IdFromHex(snapshot.id, id)) Keep(CachedKind::Snapshot, id, sealed);
     if (written) *written += sealed.size();

@@ -50,6 +50,7 @@ struct InitOptions {
     uint64_t packSize = 16ull << 20;
     ChunkerParameters chunker;
     std::string dataTier;  // RepositoryConfig::dataTier
+    uint32_t immutableDays = 0;  // RepositoryConfig::immutableDays
 };
 
 // How a repository is opened.
@@ -68,6 +69,8 @@ struct NamedObject {
     std::string name;
     uint64_t size = 0;  // 0 when the listing does not say
     std::string tier;   // the access tier, when the listing says
+    int64_t heldUntil = 0;  // StoredObject::heldUntil
+    int64_t tierSince = 0;  // StoredObject::tierSince
 };
 
 class Repository {
@@ -151,6 +154,8 @@ private:
     // holds it, else from the storage (and then kept).
     Bytes ReadNamed(CachedKind kind, const std::string& name, const Id& id, uint64_t limit);
     void Keep(CachedKind kind, const Id& id, const Bytes& bytes);
+    // The retention the config asks for, set on an object just written.
+    void Retain(const std::string& name);
 
     ObjectStore& store_;
     std::shared_ptr<LocalCache> cache_;

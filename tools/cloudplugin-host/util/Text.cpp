@@ -1,5 +1,6 @@
 #include "util/Text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 
@@ -82,6 +83,27 @@ int64_t ParseUtcTime(const std::string& text) {
 #else
     return static_cast<int64_t>(timegm(&parts));
 #endif
+}
+
+int64_t ParseHttpDate(const std::string& text) {
+    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    std::tm parts{};
+    char weekday[4] = {}, month[4] = {}, zone[4] = {};
+    int used = 0;
+    if (std::sscanf(text.c_str(), "%3[A-Za-z], %2d %3[A-Za-z] %4d %2d:%2d:%2d %3[A-Z]%n", weekday, &parts.tm_mday,
+                    month, &parts.tm_year, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, zone, &used) != 8 ||
+        static_cast<size_t>(used) != text.size() || std::string(zone) != "GMT") {
+        return -1;
+    }
+    const auto found = std::find_if(std::begin(kMonths), std::end(kMonths),
+                                    [&](const char* name) { return std::string(name) == month; });
+    if (found == std::end(kMonths) || parts.tm_mday < 1 || parts.tm_mday > 31) return -1;
+    char iso[32];
+    std::snprintf(iso, sizeof iso, "%04d-%02d-%02dT%02d:%02d:%02dZ", parts.tm_year,
+                  static_cast<int>(found - std::begin(kMonths)) + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
+                  parts.tm_sec);
+    return ParseUtcTime(iso);
 }
 
 std::string Rfc3339Nanos(int64_t nanoseconds) {

@@ -34,6 +34,9 @@ std::string UtcNow(const char* format);
 std::string UtcTimeText(int64_t seconds);
 // UTC time of "YYYY-MM-DDTHH:MM:SSZ" in seconds since 1970; -1 if the text is not one.
 int64_t ParseUtcTime(const std::string& text);
+// UTC time of an HTTP date ("Tue, 01 Dec 2026 00:00:00 GMT", RFC 1123) in
+// seconds since 1970; -1 if the text is not one.
+int64_t ParseHttpDate(const std::string& text);
 
 // RFC 3339 in UTC of nanoseconds since 1970: "2024-03-05T10:20:30.5Z"
 // (the fraction only when there is one, without trailing zeros).

@@ -27,17 +27,33 @@ final class MetadataProjection {
     static final String ARCHIVE_STATUS = "x-ms-archive-status";
     /** The priority of a pending rehydration, High or Standard. */
     static final String REHYDRATE_PRIORITY = "x-ms-rehydrate-priority";
+    /**
+     * The end of the blob's time-based retention (RFC 1123, as the service
+     * reports it); SetObjectMetaData sets it (Set Blob Immutability Policy).
+     */
+    static final String IMMUTABLE_UNTIL = "x-ms-immutability-policy-until-date";
+    /** Beside it: unlocked or locked. */
+    static final String IMMUTABILITY_MODE = "x-ms-immutability-policy-mode";
+    /** true while the blob has a legal hold; SetObjectMetaData sets or clears it (Set Blob Legal Hold). */
+    static final String LEGAL_HOLD = "x-ms-legal-hold";
+    /**
+     * When its tier was last set explicitly (RFC 1123), as the service lists
+     * it for such blobs only: where an early deletion's days are counted from.
+     */
+    static final String TIER_CHANGE_TIME = "x-ms-access-tier-change-time";
 
     /**
      * Properties the service reports on Get Blob Properties (a HEAD) and in
      * listings, not on Get Blob: a read answers them only when it was made
      * with a HEAD (nothing to read, or at or past the end).
      */
-    private static final List<String> TIER_PROPERTIES = List.of(ACCESS_TIER, ARCHIVE_STATUS, REHYDRATE_PRIORITY);
+    private static final List<String> TIER_PROPERTIES =
+        List.of(ACCESS_TIER, ARCHIVE_STATUS, REHYDRATE_PRIORITY, IMMUTABLE_UNTIL, IMMUTABILITY_MODE, LEGAL_HOLD,
+                TIER_CHANGE_TIME);
 
     private static final List<String> SYSTEM_PROPERTIES =
         List.of("content-length", "content-type", "etag", "last-modified", ACCESS_TIER, ARCHIVE_STATUS,
-                REHYDRATE_PRIORITY);
+                REHYDRATE_PRIORITY, IMMUTABLE_UNTIL, IMMUTABILITY_MODE, LEGAL_HOLD, TIER_CHANGE_TIME);
 
     private MetadataProjection() {
     }
@@ -78,14 +94,24 @@ final class MetadataProjection {
 
     /**
      * A listed object's properties: its metadata and the tier, archive
-     * status and rehydrate priority the listing reports (each only when
-     * reported, and never in place of a metadata entry of the same name).
+     * status, rehydrate priority, retention, legal hold and tier change
+     * time the listing reports (each only when reported, and
+     * never in place of a metadata entry of the same name).
      */
     static CPluginMetaData[] listed(BlobPage.Item item) {
         Map<String, String> props = decode(item.metadata);
         putIfReported(props, ACCESS_TIER, item.accessTier);
         putIfReported(props, ARCHIVE_STATUS, item.archiveStatus);
         putIfReported(props, REHYDRATE_PRIORITY, item.rehydratePriority);
+        putIfReported(props, IMMUTABLE_UNTIL, item.immutableUntil);
+        putIfReported(props, IMMUTABILITY_MODE, item.immutabilityMode);
+        putIfReported(props, LEGAL_HOLD, item.legalHold);
+        // Only where leaving the tier early is charged: a listing of the
+        // online tier stays as small as it was (Azurite lists the time for
+        // every blob, the service where a tier was set).
+        if (item.accessTier != null && !item.accessTier.equals("Hot")) {
+            putIfReported(props, TIER_CHANGE_TIME, item.tierChangeTime);
+        }
         return toArray(props);
     }
 
@@ -129,6 +155,51 @@ final class MetadataProjection {
         if (value != null) {
             props.putIfAbsent(name, value);
         }
+    }
+
+    /**
+     * The value of {@value #IMMUTABLE_UNTIL} for SetObjectMetaData: an
+     * RFC 1123 date or an ISO-8601 instant ("2027-01-31T12:00:00Z"),
+     * optionally followed by ";Locked" or ";Unlocked" (the default); answers
+     * the date in RFC 1123 and the mode as the service spells them. A date
+     * in the past is refused: the service would refuse it too.
+     */
+    static String[] parseRetentionValue(String value, java.time.Instant now) throws StorageException {
+        if (value != null) {
+            int semi = value.indexOf(';');
+            String date = (semi < 0 ? value : value.substring(0, semi)).trim();
+            String mode = semi < 0 ? "Unlocked" : value.substring(semi + 1).trim();
+            mode = "Locked".equalsIgnoreCase(mode) ? "Locked" : "Unlocked".equalsIgnoreCase(mode) ? "Unlocked" : null;
+            java.time.Instant until = null;
+            try {
+                until = java.time.ZonedDateTime.parse(date, java.time.format.DateTimeFormatter.RFC_1123_DATE_TIME)
+                    .toInstant();
+            } catch (java.time.format.DateTimeParseException e) {
+                try {
+                    until = java.time.Instant.parse(date);
+                } catch (java.time.format.DateTimeParseException e2) {
+                    until = null;
+                }
+            }
+            if (until != null && mode != null && until.isAfter(now)) {
+                return new String[] {HTTP_DATE.format(until.atZone(java.time.ZoneOffset.UTC)), mode};
+            }
+        }
+        throw new StorageException(ERRORID.INVALID_ARGUMENT,
+                                   IMMUTABLE_UNTIL + " must be a date to come (RFC 1123 or ISO-8601), optionally "
+                                       + "with ;Locked or ;Unlocked");
+    }
+
+    /** An HTTP date as the service writes them: "Tue, 02 Jan 2030 03:04:05 GMT" (a two-digit day). */
+    private static final java.time.format.DateTimeFormatter HTTP_DATE =
+        java.time.format.DateTimeFormatter.ofPattern("EEE, dd MMM yyyy HH:mm:ss 'GMT'", Locale.US);
+
+    /** The value of {@value #LEGAL_HOLD} for SetObjectMetaData: true or false (any case). */
+    static boolean parseLegalHoldValue(String value) throws StorageException {
+        if ("true".equalsIgnoreCase(value) || "false".equalsIgnoreCase(value)) {
+            return Boolean.parseBoolean(value.toLowerCase(Locale.ROOT));
+        }
+        throw new StorageException(ERRORID.INVALID_ARGUMENT, LEGAL_HOLD + " must be true or false");
     }
 
     /**

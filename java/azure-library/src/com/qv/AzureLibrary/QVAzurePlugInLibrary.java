@@ -445,6 +445,13 @@ public class QVAzurePlugInLibrary {
      * any other value gives INVALID_ARGUMENT and nothing is sent. A
      * rehydration from Archive is only begun here (the service answers 202
      * and takes hours); listings and property reads tell where it stands.
+     *
+     * Nor are {@value MetadataProjection#IMMUTABLE_UNTIL} (a time-based
+     * retention: a date to come, RFC 1123 or ISO-8601, optionally ";Locked")
+     * and {@value MetadataProjection#LEGAL_HOLD} (true or false): they set
+     * the blob's immutability policy or legal hold, where its container has
+     * version-level immutability. A bad value gives INVALID_ARGUMENT and
+     * nothing is sent; listings and property reads report both.
      */
     public CErrorValue SetObjectMetaData(String name, String property, String value) {
         return callPlain("SetObjectMetaData", () -> {
@@ -458,6 +465,19 @@ public class QVAzurePlugInLibrary {
                 int status = c.setTier(c.startOperation(), blob, tier[0], tier[1]);
                 LOG.log(Level.FINE, "SetObjectMetaData: {0} to {1}{2}: {3}",
                         new Object[] {blob, tier[0], tier[1] == null ? "" : " (" + tier[1] + ")", status});
+                return ok();
+            }
+            if (property.equalsIgnoreCase(MetadataProjection.IMMUTABLE_UNTIL)) {
+                String[] retention = MetadataProjection.parseRetentionValue(value, java.time.Instant.now());
+                c.setImmutabilityPolicy(c.startOperation(), blob, retention[0], retention[1]);
+                LOG.log(Level.FINE, "SetObjectMetaData: {0} immutable until {1} ({2})",
+                        new Object[] {blob, retention[0], retention[1]});
+                return ok();
+            }
+            if (property.equalsIgnoreCase(MetadataProjection.LEGAL_HOLD)) {
+                boolean hold = MetadataProjection.parseLegalHoldValue(value);
+                c.setLegalHold(c.startOperation(), blob, hold);
+                LOG.log(Level.FINE, "SetObjectMetaData: {0} legal hold {1}", new Object[] {blob, hold});
                 return ok();
             }
             Deadline op = c.startOperation();
@@ -480,9 +500,10 @@ public class QVAzurePlugInLibrary {
     /**
      * One property's value; NOT_FOUND when the object has no property of that
      * name. Besides the object's own metadata the names x-ms-access-tier,
-     * x-ms-archive-status and x-ms-rehydrate-priority give the tier, archive
-     * status and rehydrate priority Get Blob Properties reports, when it
-     * reports them.
+     * x-ms-archive-status, x-ms-rehydrate-priority,
+     * x-ms-immutability-policy-until-date, x-ms-immutability-policy-mode,
+     * x-ms-legal-hold and x-ms-access-tier-change-time give what Get Blob
+     * Properties reports of each, when it reports it.
      */
     public CGetObjectMetaData GetObjectMetaData(String name, String property) {
         return call("GetObjectMetaData", e -> new CGetObjectMetaData(e, null), () -> {
@@ -505,9 +526,12 @@ public class QVAzurePlugInLibrary {
     /**
      * Every object whose name starts with the path (all objects for a null or
      * empty path), with its metadata and, as x-ms-access-tier,
-     * x-ms-archive-status and x-ms-rehydrate-priority, the tier, archive
-     * status and rehydrate priority the listing reports (each only when
-     * reported, and never in place of a metadata entry of the same name).
+     * x-ms-archive-status, x-ms-rehydrate-priority,
+     * x-ms-immutability-policy-until-date, x-ms-immutability-policy-mode,
+     * x-ms-legal-hold and x-ms-access-tier-change-time, the tier, archive
+     * status, rehydrate priority, retention, legal hold and when the tier
+     * was last set that the listing reports (each only when reported, and
+     * never in place of a metadata entry of the same name).
      */
     public CRetGetSubMetaDataList GetObjectSubList(String path) {
         return call("GetObjectSubList", e -> new CRetGetSubMetaDataList(e, null), () -> {

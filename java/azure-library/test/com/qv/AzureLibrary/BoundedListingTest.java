@@ -43,7 +43,9 @@ class BoundedListingTest extends ProxiedAzuriteTest {
     private static byte[] page(FaultProxy.Request r) {
         String marker = r.param("marker");
         int k = marker == null ? 0 : Integer.parseInt(marker.substring(1));
-        boolean meta = "metadata".equals(r.param("include"));
+        String include = r.param("include");
+        boolean meta = include != null && List.of(java.net.URLDecoder.decode(include, StandardCharsets.UTF_8)
+                                                      .split(",")).contains("metadata");
         StringBuilder x = new StringBuilder(PER_PAGE * 260);
         x.append("<?xml version=\"1.0\" encoding=\"utf-8\"?><EnumerationResults ServiceEndpoint=\"http://x/\" "
                  + "ContainerName=\"c\"><MaxResults>5000</MaxResults><Blobs>");

@@ -154,7 +154,7 @@ final class FaultProxy implements AutoCloseable {
     static final class Fault {
         enum Kind {
             STATUS, EARLY_STATUS, NO_CONTINUE, DROP, RESET, DELAY, STALL_BODY, CANNED, SET_REPLY_HEADERS, LOST_ANSWER,
-            CUT_BODY, BEFORE_FORWARD, CORRUPT_REPLY, CORRUPT_REQUEST, GENERATED
+            CUT_BODY, BEFORE_FORWARD, CORRUPT_REPLY, CORRUPT_REQUEST, GENERATED, REWRITE_BODY
         }
 
         final Kind kind;
@@ -171,6 +171,8 @@ final class FaultProxy implements AutoCloseable {
         final java.util.function.Function<Request, byte[]> maker;
         /** Where a cut answer's body stops, in bytes ({@link #cutBodyAfter}); -1: halfway. */
         private long cutAt = -1;
+        /** What a rewritten answer's body becomes ({@link #rewriteBody}). */
+        private java.util.function.BiFunction<Request, String, String> rewriter;
 
         private Fault(Kind kind, int status, String code, long delayMillis, Map<String, String> extra,
                       byte[] body, Runnable action, java.util.function.Function<Request, byte[]> maker) {
@@ -222,6 +224,18 @@ final class FaultProxy implements AutoCloseable {
         static Fault generated(java.util.function.Function<Request, byte[]> body) {
             return new Fault(Kind.GENERATED, 200, null, 0, Map.of("Content-Type", "application/xml"), new byte[0],
                              null, body);
+        }
+
+        /**
+         * Forwards the request and hands back the service's answer with its
+         * body (UTF-8 text, de-chunked) replaced by what {@code rewriter}
+         * makes of it, e.g. a listing with properties the service behind
+         * does not model.
+         */
+        static Fault rewriteBody(java.util.function.BiFunction<Request, String, String> rewriter) {
+            Fault f = new Fault(Kind.REWRITE_BODY, 0, null, 0);
+            f.rewriter = rewriter;
+            return f;
         }
 
         /** Runs {@code action} (say, a write of the object by someone else), then forwards the request. */
@@ -678,6 +692,12 @@ final class FaultProxy implements AutoCloseable {
                 case CORRUPT_REQUEST:
                     req.body[req.body.length / 2] ^= 0x55;
                     break;
+                case REWRITE_BODY:
+                    byte[] rewritten = rewritten(forward(req), req, fault.rewriter);
+                    req.reply = head(rewritten);
+                    out.write(rewritten);
+                    out.flush();
+                    return;
                 case STALL_BODY:
                     byte[] reply = forward(req);
                     int bodyStart = Math.max(headEnd(reply), 0);
@@ -865,6 +885,54 @@ final class FaultProxy implements AutoCloseable {
         head.append("\r\n");
         return concat(head.toString().getBytes(StandardCharsets.ISO_8859_1),
                       java.util.Arrays.copyOfRange(reply, bodyStart, reply.length));
+    }
+
+    /**
+     * The reply with its body replaced by what {@code rewriter} makes of
+     * it: a chunked body is joined first, and the new one goes with its
+     * Content-Length.
+     */
+    private static byte[] rewritten(byte[] reply, Request req,
+                                    java.util.function.BiFunction<Request, String, String> rewriter) {
+        int bodyStart = headEnd(reply);
+        if (bodyStart < 0) {
+            return reply;
+        }
+        byte[] body = java.util.Arrays.copyOfRange(reply, bodyStart, reply.length);
+        if ("chunked".equalsIgnoreCase(header(head(reply), "Transfer-Encoding"))) {
+            body = joinedChunks(body);
+        }
+        byte[] changed = rewriter.apply(req, new String(body, StandardCharsets.UTF_8)).getBytes(StandardCharsets.UTF_8);
+        StringBuilder head = new StringBuilder();
+        for (String line : new String(reply, 0, bodyStart - 4, StandardCharsets.ISO_8859_1).split("\r\n")) {
+            String lower = line.toLowerCase(Locale.ROOT);
+            if (!lower.startsWith("content-length:") && !lower.startsWith("transfer-encoding:")) {
+                head.append(line).append("\r\n");
+            }
+        }
+        head.append("Content-Length: ").append(changed.length).append("\r\n\r\n");
+        return concat(head.toString().getBytes(StandardCharsets.ISO_8859_1), changed);
+    }
+
+    /** The data of a chunked body, its chunks joined. */
+    private static byte[] joinedChunks(byte[] body) {
+        ByteArrayOutputStream out = new ByteArrayOutputStream();
+        int at = 0;
+        while (at < body.length) {
+            int lineEnd = at;
+            while (lineEnd + 1 < body.length && !(body[lineEnd] == '\r' && body[lineEnd + 1] == '\n')) {
+                ++lineEnd;
+            }
+            String size = new String(body, at, lineEnd - at, StandardCharsets.ISO_8859_1);
+            int semi = size.indexOf(';');
+            int n = Integer.parseInt((semi < 0 ? size : size.substring(0, semi)).trim(), 16);
+            if (n == 0) {
+                break;
+            }
+            out.write(body, lineEnd + 2, n);
+            at = lineEnd + 2 + n + 2;
+        }
+        return out.toByteArray();
     }
 
     /** Sends the request to the service on a connection of its own and answers the whole reply. */

@@ -43,7 +43,14 @@ import java.util.function.Predicate;
  * byte in the middle of its body changed, every time (TIMES when given);</li>
  * <li>{@code hold-get:N:FOLDER}: the N-th read of a blob makes FOLDER/held
  * and waits (at most 120 s) until FOLDER/release exists before it is
- * forwarded, so that the test can change the blob in between.</li>
+ * forwarded, so that the test can change the blob in between;</li>
+ * <li>{@code immutability}: version-level immutability, which the service
+ * behind does not model, in front of it: Set Blob Immutability Policy and
+ * Set Blob Legal Hold are answered here and remembered; a delete or an
+ * overwrite of a blob under a retention not yet over, or a legal hold, is
+ * answered 409 BlobImmutableDueToPolicy (or ...LegalHold); listings show
+ * each held blob's ImmutabilityPolicyUntilDate, ImmutabilityPolicyMode and
+ * LegalHold, as the service does.</li>
  * </ul>
  */
 public final class FaultProxyLauncher {
@@ -108,7 +115,10 @@ public final class FaultProxyLauncher {
             + " fault=" + (r.fault == null ? "-" : r.fault.name())
             + " reply=" + (status == null ? "-" : status.replace(' ', '_'))
             + " tier=" + orDash(r.header("x-ms-access-tier"))
-            + " priority=" + orDash(r.header("x-ms-rehydrate-priority"));
+            + " priority=" + orDash(r.header("x-ms-rehydrate-priority"))
+            + " until=" + orDash(r.header("x-ms-immutability-policy-until-date")).replace(' ', '_')
+            + " mode=" + orDash(r.header("x-ms-immutability-policy-mode"))
+            + " legal-hold=" + orDash(r.header("x-ms-legal-hold"));
     }
 
     private static String orDash(String s) {
@@ -157,8 +167,102 @@ public final class FaultProxyLauncher {
                           FaultProxy.Fault.before(() -> hold(folder)));
                 break;
             }
+            case "immutability":
+                new Immutability().install(proxy);
+                break;
             default:
                 throw new IllegalArgumentException("unknown fault " + text);
+        }
+    }
+
+    /** What the immutability fault remembers: each blob's retention and legal hold, by blob name. */
+    private static final class Immutability {
+        private final java.util.Map<String, java.time.ZonedDateTime> until =
+            new java.util.concurrent.ConcurrentHashMap<>();
+        private final java.util.Set<String> legalHolds = java.util.concurrent.ConcurrentHashMap.newKeySet();
+
+        void install(FaultProxy proxy) {
+            proxy.add(r -> isComp(r, "immutabilityPolicies") && remember(r), FaultProxy.ALWAYS,
+                      FaultProxy.Fault.answer(200, new byte[0]));
+            proxy.add(r -> isComp(r, "legalhold") && rememberHold(r), FaultProxy.ALWAYS,
+                      FaultProxy.Fault.answer(200, new byte[0]));
+            proxy.add(r -> changes(r) && legalHolds.contains(blobName(r)), FaultProxy.ALWAYS,
+                      FaultProxy.Fault.status(409, "BlobImmutableDueToLegalHold"));
+            proxy.add(r -> changes(r) && underRetention(blobName(r)), FaultProxy.ALWAYS,
+                      FaultProxy.Fault.status(409, "BlobImmutableDueToPolicy"));
+            proxy.add(FaultProxy.Request::isListBlobs, FaultProxy.ALWAYS,
+                      FaultProxy.Fault.rewriteBody((r, xml) -> withHolds(xml)));
+        }
+
+        private static boolean isComp(FaultProxy.Request r, String comp) {
+            return r.method.equals("PUT") && comp.equals(r.param("comp"));
+        }
+
+        /** A delete, or a write of the whole blob (Put Blob, Put Block List, a metadata or tier change). */
+        private static boolean changes(FaultProxy.Request r) {
+            String comp = r.param("comp");
+            return r.param("restype") == null
+                && (r.method.equals("DELETE")
+                    || (r.method.equals("PUT") && (comp == null || comp.equals("blocklist") || comp.equals("metadata"))));
+        }
+
+        /** The blob a request names: the path after /account/container/, decoded. */
+        private static String blobName(FaultProxy.Request r) {
+            String[] parts = r.path.split("/", 4);
+            return parts.length < 4 ? "" : java.net.URLDecoder.decode(parts[3], StandardCharsets.UTF_8);
+        }
+
+        private boolean remember(FaultProxy.Request r) {
+            String date = r.header("x-ms-immutability-policy-until-date");
+            if (date != null) {
+                until.merge(blobName(r), java.time.ZonedDateTime.parse(date,
+                            java.time.format.DateTimeFormatter.RFC_1123_DATE_TIME),
+                            (a, b) -> a.isAfter(b) ? a : b);
+            }
+            return true;
+        }
+
+        private boolean rememberHold(FaultProxy.Request r) {
+            if ("true".equalsIgnoreCase(r.header("x-ms-legal-hold"))) {
+                legalHolds.add(blobName(r));
+            } else {
+                legalHolds.remove(blobName(r));
+            }
+            return true;
+        }
+
+        private boolean underRetention(String blob) {
+            java.time.ZonedDateTime end = until.get(blob);
+            return end != null && end.toInstant().isAfter(java.time.Instant.now());
+        }
+
+        /** The listing with each held blob's retention and legal hold at the start of its Properties. */
+        private String withHolds(String xml) {
+            StringBuilder out = new StringBuilder();
+            int at = 0;
+            while (true) {
+                int name = xml.indexOf("<Name>", at);
+                int properties = name < 0 ? -1 : xml.indexOf("<Properties>", name);
+                if (properties < 0) {
+                    break;
+                }
+                int nameEnd = xml.indexOf("</Name>", name);
+                String blob = xml.substring(name + "<Name>".length(), nameEnd);
+                int insert = properties + "<Properties>".length();
+                out.append(xml, at, insert);
+                java.time.ZonedDateTime end = until.get(blob);
+                if (end != null) {
+                    out.append("<ImmutabilityPolicyUntilDate>")
+                        .append(java.time.format.DateTimeFormatter.RFC_1123_DATE_TIME.format(end))
+                        .append("</ImmutabilityPolicyUntilDate><ImmutabilityPolicyMode>unlocked"
+                                + "</ImmutabilityPolicyMode>");
+                }
+                if (legalHolds.contains(blob)) {
+                    out.append("<LegalHold>true</LegalHold>");
+                }
+                at = insert;
+            }
+            return out.append(xml.substring(at)).toString();
         }
     }
 

@@ -16,15 +16,28 @@ public final class BlobPage {
         public final String archiveStatus;
         /** RehydratePriority (High or Standard) where the service reports one; else null. */
         public final String rehydratePriority;
+        /** ImmutabilityPolicyUntilDate (RFC 1123, as the service sends it) of a blob under a retention; else null. */
+        public final String immutableUntil;
+        /** ImmutabilityPolicyMode (unlocked, locked) beside it; else null. */
+        public final String immutabilityMode;
+        /** LegalHold (true or false) where the service reports it; else null. */
+        public final String legalHold;
+        /** AccessTierChangeTime (RFC 1123): when the tier was last set explicitly; else null. */
+        public final String tierChangeTime;
 
         Item(String name, long size, Map<String, String> metadata, String accessTier, String archiveStatus,
-             String rehydratePriority) {
+             String rehydratePriority, String immutableUntil, String immutabilityMode, String legalHold,
+             String tierChangeTime) {
             this.name = name;
             this.size = size;
             this.metadata = metadata;
             this.accessTier = accessTier;
             this.archiveStatus = archiveStatus;
             this.rehydratePriority = rehydratePriority;
+            this.immutableUntil = immutableUntil;
+            this.immutabilityMode = immutabilityMode;
+            this.legalHold = legalHold;
+            this.tierChangeTime = tierChangeTime;
         }
     }
 

@@ -554,11 +554,32 @@ public final class BlobRestClient {
         return send(op, r.build()).status;
     }
 
+    /**
+     * Set Blob Immutability Policy: the blob (with version-level
+     * immutability on its container) cannot be changed or deleted before
+     * {@code until}.
+     *
+     * @param until RFC 1123 date, as the service takes it
+     * @param mode  Unlocked (may be shortened or removed later) or Locked
+     */
+    public void setImmutabilityPolicy(Deadline op, String blob, String until, String mode) throws StorageException {
+        send(op, BlobRequest.to("PUT", blobPath(blob)).query("comp=immutabilityPolicies")
+            .header("x-ms-immutability-policy-until-date", until).header("x-ms-immutability-policy-mode", mode)
+            .expect(200).build());
+    }
+
+    /** Set Blob Legal Hold: while it is set the blob cannot be changed or deleted. */
+    public void setLegalHold(Deadline op, String blob, boolean hold) throws StorageException {
+        send(op, BlobRequest.to("PUT", blobPath(blob)).query("comp=legalhold")
+            .header("x-ms-legal-hold", Boolean.toString(hold)).expect(200).build());
+    }
+
     public BlobPage listBlobs(Deadline op, String prefix, String marker, int maxResults, boolean withMetadata)
         throws StorageException {
         StringBuilder q = new StringBuilder("restype=container&comp=list");
         if (withMetadata) {
-            q.append("&include=metadata");
+            // Sorted, as a signature's canonical form lists several values.
+            q.append("&include=immutabilitypolicy,legalhold,metadata");
         }
         if (marker != null && !marker.isEmpty()) {
             q.append("&marker=").append(encodeQueryValue(marker));

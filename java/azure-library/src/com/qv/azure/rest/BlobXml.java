@@ -117,6 +117,10 @@ final class BlobXml {
         String tier = null;
         String archiveStatus = null;
         String priority = null;
+        String immutableUntil = null;
+        String immutabilityMode = null;
+        String legalHold = null;
+        String tierChanged = null;
         Map<String, String> meta = new TreeMap<>();
         String section = null;
         int depth = 0;
@@ -151,6 +155,18 @@ final class BlobXml {
                         case "RehydratePriority":
                             priority = nonEmpty(x.getElementText());
                             break;
+                        case "ImmutabilityPolicyUntilDate":
+                            immutableUntil = nonEmpty(x.getElementText());
+                            break;
+                        case "ImmutabilityPolicyMode":
+                            immutabilityMode = nonEmpty(x.getElementText());
+                            break;
+                        case "LegalHold":
+                            legalHold = nonEmpty(x.getElementText());
+                            break;
+                        case "AccessTierChangeTime":
+                            tierChanged = nonEmpty(x.getElementText());
+                            break;
                         default:
                             skip(x);
                     }
@@ -159,7 +175,8 @@ final class BlobXml {
                 }
             }
         }
-        return new BlobPage.Item(name, size, meta, tier, archiveStatus, priority);
+        return new BlobPage.Item(name, size, meta, tier, archiveStatus, priority, immutableUntil, immutabilityMode,
+                                 legalHold, tierChanged);
     }
 
     /** Skips the element the reader is on, whatever it holds. */
