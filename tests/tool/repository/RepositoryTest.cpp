@@ -1,6 +1,8 @@
 // The repository itself: keys, the password, bounded key derivation, object
 // names that reveal nothing, listings from sealed info.
+#include <cstring>
 #include <ctime>
+#include <set>
 
 #include "repository/RepositoryFixture.h"
 #include "repository/Keys.h"
@@ -78,6 +80,34 @@ TEST_F(RepositoryTest, SnapshotsAreListedFromTheirSealedInfoWithoutBeingRead) {
     ASSERT_EQ(again.size(), 2u);
     EXPECT_EQ(again[0].id, first.snapshot.id);
     EXPECT_EQ(again[0].parent, "");
+}
+
+TEST_F(RepositoryTest, ALargeIndexIsWrittenInPartsThatNeverSplitAPackAndReadBackWhole) {
+    // 250 packs of 1,000 blobs: three objects of at most kBlobsPerIndexObject.
+    std::vector<IndexedPack> packs(250);
+    uint32_t n = 0;
+    for (IndexedPack& pack : packs) {
+        pack.pack[0] = static_cast<uint8_t>(n >> 8), pack.pack[1] = static_cast<uint8_t>(n), pack.pack[2] = 0xA5;
+        pack.blobs.resize(1000);
+        for (PackEntry& blob : pack.blobs) {
+            std::memcpy(blob.id.data(), &n, sizeof n);
+            blob.id[31] = 0x5A;
+            blob.offset = n;
+            blob.length = blob.plainLength = 100;
+            ++n;
+        }
+    }
+    uint64_t written = 0;
+    const std::set<std::string> names = repository_->SaveIndexParts(packs, &written);
+    EXPECT_EQ(names.size(), 3u);
+    EXPECT_GT(written, 250000u * 45);
+    const MasterIndex index = repository_->LoadIndex();
+    EXPECT_EQ(index.BlobCount(), 250000u);
+    EXPECT_EQ(index.packs().size(), 250u) << "no pack split between two objects";
+    for (const std::string& name : names) {
+        EXPECT_LE(DecodeIndex(repository_->keys(), store_.objects().at(name), name).size() * 1000, kBlobsPerIndexObject);
+    }
+    EXPECT_EQ(index.Find(packs[249].blobs[999].id)->entry.offset, 249999u);
 }
 
 }  // namespace

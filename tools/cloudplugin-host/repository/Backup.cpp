@@ -358,7 +358,7 @@ void BackupRun::StoreTree(const Bytes& plain, std::vector<Id>& ids) {
 
 void BackupRun::FinishSnapshot(double seconds) {
     uint64_t written = 0;
-    if (!added_.all().empty() && !options_.dryRun) repository_.SaveIndex(added_.all(), &written);
+    if (!added_.all().empty() && !options_.dryRun) repository_.SaveIndexParts(added_.all(), &written);
     std::sort(report_.skipped.begin(), report_.skipped.end(),
               [](const SkippedEntry& a, const SkippedEntry& b) { return a.relativePath < b.relativePath; });
     report_.bytesProcessed = bytesProcessed_;

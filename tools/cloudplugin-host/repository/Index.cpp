@@ -20,6 +20,11 @@ constexpr uint8_t kTree = 2;
 
 Bytes EncodeIndex(const MasterKeys& keys, const std::vector<IndexedPack>& packs) {
     Bytes plain;
+    // Its size exactly: a vector grown by doubling would hold up to twice
+    // the index while it is written.
+    size_t size = 12;
+    for (const IndexedPack& pack : packs) size += kPackRecord + kBlobRecord * pack.blobs.size();
+    plain.reserve(size);
     ByteWriter writer(plain);
     writer.Raw(reinterpret_cast<const uint8_t*>(kMagic), 8);
     writer.U32(static_cast<uint32_t>(packs.size()));

@@ -25,8 +25,10 @@ namespace qvhost::repo {
 
 // The largest index object read: some 2.5 million blobs (several TiB of data).
 constexpr uint64_t kMaximumIndexSize = 128ull << 20;
-// Blobs per index object written (prune splits larger indexes).
-constexpr size_t kBlobsPerIndexObject = 500000;
+// Blobs per index object written (some 4.5 MB): a backup, a prune or a
+// repair writes larger indexes in parts, so that no more than one part's
+// encoding is in memory at once.
+constexpr size_t kBlobsPerIndexObject = 100000;
 
 struct IdHash {
     size_t operator()(const Id& id) const {

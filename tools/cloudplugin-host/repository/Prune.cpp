@@ -284,25 +284,6 @@ private:
     std::vector<IndexedPack> written_;
 };
 
-// The index of what stays, in objects of at most kBlobsPerIndexObject
-// blobs; answers their names.
-std::set<std::string> SaveIndex(Repository& repository, const std::vector<IndexedPack>& all) {
-    std::set<std::string> names;
-    std::vector<IndexedPack> part;
-    size_t blobs = 0;
-    for (const IndexedPack& pack : all) {
-        if (blobs + pack.blobs.size() > kBlobsPerIndexObject && !part.empty()) {
-            names.insert(repository.SaveIndex(part));
-            part.clear();
-            blobs = 0;
-        }
-        part.push_back(pack);
-        blobs += pack.blobs.size();
-    }
-    if (!part.empty()) names.insert(repository.SaveIndex(part));
-    return names;
-}
-
 }  // namespace
 
 PrunePlan PlanPrune(Repository& repository, int64_t now) {
@@ -330,7 +311,7 @@ PruneReport ExecutePrune(Repository& repository, const PrunePlan& plan, const Pr
     // The new index first, then the old one goes, then the packs. An old
     // index object the storage holds still names its packs: then no pack
     // goes, and a later prune, once the hold is over, deletes them.
-    const std::set<std::string> newIndex = SaveIndex(repository, all);
+    const std::set<std::string> newIndex = repository.SaveIndexParts(all);
     bool indexHeld = false;
     for (const std::string& object : plan.indexObjects) {
         if (newIndex.count(object)) continue;

@@ -52,25 +52,6 @@ VerifiedPacks VerifyPacks(Repository& repository, const std::vector<NamedObject>
     return result;
 }
 
-// New index objects of at most kBlobsPerIndexObject blobs each (a pack is
-// never split); answers their names.
-std::set<std::string> WriteIndex(Repository& repository, const std::vector<IndexedPack>& packs) {
-    std::set<std::string> written;
-    std::vector<IndexedPack> batch;
-    size_t blobs = 0;
-    for (const IndexedPack& pack : packs) {
-        if (!batch.empty() && blobs + pack.blobs.size() > kBlobsPerIndexObject) {
-            written.insert(repository.SaveIndex(batch));
-            batch.clear();
-            blobs = 0;
-        }
-        batch.push_back(pack);
-        blobs += pack.blobs.size();
-    }
-    if (!batch.empty()) written.insert(repository.SaveIndex(batch));
-    return written;
-}
-
 }  // namespace
 
 RepairIndexReport RepairIndex(Repository& repository, const RepairIndexOptions& options) {
@@ -81,7 +62,7 @@ RepairIndexReport RepairIndex(Repository& repository, const RepairIndexOptions& 
     report.bytesRead = verified.bytesRead;
     report.packsIndexed = verified.packs.size();
     for (const IndexedPack& pack : verified.packs) report.blobsIndexed += pack.blobs.size();
-    const std::set<std::string> written = WriteIndex(repository, verified.packs);
+    const std::set<std::string> written = repository.SaveIndexParts(verified.packs);
     report.indexObjectsWritten = written.size();
     // Only once every new index object is stored do the old ones go.
     for (const NamedObject& object : old) {

@@ -208,6 +208,23 @@ std::string Repository::SaveIndex(const std::vector<IndexedPack>& packs, uint64_
     return name;
 }
 
+std::set<std::string> Repository::SaveIndexParts(const std::vector<IndexedPack>& packs, uint64_t* written) {
+    std::set<std::string> names;
+    std::vector<IndexedPack> part;
+    size_t blobs = 0;
+    for (const IndexedPack& pack : packs) {
+        if (!part.empty() && blobs + pack.blobs.size() > kBlobsPerIndexObject) {
+            names.insert(SaveIndex(part, written));
+            part.clear();
+            blobs = 0;
+        }
+        part.push_back(pack);
+        blobs += pack.blobs.size();
+    }
+    if (!part.empty()) names.insert(SaveIndex(part, written));
+    return names;
+}
+
 void Repository::Retain(const std::string& name) {
     if (config_.immutableDays == 0) return;
     store_.SetRetention(name, RetainedUntil(config_.immutableDays));

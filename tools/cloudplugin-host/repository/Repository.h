@@ -20,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -109,6 +110,9 @@ public:
     // Writes an index object of the packs; answers its name (and adds the
     // bytes written to `written`).
     std::string SaveIndex(const std::vector<IndexedPack>& packs, uint64_t* written = nullptr);
+    // The same in objects of at most kBlobsPerIndexObject blobs each (a
+    // pack is never split); answers their names.
+    std::set<std::string> SaveIndexParts(const std::vector<IndexedPack>& packs, uint64_t* written = nullptr);
     // A pack of data blobs goes on to the config's data tier.
     void WritePack(const PackBuilder::Finished& pack);
     // Changes the tier of the data packs written from now on (empty: none);
