@@ -6,7 +6,10 @@
 #                            storage; sets AZURITE_PID and AZURITE_PORT
 #                            (with AZURITE_TIME_LIMIT set, e.g. 4h, it ends by
 #                            itself after that long; AZURITE_PID is then the
-#                            pid of the `timeout` that runs it)
+#                            pid of the `timeout` that runs it; with
+#                            AZURITE_MEMORY_MB set, its in-memory store may
+#                            hold that many MiB instead of half the machine's
+#                            memory)
 #   azurite_stop             stops it
 #   azurite_connection NAME  the connection string of its development account
 #                            for container NAME
@@ -44,15 +47,16 @@ azurite_free_port() {
 # Another process may take the port between the check and Azurite's start;
 # Azurite then ends at once, and it is started again on another port.
 azurite_start() {
-  local folder executable port limit=()
+  local folder executable port limit=() memory=()
   folder="$(realpath -m "$1")"
   executable="$(realpath "$(azurite_executable)")"
   mkdir -p "$folder"
   [ -n "${AZURITE_TIME_LIMIT:-}" ] && limit=(timeout "$AZURITE_TIME_LIMIT")
+  [ -n "${AZURITE_MEMORY_MB:-}" ] && memory=(--extentMemoryLimit "$AZURITE_MEMORY_MB")
   for _ in 1 2 3; do
     port=$(azurite_free_port) || break
     (cd "$folder" && exec "${limit[@]}" "$executable" --blobHost 127.0.0.1 --blobPort "$port" \
-      --inMemoryPersistence --disableTelemetry --skipApiVersionCheck --silent) </dev/null >"$folder/azurite.log" 2>&1 &
+      --inMemoryPersistence "${memory[@]}" --disableTelemetry --skipApiVersionCheck --silent) </dev/null >"$folder/azurite.log" 2>&1 &
     AZURITE_PID=$!
     AZURITE_PORT=$port
     for _ in $(seq 1 600); do
