@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "repository/Crypto.h"
+#include "repository/CryptoBackend.h"
 #include "support/TempFolder.h"
 
 namespace repo = qvhost::repo;
@@ -364,10 +365,20 @@ TEST(Sha256Id, MatchesTheFipsVectors) {
 // RFC 7914 §12, the two vectors that run quickly. Their salts are shorter than DeriveKey accepts, so they go
 // through the unbounded entry; DeriveKey's agreement with it is checked below.
 TEST(Scrypt, MatchesRfc7914Vectors) {
-    const Bytes empty = repo::detail::ScryptUnbounded("", nullptr, 0, 16, 1, 1, 64);
-    EXPECT_EQ(repo::ToHex(empty.data(), empty.size()),
-              "77d6576238657b203b19ca42c18a0497f16b4844e3074ae8dfdffa3fede21442"
-              "fcd0069ded0948f8326a753a0fc81f17e8d3e0fb2e0d3628cf35e20c38d18906");
+    // libgcrypt's scrypt has r = 8 fixed: the Windows build refuses the vector with r = 1 by name.
+    if (std::string(repo::detail::kCryptoLibrary) == "libgcrypt") {
+        EXPECT_THROW(repo::detail::ScryptUnbounded("", nullptr, 0, 16, 1, 1, 64), std::invalid_argument);
+    } else {
+        const Bytes empty = repo::detail::ScryptUnbounded("", nullptr, 0, 16, 1, 1, 64);
+        EXPECT_EQ(repo::ToHex(empty.data(), empty.size()),
+                  "77d6576238657b203b19ca42c18a0497f16b4844e3074ae8dfdffa3fede21442"
+                  "fcd0069ded0948f8326a753a0fc81f17e8d3e0fb2e0d3628cf35e20c38d18906");
+    }
+    const Bytes sodium = BytesOf("SodiumChloride");
+    const Bytes chloride = repo::detail::ScryptUnbounded("pleaseletmein", sodium.data(), sodium.size(), 16384, 8, 1, 64);
+    EXPECT_EQ(repo::ToHex(chloride.data(), chloride.size()),
+              "7023bdcb3afd7348461c06cd81fd38ebfda8fbba904f8e3ea9b543f6545da1f2"
+              "d5432955613f0fcf62d49705242a9af9e61e85dc0d651e40dfcf017b45575887");
     const Bytes salt = BytesOf("NaCl");
     const Bytes nacl = repo::detail::ScryptUnbounded("password", salt.data(), salt.size(), 1024, 8, 16, 64);
     EXPECT_EQ(repo::ToHex(nacl.data(), nacl.size()),
