@@ -153,7 +153,7 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     backup.dryRun = options.dryRun;
     backup.listReads = options.dryRun || context.options().verbose > 0;
     backup.progress = context.Display();
-    const double pluginBefore = context.Session().PluginSeconds();
+    const double pluginBefore = context.PluginSeconds();
     const repo::BackupReport report = Back(context, repository, *chosen.source, options, backup);
     Json excluded = Json::object();
     if (chosen.excludes) ReportExcluded(context, *chosen.excludes, options.dryRun, excluded);
@@ -163,7 +163,7 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     const Json skipped = ReportSkipped(context, report.skipped);
     const double seconds = report.snapshot.summary.value("seconds", 0.0);
     SaySummary(context, report, options.dryRun, seconds);
-    context.SayPluginShare(context.Session().PluginSeconds() - pluginBefore, seconds, backup.jobs);
+    context.SayPluginShare(context.PluginSeconds() - pluginBefore, seconds, backup.jobs);
     CommandResult result;
     result.summarised = true;
     result.status = report.Unreadable() && !options.skipUnreadable ? kExitIncomplete : kExitOk;

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "host/PluginObjectStore.h"
+#include "local/FolderObjectStore.h"
 #include "host/PluginSession.h"
 #include "util/Text.h"
 
@@ -32,10 +33,17 @@ PluginSession& Context::VerifyingSession() {
     return Session();
 }
 
-repo::PluginObjectStore& Context::Store() {
-    if (!store_) store_ = std::make_unique<repo::PluginObjectStore>(VerifyingSession());
+repo::ObjectStore& Context::Store() {
+    if (store_) return *store_;
+    if (!options_.folder.empty()) {
+        store_ = std::make_unique<repo::FolderObjectStore>(options_.folder);
+    } else {
+        store_ = std::make_unique<repo::PluginObjectStore>(VerifyingSession());
+    }
     return *store_;
 }
+
+double Context::PluginSeconds() { return options_.folder.empty() ? Session().PluginSeconds() : 0.0; }
 
 std::optional<StorageTraffic> Context::Traffic() const {
     return runtime_ ? runtime_->Traffic() : std::nullopt;
@@ -63,6 +71,7 @@ void Context::Warn(const std::string& text) const {
 }
 
 void Context::SayPluginShare(double pluginSeconds, double seconds, unsigned jobs) const {
+    if (!options_.folder.empty()) return;
     char line[160];
     std::snprintf(line, sizeof line,
                   "inside the plug-in (with the JVM and the storage service): %.1f s of thread time, "

@@ -21,7 +21,7 @@
 namespace qvhost {
 class PluginSession;
 namespace repo {
-class PluginObjectStore;
+class ObjectStore;
 }
 }  // namespace qvhost
 
@@ -33,6 +33,7 @@ struct GlobalOptions {
     std::string repo = "cloudplugin-host";  // -r, --repo: the prefix of every object name
     std::string password;                   // CLOUDPLUGIN_PASSWORD or --password-file
     int64_t lockWaitSeconds = 0;
+    std::string folder;    // --folder: the repository in this local folder, not the storage
     std::string cacheDir;  // --cache-dir; empty: LocalCache::DefaultRoot()
     bool noCache = false;  // --no-cache
     std::string pricesFile;               // --prices FILE, else $CLOUDPLUGIN_PRICES
@@ -76,7 +77,11 @@ public:
     // MD5 pass over whole-object reads is turned off, as it would only cost
     // (about 1.7 s of CPU a GiB) and prove nothing more.
     PluginSession& VerifyingSession();
-    repo::PluginObjectStore& Store();
+    // The repository's objects: in the local folder of --folder, else in
+    // the storage through the verifying session.
+    repo::ObjectStore& Store();
+    // Thread time spent in plug-in calls so far (0 with --folder).
+    double PluginSeconds();
     // What the command's requests to the storage were; none when it made
     // none (the plug-in never started).
     std::optional<StorageTraffic> Traffic() const;
@@ -100,7 +105,7 @@ private:
     std::unique_ptr<HostRuntime> runtime_;
     std::unique_ptr<PluginSession> session_;
     bool callerVerifiesReads_ = false;
-    std::unique_ptr<repo::PluginObjectStore> store_;
+    std::unique_ptr<repo::ObjectStore> store_;
 };
 
 using Runner = std::function<CommandResult(Context& context)>;

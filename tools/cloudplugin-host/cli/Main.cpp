@@ -76,6 +76,10 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
            "wait up to AGE for a lock another process holds (30s, 10m; default: 0)")
         ->type_name("AGE")
         ->group(group);
+    app.add_option("--folder", options.folder,
+                   "keep the repository in this local folder instead of the storage (no plug-in, no JVM)")
+        ->type_name("DIR")
+        ->group(group);
     app.add_option("--cache-dir", options.cacheDir,
                    "the local cache of index, snapshot and tree objects (default: $CLOUDPLUGIN_CACHE_DIR, else "
                    "$XDG_CACHE_HOME/cloudplugin-host, else ~/.cache/cloudplugin-host)")

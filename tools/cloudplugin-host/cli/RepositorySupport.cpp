@@ -27,7 +27,10 @@ repo::Repository OpenRepository(Context& context, LocalCacheUse cacheUse) {
     RefuseArchivingConnection(context);
     repo::RepositoryOptions options;
     options.warn = [&context](const std::string& text) { context.Warn("warning: " + Printable(text)); };
-    if (cacheUse == LocalCacheUse::Use && !context.options().noCache) options.cacheRoot = CacheRoot(context.options());
+    // A repository in a local folder is read from the disk anyway: no cache.
+    if (cacheUse == LocalCacheUse::Use && !context.options().noCache && context.options().folder.empty()) {
+        options.cacheRoot = CacheRoot(context.options());
+    }
     return repo::Repository(context.Store(), context.options().repo, context.options().password, std::move(options));
 }
 

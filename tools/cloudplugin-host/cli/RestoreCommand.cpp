@@ -116,7 +116,7 @@ CommandResult RunRestore(Context& context, const RestoreCommandOptions& options)
     DestinationOptions destinationOptions = options.destination_;
     destinationOptions.overwrite = restore.overwrite != repo::OverwriteMode::Never;
     Destination destination(options.destination, destinationOptions);
-    const double pluginBefore = context.Session().PluginSeconds();
+    const double pluginBefore = context.PluginSeconds();
     const repo::RestoreReport report = repo::RunRestore(repository, index, snapshot, &destination, restore);
     const Json damaged = ReportDamaged(context, report.damaged);
     ReportSetIdDropped(context, report.setIdDropped);
@@ -128,7 +128,7 @@ CommandResult RunRestore(Context& context, const RestoreCommandOptions& options)
                 (report.damaged.empty() ? "" : "; " + std::to_string(report.damaged.size()) + " damaged"));
     SayChoices(context, report);
     const Json mismatched = ReportMismatched(context, report.mismatched);
-    context.SayPluginShare(context.Session().PluginSeconds() - pluginBefore, report.seconds, restore.jobs);
+    context.SayPluginShare(context.PluginSeconds() - pluginBefore, report.seconds, restore.jobs);
     return ResultOf(snapshot.id, subPath, report, damaged, mismatched);
 }
 

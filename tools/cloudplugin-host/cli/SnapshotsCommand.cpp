@@ -49,9 +49,12 @@ CommandResult RunSnapshots(Context& context, const SnapshotsOptions& options) {
     }
     // Backups of the version 2 layout are listed by their own command; a
     // line says that there are some.
-    const legacy::Context legacy{
-        context.VerifyingSession(), {context.options().repo}, context.options().host.jobs, nullptr, {}};
-    const size_t older = legacy::ListBackups(legacy).size();
+    size_t older = 0;
+    if (context.options().folder.empty()) {
+        const legacy::Context legacy{
+            context.VerifyingSession(), {context.options().repo}, context.options().host.jobs, nullptr, {}};
+        older = legacy::ListBackups(legacy).size();
+    }
     if (older) {
         context.Say(std::to_string(older) + " backups of the version 2 layout: 'cloudplugin-host legacy list'");
     }

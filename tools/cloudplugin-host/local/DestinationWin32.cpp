@@ -6,6 +6,7 @@
 // it is on POSIX; the destination should not be shared with untrusted
 // writers while a restore runs.
 #include <windows.h>
+#include <sddl.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "local/Destination.h"
+#include "local/LocalEntry.h"
 #include "util/Text.h"
 #include "util/Error.h"
 
@@ -85,10 +87,46 @@ void MoveIntoPlace(const std::string& from, const std::string& to, bool replace)
     }
 }
 
+// What Windows keeps of an entry beyond its content and time: the
+// attributes and the DACL a Windows backup recorded (local/LocalEntry.h).
+// Extended attributes of other systems, and a DACL Windows refuses, are
+// noted as not kept.
+void KeepWindowsMetadata(Destination& destination, const std::string& shown, const repo::Node& node) {
+    const std::wstring path = WidePath(shown);
+    for (const repo::Xattr& xattr : node.xattrs) {
+        if (xattr.name == localentry::kWindowsAttributesXattr) {
+            const unsigned long kept = std::strtoul(xattr.value.c_str(), nullptr, 16) &
+                                       (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
+                                        FILE_ATTRIBUTE_ARCHIVE);
+            const DWORD now = GetFileAttributesW(path.c_str());
+            const DWORD wanted = (now & FILE_ATTRIBUTE_DIRECTORY) | (kept ? kept : FILE_ATTRIBUTE_NORMAL);
+            if (now == INVALID_FILE_ATTRIBUTES || !SetFileAttributesW(path.c_str(), wanted)) {
+                destination.Note("not kept for " + shown + ": its attributes (error " + std::to_string(GetLastError()) +
+                                 ")");
+            }
+        } else if (xattr.name == localentry::kWindowsSecurityXattr) {
+            PSECURITY_DESCRIPTOR descriptor = nullptr;
+            const std::wstring text = PathOf(xattr.value).wstring();
+            const bool kept =
+                ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1, &descriptor,
+                                                                     nullptr) &&
+                SetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, descriptor);
+            const DWORD error = GetLastError();
+            if (descriptor) LocalFree(descriptor);
+            if (!kept) destination.Note("not kept for " + shown + ": its access control list (error " +
+                                        std::to_string(error) + ")");
+        } else {
+            destination.Note("not kept for " + shown + ": its extended attribute " + Printable(xattr.name) +
+                             " (Windows has none)");
+        }
+    }
+}
+
 class Win32RestoredFile : public repo::RestoredFile {
 public:
-    Win32RestoredFile(std::string temporary, std::string shown, bool overwrite)
-        : temporary_(std::move(temporary)), shown_(std::move(shown)), overwrite_(overwrite) {
+    Win32RestoredFile(Destination& destination, std::string temporary, std::string shown, bool overwrite)
+        : destination_(destination), temporary_(std::move(temporary)), shown_(std::move(shown)),
+          overwrite_(overwrite) {
         file_ = CreateFileW(WidePath(temporary_).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
                             nullptr);
         if (file_ == INVALID_HANDLE_VALUE) Fail("create a file for", shown_);
@@ -121,9 +159,11 @@ public:
         if (!closed) Fail("write", shown_);
         MoveIntoPlace(temporary_, shown_, overwrite_);
         committed_ = true;
+        KeepWindowsMetadata(destination_, shown_, node);
     }
 
 private:
+    Destination& destination_;
     std::string temporary_;
     std::string shown_;
     bool overwrite_;
@@ -166,12 +206,13 @@ std::unique_ptr<repo::RestoredFile> Destination::MakeFile(const std::string& rel
     std::string leaf;
     std::string shown;
     const std::string folder = ParentOf(root_, relativePath, true, leaf, shown);
-    return std::make_unique<Win32RestoredFile>(JoinPath(folder, TemporaryName(leaf)), shown, options_.overwrite);
+    return std::make_unique<Win32RestoredFile>(*this, JoinPath(folder, TemporaryName(leaf)), shown, options_.overwrite);
 }
 
 void Destination::MakeFolder(const std::string& relativePath, const repo::Node& node) {
     if (relativePath.empty()) {
         if (!node.implicit) SetModifiedNs(root_, node.modifiedNs);
+        if (!node.implicit) KeepWindowsMetadata(*this, root_, node);
         return;
     }
     std::string leaf;
@@ -182,6 +223,7 @@ void Destination::MakeFolder(const std::string& relativePath, const repo::Node& 
     }
     if (AttributesOf(shown) & FILE_ATTRIBUTE_REPARSE_POINT) Refuse(shown, "it is a link or junction");
     if (!node.implicit) SetModifiedNs(shown, node.modifiedNs);
+    if (!node.implicit) KeepWindowsMetadata(*this, shown, node);
 }
 
 void Destination::MakeLink(const std::string& relativePath, const repo::Node& node) {

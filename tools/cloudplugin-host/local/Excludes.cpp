@@ -1,10 +1,11 @@
 #include "local/Excludes.h"
 
-#include <sys/stat.h>
 
 #include <cctype>
 #include <cstdlib>
 
+#include "local/LocalEntry.h"
+#include "local/LocalFiles.h"
 #include "util/Error.h"
 #include "util/Text.h"
 
@@ -63,10 +64,11 @@ void AddPatterns(PatternList& list, const std::vector<std::string>& patterns, bo
 // Whether the file starts with `header` (an empty header: whether it exists
 // at all, of any kind). A link is not followed.
 bool TagFileMatches(const std::string& path, const std::string& header) {
-    struct stat info;
-    if (lstat(path.c_str(), &info) != 0) return false;
+    localentry::EntryStatus status;
+    std::string error;
+    if (!localentry::StatusOf(path, status, error)) return false;
     if (header.empty()) return true;
-    if (!S_ISREG(info.st_mode)) return false;
+    if (!status.isFile) return false;
     try {
         InputFile file(path);
         std::string start(header.size(), '\0');
@@ -106,8 +108,9 @@ Excludes::Excludes(const ExcludeOptions& options, const std::string& root)
         }
         tags_.push_back(std::move(tag));
     }
-    struct stat info;
-    if (oneFileSystem_ && stat(root_.c_str(), &info) == 0) rootDevice_ = static_cast<uint64_t>(info.st_dev);
+    localentry::EntryStatus top;
+    std::string error;
+    if (oneFileSystem_ && localentry::StatusOf(root_, top, error)) rootDevice_ = top.device;
 }
 
 ScanChoice Excludes::Judge(const ScanCandidate& entry) {
@@ -147,16 +150,17 @@ bool Excludes::ParentTagged(const ScanCandidate& entry) {
 // Another file system: a folder there (a mount point) is kept empty and
 // not listed, as tar and restic do; any other entry is left out.
 ScanChoice Excludes::JudgeByStatus(const ScanCandidate& entry) {
-    struct stat info;
-    if (lstat(entry.path.c_str(), &info) != 0) return ScanChoice::Keep;  // the scan reports it
-    if (oneFileSystem_ && static_cast<uint64_t>(info.st_dev) != rootDevice_) {
-        if (S_ISDIR(info.st_mode)) {
+    localentry::EntryStatus status;
+    std::string error;
+    if (!localentry::StatusOf(entry.path.u8string(), status, error)) return ScanChoice::Keep;  // the scan reports it
+    if (oneFileSystem_ && status.device != rootDevice_) {
+        if (status.isFolder) {
             excluded_.push_back({entry.relativePath, "another file system: kept as an empty folder"});
             return ScanChoice::KeepEmpty;
         }
         return Exclude(entry, "on another file system");
     }
-    if (largerThan_ && S_ISREG(info.st_mode) && static_cast<uint64_t>(info.st_size) > largerThan_) {
+    if (largerThan_ && status.isFile && status.size > largerThan_) {
         return Exclude(entry, "larger than " + FormatBytes(static_cast<double>(largerThan_)));
     }
     return ScanChoice::Keep;

@@ -1,6 +1,8 @@
 #include "local/FilesFrom.h"
 
+#ifndef _WIN32
 #include <glob.h>
+#endif
 
 #include <cerrno>
 #include <cstring>
@@ -16,7 +18,11 @@ namespace qvhost {
 namespace {
 
 // The paths a glob names, sorted; the glob itself when it names none.
+// Windows has no glob(3): there a line is taken as it stands.
 std::vector<std::string> Expand(const std::string& pattern) {
+#ifdef _WIN32
+    return {pattern};
+#else
     glob_t matches{};
     std::vector<std::string> paths;
     if (glob(pattern.c_str(), GLOB_NOCHECK, nullptr, &matches) == 0) {
@@ -26,6 +32,7 @@ std::vector<std::string> Expand(const std::string& pattern) {
     }
     globfree(&matches);
     return paths;
+#endif
 }
 
 }  // namespace

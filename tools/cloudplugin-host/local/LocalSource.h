@@ -5,16 +5,10 @@
 // by the path's absolute components, each with its own metadata, and only
 // the given paths are read whole.
 //
-// Every entry is read with lstat (a link is never followed) and keeps what
-// a restore needs to give it back: kind, mode, times, owner and group (ids
-// and names), size, inode and device (hard links, changes), link counts,
-// the link's text, device numbers, whether a file is sparse, and its
-// extended attributes (POSIX ACLs among them) up to kMaximumXattrBytes.
-// Sockets are left out with a line; names a restore would refuse are
-// reported as not backed up.
+// Each entry is read as local/LocalEntry.h says (on POSIX with lstat: a
+// link is never followed) with what a restore needs to give it back.
+// The Windows build takes one folder.
 #pragma once
-
-#include <sys/stat.h>
 
 #include <map>
 #include <memory>
@@ -22,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "local/LocalEntry.h"
 #include "local/LocalFiles.h"
 #include "repository/Source.h"
 
@@ -53,23 +48,12 @@ private:
     repo::Listing ListReal(const std::string& folder);
     bool Filtered(const std::string& full, const std::string& relative);
     repo::Listing ListWay(const std::string& folder);
-    // Fills `node` from the entry at `full`; answers false (with the reason
-    // in `listing`) when it is left out.
-    bool ReadNode(const std::string& full, const std::string& relative, repo::Node& node, repo::Listing& listing);
-    static void FillFromStatus(const struct stat& info, repo::Node& node);
-    // The link's text; false (with the reason in `listing`) when it cannot
-    // be read or a restore would refuse it.
-    static bool ReadLink(const std::string& full, const std::string& relative, const struct stat& info,
-                         repo::Node& node, repo::Listing& listing);
-    void ReadOwner(repo::Node& node);
-    void ReadXattrs(const std::string& full, const std::string& relative, repo::Node& node, repo::Listing& listing);
 
     std::vector<std::string> paths_;  // absolute, sorted, none beneath another
     std::string root_;                // one folder: the tree's root; else "" ("/" is the root)
     std::set<std::string> given_;     // several paths: each given path, relative to "/"
     std::set<std::string> way_;       // ... and every folder on the way to one
-    std::map<uint32_t, std::string> users_;
-    std::map<uint32_t, std::string> groups_;
+    localentry::EntryReader entries_;
     ScanFilter filter_;
     std::set<std::string> keptEmpty_;  // folders the filter keeps without their entries
 };

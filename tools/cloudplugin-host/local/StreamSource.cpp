@@ -1,11 +1,16 @@
 #include "local/StreamSource.h"
 
 #include <fcntl.h>
+#ifdef _WIN32
+#include <io.h>
+#else
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -13,7 +18,9 @@
 #include "util/Error.h"
 #include "util/PathRules.h"
 
+#ifndef _WIN32
 extern char** environ;
+#endif
 
 namespace qvhost {
 
@@ -41,6 +48,7 @@ private:
     StreamSource& source_;
 };
 
+#ifndef _WIN32
 // Waits for the child, through signals that interrupt the wait; answers
 // waitpid's result.
 pid_t WaitFor(pid_t child, int& status) {
@@ -49,6 +57,7 @@ pid_t WaitFor(pid_t child, int& status) {
     }
     return ended;
 }
+#endif
 
 std::string Joined(const std::vector<std::string>& words) {
     std::string text;
@@ -62,11 +71,19 @@ StreamSource::StreamSource(const std::string& name)
     : name_(CheckedName(name)),
       startedNs_(std::chrono::duration_cast<std::chrono::nanoseconds>(
                      std::chrono::system_clock::now().time_since_epoch())
-                     .count()) {}
+                     .count()) {
+#ifdef _WIN32
+    _setmode(fd_, _O_BINARY);  // the stream's bytes as they are, no text translation
+#endif
+}
 
 StreamSource::StreamSource(const std::string& name, const std::vector<std::string>& command) : StreamSource(name) {
     if (command.empty()) throw Error(ErrorKind::Usage, "--stdin-from-command needs a command after --");
     commandText_ = Joined(command);
+#ifdef _WIN32
+    throw Error(ErrorKind::Usage, "--stdin-from-command is not built in the Windows build: pipe the command's "
+                                  "output into --stdin instead");
+#else
     int pipeEnds[2];
     if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
         throw Error(ErrorKind::SourceFailed, "cannot start " + commandText_ + ": " + ErrnoText());
@@ -86,9 +103,11 @@ StreamSource::StreamSource(const std::string& name, const std::vector<std::strin
         throw Error(ErrorKind::SourceFailed, "cannot start " + commandText_ + ": " + std::strerror(failed));
     }
     fd_ = pipeEnds[0];
+#endif
 }
 
 StreamSource::~StreamSource() {
+#ifndef _WIN32
     if (child_ > 0) {
         // The backup stopped before the end of the stream: the command is
         // not waited for to the end of its output.
@@ -97,6 +116,7 @@ StreamSource::~StreamSource() {
         int status = 0;
         WaitFor(child_, status);
     }
+#endif
 }
 
 repo::Listing StreamSource::List(const std::string& folder) {
@@ -128,7 +148,12 @@ std::unique_ptr<repo::SourceReader> StreamSource::Open(const std::string& path) 
 size_t StreamSource::Read(void* buffer, size_t size) {
     size_t done = 0;
     while (done < size) {
+#ifdef _WIN32
+        const int got = _read(fd_, static_cast<char*>(buffer) + done,
+                              static_cast<unsigned>(std::min<size_t>(size - done, 1u << 30)));
+#else
         const ssize_t got = read(fd_, static_cast<char*>(buffer) + done, size - done);
+#endif
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) {
             throw Error(ErrorKind::SourceFailed,
@@ -147,6 +172,7 @@ size_t StreamSource::Read(void* buffer, size_t size) {
 }
 
 void StreamSource::Finish() {
+#ifndef _WIN32
     if (child_ <= 0) return;
     close(fd_);
     int status = 0;
@@ -157,6 +183,7 @@ void StreamSource::Finish() {
     const std::string how = WIFEXITED(status) ? "exited with status " + std::to_string(WEXITSTATUS(status))
                                               : "was ended by signal " + std::to_string(WTERMSIG(status));
     throw Error(ErrorKind::SourceFailed, commandText_ + " " + how + ": no snapshot was made");
+#endif
 }
 
 }  // namespace qvhost

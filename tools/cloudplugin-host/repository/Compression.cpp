@@ -12,34 +12,44 @@
 #include <utility>
 
 #include "util/Buffers.h"
+#include "util/Reusable.h"
 
 namespace qvhost::repo {
 
 namespace {
 
-struct CompressorFree {
-    void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
+// zstd's contexts, kept for reuse (util/Reusable.h says why not per thread).
+struct Compressor {
+    ZSTD_CCtx* context = ZSTD_createCCtx();
+    Compressor() = default;
+    Compressor(const Compressor&) = delete;
+    Compressor& operator=(const Compressor&) = delete;
+    ~Compressor() { ZSTD_freeCCtx(context); }
 };
-struct DecompressorFree {
-    void operator()(ZSTD_DCtx* context) const { ZSTD_freeDCtx(context); }
+struct Decompressor {
+    ZSTD_DCtx* context = ZSTD_createDCtx();
+    Decompressor() = default;
+    Decompressor(const Decompressor&) = delete;
+    Decompressor& operator=(const Decompressor&) = delete;
+    ~Decompressor() { ZSTD_freeDCtx(context); }
 };
 
-ZSTD_CCtx* ThreadCompressor() {
-    thread_local std::unique_ptr<ZSTD_CCtx, CompressorFree> context;
-    if (!context) {
-        context.reset(ZSTD_createCCtx());
-        if (!context) throw std::runtime_error("cannot allocate a zstd compression context");
-    }
-    return context.get();
+Reusable<Compressor>::Lease TakeCompressor() {
+    static Reusable<Compressor> compressors([] {
+        auto made = std::make_unique<Compressor>();
+        if (!made->context) throw std::runtime_error("cannot allocate a zstd compression context");
+        return made;
+    });
+    return compressors.Take();
 }
 
-ZSTD_DCtx* ThreadDecompressor() {
-    thread_local std::unique_ptr<ZSTD_DCtx, DecompressorFree> context;
-    if (!context) {
-        context.reset(ZSTD_createDCtx());
-        if (!context) throw std::runtime_error("cannot allocate a zstd decompression context");
-    }
-    return context.get();
+Reusable<Decompressor>::Lease TakeDecompressor() {
+    static Reusable<Decompressor> decompressors([] {
+        auto made = std::make_unique<Decompressor>();
+        if (!made->context) throw std::runtime_error("cannot allocate a zstd decompression context");
+        return made;
+    });
+    return decompressors.Take();
 }
 
 void Check(size_t result, const char* what) {
@@ -63,7 +73,8 @@ bool Compress(const uint8_t* data, size_t size, Bytes& out, int level) {
     const size_t capacity = size - size / 16 - 1;
     if (capacity == 0) return false;
 
-    ZSTD_CCtx* const context = ThreadCompressor();
+    const Reusable<Compressor>::Lease compressor = TakeCompressor();
+    ZSTD_CCtx* const context = compressor->context;
     Check(ZSTD_CCtx_reset(context, ZSTD_reset_session_and_parameters), "zstd reset");
     Check(ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, level), "zstd level");
     // The content size goes into the frame, for Decompress to check; no checksum: the sealed object around the
@@ -105,19 +116,19 @@ bool Decompress(const uint8_t* data, size_t size, size_t expectedSize, size_t li
     const bool inPlace = Overlaps(data, size, out.data(), out.capacity());
     Bytes& target = inPlace ? separate : out;
     target.resize(expectedSize);
-    const size_t result = ZSTD_decompressDCtx(ThreadDecompressor(), target.data(), target.size(), data, size);
+    const size_t result = ZSTD_decompressDCtx(TakeDecompressor()->context, target.data(), target.size(), data, size);
     if (ZSTD_isError(result) || result != expectedSize) return refuse();
     if (inPlace) out = std::move(separate);
     return true;
 }
 
 struct DecompressingBuffer::Context {
-    std::unique_ptr<ZSTD_DCtx, DecompressorFree> stream{ZSTD_createDCtx()};
+    Decompressor stream;
 };
 
 DecompressingBuffer::DecompressingBuffer(const uint8_t* data, size_t size, uint64_t limit)
     : context_(std::make_unique<Context>()), data_(data), size_(size), limit_(limit) {
-    if (!context_->stream) throw std::bad_alloc();
+    if (!context_->stream.context) throw std::bad_alloc();
     setg(buffer_, buffer_, buffer_);
 }
 
@@ -128,7 +139,7 @@ DecompressingBuffer::int_type DecompressingBuffer::underflow() {
     while (!ended_ && !failed_) {
         ZSTD_inBuffer in{data_, size_, consumed_};
         ZSTD_outBuffer out{buffer_, sizeof buffer_, 0};
-        const size_t result = ZSTD_decompressStream(context_->stream.get(), &out, &in);
+        const size_t result = ZSTD_decompressStream(context_->stream.context, &out, &in);
         consumed_ = in.pos;
         if (ZSTD_isError(result)) failed_ = true;
         if (result == 0) ended_ = true;  // the frame is complete

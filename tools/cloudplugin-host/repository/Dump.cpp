@@ -1,6 +1,5 @@
 #include "repository/Dump.h"
 
-#include <sys/sysmacros.h>
 
 #include <map>
 #include <memory>
@@ -57,6 +56,15 @@ std::optional<TarType> TarTypeOf(NodeType type) {
     }
 }
 
+// Linux's split of a device number (glibc's major() and minor()), written
+// out so that a dump gives the same numbers on any system.
+uint32_t DeviceMajor(uint64_t number) {
+    return static_cast<uint32_t>((number >> 32 & 0xfffff000) | (number >> 8 & 0x00000fff));
+}
+uint32_t DeviceMinor(uint64_t number) {
+    return static_cast<uint32_t>((number >> 12 & 0xffffff00) | (number & 0x000000ff));
+}
+
 TarEntry TarEntryOf(const std::string& name, const Node& node, TarType type) {
     TarEntry entry;
     entry.path = name;
@@ -69,8 +77,8 @@ TarEntry TarEntryOf(const std::string& name, const Node& node, TarType type) {
     entry.size = type == TarType::File ? node.size : 0;
     entry.modifiedNs = node.modifiedNs;
     entry.linkTarget = node.linkTarget;
-    entry.deviceMajor = major(static_cast<dev_t>(node.deviceNumber));
-    entry.deviceMinor = minor(static_cast<dev_t>(node.deviceNumber));
+    entry.deviceMajor = DeviceMajor(node.deviceNumber);
+    entry.deviceMinor = DeviceMinor(node.deviceNumber);
     for (const Xattr& xattr : node.xattrs) entry.xattrs.push_back({xattr.name, xattr.value});
     return entry;
 }

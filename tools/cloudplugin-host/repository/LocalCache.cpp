@@ -5,11 +5,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <system_error>
 
 #include "util/PathRules.h"
 #include "util/Text.h"
+#include "util/WholeFiles.h"
 
 namespace fs = std::filesystem;
 
@@ -28,39 +28,6 @@ const char* FolderName(CachedKind kind) {
 
 // Where a repository's cache marks when a command last opened it.
 constexpr const char* kUsedMark = "used";
-
-bool ReadFile(const fs::path& path, Bytes& bytes) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    std::error_code error;
-    const uintmax_t size = fs::file_size(path, error);
-    if (error || size > (1ull << 31)) return false;
-    bytes.resize(static_cast<size_t>(size));
-    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return in.gcount() == static_cast<std::streamsize>(bytes.size()) && in.peek() == EOF;
-}
-
-// Writes a file whole under a temporary name, then renames it into place:
-// a reader sees the old file, the new one, or none, never a part.
-bool WriteFileWhole(const fs::path& path, const uint8_t* data, size_t size) {
-    static thread_local std::mt19937_64 random{std::random_device{}()};
-    const fs::path temporary = path.string() + ".tmp-" + std::to_string(random());
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        if (!out) return false;
-        out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-        out.close();
-        if (!out) {
-            std::error_code ignored;
-            fs::remove(temporary, ignored);
-            return false;
-        }
-    }
-    std::error_code error;
-    fs::rename(temporary, path, error);
-    if (error) fs::remove(temporary, error);
-    return !error;
-}
 
 std::string Environment(const char* name) {
     const char* value = std::getenv(name);
@@ -85,7 +52,7 @@ LocalCache::LocalCache(const std::string& root, const std::string& repositoryId,
     if (!fs::exists(tag, error)) {
         const std::string text = std::string(kCacheDirSignature) +
                                  "\n# the cache of cloudplugin-host: objects of its repositories, as stored\n";
-        WriteFileWhole(tag, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+        WriteWholeFile(tag, reinterpret_cast<const uint8_t*>(text.data()), text.size());
     }
     for (CachedKind kind : {CachedKind::Index, CachedKind::Snapshot, CachedKind::TreePack}) {
         fs::create_directories(fs::path(folder_) / FolderName(kind), error);
@@ -111,7 +78,7 @@ std::string LocalCache::PathOf(CachedKind kind, const Id& id) const {
 
 bool LocalCache::Get(CachedKind kind, const Id& id, Bytes& bytes) {
     const std::string path = PathOf(kind, id);
-    if (!ReadFile(path, bytes)) {
+    if (!ReadWholeFile(path, bytes, 1ull << 31)) {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.misses;
         return false;
@@ -137,7 +104,7 @@ void LocalCache::Put(CachedKind kind, const Id& id, const uint8_t* data, size_t 
         if (broken_) return;
     }
     if (Sha256Id(data, size) != id) return;
-    if (!WriteFileWhole(PathOf(kind, id), data, size)) {
+    if (!WriteWholeFile(PathOf(kind, id), data, size)) {
         Failed("cannot write " + PathOf(kind, id));
     }
 }
@@ -154,7 +121,7 @@ void LocalCache::KeepOnly(CachedKind kind, const std::set<Id>& listed) {
         // A temporary file may be another command's write in progress:
         // only one left for an hour is a stopped command's.
         std::error_code ignored;
-        if (name.find(".tmp-") != std::string::npos &&
+        if (IsTemporaryName(name) &&
             fs::last_write_time(entry.path(), ignored) > fs::file_time_type::clock::now() - std::chrono::hours(1)) {
             continue;
         }

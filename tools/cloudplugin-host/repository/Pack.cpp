@@ -3,6 +3,7 @@
 #include "repository/Binary.h"
 #include "repository/Compression.h"
 #include "repository/Keys.h"
+#include "util/Reusable.h"
 
 namespace qvhost::repo {
 
@@ -12,6 +13,13 @@ constexpr char kHeaderAad[] = "cloudplugin-host pack header";
 constexpr size_t kEntrySize = 1 + 1 + 4 + 4 + 32;
 constexpr uint8_t kCompressedFlag = 1;
 
+// The buffers a blob passes through between its plain and sealed forms,
+// kept for the next blob (util/Reusable.h).
+Reusable<Bytes>::Lease TakeBuffer() {
+    static Reusable<Bytes> buffers([] { return std::make_unique<Bytes>(); });
+    return buffers.Take();
+}
+
 }  // namespace
 
 SealedBlob SealBlob(const MasterKeys& keys, const Id& id, const uint8_t* plain, size_t size, BlobType type) {
@@ -19,7 +27,8 @@ SealedBlob SealBlob(const MasterKeys& keys, const Id& id, const uint8_t* plain, 
     blob.id = id;
     blob.type = type;
     blob.plainLength = static_cast<uint32_t>(size);
-    thread_local Bytes compressed;
+    const Reusable<Bytes>::Lease lease = TakeBuffer();
+    Bytes& compressed = *lease;
     blob.compressed = Compress(plain, size, compressed);
     const uint8_t* payload = blob.compressed ? compressed.data() : plain;
     const size_t payloadSize = blob.compressed ? compressed.size() : size;
@@ -30,7 +39,8 @@ SealedBlob SealBlob(const MasterKeys& keys, const Id& id, const uint8_t* plain, 
 
 bool OpenBlob(const MasterKeys& keys, const PackEntry& entry, const uint8_t* sealed, size_t size, Bytes& plain,
               std::string& why) {
-    thread_local Bytes payload;
+    const Reusable<Bytes>::Lease lease = TakeBuffer();
+    Bytes& payload = *lease;
     if (!Open(keys.encryption, sealed, size, entry.id.data(), entry.id.size(), payload)) {
         why = "does not open (changed, or not the blob its index names)";
         return false;

@@ -1,7 +1,11 @@
 #include "util/Pattern.h"
 
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <fnmatch.h>
 #include <locale.h>
+#endif
 
 #include <algorithm>
 #include <utility>
@@ -39,6 +43,81 @@ void CheckComponent(const std::string& pattern, const std::string& component) {
     }
 }
 
+#ifdef _WIN32
+// Windows has no fnmatch: the same matching over code points (a '?' and a
+// set take one character), with '*', '?', sets ("[a-z]", "[!x]", "[^x]")
+// and '\' escapes, case folded by the system's own table when asked.
+std::u32string CodePoints(const std::string& text) {
+    std::u32string points;
+    for (size_t i = 0; i < text.size();) {
+        const unsigned char lead = static_cast<unsigned char>(text[i]);
+        const size_t length = lead < 0x80 ? 1 : lead >> 5 == 6 ? 2 : lead >> 4 == 14 ? 3 : lead >> 3 == 30 ? 4 : 1;
+        char32_t point = length == 1 ? lead : lead & (0x3f >> (length - 1));
+        for (size_t k = 1; k < length && i + k < text.size(); ++k) {
+            point = point << 6 | (static_cast<unsigned char>(text[i + k]) & 0x3f);
+        }
+        points.push_back(point);
+        i += length;
+    }
+    return points;
+}
+
+char32_t Folded(char32_t point) {
+    if (point > 0xffff) return point;
+    wchar_t unit = static_cast<wchar_t>(point);
+    CharLowerBuffW(&unit, 1);
+    return unit;
+}
+
+// The set starting after '[' at `at`: whether `point` is in it; `at` moves past its ']'.
+bool InSet(const std::u32string& pattern, size_t& at, char32_t point, bool ignoreCase) {
+    bool negated = false;
+    if (at < pattern.size() && (pattern[at] == U'!' || pattern[at] == U'^')) negated = true, ++at;
+    bool member = false;
+    for (bool first = true; at < pattern.size() && (first || pattern[at] != U']'); first = false) {
+        char32_t low = pattern[at] == U'\\' && at + 1 < pattern.size() ? pattern[++at] : pattern[at];
+        ++at;
+        char32_t high = low;
+        if (at + 1 < pattern.size() && pattern[at] == U'-' && pattern[at + 1] != U']') {
+            high = pattern[at + 1] == U'\\' && at + 2 < pattern.size() ? pattern[at += 2] : pattern[++at];
+            ++at;
+        }
+        if ((point >= low && point <= high) ||
+            (ignoreCase && Folded(point) >= Folded(low) && Folded(point) <= Folded(high))) {
+            member = true;
+        }
+    }
+    ++at;  // the ']' (CheckComponent made sure there is one)
+    return member != negated;
+}
+
+bool GlobMatches(const std::u32string& pattern, size_t p, const std::u32string& name, size_t n, bool ignoreCase) {
+    while (p < pattern.size()) {
+        const char32_t c = pattern[p];
+        if (c == U'*') {
+            while (p < pattern.size() && pattern[p] == U'*') ++p;
+            if (p == pattern.size()) return true;
+            for (size_t from = n; from <= name.size(); ++from) {
+                if (GlobMatches(pattern, p, name, from, ignoreCase)) return true;
+            }
+            return false;
+        }
+        if (n == name.size()) return false;
+        if (c == U'?') {
+            ++p;
+        } else if (c == U'[') {
+            ++p;
+            if (!InSet(pattern, p, name[n], ignoreCase)) return false;
+        } else {
+            const char32_t literal = c == U'\\' && p + 1 < pattern.size() ? pattern[++p] : c;
+            ++p;
+            if (literal != name[n] && !(ignoreCase && Folded(literal) == Folded(name[n]))) return false;
+        }
+        ++n;
+    }
+    return n == name.size();
+}
+#else
 // The UTF-8 locale fnmatch runs in for names that are not ASCII, so that
 // '?' and a set take one character, not one byte, and case folds beyond
 // ASCII. Null when the system has none (then bytes are matched).
@@ -49,6 +128,7 @@ locale_t Utf8Locale() {
     }();
     return locale;
 }
+#endif
 
 }  // namespace
 
@@ -77,6 +157,9 @@ PathPattern::PathPattern(const std::string& text, bool ignoreCase) : text_(text)
 
 bool PathPattern::ComponentMatches(const Component& component, const std::string& name) const {
     if (component.literal && !ignoreCase_) return component.text == name;
+#ifdef _WIN32
+    return GlobMatches(CodePoints(component.text), 0, CodePoints(name), 0, ignoreCase_);
+#else
     const int flags = ignoreCase_ ? FNM_CASEFOLD : 0;
     const locale_t utf8 = component.ascii && IsAscii(name) ? nullptr : Utf8Locale();
     if (!utf8) return fnmatch(component.text.c_str(), name.c_str(), flags) == 0;
@@ -84,6 +167,7 @@ bool PathPattern::ComponentMatches(const Component& component, const std::string
     const bool matched = fnmatch(component.text.c_str(), name.c_str(), flags) == 0;
     uselocale(before);
     return matched;
+#endif
 }
 
 // reach[k]: the components so far can match the first k components of the

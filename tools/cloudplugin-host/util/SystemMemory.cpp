@@ -1,6 +1,10 @@
 #include "util/SystemMemory.h"
 
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <unistd.h>
+#endif
 
 #include <fstream>
 #include <sstream>
@@ -9,6 +13,11 @@
 namespace qvhost {
 
 uint64_t AvailableMemoryBytes() {
+#ifdef _WIN32
+    MEMORYSTATUSEX status{};
+    status.dwLength = sizeof status;
+    return GlobalMemoryStatusEx(&status) ? status.ullAvailPhys : 0;
+#else
     std::ifstream meminfo("/proc/meminfo");
     std::string line;
     while (std::getline(meminfo, line)) {
@@ -24,6 +33,7 @@ uint64_t AvailableMemoryBytes() {
     if (pages > 0 && pageSize > 0) return static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize);
 #endif
     return 0;
+#endif
 }
 
 }  // namespace qvhost
