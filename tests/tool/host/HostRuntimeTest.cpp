@@ -20,7 +20,13 @@ TEST(ClassPath, PutsTheStorageLibraryFirstAndTakesOnlyJars) {
     testsupport::TempFolder folder;
     const std::string root = folder.PathUtf8();
     for (const char* name : {"b.jar", "XNAzurePlugIn.jar", "a.jar", "notes.txt"}) WriteText(root + "/" + name, "x");
-    EXPECT_EQ(ClassPathOf(root), root + "/XNAzurePlugIn.jar:" + root + "/a.jar:" + root + "/b.jar");
+#ifdef _WIN32
+    const std::string separator = ";", slash = "\\";
+#else
+    const std::string separator = ":", slash = "/";
+#endif
+    EXPECT_EQ(ClassPathOf(root), root + slash + "XNAzurePlugIn.jar" + separator + root + slash + "a.jar" + separator +
+                                     root + slash + "b.jar");
     EXPECT_EQ(ClassPathOf(root + "/missing"), "");
 }
 

@@ -7,6 +7,7 @@
 
 #include "repository/Forget.h"
 #include "util/Error.h"
+#include "util/Text.h"
 
 using namespace qvhost;
 using namespace qvhost::repo;
@@ -28,13 +29,8 @@ SnapshotInfo Info(const std::string& id, const std::string& host, const std::str
 RetentionClock Utc() {
     RetentionClock clock;
     clock.now = 400 * 86400;
-    clock.civil = [](int64_t seconds) {
-        const auto moment = static_cast<std::time_t>(seconds);
-        std::tm civil{};
-        gmtime_r(&moment, &civil);
-        return civil;
-    };
-    clock.moment = [](std::tm civil) { return static_cast<int64_t>(timegm(&civil)); };
+    clock.civil = qvhost::UtcCivil;
+    clock.moment = qvhost::UtcMoment;
     return clock;
 }
 

@@ -114,8 +114,17 @@ TEST_F(LocalCacheTest, ACacheFromAnotherRepositoryIsNeverUsed) {
     Backup(ManyFolders("src", 5, 4));
     const std::string expected = Listing(*repository_);
     const fs::path mine = fs::path(CacheRoot()) / repository_->config().id;
-    fs::create_directories(mine);
-    fs::copy(fs::path(CacheRoot()) / "other", mine, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    // The other repository's files in place of this one's (file by file: MinGW's recursive copy refuses
+    // folders that exist).
+    const fs::path theirs = fs::path(CacheRoot()) / "other";
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(theirs)) {
+        const fs::path target = mine / entry.path().lexically_relative(theirs);
+        if (entry.is_directory()) {
+            fs::create_directories(target);
+        } else {
+            fs::copy_file(entry.path(), target, fs::copy_options::overwrite_existing);
+        }
+    }
 
     auto next = Reopened(store_);
     EXPECT_EQ(Listing(*next), expected);

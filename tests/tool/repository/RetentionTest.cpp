@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "repository/Retention.h"
+#include "util/Text.h"
 
 using qvhost::repo::ApplyRetention;
 using qvhost::repo::CalendarSpan;
@@ -47,23 +48,12 @@ DatedSnapshot At(int year, unsigned month, unsigned day, int hour = 12, int minu
     return {name, DaysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60};
 }
 
-std::tm UtcCivilTime(int64_t seconds) {
-    const auto moment = static_cast<std::time_t>(seconds);
-    std::tm civil{};
-#ifdef _WIN32
-    gmtime_s(&civil, &moment);
-#else
-    gmtime_r(&moment, &civil);
-#endif
-    return civil;
-}
-
 // A clock of UTC whose "now" is fixed: by default far after every snapshot.
 RetentionClock UtcClock(int64_t now = DaysFromCivil(2200, 1, 1) * 86400) {
     RetentionClock clock;
     clock.now = now;
-    clock.civil = UtcCivilTime;
-    clock.moment = [](std::tm civil) { return static_cast<int64_t>(timegm(&civil)); };
+    clock.civil = qvhost::UtcCivil;
+    clock.moment = qvhost::UtcMoment;
     return clock;
 }
 
@@ -252,7 +242,7 @@ TEST(Retention, RulesCountIndependentlyAndListEveryReason) {
         snapshots.push_back({"", day * 86400 + 43200});
     }
     for (DatedSnapshot& snapshot : snapshots) {
-        const std::tm civil = UtcCivilTime(snapshot.time);
+        const std::tm civil = qvhost::UtcCivil(snapshot.time);
         snapshot.id = At(civil.tm_year + 1900, static_cast<unsigned>(civil.tm_mon + 1),
                          static_cast<unsigned>(civil.tm_mday)).id;
     }
@@ -377,7 +367,7 @@ TEST(RetentionFromResticsManual, OneHundredYearsOfDailyBackups) {
 TEST(RetentionFromResticsManual, KeepWithinCountsBackOnTheCalendarFromTheNewestSnapshot) {
     std::vector<DatedSnapshot> snapshots;
     for (int64_t day = DaysFromCivil(2021, 1, 1); day <= DaysFromCivil(2024, 6, 30); ++day) {
-        const std::tm civil = UtcCivilTime(day * 86400);
+        const std::tm civil = qvhost::UtcCivil(day * 86400);
         snapshots.push_back(At(civil.tm_year + 1900, civil.tm_mon + 1, civil.tm_mday, 12));
     }
     RetentionPolicy policy;
@@ -408,7 +398,7 @@ TEST(RetentionFromResticsManual, KeepWithinCountsBackOnTheCalendarFromTheNewestS
 TEST(RetentionFromResticsManual, KeepWithinDailyWeeklyMonthlyAndYearly) {
     std::vector<DatedSnapshot> snapshots;
     for (int64_t day = DaysFromCivil(2021, 7, 1); day <= DaysFromCivil(2024, 6, 30); ++day) {
-        const std::tm civil = UtcCivilTime(day * 86400);
+        const std::tm civil = qvhost::UtcCivil(day * 86400);
         for (const int hour : {8, 18}) snapshots.push_back(At(civil.tm_year + 1900, civil.tm_mon + 1, civil.tm_mday, hour));
     }
     RetentionPolicy policy;

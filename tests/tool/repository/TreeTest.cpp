@@ -81,7 +81,9 @@ TEST(Tree, EveryFieldOfEveryKindRoundTrips) {
     const std::vector<Node> nodes = EveryKind();
     const std::vector<Bytes> runs = EncodeTree(nodes);
     ASSERT_EQ(runs.size(), 1u);
-    const std::vector<Node> decoded = DecodeTree(runs[0].data(), runs[0].size(), "t");
+    // Under POSIX rules, which take every name EveryKind() has (Windows refuses the one that is not UTF-8:
+    // NamesARestoreWouldRefuseAreDamage).
+    const std::vector<Node> decoded = DecodeTree(runs[0].data(), runs[0].size(), "t", PathRules::Posix);
     ASSERT_EQ(decoded.size(), nodes.size());
     for (size_t i = 0; i < nodes.size(); ++i) ExpectSame(nodes[i], decoded[i]);
 }

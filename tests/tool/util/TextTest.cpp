@@ -104,3 +104,27 @@ TEST(AsciiLower, LowersAsciiLettersAndLeavesEveryOtherByte) {
     EXPECT_EQ(AsciiLower("AccessTier=ARCHIVE"), "accesstier=archive");
     EXPECT_EQ(AsciiLower("\xC3\x84Z9_"), "\xC3\x84z9_");
 }
+
+TEST(UtcCalendar, DatesBeforeAndAfter1970ComeAndGoExactlyOnEverySystem) {
+    const std::tm before = UtcCivil(-1);
+    EXPECT_EQ(before.tm_year, 69);
+    EXPECT_EQ(before.tm_mon, 11);
+    EXPECT_EQ(before.tm_mday, 31);
+    EXPECT_EQ(before.tm_hour, 23);
+    EXPECT_EQ(before.tm_sec, 59);
+    EXPECT_EQ(before.tm_wday, 3);  // a Wednesday
+    EXPECT_EQ(before.tm_yday, 364);
+    EXPECT_EQ(UtcMoment(before), -1);
+    const std::tm leapDay = UtcCivil(951782400);  // 2000-02-29T00:00:00Z
+    EXPECT_EQ(leapDay.tm_mon, 1);
+    EXPECT_EQ(leapDay.tm_mday, 29);
+    EXPECT_EQ(leapDay.tm_yday, 59);
+    // Fields out of their ranges, as timegm takes them: day 0 of March is the last of February.
+    std::tm march{};
+    march.tm_year = 100, march.tm_mon = 2, march.tm_mday = 0;
+    EXPECT_EQ(UtcMoment(march), 951782400);
+    std::tm thirteenth{};
+    thirteenth.tm_year = 125, thirteenth.tm_mon = 12, thirteenth.tm_mday = 1;  // month 12 of 2025: January 2026
+    EXPECT_EQ(UtcTimeText(UtcMoment(thirteenth)), "2026-01-01T00:00:00Z");
+    EXPECT_EQ(UtcTimeText(-86400 * 365), "unknown");
+}

@@ -196,6 +196,8 @@ std::string TargetOf(const CLI::App& command) {
 
 void DefineCommandLine(CLI::App& app, GlobalOptions& options, CommandTable& table) {
     app.set_help_flag();  // help is written by Help.cpp
+    // CLI11 takes "/name" for an option on Windows; here it is always a path.
+    app.allow_windows_style_options(false);
     app.add_flag("-h,--help", options.help, "this text, or with a command that command's")->group("global options");
     app.add_flag("--version", options.version,
                  "the versions of the tool, the plug-in, the Java library and the repository format")

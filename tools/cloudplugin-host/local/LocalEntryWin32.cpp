@@ -2,7 +2,7 @@
 // handle opened without following reparse points:
 // - kind: file or folder; a reparse point (a symbolic link, a junction, a
 //   cloud placeholder) is left out with a line, never followed;
-// - times (last write, last access, and the change time from
+// - times (last write, and the change time from
 //   FILE_BASIC_INFO, which tells a changed file as the POSIX ctime does);
 // - the file id (the file index within its volume) and the volume's serial
 //   number, with the link count: hard links are found as on POSIX;
@@ -201,7 +201,9 @@ bool EntryReader::Read(const std::string& full, const std::string& relative, Nod
     node.type = folder ? NodeType::Folder : NodeType::File;
     node.mode = folder ? 0755 : (attributes & FILE_ATTRIBUTE_READONLY) ? 0444 : 0644;
     node.modifiedNs = Nanoseconds(info.ftLastWriteTime);
-    node.accessedNs = Nanoseconds(info.ftLastAccessTime);
+    // Not the access time: reading the file for the backup may change it, and with it the folder's tree
+    // blob in every snapshot (the POSIX build reads with O_NOATIME instead).
+    node.accessedNs = 0;
     node.changedNs = information.changedNs;
     node.hasOwner = false;  // Windows owners are SIDs: kept in the security text, not as POSIX ids
     node.inode = uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow;

@@ -2,9 +2,22 @@
 // for MinGW-w64, not OpenSSL), and a second Linux build that the crypto tests run against too, so that both
 // are held to the same published vectors. The bytes written are the same as with OpenSSL (CryptoOpenSsl.cpp).
 //
+// The random source is the system's (Windows CNG's BCryptGenRandom; getrandom on Linux), not libgcrypt's
+// generator: once that generator has started, libgcrypt polls the system for entropy on every hash or cipher
+// it opens, which on Windows (and far more under Wine) costs milliseconds each.
+//
 // One limit of libgcrypt's scrypt: its block size r is fixed at 8. Every key this tool writes has r = 8; a
 // key object with another r (made by hand) is refused by name rather than derived wrongly.
 #include <gcrypt.h>
+
+#ifdef _WIN32
+#include <windows.h>
+#include <bcrypt.h>
+#else
+#include <sys/random.h>
+
+#include <cerrno>
+#endif
 
 #include <cstring>
 #include <memory>
@@ -70,9 +83,19 @@ Cipher StartGcm(const Key256& key, const uint8_t* nonce, const uint8_t* aad, siz
 
 void RandomBytes(uint8_t* out, size_t size) {
     RequireBuffer(out, size, "the output");
-    Initialise();
-    // libgcrypt ends the process rather than answer from a failed generator.
-    if (size > 0) gcry_randomize(out, size, GCRY_STRONG_RANDOM);
+    while (size > 0) {
+#ifdef _WIN32
+        const ULONG piece = static_cast<ULONG>(size < (1u << 30) ? size : (1u << 30));
+        if (!BCRYPT_SUCCESS(BCryptGenRandom(nullptr, out, piece, BCRYPT_USE_SYSTEM_PREFERRED_RNG))) {
+            throw std::runtime_error("the random generator failed");
+        }
+#else
+        const ssize_t piece = getrandom(out, size, 0);
+        if (piece < 0 && errno == EINTR) continue;
+        if (piece <= 0) throw std::runtime_error("the random generator failed");
+#endif
+        out += piece, size -= static_cast<size_t>(piece);
+    }
 }
 
 void Seal(const Key256& key, const uint8_t* plain, size_t size, const uint8_t* aad, size_t aadSize, Bytes& out) {

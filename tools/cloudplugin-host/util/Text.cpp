@@ -46,15 +46,53 @@ int64_t ParseAge(const std::string& text) {
     return std::stoll(text.substr(0, text.size() - 1)) * unit;
 }
 
+// From the days since 1970 to the date of the proleptic Gregorian calendar
+// (Howard Hinnant's civil_from_days): exact for any time, before 1970 too,
+// where Windows' gmtime_s fails.
+std::tm UtcCivil(int64_t seconds) {
+    const int64_t days = seconds / 86400 - (seconds % 86400 < 0);
+    const int64_t second = seconds - days * 86400;
+    const int64_t z = days + 719468;
+    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+    const int64_t dayOfEra = z - era * 146097;
+    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t monthIndex = (5 * dayOfYear + 2) / 153;  // March is 0
+    std::tm parts{};
+    parts.tm_mday = static_cast<int>(dayOfYear - (153 * monthIndex + 2) / 5 + 1);
+    parts.tm_mon = static_cast<int>(monthIndex < 10 ? monthIndex + 2 : monthIndex - 10);
+    parts.tm_year = static_cast<int>(yearOfEra + era * 400 + (parts.tm_mon <= 1) - 1900);
+    parts.tm_hour = static_cast<int>(second / 3600);
+    parts.tm_min = static_cast<int>(second / 60 % 60);
+    parts.tm_sec = static_cast<int>(second % 60);
+    parts.tm_wday = static_cast<int>(((days % 7) + 7 + 4) % 7);  // 1970-01-01 was a Thursday
+    const int64_t year = parts.tm_year + int64_t{1900};
+    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    static const int kBefore[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+    parts.tm_yday = kBefore[parts.tm_mon] + parts.tm_mday - 1 + (leap && parts.tm_mon > 1);
+    return parts;
+}
+
+// The inverse (days_from_civil), taking fields out of their ranges as
+// timegm does (month 12 is January of the next year, day 0 the last of the
+// month before); Windows' _mkgmtime takes no time before 1970.
+int64_t UtcMoment(std::tm civil) {
+    int64_t year = civil.tm_year + int64_t{1900} + civil.tm_mon / 12;
+    int64_t month = civil.tm_mon % 12;  // 0 = January
+    if (month < 0) month += 12, --year;
+    const int64_t y = month < 2 ? year - 1 : year;
+    const int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const int64_t yearOfEra = y - era * 400;
+    const int64_t dayOfYear = (153 * (month < 2 ? month + 10 : month - 2) + 2) / 5;  // of the March-based year
+    const int64_t dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+    const int64_t days = era * 146097 + dayOfEra - 719468 + (civil.tm_mday - 1);
+    return days * 86400 + civil.tm_hour * int64_t{3600} + civil.tm_min * int64_t{60} + civil.tm_sec;
+}
+
 namespace {
 
 std::string FormatUtc(std::time_t time, const char* format) {
-    std::tm parts{};
-#ifdef _WIN32
-    gmtime_s(&parts, &time);
-#else
-    gmtime_r(&time, &parts);
-#endif
+    const std::tm parts = UtcCivil(static_cast<int64_t>(time));
     char text[64];
     std::strftime(text, sizeof text, format, &parts);
     return text;
@@ -78,11 +116,7 @@ int64_t ParseUtcTime(const std::string& text) {
     }
     parts.tm_year -= 1900;
     parts.tm_mon -= 1;
-#ifdef _WIN32
-    return static_cast<int64_t>(_mkgmtime(&parts));
-#else
-    return static_cast<int64_t>(timegm(&parts));
-#endif
+    return UtcMoment(parts);
 }
 
 int64_t ParseHttpDate(const std::string& text) {

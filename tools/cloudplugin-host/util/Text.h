@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,10 @@ uint64_t ParseSize(const std::string& text);
 // "30m", "24h", "7d", "90s" or "0"; -1 for text that is not an age.
 int64_t ParseAge(const std::string& text);
 
+// The calendar fields of a UTC time, and back (gmtime and timegm, which
+// Windows names otherwise).
+std::tm UtcCivil(int64_t seconds);
+int64_t UtcMoment(std::tm civil);
 // The current UTC time in strftime's `format`.
 std::string UtcNow(const char* format);
 // "YYYY-MM-DDTHH:MM:SSZ" of seconds since 1970; "unknown" for a negative time.
