@@ -12,7 +12,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev libssl-dev libzstd-dev
   libgtest-dev googletest libbenchmark-dev
   openjdk-17-jdk-headless junit5
-  g++-mingw-w64-x86-64-posix
+  g++-mingw-w64-x86-64-posix libgcrypt-mingw-w64-dev libgcrypt20-dev pkg-config
   wine64
   clang
 )

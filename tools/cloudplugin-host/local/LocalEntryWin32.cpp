@@ -38,9 +38,11 @@ constexpr DWORD kKeptAttributes =
 
 std::string LastErrorText() { return "error " + std::to_string(GetLastError()); }
 
-// The \\?\ form of an absolute path, which lifts MAX_PATH.
+// The \\?\ form of the path made absolute, which lifts MAX_PATH.
 std::wstring LongPath(const std::string& full) {
-    std::wstring wide = PathOf(full).wstring();
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(PathOf(full), error).lexically_normal();
+    std::wstring wide = (error ? PathOf(full) : absolute).wstring();
     std::replace(wide.begin(), wide.end(), L'/', L'\\');
     if (wide.rfind(L"\\\\?\\", 0) == 0) return wide;
     if (wide.rfind(L"\\\\", 0) == 0) return L"\\\\?\\UNC\\" + wide.substr(2);
