@@ -80,9 +80,13 @@ for preset in "${presets[@]}"; do
   #   sanitizers in repository_tests already) in linux-release, the rest
   #   (the command line, inspection, the nightly job, the version 2 layout)
   #   in linux-asan. A new end-to-end suite runs under the sanitizers.
-  # - Unit suites first, then end-to-end tests: in one ctest run the
-  #   end-to-end tests, which the Azurite clean-up waits for, all go before
-  #   the unit shards, and the longest shard then ran alone at the end.
+  # - linux-release: the unit suites with the Java library's suite (about
+  #   three minutes on one core) in one ctest, and at the same time the
+  #   heavy end-to-end tests in another, so that no core waits for the
+  #   Java suite alone.
+  # - linux-asan: the unit suites and its end-to-end tests in one ctest run
+  #   (the end-to-end tests, which the Azurite clean-up waits for, start
+  #   first; no unit shard is long enough to run alone at the end).
   # - windows-mingw: everything. Under Wine a test process now and then
   #   loses its connection to the Wine server ("wine client error: recvmsg:
   #   Connection reset by peer") and dies before running a line of the
@@ -90,15 +94,17 @@ for preset in "${presets[@]}"; do
   # - linux-debug (on request): everything, in one run.
   heavy_e2e='^(RepositoryToolTest|FaultTest)\.'
   case $preset in
-    linux-release) runs=("-LE end-to-end" "-L end-to-end -R $heavy_e2e") ;;
-    linux-asan) runs=("-LE end-to-end" "-L end-to-end -E $heavy_e2e") ;;
-    windows-mingw) runs=("--repeat until-pass:2") ;;
-    *) runs=("") ;;
+    linux-release)
+      ctest --preset "$preset" -LE end-to-end -j1 &
+      units=$!
+      ctest --preset "$preset" -L end-to-end -R "$heavy_e2e" -j2
+      e2e=$?
+      wait $units && [ $e2e -eq 0 ] || failed+=("$preset (tests)")
+      ;;
+    linux-asan) ctest --preset "$preset" -E "$heavy_e2e" || failed+=("$preset (tests)") ;;
+    windows-mingw) ctest --preset "$preset" --repeat until-pass:2 || failed+=("$preset (tests)") ;;
+    *) ctest --preset "$preset" || failed+=("$preset (tests)") ;;
   esac
-  for run in "${runs[@]}"; do
-    # shellcheck disable=SC2086  # each run is a few words of options
-    ctest --preset "$preset" $run || { failed+=("$preset (tests)"); break; }
-  done
   echo "==== ${preset}: tests took ${SECONDS} s"
 done
 
