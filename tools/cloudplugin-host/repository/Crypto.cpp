@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "repository/CryptoBackend.h"
+#include "util/Buffers.h"
 
 namespace qvhost::repo {
 
@@ -25,6 +26,7 @@ void Wipe(void* data, size_t size) {
 
 }  // namespace detail
 
+using detail::kGcmMaximumPlain;
 using detail::RequireBuffer;
 
 namespace {
@@ -77,6 +79,71 @@ Key256 RandomKey() {
     Key256 key;
     RandomBytes(key.data(), key.size());
     return key;
+}
+
+void Seal(const Key256& key, const uint8_t* plain, size_t size, const uint8_t* aad, size_t aadSize, Bytes& out) {
+    RequireBuffer(plain, size, "the plaintext");
+    RequireBuffer(aad, aadSize, "the additional data");
+    if (size > kGcmMaximumPlain) throw std::invalid_argument("too much plaintext for one AES-GCM message");
+    // Growing `out` may move its storage, and a plaintext inside it with it.
+    if (Overlaps(plain, size, out.data(), out.capacity())) {
+        throw std::invalid_argument("the plaintext lies inside the output buffer");
+    }
+    const size_t start = out.size();
+    if (size > out.max_size() - start - kSealOverhead) throw std::invalid_argument("the sealed message is too large");
+    out.resize(start + kSealOverhead + size);
+    try {
+        uint8_t* const nonce = out.data() + start;
+        uint8_t* const cipherText = nonce + kNonceSize;
+        uint8_t* const tag = cipherText + size;
+        // Random nonces: no counter to keep consistent between machines sharing a key. NIST bounds random 96-bit
+        // nonces to 2^32 messages per key: 4 PiB of 1 MiB chunks.
+        RandomBytes(nonce, kNonceSize);
+        detail::GcmEncrypt(key, nonce, aad, aadSize, plain, size, cipherText, tag);
+    } catch (...) {
+        out.resize(start);
+        throw;
+    }
+}
+
+bool Open(const Key256& key, const uint8_t* sealed, size_t size, const uint8_t* aad, size_t aadSize, Bytes& plain) {
+    RequireBuffer(sealed, size, "the sealed message");
+    RequireBuffer(aad, aadSize, "the additional data");
+    if (size < kSealOverhead || size - kSealOverhead > kGcmMaximumPlain) {
+        detail::Wipe(plain.data(), plain.size());
+        plain.clear();
+        return false;
+    }
+    const uint8_t* const nonce = sealed;
+    const uint8_t* const cipherText = sealed + kNonceSize;
+    const size_t plainSize = size - kSealOverhead;
+    const uint8_t* const tag = cipherText + plainSize;
+
+    // Decrypting over its own input would need the exact same pointers; a separate buffer is simpler.
+    Bytes separate;
+    const bool inPlace = Overlaps(sealed, size, plain.data(), plain.capacity());
+    Bytes& target = inPlace ? separate : plain;
+    target.resize(plainSize);
+
+    // Unauthenticated plaintext must not reach anyone, whatever stops us.
+    const auto discard = [&] {
+        detail::Wipe(target.data(), target.size());
+        target.clear();
+        if (inPlace) plain.clear();  // it held the sealed message, which is not the answer either
+    };
+    bool authentic = false;
+    try {
+        authentic = detail::GcmDecrypt(key, nonce, aad, aadSize, cipherText, plainSize, tag, target.data());
+    } catch (...) {
+        discard();
+        throw;
+    }
+    if (!authentic) {
+        discard();
+        return false;
+    }
+    if (inPlace) plain = std::move(separate);
+    return true;
 }
 
 Bytes Seal(const Key256& key, const uint8_t* plain, size_t size, const uint8_t* aad, size_t aadSize) {

@@ -28,7 +28,6 @@
 
 #include "repository/Crypto.h"
 #include "repository/CryptoBackend.h"
-#include "util/Buffers.h"
 
 namespace qvhost::repo {
 
@@ -36,7 +35,6 @@ namespace detail {
 const char* const kCryptoLibrary = "libgcrypt";
 }  // namespace detail
 
-using detail::kGcmMaximumPlain;
 using detail::RequireBuffer;
 
 namespace {
@@ -98,82 +96,32 @@ void RandomBytes(uint8_t* out, size_t size) {
     }
 }
 
-void Seal(const Key256& key, const uint8_t* plain, size_t size, const uint8_t* aad, size_t aadSize, Bytes& out) {
-    RequireBuffer(plain, size, "the plaintext");
-    RequireBuffer(aad, aadSize, "the additional data");
-    if (size > kGcmMaximumPlain) throw std::invalid_argument("too much plaintext for one AES-GCM message");
-    // Growing `out` may move its storage, and a plaintext inside it with it.
-    if (Overlaps(plain, size, out.data(), out.capacity())) {
-        throw std::invalid_argument("the plaintext lies inside the output buffer");
-    }
-    const size_t start = out.size();
-    if (size > out.max_size() - start - kSealOverhead) throw std::invalid_argument("the sealed message is too large");
-    out.resize(start + kSealOverhead + size);
-    try {
-        uint8_t* const nonce = out.data() + start;
-        uint8_t* const cipherText = nonce + kNonceSize;
-        uint8_t* const tag = cipherText + size;
-        // Random nonces, as in the OpenSSL build: see there for the bound.
-        RandomBytes(nonce, kNonceSize);
-        Cipher cipher = StartGcm(key, nonce, aad, aadSize);
-        gcry_error_t error = 0;
-        if (size > 0) error = gcry_cipher_encrypt(cipher.get(), cipherText, size, plain, size);
-        if (!error) error = gcry_cipher_gettag(cipher.get(), tag, kTagSize);
-        if (error) throw std::runtime_error("AES-GCM failed: " + Why(error));
-    } catch (...) {
-        out.resize(start);
-        throw;
-    }
+namespace detail {
+
+void GcmEncrypt(const Key256& key, const uint8_t* nonce, const uint8_t* aad, size_t aadSize, const uint8_t* plain,
+                size_t size, uint8_t* cipherText, uint8_t* tag) {
+    Cipher cipher = StartGcm(key, nonce, aad, aadSize);
+    gcry_error_t error = 0;
+    if (size > 0) error = gcry_cipher_encrypt(cipher.get(), cipherText, size, plain, size);
+    if (!error) error = gcry_cipher_gettag(cipher.get(), tag, kTagSize);
+    if (error) throw std::runtime_error("AES-GCM failed: " + Why(error));
 }
 
-bool Open(const Key256& key, const uint8_t* sealed, size_t size, const uint8_t* aad, size_t aadSize, Bytes& plain) {
-    RequireBuffer(sealed, size, "the sealed message");
-    RequireBuffer(aad, aadSize, "the additional data");
-    if (size < kSealOverhead || size - kSealOverhead > kGcmMaximumPlain) {
-        detail::Wipe(plain.data(), plain.size());
-        plain.clear();
-        return false;
-    }
-    const uint8_t* const nonce = sealed;
-    const uint8_t* const cipherText = sealed + kNonceSize;
-    const size_t plainSize = size - kSealOverhead;
-    const uint8_t* const tag = cipherText + plainSize;
-
-    Bytes separate;
-    const bool inPlace = Overlaps(sealed, size, plain.data(), plain.capacity());
-    Bytes& target = inPlace ? separate : plain;
-    target.resize(plainSize);
-
-    // Unauthenticated plaintext must not reach anyone, whatever stops us.
-    const auto discard = [&] {
-        detail::Wipe(target.data(), target.size());
-        target.clear();
-        if (inPlace) plain.clear();  // it held the sealed message, which is not the answer either
-    };
-    bool authentic = false;
-    try {
-        Cipher cipher = StartGcm(key, nonce, aad, aadSize);
-        gcry_error_t error = 0;
-        if (plainSize > 0) {
-            error = gcry_cipher_decrypt(cipher.get(), target.data(), plainSize, cipherText, plainSize);
-        }
+bool GcmDecrypt(const Key256& key, const uint8_t* nonce, const uint8_t* aad, size_t aadSize,
+                const uint8_t* cipherText, size_t size, const uint8_t* tag, uint8_t* plain) {
+    Cipher cipher = StartGcm(key, nonce, aad, aadSize);
+    if (size > 0) {
+        const gcry_error_t error = gcry_cipher_decrypt(cipher.get(), plain, size, cipherText, size);
         if (error) throw std::runtime_error("AES-GCM failed: " + Why(error));
-        const gcry_error_t check = gcry_cipher_checktag(cipher.get(), tag, kTagSize);
-        if (check && gcry_err_code(check) != GPG_ERR_CHECKSUM) {
-            throw std::runtime_error("AES-GCM failed on the tag: " + Why(check));
-        }
-        authentic = !check;
-    } catch (...) {
-        discard();
-        throw;
     }
-    if (!authentic) {
-        discard();
-        return false;
+    const gcry_error_t check = gcry_cipher_checktag(cipher.get(), tag, kTagSize);
+    if (check && gcry_err_code(check) != GPG_ERR_CHECKSUM) {
+        throw std::runtime_error("AES-GCM failed on the tag: " + Why(check));
     }
-    if (inPlace) plain = std::move(separate);
-    return true;
+    return !check;
 }
+
+}  // namespace detail
 
 struct KeyedHasher::Context {
     Digest keyed;

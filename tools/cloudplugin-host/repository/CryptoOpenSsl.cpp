@@ -15,7 +15,6 @@
 
 #include "repository/Crypto.h"
 #include "repository/CryptoBackend.h"
-#include "util/Buffers.h"
 
 namespace qvhost::repo {
 
@@ -23,7 +22,6 @@ namespace detail {
 const char* const kCryptoLibrary = "OpenSSL";
 }  // namespace detail
 
-using detail::kGcmMaximumPlain;
 using detail::RequireBuffer;
 
 namespace {
@@ -126,92 +124,42 @@ void RandomBytes(uint8_t* out, size_t size) {
     }
 }
 
-void Seal(const Key256& key, const uint8_t* plain, size_t size, const uint8_t* aad, size_t aadSize, Bytes& out) {
-    RequireBuffer(plain, size, "the plaintext");
-    RequireBuffer(aad, aadSize, "the additional data");
-    if (size > kGcmMaximumPlain) throw std::invalid_argument("too much plaintext for one AES-GCM message");
-    // Growing `out` may move its storage, and a plaintext inside it with it.
-    if (Overlaps(plain, size, out.data(), out.capacity())) {
-        throw std::invalid_argument("the plaintext lies inside the output buffer");
+namespace detail {
+
+void GcmEncrypt(const Key256& key, const uint8_t* nonce, const uint8_t* aad, size_t aadSize, const uint8_t* plain,
+                size_t size, uint8_t* cipherText, uint8_t* tag) {
+    CipherContext context = NewCipherContext();
+    if (EVP_EncryptInit_ex2(context.get(), Aes256Gcm(), key.data(), nonce, nullptr) != 1) {
+        throw std::runtime_error("cannot start AES-GCM");
     }
-    const size_t start = out.size();
-    if (size > out.max_size() - start - kSealOverhead) throw std::invalid_argument("the sealed message is too large");
-    out.resize(start + kSealOverhead + size);
-    try {
-        uint8_t* const nonce = out.data() + start;
-        uint8_t* const cipherText = nonce + kNonceSize;
-        uint8_t* const tag = cipherText + size;
-        // Random nonces: no counter to keep consistent between machines sharing a key. NIST bounds random 96-bit
-        // nonces to 2^32 messages per key: 4 PiB of 1 MiB chunks.
-        RandomBytes(nonce, kNonceSize);
-        CipherContext context = NewCipherContext();
-        if (EVP_EncryptInit_ex2(context.get(), Aes256Gcm(), key.data(), nonce, nullptr) != 1) {
-            throw std::runtime_error("cannot start AES-GCM");
-        }
-        AddAad(context.get(), aad, aadSize, EVP_EncryptUpdate);
-        Transform(context.get(), plain, size, cipherText, EVP_EncryptUpdate);
-        int written = 0;
-        if (EVP_EncryptFinal_ex(context.get(), tag, &written) != 1 || written != 0 ||
-            EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(kTagSize), tag) != 1) {
-            throw std::runtime_error("AES-GCM failed to finish");
-        }
-    } catch (...) {
-        out.resize(start);
-        throw;
+    AddAad(context.get(), aad, aadSize, EVP_EncryptUpdate);
+    Transform(context.get(), plain, size, cipherText, EVP_EncryptUpdate);
+    int written = 0;
+    if (EVP_EncryptFinal_ex(context.get(), tag, &written) != 1 || written != 0 ||
+        EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(kTagSize), tag) != 1) {
+        throw std::runtime_error("AES-GCM failed to finish");
     }
 }
 
-bool Open(const Key256& key, const uint8_t* sealed, size_t size, const uint8_t* aad, size_t aadSize, Bytes& plain) {
-    RequireBuffer(sealed, size, "the sealed message");
-    RequireBuffer(aad, aadSize, "the additional data");
-    if (size < kSealOverhead || size - kSealOverhead > kGcmMaximumPlain) {
-        detail::Wipe(plain.data(), plain.size());
-        plain.clear();
-        return false;
+bool GcmDecrypt(const Key256& key, const uint8_t* nonce, const uint8_t* aad, size_t aadSize,
+                const uint8_t* cipherText, size_t size, const uint8_t* tag, uint8_t* plain) {
+    CipherContext context = NewCipherContext();
+    if (EVP_DecryptInit_ex2(context.get(), Aes256Gcm(), key.data(), nonce, nullptr) != 1) {
+        throw std::runtime_error("cannot start AES-GCM");
     }
-    const uint8_t* const nonce = sealed;
-    const uint8_t* const cipherText = sealed + kNonceSize;
-    const size_t plainSize = size - kSealOverhead;
-    uint8_t tag[kTagSize];
-    std::memcpy(tag, cipherText + plainSize, kTagSize);  // the ctrl call wants a writable pointer
-
-    // Decrypting over its own input would need the exact same pointers; a separate buffer is simpler.
-    Bytes separate;
-    const bool inPlace = Overlaps(sealed, size, plain.data(), plain.capacity());
-    Bytes& target = inPlace ? separate : plain;
-    target.resize(plainSize);
-
-    // Unauthenticated plaintext must not reach anyone, whatever stops us.
-    const auto discard = [&] {
-        detail::Wipe(target.data(), target.size());
-        target.clear();
-        if (inPlace) plain.clear();  // it held the sealed message, which is not the answer either
-    };
-    bool authentic = false;
-    try {
-        CipherContext context = NewCipherContext();
-        if (EVP_DecryptInit_ex2(context.get(), Aes256Gcm(), key.data(), nonce, nullptr) != 1) {
-            throw std::runtime_error("cannot start AES-GCM");
-        }
-        AddAad(context.get(), aad, aadSize, EVP_DecryptUpdate);
-        Transform(context.get(), cipherText, plainSize, target.data(), EVP_DecryptUpdate);
-        if (EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(kTagSize), tag) != 1) {
-            throw std::runtime_error("AES-GCM refused the tag");
-        }
-        int written = 0;
-        uint8_t none[16];  // GCM writes nothing at the end
-        authentic = EVP_DecryptFinal_ex(context.get(), none, &written) == 1;
-    } catch (...) {
-        discard();
-        throw;
+    AddAad(context.get(), aad, aadSize, EVP_DecryptUpdate);
+    Transform(context.get(), cipherText, size, plain, EVP_DecryptUpdate);
+    uint8_t expected[kTagSize];
+    std::memcpy(expected, tag, kTagSize);  // the ctrl call wants a writable pointer
+    if (EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(kTagSize), expected) != 1) {
+        throw std::runtime_error("AES-GCM refused the tag");
     }
-    if (!authentic) {
-        discard();
-        return false;
-    }
-    if (inPlace) plain = std::move(separate);
-    return true;
+    int written = 0;
+    uint8_t none[16];  // GCM writes nothing at the end
+    return EVP_DecryptFinal_ex(context.get(), none, &written) == 1;
 }
+
+}  // namespace detail
 
 struct KeyedHasher::Context {
     MacContext mac;
