@@ -756,6 +756,38 @@ TEST_F(RepositoryToolTest, BackupsOfTheVersion2LayoutAreStillListedAndRestorable
     ExpectSameTree(source, Folder("restored"));
 }
 
+// A version 2 backup becomes a snapshot with the backup's time and source
+// folder; a part that does not match its hash keeps its file out (exit 3),
+// never in the snapshot.
+TEST_F(RepositoryToolTest, AVersion2BackupIsMigratedIntoASnapshotAndADamagedPartKeepsItsFileOut) {
+    const std::string source = MakeTree();
+    const std::string legacy = Backup(source);
+    const ToolRun list = Repo({"legacy", "list"});
+    const std::string created = Member(list.out, "created");
+    ASSERT_FALSE(created.empty()) << list.out;
+
+    const ToolRun migrated = Repo({"legacy", "migrate", legacy, "--tag", "from-v2"});
+    ASSERT_EQ(migrated.status, 0) << migrated.err;
+    EXPECT_EQ(Member(migrated.out, "time"), created) << "the snapshot keeps the backup's time";
+    const ToolRun snapshots = Repo({"snapshots", "--tag", "from-v2"});
+    EXPECT_NE(snapshots.out.find(Unquoted(Member(migrated.out, "snapshot"))), std::string::npos) << snapshots.out;
+    ASSERT_EQ(Repo({"restore", "latest", Folder("restored")}).status, 0);
+    ExpectSameTree(source, Folder("restored"));
+    EXPECT_EQ(Repo({"check", "--read-data"}).status, 0);
+
+    // The second part of the large file, replaced by other bytes of its size.
+    const std::string object = "cloudplugin-host/backups/" + legacy + "/000003.0001";
+    WriteFile(Folder("other"), Bytes(1u << 20, 99));
+    ASSERT_EQ(Tool({"object", "put", object, Folder("other")}).status, 0);
+    const ToolRun damaged = Repo({"legacy", "migrate", legacy});
+    EXPECT_EQ(damaged.status, 3) << damaged.err;
+    EXPECT_EQ(Member(damaged.out, "unreadable"), "1") << damaged.out;
+    EXPECT_NE(damaged.out.find("big/several-parts.bin"), std::string::npos) << damaged.out;
+    ASSERT_EQ(Repo({"restore", "latest", Folder("restored-damaged")}).status, 0);
+    EXPECT_FALSE(fs::exists(fs::u8path(Folder("restored-damaged/big/several-parts.bin"))));
+    EXPECT_EQ(ReadFile(Folder("restored-damaged/exactly-one-part.bin")), Bytes(1u << 20, 3));
+}
+
 }  // namespace e2e
 
 namespace e2e {

@@ -1,8 +1,12 @@
-// legacy backup, list, verify, restore, delete, prune and rehydrate: the
-// version 2 layout (one object per part, no repository), chosen by name.
+// legacy backup, list, verify, restore, delete, prune, rehydrate and
+// migrate: the version 2 layout (one object per part, no repository),
+// chosen by name.
 #include <ctime>
 
 #include "cli/Reporting.h"
+#include "cli/RepositorySupport.h"
+#include "repository/Backup.h"
+#include "repository/Locks.h"
 #include "host/PluginObjectStore.h"
 #include "host/PluginSession.h"
 #include "legacy/Legacy.h"
@@ -23,6 +27,8 @@ struct LegacyOptions {
     bool incomplete = false;
     int64_t olderThanSeconds = 24 * 3600;
     repo::RehydrateRequest request;
+    std::string host;               // migrate: the snapshot's host
+    std::vector<std::string> tags;  // migrate: the snapshot's tags
 };
 
 legacy::Context LegacyContext(Context& context) {
@@ -190,6 +196,45 @@ CommandResult RunRehydrate(Context& context, const LegacyOptions& options) {
     return RehydrationResult(context, options.backup, "backup", options.request, state);
 }
 
+// The backup's files, folders and links as a snapshot of the repository,
+// with the backup's time and source folder; every part checked on the way.
+CommandResult RunMigrate(Context& context, const LegacyOptions& options) {
+    const legacy::Context legacy = LegacyContext(context);
+    legacy::Migration migration = legacy::OpenForMigration(legacy, options.backup);
+    repo::Repository repository = OpenRepository(context);
+    repo::BackupOptions backup;
+    backup.jobs = context.options().host.jobs;
+    backup.host = options.host.empty() ? repo::HostName() : options.host;
+    backup.tags = options.tags;
+    backup.progress = context.Display();
+    const int64_t created = ParseUtcTime(migration.created);
+    backup.timeNs = created > 0 ? created * 1000000000 : 0;
+    context.Say("migrating " + options.backup + " (" + std::to_string(migration.files) + " files, " +
+                FormatBytes(static_cast<double>(migration.bytes)) + ") into the repository");
+    repo::RepositoryLock lock(repository, "migrate " + options.backup, false, context.options().lockWaitSeconds);
+    const repo::BackupReport report = repo::RunBackup(repository, *migration.source, backup);
+    const Json skipped = ReportSkipped(context, report.skipped);
+    context.Say("snapshot " + ShortId(report.snapshot.id) + " of " + Printable(repo::PathsText(report.snapshot.paths)) +
+                " at " + report.snapshot.time + ": " + std::to_string(report.snapshot.Files()) + " files, " +
+                FormatBytes(static_cast<double>(report.bytesAdded)) + " stored" +
+                (report.Unreadable() ? "; " + std::to_string(report.Unreadable()) + " files not migrated (damaged)"
+                                     : "") +
+                "; the version 2 backup is left as it was ('legacy delete " + options.backup + "' removes it)");
+    CommandResult result;
+    result.summarised = true;
+    result.status = report.Unreadable() ? kExitIncomplete : kExitOk;
+    result.json = Json{{"command", "legacy migrate"},
+                       {"ok", result.status == kExitOk},
+                       {"backup", options.backup},
+                       {"snapshot", report.snapshot.id},
+                       {"time", report.snapshot.time},
+                       {"files", report.snapshot.Files()},
+                       {"bytes_added", report.bytesAdded},
+                       {"unreadable", report.Unreadable()},
+                       {"skipped", skipped}};
+    return result;
+}
+
 using LegacyRun = CommandResult (*)(Context&, const LegacyOptions&);
 
 CLI::App* AddLegacy(CommandTable& table, const CommandText& text, LegacyRun run,
@@ -261,6 +306,18 @@ void AddCatalogue(CommandTable& table) {
                         RunRehydrate, options);
     command->add_option("BACKUP", options->backup, "the backup's id")->required();
     AddRehydrateOptions(command, options->request);
+    command = AddLegacy(table,
+                        {"legacy migrate", "turn a version 2 backup into a snapshot of the repository",
+                         "Backs up the files, empty folders and links of a complete version 2 backup into the "
+                         "repository under --repo as a snapshot with the backup's time and source folder, reading "
+                         "every part from the storage and checking it against the manifest before any of it is "
+                         "stored; a file with a part that does not match is left out and named (exit status 3). "
+                         "The version 2 backup is left as it was."},
+                        RunMigrate, options);
+    command->add_option("BACKUP", options->backup, "the backup's id")->required();
+    command->add_option("--host", options->host, "the snapshot's host (default: this machine's name)")
+        ->type_name("NAME");
+    command->add_option("--tag", options->tags, "a tag of the snapshot (repeatable)")->type_name("TAG");
 }
 
 }  // namespace
@@ -269,7 +326,7 @@ void AddLegacyCommands(CommandTable& table) {
     table.Group("legacy", "backups of the version 2 layout (one object per part, no repository)",
                 "Backups made before the repository (and by 'legacy backup') keep one object per part of each file "
                 "and a manifest, under <repo>/backups/ and <repo>/manifests/. These commands list, verify, restore, "
-                "delete, prune and rehydrate them.");
+                "delete, prune, rehydrate and migrate them.");
     AddBackupAndRestore(table);
     AddCatalogue(table);
 }

@@ -1,6 +1,6 @@
 // The version 2 layout: one object per part of each file and a manifest,
 // with no repository, no deduplication and no encryption. Backups made
-// before the repository keep it, and the Windows build still writes it.
+// before the repository keep it; `migrate` turns one into a snapshot.
 //
 // Everything only this layout needs lives in legacy/, and this header is
 // all that the rest of the tool sees of it: dropping the layout is deleting
@@ -15,11 +15,13 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "repository/ObjectStore.h"
 #include "repository/RestoreSink.h"
+#include "repository/Source.h"
 #include "util/Entry.h"
 #include "util/Progress.h"
 
@@ -147,6 +149,22 @@ struct PruneReport {
 // (0: every incomplete backup). A backup whose parts carry no time (written
 // by an older version) is removed only with a limit of 0.
 PruneReport PruneIncomplete(const Context& context, int64_t olderThanSeconds, int64_t now);
+
+// ---- migrate
+
+// A complete backup as the tree a repository backup reads (the command
+// migrate): its files read part by part, each part handed on only once it
+// matches the manifest's hash; a file with a part that does not is, to the
+// backup, a source file that cannot be read: left out and reported.
+struct Migration {
+    std::unique_ptr<repo::Source> source;
+    std::string created;  // the backup's UTC time, as its manifest says
+    size_t files = 0;
+    uint64_t bytes = 0;
+};
+// Throws Error (not found, damaged; usage for parts over 256 MiB, which a
+// job would hold whole).
+Migration OpenForMigration(const Context& context, const std::string& backupId);
 
 // The objects of a backup (its parts and manifest), with their tiers, for
 // rehydration. Throws Error (not found) when there are none.

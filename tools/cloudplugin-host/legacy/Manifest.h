@@ -24,11 +24,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "legacy/Legacy.h"
+#include "util/AlignedBuffer.h"
 #include "util/Entry.h"
 #include "util/PathRules.h"
 #include "util/Text.h"
@@ -68,6 +70,19 @@ std::string EncodeManifest(const Manifest& manifest);
 // Throws Error (damaged), naming the entry, for text that is not a
 // well-formed manifest or names a path that `rules` refuse.
 Manifest DecodeManifest(const std::string& text, PathRules rules = kNativePathRules);
+
+// The manifest of a complete backup, read whole and checked against the
+// hash stored with it. Throws Error (not found, damaged, usage for a bad id).
+Manifest ReadManifest(const Context& context, const std::string& backupId);
+
+// Reads one part of a file in reads of at most kReadSlice bytes, each hashed
+// and handed to `slice` (its offset in the file, its bytes), then checks the
+// part against the manifest. Empty when it matches, else why not; `object`
+// names the part's object either way. `slice` sees bytes before the part is
+// checked: a caller keeps nothing of a part that fails.
+std::string ReadPart(const Context& context, const Manifest& manifest, const ManifestFile& entry, uint64_t part,
+                     AlignedBuffer& buffer, std::string& object,
+                     const std::function<void(uint64_t offset, const uint8_t* data, size_t size)>& slice);
 
 // SHA-256 of the part hashes (lower-case hex) one after the other.
 std::string FileDigestOf(const std::vector<std::string>& partSha256);

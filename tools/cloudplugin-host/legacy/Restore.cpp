@@ -23,6 +23,8 @@ namespace {
 // The largest manifest read: a million files take about 200 MiB.
 constexpr uint64_t kManifestLimit = 1ull << 30;
 
+}  // namespace
+
 Manifest ReadManifest(const Context& context, const std::string& backupId) {
     if (!IsValidBackupId(backupId)) throw Error(ErrorKind::Usage, "not a backup name: " + backupId);
     // One request gives the manifest and the hash it is checked by.
@@ -43,6 +45,41 @@ Manifest ReadManifest(const Context& context, const std::string& backupId) {
     if (manifest.backupId != backupId) throw Error(ErrorKind::Damaged, "the manifest names another backup");
     return manifest;
 }
+
+std::string ReadPart(const Context& context, const Manifest& manifest, const ManifestFile& entry, uint64_t part,
+                     AlignedBuffer& buffer, std::string& object,
+                     const std::function<void(uint64_t offset, const uint8_t* data, size_t size)>& slice) {
+    object = context.layout.PartName(manifest.backupId, entry.index, part);
+    const uint64_t expected = PartBytes(entry.size, manifest.partSize, part);
+    const uint64_t start = part * manifest.partSize;
+    buffer.Reserve(static_cast<size_t>(std::min(manifest.partSize, kReadSlice) + 1));
+    Sha256 hash;
+    Metadata metadata;
+    uint64_t done = 0;
+    do {
+        const uint64_t size = std::min(kReadSlice, expected - done);
+        // The last read asks for one byte more, which shows an object that grew.
+        const uint64_t asked = done + size == expected ? size + 1 : size;
+        const uint64_t read =
+            done == 0 ? context.session.Read(object, buffer.data(), 0, asked, {part_property::kPartSha}, metadata)
+                      : context.session.Read(object, buffer.data(), done, asked);
+        if (read != size) {
+            return "holds " + std::to_string(done + std::min(read, asked)) + " bytes, expected " +
+                   std::to_string(expected);
+        }
+        hash.Update(buffer.data(), static_cast<size_t>(read));
+        slice(start + done, buffer.data(), static_cast<size_t>(read));
+        done += read;
+    } while (done < expected);
+    if (ToHex(hash.Final()) != entry.partSha256[part]) return "does not match its SHA-256";
+    const auto stored = metadata.find(part_property::kPartSha);
+    if (stored != metadata.end() && stored->second != entry.partSha256[part]) {
+        return "carries a part hash that differs from the manifest";
+    }
+    return {};
+}
+
+namespace {
 
 // What the manifest holds as a restore makes it: no owners (the layout keeps
 // none), and for files of the oldest manifests, which kept no mode, 0644.
@@ -134,45 +171,16 @@ void CheckRun::CheckPart(size_t file, uint64_t part, AlignedBuffer& buffer, Prog
     sink_.PieceDone(file, progress);
 }
 
-// Reads one part in reads of at most kReadSlice bytes, each hashed and, in a
-// restore, written at its place in the file's output, then checks the part
-// against the manifest; answers false with the problem found. A file with a
-// part that fails is never committed, so what was written of it goes.
+// A restore writes each slice at its place in the file's output; a file
+// with a part that fails is never committed, so what was written of it goes.
 bool CheckRun::CopyPart(size_t file, uint64_t part, AlignedBuffer& buffer, repo::RestoreProblem& problem) {
     const ManifestFile& entry = manifest_.files[file];
     problem.file = entry.relativePath;
-    problem.object = context_.layout.PartName(manifest_.backupId, entry.index, part);
-    const uint64_t expected = PartBytes(entry.size, manifest_.partSize, part);
-    const uint64_t start = part * manifest_.partSize;
-    Sha256 hash;
-    Metadata metadata;
-    uint64_t done = 0;
-    do {
-        const uint64_t slice = std::min(kReadSlice, expected - done);
-        // The last read asks for one byte more, which shows an object that grew.
-        const uint64_t asked = done + slice == expected ? slice + 1 : slice;
-        const uint64_t read =
-            done == 0 ? context_.session.Read(problem.object, buffer.data(), 0, asked, {part_property::kPartSha}, metadata)
-                      : context_.session.Read(problem.object, buffer.data(), done, asked);
-        if (read != slice) {
-            problem.what = "holds " + std::to_string(done + std::min(read, asked)) + " bytes, expected " +
-                           std::to_string(expected);
-            return false;
-        }
-        hash.Update(buffer.data(), static_cast<size_t>(read));
-        sink_.Write(file, start + done, buffer.data(), static_cast<size_t>(read));
-        done += read;
-    } while (done < expected);
-    if (ToHex(hash.Final()) != entry.partSha256[part]) {
-        problem.what = "does not match its SHA-256";
-        return false;
-    }
-    const auto stored = metadata.find(part_property::kPartSha);
-    if (stored != metadata.end() && stored->second != entry.partSha256[part]) {
-        problem.what = "carries a part hash that differs from the manifest";
-        return false;
-    }
-    return true;
+    problem.what = ReadPart(context_, manifest_, entry, part, buffer, problem.object,
+                            [&](uint64_t offset, const uint8_t* data, size_t size) {
+                                sink_.Write(file, offset, data, size);
+                            });
+    return problem.what.empty();
 }
 
 }  // namespace

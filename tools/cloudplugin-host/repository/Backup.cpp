@@ -364,8 +364,10 @@ void BackupRun::FinishSnapshot(double seconds) {
     report_.bytesProcessed = bytesProcessed_;
     Snapshot& snapshot = report_.snapshot;
     const auto now = std::chrono::system_clock::now();
-    snapshot.timeNs = std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count();
-    snapshot.time = UtcTimeText(snapshot.timeNs / 1000000000);
+    snapshot.timeNs = options_.timeNs != 0
+                          ? options_.timeNs
+                          : std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count();
+    snapshot.time = UtcTimeText(snapshot.timeNs / 1000000000 - (snapshot.timeNs % 1000000000 < 0));
     snapshot.summary.update(Json{{"files", files_},
                                  {"bytes", bytes_},
                                  {"folders", kinds_[NodeType::Folder]},

@@ -24,6 +24,7 @@ struct BackupOptions {
     bool ignoreParent = false;  // read every file, as if there were no parent
     bool dryRun = false;        // read and chunk, store nothing: the report says what would be added
     bool listReads = false;     // the report names every file read (toRead)
+    int64_t timeNs = 0;         // the snapshot's time (ns since 1970); 0: now
     ProgressSink* progress = nullptr;  // none: nothing is shown
 };
 
