@@ -12,6 +12,7 @@
 
 #include "local/Excludes.h"
 #include "util/Error.h"
+#include "local/SourceEntries.h"
 #include "support/TempFolder.h"
 
 using namespace qvhost;
@@ -21,11 +22,7 @@ namespace {
 
 using testsupport::WriteText;
 
-std::vector<std::string> PathsOf(const std::vector<SourceEntry>& entries) {
-    std::vector<std::string> paths;
-    for (const SourceEntry& entry : entries) paths.push_back(entry.relativePath);
-    return paths;
-}
+using localtest::PathsOf;
 
 bool Has(const std::vector<std::string>& items, const std::string& item) {
     return std::find(items.begin(), items.end(), item) != items.end();

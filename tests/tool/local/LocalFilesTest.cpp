@@ -16,6 +16,7 @@
 #include "local/Destination.h"
 #include "local/LocalFiles.h"
 #include "util/Error.h"
+#include "local/SourceEntries.h"
 #include "support/TempFolder.h"
 
 using namespace qvhost;
@@ -41,11 +42,7 @@ std::pair<std::optional<ErrorKind>, std::string> Outcome(const std::function<voi
     return {std::nullopt, ""};
 }
 
-std::vector<std::string> PathsOf(const std::vector<SourceEntry>& entries) {
-    std::vector<std::string> paths;
-    for (const SourceEntry& entry : entries) paths.push_back(entry.relativePath);
-    return paths;
-}
+using localtest::PathsOf;
 
 uint32_t ModeOf(const std::string& path) {
     struct stat info;

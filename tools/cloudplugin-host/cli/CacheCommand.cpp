@@ -13,7 +13,7 @@ namespace {
 
 struct CacheOptions {
     bool cleanup = false;
-    int64_t maxAgeSeconds = 30 * 86400;
+    int64_t maxAgeSeconds = 30 * kSecondsPerDay;
     bool removeAll = false;
 };
 

@@ -27,7 +27,7 @@ int64_t TimeBound(const std::string& option, const std::string& text, bool newes
         throw Error(ErrorKind::Usage, option + " takes a time such as 2024-05-07, '2024-05-07 18:30' or "
                                                "'2024-05-07 18:30:00' (local), not " + text);
     }
-    const int64_t day = newest && text.size() == 10 ? 86400 : 0;
+    const int64_t day = newest && text.size() == 10 ? kSecondsPerDay : 0;
     return (seconds + day) * 1000000000 - (day ? 1 : 0);
 }
 

@@ -75,16 +75,10 @@ CommandResult RunForget(Context& context, const ForgetCommandOptions& options) {
         forget = plan.forget;
     }
     // What the storage still holds stays; a forget once the hold is over takes it.
-    std::map<std::string, int64_t> held =
-        repo::HeldSnapshots(repository, forget, static_cast<int64_t>(std::time(nullptr)));
-    forget.erase(std::remove_if(forget.begin(), forget.end(), [&](const std::string& id) { return held.count(id); }),
-                 forget.end());
-    if (!options.dryRun) {
-        for (const std::string& id : repo::ApplyForget(repository, forget)) {
-            held.emplace(id, repo::kHeldIndefinitely);
-            forget.erase(std::find(forget.begin(), forget.end(), id));
-        }
-    }
+    const repo::ForgetOutcome outcome =
+        repo::ForgetUnlessHeld(repository, forget, static_cast<int64_t>(std::time(nullptr)), options.dryRun);
+    forget = outcome.forgotten;
+    const std::map<std::string, int64_t>& held = outcome.held;
     Json heldJson = Json::array();
     for (const auto& [id, until] : held) {
         const std::string end = until == repo::kHeldIndefinitely ? "" : UtcTimeText(until);

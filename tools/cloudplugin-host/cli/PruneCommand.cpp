@@ -27,12 +27,9 @@ Json HeldUntilJson(const repo::PruneReport& report) {
 }
 
 // What deleting early costs, by tier, at the price table's storage prices.
-Json EarlyDeletionCostJson(const repo::PruneReport& report, const PriceTable& prices) {
-    Json costs = Json::object();
-    for (const auto& [tier, gibMonths] : report.earlyDeletionGiBMonths) {
-        const auto price = prices.perGiBMonth.find(tier);
-        costs[tier] = price == prices.perGiBMonth.end() ? 0.0 : price->second * gibMonths;
-    }
+std::map<std::string, double> EarlyDeletionCosts(const repo::PruneReport& report, const PriceTable& prices) {
+    std::map<std::string, double> costs;
+    for (const auto& [tier, gibMonths] : report.earlyDeletionGiBMonths) costs[tier] = prices.PerGiBMonth(tier) * gibMonths;
     return costs;
 }
 
@@ -51,7 +48,7 @@ Json PruneJson(const repo::PruneReport& report, const PriceTable& prices) {
                 {"held_until", HeldUntilJson(report)},
                 {"index_objects_held", report.indexObjectsHeld},
                 {"early_deletion_tiers", report.earlyDeletionTiers},
-                {"early_deletion_cost", EarlyDeletionCostJson(report, prices)}};
+                {"early_deletion_cost", EarlyDeletionCosts(report, prices)}};
 }
 
 // What prune could not do because the storage holds it.
@@ -75,12 +72,10 @@ void SayTiers(Context& context, const repo::PruneReport& planned, bool dryRun) {
                     "(a rewrite would have to read them); they go once nothing in them is used");
     }
     const PriceTable& prices = context.options().prices;
+    const std::map<std::string, double> costs = EarlyDeletionCosts(planned, prices);
     for (const auto& [tier, packs] : planned.earlyDeletionTiers) {
-        const auto price = prices.perGiBMonth.find(tier);
-        const auto owed = planned.earlyDeletionGiBMonths.find(tier);
-        const double charge = price == prices.perGiBMonth.end() || owed == planned.earlyDeletionGiBMonths.end()
-                                  ? 0.0
-                                  : price->second * owed->second;
+        const auto cost = costs.find(tier);
+        const double charge = cost == costs.end() ? 0.0 : cost->second;
         context.Say("note: " + std::to_string(packs) + " packs " + (dryRun ? "would be" : "are") +
                     " deleted from the " + tier + " tier before their " +
                     std::to_string(repo::EarlyDeletionDays(tier)) + " days there are over: Azure charges the days "

@@ -10,7 +10,6 @@ namespace qvhost {
 
 namespace {
 
-constexpr double kGiB = 1024.0 * 1024.0 * 1024.0;
 
 double Figure(const Json& json, const char* name, const std::string& path) {
     const auto found = json.find(name);
@@ -77,7 +76,7 @@ double RequestCost(const StorageTraffic& traffic, const PriceTable& prices) {
                             static_cast<double>(traffic.read) * prices.read +
                             static_cast<double>(traffic.list) * prices.list +
                             static_cast<double>(traffic.other) * prices.other;
-    return requests / 10000.0 + static_cast<double>(traffic.bytesReceived) / kGiB * prices.perGiBReceived;
+    return requests / 10000.0 + static_cast<double>(traffic.bytesReceived) / kBytesPerGiB * prices.perGiBReceived;
 }
 
 Json TrafficJson(const StorageTraffic& traffic, const PriceTable& prices) {
@@ -110,14 +109,11 @@ std::vector<TierStorage> StorageByTier(const std::vector<std::pair<std::string, 
         ++entry.objects;
         entry.bytes += size;
     }
-    const auto hot = prices.perGiBMonth.find("Hot");
     std::vector<TierStorage> out;
     for (auto& [tier, entry] : byTier) {
-        const auto price = prices.perGiBMonth.find(tier);
-        const double perGiB = price != prices.perGiBMonth.end() ? price->second
-                              : hot != prices.perGiBMonth.end()  ? hot->second
-                                                                 : 0;
-        entry.monthlyCost = static_cast<double>(entry.bytes) / kGiB * perGiB;
+        // An object whose tier the listing does not say is priced as Hot, the default.
+        const double perGiB = prices.PerGiBMonth(prices.perGiBMonth.count(tier) ? tier : "Hot");
+        entry.monthlyCost = static_cast<double>(entry.bytes) / kBytesPerGiB * perGiB;
         out.push_back(entry);
     }
     return out;

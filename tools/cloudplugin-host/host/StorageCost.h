@@ -24,6 +24,12 @@ struct PriceTable {
     double other = 0;
     double perGiBReceived = 0;             // data out of the region (egress)
     std::map<std::string, double> perGiBMonth;  // stored, by access tier ("Hot", "Cool", "Cold", "Archive")
+
+    // A GiB-month in the tier; 0 for a tier the table does not price.
+    double PerGiBMonth(const std::string& tier) const {
+        const auto price = perGiBMonth.find(tier);
+        return price == perGiBMonth.end() ? 0.0 : price->second;
+    }
 };
 
 // The defaults: Azure's pay-as-you-go list prices for block blobs (LRS,

@@ -1,5 +1,6 @@
 #include "repository/Forget.h"
 
+#include <algorithm>
 #include <map>
 
 #include "util/Error.h"
@@ -66,6 +67,22 @@ std::vector<std::string> ApplyForget(Repository& repository, const std::vector<s
         }
     }
     return refused;
+}
+
+ForgetOutcome ForgetUnlessHeld(Repository& repository, std::vector<std::string> snapshots, int64_t now, bool dryRun) {
+    ForgetOutcome outcome;
+    outcome.held = HeldSnapshots(repository, snapshots, now);
+    snapshots.erase(std::remove_if(snapshots.begin(), snapshots.end(),
+                                   [&](const std::string& id) { return outcome.held.count(id) != 0; }),
+                    snapshots.end());
+    if (!dryRun) {
+        for (const std::string& id : ApplyForget(repository, snapshots)) {
+            outcome.held.emplace(id, kHeldIndefinitely);
+            snapshots.erase(std::find(snapshots.begin(), snapshots.end(), id));
+        }
+    }
+    outcome.forgotten = std::move(snapshots);
+    return outcome;
 }
 
 }  // namespace qvhost::repo

@@ -42,4 +42,15 @@ std::map<std::string, int64_t> HeldSnapshots(Repository& repository, const std::
 // holds the exclusive lock.
 std::vector<std::string> ApplyForget(Repository& repository, const std::vector<std::string>& snapshots);
 
+// What a forget did: the snapshots removed (or, in a dry run, those it
+// would remove), and those it left because the storage holds them, with
+// the end of each hold.
+struct ForgetOutcome {
+    std::vector<std::string> forgotten;
+    std::map<std::string, int64_t> held;
+};
+// Removes `snapshots` but those the storage holds at `now`, as listed or as
+// a refused delete shows (then held indefinitely, as far as we know).
+ForgetOutcome ForgetUnlessHeld(Repository& repository, std::vector<std::string> snapshots, int64_t now, bool dryRun);
+
 }  // namespace qvhost::repo

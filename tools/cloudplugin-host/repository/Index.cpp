@@ -18,17 +18,19 @@ constexpr uint8_t kTree = 2;
 
 }  // namespace
 
-Bytes EncodeIndex(const MasterKeys& keys, const std::vector<IndexedPack>& packs) {
+Bytes EncodeIndex(const MasterKeys& keys, const IndexedPack* packs, size_t count) {
+    const IndexedPack* const end = packs + count;
     Bytes plain;
     // Its size exactly: a vector grown by doubling would hold up to twice
     // the index while it is written.
     size_t size = 12;
-    for (const IndexedPack& pack : packs) size += kPackRecord + kBlobRecord * pack.blobs.size();
+    for (const IndexedPack* pack = packs; pack != end; ++pack) size += kPackRecord + kBlobRecord * pack->blobs.size();
     plain.reserve(size);
     ByteWriter writer(plain);
     writer.Raw(reinterpret_cast<const uint8_t*>(kMagic), 8);
-    writer.U32(static_cast<uint32_t>(packs.size()));
-    for (const IndexedPack& pack : packs) {
+    writer.U32(static_cast<uint32_t>(count));
+    for (const IndexedPack* it = packs; it != end; ++it) {
+        const IndexedPack& pack = *it;
         writer.Id(pack.pack);
         writer.U32(static_cast<uint32_t>(pack.blobs.size()));
         for (const PackEntry& blob : pack.blobs) {

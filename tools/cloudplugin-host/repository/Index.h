@@ -43,7 +43,10 @@ struct IndexedPack {
     std::vector<PackEntry> blobs;
 };
 
-Bytes EncodeIndex(const MasterKeys& keys, const std::vector<IndexedPack>& packs);
+Bytes EncodeIndex(const MasterKeys& keys, const IndexedPack* packs, size_t count);
+inline Bytes EncodeIndex(const MasterKeys& keys, const std::vector<IndexedPack>& packs) {
+    return EncodeIndex(keys, packs.data(), packs.size());
+}
 // Throws Damaged naming the object.
 std::vector<IndexedPack> DecodeIndex(const MasterKeys& keys, const Bytes& sealed, const std::string& objectName);
 

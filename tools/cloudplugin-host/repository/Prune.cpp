@@ -8,6 +8,7 @@
 #include "repository/PackVerify.h"
 #include "repository/TreeReader.h"
 #include "util/Error.h"
+#include "util/Text.h"
 
 namespace qvhost::repo {
 
@@ -52,11 +53,11 @@ void CountEarlyDeletion(PrunePlan& plan, const Id& pack) {
     if (days == 0) return;
     const auto since = plan.tierSince.find(pack);
     const int64_t spent = since == plan.tierSince.end() ? 0 : std::max<int64_t>(0, plan.now - since->second);
-    const int64_t left = days * 86400 - spent;
+    const int64_t left = days * kSecondsPerDay - spent;
     if (left <= 0) return;
     ++plan.report.earlyDeletionTiers[tier->second];
-    const double gib = static_cast<double>(plan.stored.at(pack)) / (1024.0 * 1024.0 * 1024.0);
-    plan.report.earlyDeletionGiBMonths[tier->second] += gib * static_cast<double>(left) / (30.0 * 86400);
+    const double gib = static_cast<double>(plan.stored.at(pack)) / kBytesPerGiB;
+    plan.report.earlyDeletionGiBMonths[tier->second] += gib * static_cast<double>(left) / (30.0 * kSecondsPerDay);
 }
 
 // What the snapshots need: their trees and every chunk the trees name. A

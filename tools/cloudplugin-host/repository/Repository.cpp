@@ -19,7 +19,7 @@ struct Repository::WarningLog {
 namespace {
 
 // The end of a retention of `days` days that begins now, in seconds since 1970.
-int64_t RetainedUntil(uint32_t days) { return static_cast<int64_t>(std::time(nullptr)) + int64_t{days} * 86400; }
+int64_t RetainedUntil(uint32_t days) { return static_cast<int64_t>(std::time(nullptr)) + int64_t{days} * kSecondsPerDay; }
 
 void RefuseUnknownDataTier(const std::string& tier) {
     if (!tier.empty() && !IsDataTier(tier)) {
@@ -127,11 +127,7 @@ std::vector<NamedObject> Repository::ListIds(const std::string& prefix, std::vec
     for (const StoredObject& object : store_.List(prefix)) {
         NamedObject named;
         if (IdFromHex(object.name.substr(prefix.size()), named.id)) {
-            named.name = object.name;
-            named.size = object.size;
-            named.tier = object.tier;
-            named.heldUntil = object.heldUntil;
-            named.tierSince = object.tierSince;
+            static_cast<StoredObject&>(named) = object;
             objects.push_back(std::move(named));
         } else if (strays) {
             strays->push_back(object.name);
@@ -195,8 +191,8 @@ MasterIndex Repository::LoadIndex() {
     return index;
 }
 
-std::string Repository::SaveIndex(const std::vector<IndexedPack>& packs, uint64_t* written) {
-    const Bytes sealed = EncodeIndex(keys_, packs);
+std::string Repository::SaveIndex(const IndexedPack* packs, size_t count, uint64_t* written) {
+    const Bytes sealed = EncodeIndex(keys_, packs, count);
     if (written) *written += sealed.size();
     const Id id = Sha256Id(sealed.data(), sealed.size());
     const std::string name = layout_.IndexPrefix() + IdHex(id);
@@ -209,19 +205,19 @@ std::string Repository::SaveIndex(const std::vector<IndexedPack>& packs, uint64_
 }
 
 std::set<std::string> Repository::SaveIndexParts(const std::vector<IndexedPack>& packs, uint64_t* written) {
+    // Runs of whole packs of at most kBlobsPerIndexObject blobs (a pack larger alone), encoded where they lie.
     std::set<std::string> names;
-    std::vector<IndexedPack> part;
+    size_t first = 0;
     size_t blobs = 0;
-    for (const IndexedPack& pack : packs) {
-        if (!part.empty() && blobs + pack.blobs.size() > kBlobsPerIndexObject) {
-            names.insert(SaveIndex(part, written));
-            part.clear();
+    for (size_t i = 0; i < packs.size(); ++i) {
+        if (i > first && blobs + packs[i].blobs.size() > kBlobsPerIndexObject) {
+            names.insert(SaveIndex(packs.data() + first, i - first, written));
+            first = i;
             blobs = 0;
         }
-        part.push_back(pack);
-        blobs += pack.blobs.size();
+        blobs += packs[i].blobs.size();
     }
-    if (!part.empty()) names.insert(SaveIndex(part, written));
+    if (first < packs.size()) names.insert(SaveIndex(packs.data() + first, packs.size() - first, written));
     return names;
 }
 

@@ -65,13 +65,8 @@ struct RepositoryOptions {
 };
 
 // A listed pack, index or snapshot object: its id from its name.
-struct NamedObject {
+struct NamedObject : StoredObject {
     Id id{};
-    std::string name;
-    uint64_t size = 0;  // 0 when the listing does not say
-    std::string tier;   // the access tier, when the listing says
-    int64_t heldUntil = 0;  // StoredObject::heldUntil
-    int64_t tierSince = 0;  // StoredObject::tierSince
 };
 
 class Repository {
@@ -109,7 +104,10 @@ public:
     MasterIndex LoadIndex();
     // Writes an index object of the packs; answers its name (and adds the
     // bytes written to `written`).
-    std::string SaveIndex(const std::vector<IndexedPack>& packs, uint64_t* written = nullptr);
+    std::string SaveIndex(const std::vector<IndexedPack>& packs, uint64_t* written = nullptr) {
+        return SaveIndex(packs.data(), packs.size(), written);
+    }
+    std::string SaveIndex(const IndexedPack* packs, size_t count, uint64_t* written = nullptr);
     // The same in objects of at most kBlobsPerIndexObject blobs each (a
     // pack is never split); answers their names.
     std::set<std::string> SaveIndexParts(const std::vector<IndexedPack>& packs, uint64_t* written = nullptr);

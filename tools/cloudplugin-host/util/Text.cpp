@@ -39,7 +39,7 @@ int64_t ParseAge(const std::string& text) {
     case 's': unit = 1; break;
     case 'm': unit = 60; break;
     case 'h': unit = 3600; break;
-    case 'd': unit = 86400; break;
+    case 'd': unit = kSecondsPerDay; break;
     default: return -1;
     }
     if (text.size() > 10) return -1;  // more than a century in any unit
@@ -50,8 +50,8 @@ int64_t ParseAge(const std::string& text) {
 // (Howard Hinnant's civil_from_days): exact for any time, before 1970 too,
 // where Windows' gmtime_s fails.
 std::tm UtcCivil(int64_t seconds) {
-    const int64_t days = seconds / 86400 - (seconds % 86400 < 0);
-    const int64_t second = seconds - days * 86400;
+    const int64_t days = seconds / kSecondsPerDay - (seconds % kSecondsPerDay < 0);
+    const int64_t second = seconds - days * kSecondsPerDay;
     const int64_t z = days + 719468;
     const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
     const int64_t dayOfEra = z - era * 146097;
@@ -86,7 +86,7 @@ int64_t UtcMoment(std::tm civil) {
     const int64_t dayOfYear = (153 * (month < 2 ? month + 10 : month - 2) + 2) / 5;  // of the March-based year
     const int64_t dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
     const int64_t days = era * 146097 + dayOfEra - 719468 + (civil.tm_mday - 1);
-    return days * 86400 + civil.tm_hour * int64_t{3600} + civil.tm_min * int64_t{60} + civil.tm_sec;
+    return days * kSecondsPerDay + civil.tm_hour * int64_t{3600} + civil.tm_min * int64_t{60} + civil.tm_sec;
 }
 
 namespace {

@@ -29,6 +29,9 @@ uint64_t ParseSize(const std::string& text);
 // "30m", "24h", "7d", "90s" or "0"; -1 for text that is not an age.
 int64_t ParseAge(const std::string& text);
 
+constexpr int64_t kSecondsPerDay = 86400;
+constexpr double kBytesPerGiB = 1024.0 * 1024.0 * 1024.0;
+
 // The calendar fields of a UTC time, and back (gmtime and timegm, which
 // Windows names otherwise).
 std::tm UtcCivil(int64_t seconds);
