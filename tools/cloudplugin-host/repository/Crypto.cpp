@@ -153,6 +153,18 @@ Bytes Seal(const Key256& key, const uint8_t* plain, size_t size, const uint8_t* 
     return out;
 }
 
+KeyedHasher::~KeyedHasher() { Free(keyed_); }
+
+KeyedHasher::KeyedHasher(KeyedHasher&& other) noexcept : keyed_(std::exchange(other.keyed_, nullptr)) {}
+
+KeyedHasher& KeyedHasher::operator=(KeyedHasher&& other) noexcept {
+    if (this != &other) {
+        Free(keyed_);
+        keyed_ = std::exchange(other.keyed_, nullptr);
+    }
+    return *this;
+}
+
 Id KeyedHash(const Key256& key, const uint8_t* data, size_t size) { return KeyedHasher(key).Hash(data, size); }
 
 uint64_t KdfParameters::MemoryBytes() const {

@@ -52,8 +52,9 @@ public:
     Id Hash(const uint8_t* data, size_t size) const;
 
 private:
-    struct Context;
-    Context* keyed_ = nullptr;  // an EVP_MAC_CTX holding the key, never updated itself
+    struct Context;  // the library's keyed state (CryptoOpenSsl.cpp, CryptoGcrypt.cpp), never updated itself
+    static void Free(Context* context);
+    Context* keyed_ = nullptr;
 };
 
 // Plain SHA-256, used for the object names of packs (anyone may check a name against the content).

@@ -139,17 +139,7 @@ KeyedHasher::KeyedHasher(const Key256& key) {
     keyed_ = new Context{std::move(keyed)};
 }
 
-KeyedHasher::~KeyedHasher() { delete keyed_; }
-
-KeyedHasher::KeyedHasher(KeyedHasher&& other) noexcept : keyed_(std::exchange(other.keyed_, nullptr)) {}
-
-KeyedHasher& KeyedHasher::operator=(KeyedHasher&& other) noexcept {
-    if (this != &other) {
-        delete keyed_;
-        keyed_ = std::exchange(other.keyed_, nullptr);
-    }
-    return *this;
-}
+void KeyedHasher::Free(Context* context) { delete context; }
 
 Id KeyedHasher::Hash(const uint8_t* data, size_t size) const {
     RequireBuffer(data, size, "the data");
