@@ -58,15 +58,14 @@ fs::path FolderObjectStore::ObjectPath(const std::string& name) const {
     return objects_ / PathOf(name);
 }
 
-fs::path FolderObjectStore::PropertiesPath(const std::string& name) const {
-    ObjectPath(name);
-    return properties_ / PathOf(name);
+fs::path FolderObjectStore::PropertiesPath(const fs::path& objectPath) const {
+    return properties_ / objectPath.lexically_relative(objects_);
 }
 
 void FolderObjectStore::Write(const std::string& name, const uint8_t* data, size_t size,
                               const Properties& properties) {
     const fs::path path = ObjectPath(name);
-    const fs::path propertiesPath = PropertiesPath(name);
+    const fs::path propertiesPath = PropertiesPath(path);
     MakeParent(path);
     // The properties first: an object is never listed without them.
     std::error_code ignored;
@@ -133,7 +132,7 @@ std::vector<StoredObject> FolderObjectStore::List(const std::string& prefix) {
         if (name.compare(0, prefix.size(), prefix) != 0) continue;
         StoredObject object;
         object.size = entries->file_size(error);
-        object.properties = ReadProperties(properties_ / entries->path().lexically_relative(objects_));
+        object.properties = ReadProperties(PropertiesPath(entries->path()));
         object.name = std::move(name);
         objects.push_back(std::move(object));
     }
@@ -143,10 +142,11 @@ std::vector<StoredObject> FolderObjectStore::List(const std::string& prefix) {
 }
 
 void FolderObjectStore::Delete(const std::string& name) {
+    const fs::path path = ObjectPath(name);
     std::error_code error;
-    fs::remove(ObjectPath(name), error);
-    if (error) Fail("delete", ObjectPath(name));
-    fs::remove(PropertiesPath(name), error);
+    fs::remove(path, error);
+    if (error) Fail("delete", path);
+    fs::remove(PropertiesPath(path), error);
 }
 
 void FolderObjectStore::SetTier(const std::string& name, const std::string& tier, const std::string& priority) {

@@ -33,10 +33,11 @@ public:
     void SetRetention(const std::string& name, int64_t until) override;
 
 private:
-    // The object's file and its properties' file; throws Error (usage) for
-    // a name that is no relative path of plain components.
+    // The object's file; throws Error (usage) for a name that is no
+    // relative path of plain components.
     std::filesystem::path ObjectPath(const std::string& name) const;
-    std::filesystem::path PropertiesPath(const std::string& name) const;
+    // The properties' file of the object at `objectPath`.
+    std::filesystem::path PropertiesPath(const std::filesystem::path& objectPath) const;
 
     std::filesystem::path objects_;
     std::filesystem::path properties_;
