@@ -253,6 +253,10 @@ echo "     $set_text"
 
 # ---- the two tools' command lines
 tool_cmd=("$tool" --jobs "$jobs" "${tool_args[@]}")
+# cloudplugin-host only reads the version 2 layout; the build's fixture
+# program beside it writes it (the same global options, command backup).
+writer_cmd=("$(dirname "$(dirname "$tool")")/fixtures/version2-writer" --jobs "$jobs" "${tool_args[@]}")
+[ -x "${writer_cmd[0]}" ] || fail "no ${writer_cmd[0]} beside $tool (built with the tool)"
 
 # An account SAS signed with Azurite's development key (account_sas,
 # scripts/bench-common.sh). Both tools use the same kind of credential: by default the same account
@@ -279,7 +283,7 @@ remote=benchaz:rclone-bench
 
 echo "==== command lines (round N; the data set is $source_dir)"
 echo "  CLOUDPLUGIN_CONNECTION='$CLOUDPLUGIN_CONNECTION'"
-echo "  $(quoted "${tool_cmd[@]}") legacy backup SOURCE --name bench-N"
+echo "  $(quoted "${writer_cmd[@]}") backup SOURCE --name bench-N"
 echo "  $(quoted "${tool_cmd[@]}") legacy restore bench-N DEST"
 echo "  $(quoted "${tool_cmd[@]}") legacy delete bench-N         (not timed)"
 echo "  RCLONE_CONFIG=$RCLONE_CONFIG (empty) RCLONE_CONFIG_BENCHAZ_TYPE=azureblob"
@@ -341,7 +345,7 @@ compare() {
 
 round_tool() {  # ROUND
   rm -rf "$tool_restore"
-  run_timed cloudplugin-host backup "$1" "${tool_cmd[@]}" legacy backup "$source_dir" --name "bench-$1"
+  run_timed cloudplugin-host backup "$1" "${writer_cmd[@]}" backup "$source_dir" --name "bench-$1"
   run_timed cloudplugin-host restore "$1" "${tool_cmd[@]}" legacy restore "bench-$1" "$tool_restore"
   compare cloudplugin-host "$1" "$tool_restore" yes
   "${tool_cmd[@]}" legacy delete "bench-$1" >>"$logs/round$1-cloudplugin-host-delete.log" 2>&1 ||

@@ -35,9 +35,17 @@ azurite_cpu() { awk -v hz="$(getconf CLK_TCK)" '{ printf "%.2f", ($14 + $15) / h
 
 hz=499
 for step in backup restore; do
-  if [ "$step" = backup ]; then command=(legacy backup "$source_dir" --name profiled); else command=(legacy restore profiled "$work/restored"); fi
+  # The backup is the version 2 layout's, written by the build's fixture
+  # program beside the tool; the restore is the tool's.
+  program=$tool
+  if [ "$step" = backup ]; then
+    program=$(dirname "$(dirname "$tool")")/fixtures/version2-writer
+    command=(backup "$source_dir" --name profiled)
+  else
+    command=(legacy restore profiled "$work/restored")
+  fi
   before=$(azurite_cpu)
-  perf record -q -F "$hz" -g -o "$work/$step.data" -- "$tool" --quiet "$@" "${command[@]}"
+  perf record -q -F "$hz" -g -o "$work/$step.data" -- "$program" --quiet "$@" "${command[@]}"
   after=$(azurite_cpu)
   echo "==== $step: CPU seconds per layer (cloudplugin-host with its JVM; Azurite $(awk -v a="$before" -v b="$after" 'BEGIN { printf "%.2f", b - a }') s)"
   echo "| layer | CPU s | share |"

@@ -1,5 +1,6 @@
-// A backup of the version 2 layout: every regular file (content, time, mode)
-// in parts, with its empty folders and symbolic links, then the manifest.
+// A backup of the version 2 layout, for the fixtures of the tests and
+// benchmarks: every regular file (content, time, mode) in parts, with its
+// empty folders and symbolic links, then the manifest.
 // Every part of every file is a piece of work of its own, read once and
 // hashed once by whichever job takes it. A backup that stops writes no
 // manifest and removes the parts it wrote.
@@ -10,7 +11,6 @@
 
 #include "util/AlignedBuffer.h"
 #include "host/PluginSession.h"
-#include "legacy/Legacy.h"
 #include "legacy/Manifest.h"
 #include "legacy/PartPlan.h"
 #include "util/Interrupt.h"
@@ -18,6 +18,7 @@
 #include "util/ParallelRunner.h"
 #include "util/Sha256.h"
 #include "util/Error.h"
+#include "Version2Writer.h"
 
 namespace qvhost::legacy {
 

@@ -95,7 +95,7 @@ TEST_F(CommandLineTest, ForgetWithAHostFilterLeavesTheOtherHostsAlone) {
 }
 
 TEST_F(CommandLineTest, ARestoreNeverTakesAVersion2BackupForASnapshot) {
-    const ToolRun legacy = Tool({"legacy", "backup", source_, "--name", "cafe1234"});
+    const ToolRun legacy = Writer({"backup", source_, "--name", "cafe1234"});
     ASSERT_EQ(legacy.status, 0) << legacy.err;
     const ToolRun restore = Repo({"restore", "cafe1234", Folder("restored")});
     EXPECT_EQ(restore.status, 6) << restore.err;  // no snapshot of that name; the backup is 'legacy restore''s

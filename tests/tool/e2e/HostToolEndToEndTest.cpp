@@ -12,7 +12,7 @@ using namespace e2e;
 
 TEST_F(HostToolTest, BackupListVerifyAndRestoreReproduceTheTree) {
     const std::string source = MakeTree();
-    const ToolRun backup = Tool({"legacy", "backup", source, "--part-size", kPartSize});
+    const ToolRun backup = Writer({"backup", source, "--part-size", kPartSize});
     ASSERT_EQ(backup.status, 0) << backup.err;
     EXPECT_EQ(Member(backup.out, "files"), "26");
     // One object per started MiB of every non-empty file: 3 for the large
@@ -42,7 +42,7 @@ TEST_F(HostToolTest, BackupListVerifyAndRestoreReproduceTheTree) {
 TEST_F(HostToolTest, OneJobAndManyJobsStoreTheSameTree) {
     const std::string source = MakeTree();
     for (const char* jobs : {"1", "8"}) {
-        const ToolRun backup = Tool({"--jobs", jobs, "legacy", "backup", source, "--part-size", kPartSize});
+        const ToolRun backup = Writer({"--jobs", jobs, "backup", source, "--part-size", kPartSize});
         ASSERT_EQ(backup.status, 0) << backup.err;
         const std::string id = Unquoted(Member(backup.out, "backup"));
         const std::string target = Folder(std::string("restored-") + jobs);
@@ -96,9 +96,9 @@ TEST_F(HostToolTest, AnInterruptedBackupLeavesNoManifest) {
     const std::string root = Folder("many-files");
     for (int i = 0; i < 400; ++i) WriteFile(root + "/f" + std::to_string(i), Bytes(64 << 10, i));
     const std::string progress = Folder("progress.txt");
-    const pid_t tool = StartTool({"--connection", Azurite::Shared().ConnectionString(container_),
-                                       "--log-folder", logs_, "--jobs", "1", "legacy", "backup", root, "--name", "interrupted"},
-                                      progress);
+    const pid_t tool = StartWriter({"--connection", Azurite::Shared().ConnectionString(container_), "--log-folder",
+                                    logs_, "--jobs", "1", "backup", root, "--name", "interrupted"},
+                                   progress);
     // Interrupt once the first files are stored (the progress lines say so).
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (ReadFile(progress).find("backup f1") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
@@ -128,12 +128,21 @@ TEST_F(HostToolTest, DeleteRemovesTheBackupAndAllItsObjects) {
     EXPECT_EQ(Tool({"legacy", "delete", id}).status, 6);
 }
 
-TEST_F(HostToolTest, ABackupNameIsNotTakenTwice) {
-    const std::string source = MakeTree();
-    ASSERT_EQ(Tool({"legacy", "backup", source, "--part-size", kPartSize, "--name", "nightly"}).status, 0);
-    const ToolRun again = Tool({"legacy", "backup", source, "--part-size", kPartSize, "--name", "nightly"});
-    EXPECT_EQ(again.status, 2);
-    EXPECT_NE(again.err.find("a backup named nightly exists already"), std::string::npos) << again.err;
+TEST(HostToolCommandLine, AShadowCopyIsRefusedOutsideWindowsBeforeAnythingStarts) {
+    const ToolRun run = RunTool({"--connection", "x", "backup", "--use-fs-snapshot", "."});
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find("cloudplugin-host backup: --use-fs-snapshot takes a Volume Shadow Copy, which only Windows has"),
+              std::string::npos) << run.err;
+}
+
+TEST(HostToolCommandLine, TheToolWritesNoBackupOfTheVersion2Layout) {
+    const ToolRun run = RunTool({"--connection", "x", "legacy", "backup", "."});
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find("cloudplugin-host legacy"), std::string::npos) << run.err;
+    const ToolRun help = RunTool({"help", "legacy"});
+    EXPECT_EQ(help.status, 0) << help.err;
+    EXPECT_EQ(help.out.find("legacy backup"), std::string::npos) << help.out;
+    EXPECT_NE(help.out.find("legacy migrate"), std::string::npos) << help.out;
 }
 
 TEST_F(HostToolTest, AWrongAccountKeyStopsAtInitWithThePluginsResultCode) {
@@ -183,53 +192,12 @@ TEST_F(HostToolTest, RestoreRefusesToReplaceExistingFilesUnlessTold) {
 TEST(HostToolCommandLine, BadCommandLinesEndWithStatusTwoBeforeAnyJvmStarts) {
     for (const std::vector<std::string>& arguments :
          std::vector<std::vector<std::string>>{{}, {"frobnicate"}, {"--jobs", "0", "legacy", "list"},
-                                               {"legacy", "backup", "x", "--part-size", "1X"}, {"--connection"},
+                                               {"legacy", "restore", "only-one"}, {"--connection"},
                                                {"--connection", "x", "restore", "only-one"}}) {
         const ToolRun run = RunTool(arguments);
         EXPECT_EQ(run.status, 2) << run.err;
         EXPECT_NE(run.err.find("cloudplugin-host"), std::string::npos);
     }
-}
-
-TEST_F(HostToolTest, FifosAreSkippedAndUnreadableFilesEndWithStatusThreeUnlessSkipped) {
-    const std::string root = Folder("source");
-    WriteFile(root + "/kept.txt", "kept");
-    WriteFile(root + "/secret.txt", "cannot be read");
-    fs::permissions(root + "/secret.txt", fs::perms::none);
-    ASSERT_EQ(mkfifo((root + "/pipe").c_str(), 0600), 0);
-    // As root every file is readable: the tool then runs without the
-    // capabilities that let root ignore file permissions.
-    const std::vector<std::string> asUser =
-        geteuid() == 0 ? std::vector<std::string>{"setpriv", "--bounding-set=-dac_override,-dac_read_search"}
-                       : std::vector<std::string>{};
-    const std::vector<std::string> common = {"--connection", Azurite::Shared().ConnectionString(container_),
-                                             "--log-folder", logs_};
-    auto backup = [&](std::vector<std::string> extra) {
-        std::vector<std::string> arguments = common;
-        arguments.insert(arguments.end(), extra.begin(), extra.end());
-        arguments.insert(arguments.begin() + static_cast<std::ptrdiff_t>(common.size()), {"legacy", "backup", root});
-        return RunToolUnder(asUser, arguments);
-    };
-
-    const ToolRun plain = backup({"--name", "plain"});
-    EXPECT_EQ(plain.status, 3) << plain.err;  // the manifest saved, as restic's 3
-    EXPECT_NE(plain.err.find("skipped pipe: is a FIFO"), std::string::npos) << plain.err;
-    EXPECT_NE(plain.err.find("NOT BACKED UP secret.txt: cannot open"), std::string::npos) << plain.err;
-    EXPECT_NE(plain.out.find("2 skipped, 1 of them unreadable"), std::string::npos) << plain.out;
-
-    const ToolRun skipping = backup({"--name", "skipping", "--skip-unreadable", "--json"});
-    EXPECT_EQ(skipping.status, 0) << skipping.err;
-    EXPECT_NE(WithoutTraffic(skipping.out).find("],\"unreadable\":1}"), std::string::npos) << skipping.out;
-    EXPECT_NE(skipping.out.find("{\"path\":\"pipe\",\"reason\":\"is a FIFO\",\"unreadable\":false}"),
-              std::string::npos) << skipping.out;
-    EXPECT_NE(skipping.out.find("{\"path\":\"secret.txt\""), std::string::npos) << skipping.out;
-
-    // Both backups are complete and hold the readable file only.
-    const ToolRun restore = Tool({"legacy", "restore", "plain", Folder("restored")});
-    ASSERT_EQ(restore.status, 0) << restore.err;
-    EXPECT_EQ(ReadFile(Folder("restored/kept.txt")), "kept");
-    EXPECT_FALSE(fs::exists(Folder("restored/secret.txt")));
-    EXPECT_FALSE(fs::exists(Folder("restored/pipe")));
 }
 
 TEST_F(HostToolTest, ABackupWithAnOlderManifestWithoutModesStillRestores) {
@@ -264,7 +232,9 @@ TEST_F(HostToolTest, ARestoreOfAnArchivedBackupNamesTheArchivedObjectAndItsCode)
         all.insert(all.end(), arguments.begin(), arguments.end());
         return RunTool(all);
     };
-    ASSERT_EQ(tool({"legacy", "backup", Folder("source"), "--name", "cold"}).status, 0);
+    ASSERT_EQ(RunWriter({"--connection", archive, "--log-folder", logs_, "backup", Folder("source"), "--name", "cold"})
+                  .status,
+              0);
     const ToolRun restore = tool({"legacy", "restore", "cold", Folder("restored")});
     EXPECT_EQ(restore.status, 8) << restore.err;
     EXPECT_EQ(Member(restore.out, "operation"), "\"ReadObjectByName\"");
@@ -282,14 +252,15 @@ TEST_F(HostToolTest, ABackupOverTlsWithASasTokenRestoresTheTreeAndAnUntrustedCer
         "--jvm-option", std::string("-Djavax.net.ssl.trustStore=") + QV_TOOL_TLS_DIR + "/truststore.p12",
         "--jvm-option", std::string("-Djavax.net.ssl.trustStorePassword=") + QV_TOOL_TLS_PASSWORD,
         "--jvm-option", "-Djavax.net.ssl.trustStoreType=PKCS12"};
-    auto tool = [&](std::vector<std::string> arguments, bool trust) {
+    auto with = [&](std::vector<std::string> arguments, bool trust) {
         std::vector<std::string> all = {"--connection", connection, "--log-folder", logs_, "--json"};
         if (trust) all.insert(all.end(), trusting.begin(), trusting.end());
         all.insert(all.end(), arguments.begin(), arguments.end());
-        return RunTool(all);
+        return all;
     };
+    auto tool = [&](std::vector<std::string> arguments, bool trust) { return RunTool(with(arguments, trust)); };
 
-    const ToolRun backup = tool({"legacy", "backup", source, "--part-size", kPartSize, "--name", "over-tls"}, true);
+    const ToolRun backup = RunWriter(with({"backup", source, "--part-size", kPartSize, "--name", "over-tls"}, true));
     ASSERT_EQ(backup.status, 0) << backup.err;
     const ToolRun restore = tool({"legacy", "restore", "over-tls", Folder("restored")}, true);
     ASSERT_EQ(restore.status, 0) << restore.err;
@@ -305,14 +276,14 @@ TEST_F(HostToolTest, ProgressLinesAdvancePerPartOfALargeFile) {
     const std::string source = MakeTree();
     const std::vector<std::string> common = {"--connection", Azurite::Shared().ConnectionString(container_),
                                              "--log-folder", logs_};
-    auto run = [&](std::vector<std::string> command) {
+    auto with = [&](std::vector<std::string> command) {
         std::vector<std::string> all = common;
         all.insert(all.end(), command.begin(), command.end());
-        return RunTool(all);  // standard error is no terminal: a line per file and per part
+        return all;  // standard error is no terminal: a line per file and per part
     };
-    const ToolRun backup = run({"legacy", "backup", source, "--part-size", kPartSize, "--name", "lines"});
+    const ToolRun backup = RunWriter(with({"backup", source, "--part-size", kPartSize, "--name", "lines"}));
     ASSERT_EQ(backup.status, 0) << backup.err;
-    const ToolRun restore = run({"legacy", "restore", "lines", Folder("restored")});
+    const ToolRun restore = RunTool(with({"legacy", "restore", "lines", Folder("restored")}));
     ASSERT_EQ(restore.status, 0) << restore.err;
     for (const auto& [verb, err] : {std::pair<std::string, std::string>{"backup", backup.err}, {"restore", restore.err}}) {
         for (int part = 1; part <= 3; ++part) {

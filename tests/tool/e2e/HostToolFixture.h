@@ -110,10 +110,17 @@ protected:
     // The tool with this test's container and logs, and --json.
     ToolRun Tool(std::vector<std::string> arguments) { return ToolOn(Azurite::Shared(), std::move(arguments)); }
     ToolRun ToolOn(const Azurite& azurite, std::vector<std::string> arguments) {
+        return RunTool(WithTestOptions(azurite, std::move(arguments)));
+    }
+    // version2-writer (a backup of the version 2 layout) the same way.
+    ToolRun Writer(std::vector<std::string> arguments) {
+        return RunWriter(WithTestOptions(Azurite::Shared(), std::move(arguments)));
+    }
+    std::vector<std::string> WithTestOptions(const Azurite& azurite, std::vector<std::string> arguments) const {
         std::vector<std::string> all = {"--connection", azurite.ConnectionString(container_), "--log-folder", logs_,
                                         "--cache-dir", CacheFolder(), "--json"};
         all.insert(all.end(), arguments.begin(), arguments.end());
-        return RunTool(all);
+        return all;
     }
 
     std::string Folder(const std::string& name) const { return work_.PathUtf8() + "/" + name; }
@@ -153,7 +160,7 @@ protected:
     }
 
     std::string Backup(const std::string& source) {
-        const ToolRun run = Tool({"legacy", "backup", source, "--part-size", kPartSize});
+        const ToolRun run = Writer({"backup", source, "--part-size", kPartSize});
         EXPECT_EQ(run.status, 0) << run.err;
         return Unquoted(Member(run.out, "backup"));
     }

@@ -745,7 +745,7 @@ TEST_F(RepositoryToolTest, ForgetByPolicyThenPruneFreesTheSpaceOfForgottenSnapsh
 
 TEST_F(RepositoryToolTest, BackupsOfTheVersion2LayoutAreStillListedAndRestorable) {
     const std::string source = MakeTree();
-    const std::string legacy = Backup(source);  // legacy backup
+    const std::string legacy = Backup(source);  // written by version2-writer
     const ToolRun snapshots = Repo({"snapshots"});
     ASSERT_EQ(snapshots.status, 0) << snapshots.err;
     EXPECT_NE(snapshots.out.find("\"legacy_backups\":1"), std::string::npos) << snapshots.out;

@@ -106,10 +106,14 @@ std::string RunFolder() {
     return folder.path;
 }
 
-std::vector<std::string> WithTool(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {QV_TOOL_PATH};
+std::vector<std::string> WithProgram(const char* program, const std::vector<std::string>& arguments) {
+    std::vector<std::string> all = {program};
     all.insert(all.end(), arguments.begin(), arguments.end());
     return all;
+}
+
+std::vector<std::string> WithTool(const std::vector<std::string>& arguments) {
+    return WithProgram(QV_TOOL_PATH, arguments);
 }
 
 // The port of the test run's Azurite, or 0 when the test program runs
@@ -318,11 +322,11 @@ size_t FaultProxy::Count(const std::vector<std::string>& parts) const {
 }
 #endif
 
-ToolRun RunToolUnder(const std::vector<std::string>& wrapper, const std::vector<std::string>& arguments) {
+namespace {
+
+ToolRun RunCommand(const std::vector<std::string>& command) {
     static std::atomic<int> runs{0};
     const std::string stem = RunFolder() + "/run" + std::to_string(++runs);
-    std::vector<std::string> command = wrapper;
-    for (const std::string& word : WithTool(arguments)) command.push_back(word);
     ToolRun run;
     run.status = WaitTool(Spawn(command, stem + ".out", stem + ".err"));
     run.out = ReadWhole(stem + ".out");
@@ -330,10 +334,26 @@ ToolRun RunToolUnder(const std::vector<std::string>& wrapper, const std::vector<
     return run;
 }
 
+}  // namespace
+
+ToolRun RunToolUnder(const std::vector<std::string>& wrapper, const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = wrapper;
+    for (const std::string& word : WithTool(arguments)) command.push_back(word);
+    return RunCommand(command);
+}
+
 ToolRun RunTool(const std::vector<std::string>& arguments) { return RunToolUnder({}, arguments); }
+
+ToolRun RunWriter(const std::vector<std::string>& arguments) {
+    return RunCommand(WithProgram(QV_WRITER_PATH, arguments));
+}
 
 pid_t StartTool(const std::vector<std::string>& arguments, const std::string& errorFile) {
     return Spawn(WithTool(arguments), "/dev/null", errorFile);
+}
+
+pid_t StartWriter(const std::vector<std::string>& arguments, const std::string& errorFile) {
+    return Spawn(WithProgram(QV_WRITER_PATH, arguments), "/dev/null", errorFile);
 }
 
 int WaitTool(pid_t pid) {

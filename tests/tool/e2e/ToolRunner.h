@@ -93,8 +93,15 @@ ToolRun RunTool(const std::vector<std::string>& arguments);
 // word is followed by the tool and its arguments.
 ToolRun RunToolUnder(const std::vector<std::string>& wrapper, const std::vector<std::string>& arguments);
 
+// Runs version2-writer (tools/version2-writer), which makes backups of the
+// version 2 layout that the tool only reads; it takes the tool's global
+// options and one command, backup.
+ToolRun RunWriter(const std::vector<std::string>& arguments);
+
 // Starts the tool without waiting; standard error goes to `errorFile`.
 pid_t StartTool(const std::vector<std::string>& arguments, const std::string& errorFile);
+// The same with version2-writer.
+pid_t StartWriter(const std::vector<std::string>& arguments, const std::string& errorFile);
 // Waits for a started tool; answers its exit status (128 + signal if killed).
 int WaitTool(pid_t pid);
 

@@ -3,6 +3,7 @@
 // any write.
 #include <ctime>
 #include <map>
+#include <set>
 
 #include "repository/RepositoryFixture.h"
 
@@ -226,6 +227,40 @@ TEST_F(RepositoryTest, ADryRunReadsAndChunksButStoresNothing) {
     EXPECT_EQ(real.blobsNew, dry.blobsNew);
     EXPECT_EQ(real.packsWritten, dry.packsWritten);
     EXPECT_NEAR(static_cast<double>(real.bytesAdded), static_cast<double>(dry.bytesAdded), 4096.0);
+}
+
+// Names that Windows cannot have, stored by a POSIX backup, are left out of
+// a Windows restore one entry at a time (a folder with what lies beneath
+// it), each named; the rest of the snapshot is planned as usual.
+TEST_F(RepositoryTest, NamesThisSystemRefusesAreLeftOutOneByOneNotTheirFolder) {
+    const auto Text = [](const std::string& text) { return Bytes(text.begin(), text.end()); };
+    const std::string source = Folder("source");
+    WriteFile(source + "/kept.txt", Text("kept"));
+    WriteFile(source + "/CON", Text("a device name on Windows"));
+    WriteFile(source + "/ends.", Text("a trailing dot"));
+    WriteFile(source + "/aux/inside.txt", Text("beneath a refused folder"));
+    WriteFile(source + "/docs/what?.txt", Text("a reserved character"));
+    WriteFile(source + "/docs/fine.txt", Text("fine"));
+    const BackupReport backup = Backup(source);
+    const MasterIndex index = repository_->LoadIndex();
+    TreeReader reader(*repository_, index);
+    const Snapshot snapshot = repository_->LoadSnapshot(backup.snapshot.id);
+
+    const RestorePlan posix = PlanRestore(reader, snapshot, "", {}, PathRules::Posix);
+    EXPECT_TRUE(posix.refused.empty());
+    EXPECT_EQ(posix.files.size(), 6u);
+
+    const RestorePlan windows = PlanRestore(reader, snapshot, "", {}, PathRules::Windows);
+    std::map<std::string, std::string> refused;
+    for (const RestoreProblem& problem : windows.refused) refused[problem.file] = problem.what;
+    std::set<std::string> files;
+    for (const RestoreFile& file : windows.files) files.insert(file.relativePath);
+    EXPECT_EQ(files, (std::set<std::string>{"docs/fine.txt", "kept.txt"}));
+    ASSERT_EQ(refused.size(), 4u);
+    EXPECT_EQ(refused["CON"], "this system refuses its name (it names a Windows device (CON))");
+    EXPECT_NE(refused["aux"].find("names a Windows device"), std::string::npos);
+    EXPECT_NE(refused["ends."].find("ending in a dot"), std::string::npos);
+    EXPECT_NE(refused["docs/what?.txt"].find("reserves"), std::string::npos);
 }
 
 }  // namespace

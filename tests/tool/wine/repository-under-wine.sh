@@ -71,6 +71,15 @@ rm -rf restored-win
 step "restore after prune under Wine" win --folder repo restore latest restored-win
 same_tree source restored-win "the Windows restore after prune"
 
+# A shadow copy: Wine has no Volume Shadow Copy service. The backup stores
+# nothing and says which step failed, with exit status 4.
+out=$(win --folder repo backup --use-fs-snapshot source)
+status=$?
+[ $status -eq 4 ] || fail "a backup with --use-fs-snapshot under Wine should end with exit status 4, not $status: $out"
+grep -q "cloudplugin-host backup: cannot make a shadow copy of .*: .* answered 0x" <<<"$out" ||
+  fail "a backup with --use-fs-snapshot under Wine should name the step that failed: $out"
+[ "$(snapshot_count win --folder repo)" -eq 1 ] || fail "a backup without its shadow copy stored a snapshot"
+
 # ---- Written on Linux, read on Windows; written on Windows, read on Linux.
 step "init on Linux" lin --folder shared init --kdf-memory 16MiB
 step "backup on Linux" lin --folder shared backup source

@@ -6,6 +6,7 @@
 #include "local/Excludes.h"
 #include "local/FilesFrom.h"
 #include "local/LocalSource.h"
+#include "local/ShadowCopy.h"
 #include "local/StreamSource.h"
 #include "repository/Backup.h"
 #include "repository/Locks.h"
@@ -26,6 +27,7 @@ struct BackupCommandOptions {
     bool force = false;
     bool dryRun = false;
     bool skipUnreadable = false;
+    bool useFsSnapshot = false;  // read from a Volume Shadow Copy (Windows)
     ExcludeOptions excludes;
 };
 
@@ -105,6 +107,7 @@ repo::BackupReport Back(Context& context, repo::Repository& repository, repo::So
 // Before the plug-in starts, so that a missing path, a bad pattern or
 // exclude file, or a command that cannot start fails at once.
 struct ChosenSource {
+    std::unique_ptr<ShadowCopy> shadow;  // with --use-fs-snapshot; goes after the source
     std::unique_ptr<repo::Source> source;
     std::unique_ptr<Excludes> excludes;  // none for a stream
 };
@@ -117,6 +120,9 @@ ChosenSource ChooseSource(const BackupCommandOptions& options) {
     }
     if (stream && !options.pathLists.empty()) {
         throw Error(ErrorKind::Usage, "a backup of a stream takes no --files-from");
+    }
+    if (stream && options.useFsSnapshot) {
+        throw Error(ErrorKind::Usage, "a backup of a stream takes no --use-fs-snapshot");
     }
     if (options.fromStdin) {
         if (!options.sources.empty()) throw Error(ErrorKind::Usage, "--stdin takes no PATH");
@@ -138,12 +144,17 @@ ChosenSource ChooseSource(const BackupCommandOptions& options) {
     auto local = std::make_unique<LocalSource>(paths);
     chosen.excludes = std::make_unique<Excludes>(options.excludes, local->Root());
     local->SetFilter(chosen.excludes->Filter());
+    if (options.useFsSnapshot) {
+        chosen.shadow = std::make_unique<ShadowCopy>(local->Root());
+        local->ReadFrom(chosen.shadow->Folder());
+    }
     chosen.source = std::move(local);
     return chosen;
 }
 
 CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     const ChosenSource chosen = ChooseSource(options);
+    if (chosen.shadow) context.Say("reading from the shadow copy " + chosen.shadow->Device());
     repo::Repository repository = OpenRepository(context);
     repo::BackupOptions backup;
     backup.jobs = context.options().host.jobs;
@@ -172,6 +183,7 @@ CommandResult RunBackup(Context& context, const BackupCommandOptions& options) {
     result.json["unreadable"] = report.Unreadable();
     result.json.update(excluded);
     if (options.dryRun) result.json["would_read"] = report.toRead;
+    if (chosen.shadow) result.json["shadow_copy"] = chosen.shadow->Device();
     return result;
 }
 
@@ -271,7 +283,11 @@ void AddBackupCommand(CommandTable& table) {
          "--exclude-caches and --exclude-if-present leave out the content of tagged folders, -x other file "
          "systems, --exclude-larger-than large files. What is left out is not in the snapshot, even when the "
          "parent holds it; -v names it.\n\nWith --dry-run the files are read and chunked as for a backup, but "
-         "nothing is stored: the summary says what the backup would add (with -v, which files it would read)."},
+         "nothing is stored: the summary says what the backup would add (with -v, which files it would read).\n\n"
+         "On Windows, --use-fs-snapshot reads the folder from a Volume Shadow Copy of its volume, so that files "
+         "that other programs hold open or change during the backup are read as they all were at one moment; "
+         "the snapshot still names the folder itself. Where no copy can be made (no rights, the service not "
+         "running, Wine) the backup stores nothing and says which step failed (exit status 4)."},
         [options](Context& context) { return RunBackup(context, *options); });
     command->add_option("PATH", options->sources,
                         "the folders and files to back up, each kept with its absolute path (with "
@@ -285,6 +301,10 @@ void AddBackupCommand(CommandTable& table) {
     command->add_flag("-n,--dry-run", options->dryRun, "read and chunk, store nothing; say what would be added");
     command->add_flag("--skip-unreadable", options->skipUnreadable,
                       "entries that cannot be read do not make the exit status 3");
+    command->add_flag("--use-fs-snapshot", options->useFsSnapshot,
+                      "Windows: read the folder from a Volume Shadow Copy of its volume, made for the backup and "
+                      "deleted after it (files held open by others are read as they were at one moment; needs an "
+                      "administrator's rights); no copy, no backup (exit status 4)");
     AddSourceOptions(command, *options);
     AddExcludeOptions(command, options->excludes);
 }

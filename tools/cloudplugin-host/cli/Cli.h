@@ -183,11 +183,22 @@ void AddObjectCommands(CommandTable& table);
 void AddLegacyCommands(CommandTable& table);
 void AddHelpCommands(CommandTable& table);
 
+// Every command of cloudplugin-host, in the order help lists them
+// (cli/Commands.cpp).
+void AddCommands(CommandTable& table);
+
+// A program on this command line: cloudplugin-host, or a fixture program of
+// the tests with commands of its own (tools/version2-writer).
+struct Program {
+    std::string name = "cloudplugin-host";  // begins every error line
+    void (*addCommands)(CommandTable&) = AddCommands;
+};
+
 // The whole command line: the global options bound to `options`, and
-// every command in `table` (which must be made on `app`).
-void DefineCommandLine(CLI::App& app, GlobalOptions& options, CommandTable& table);
+// every command of `program` in `table` (which must be made on `app`).
+void DefineCommandLine(CLI::App& app, GlobalOptions& options, CommandTable& table, const Program& program = {});
 
 // Parses, runs the command, reports; answers the exit status.
-int Main(int argc, char** argv);
+int Main(int argc, char** argv, const Program& program = {});
 
 }  // namespace qvhost::cli

@@ -24,9 +24,6 @@ std::vector<OptionText> OptionsOf(const CLI::App& app, const std::string& group 
 // The tool's version and the repository format it writes.
 extern const char* const kToolVersion;
 
-// Every command of the tool (cli/Commands.cpp).
-void AddCommands(CommandTable& table);
-
 std::string OverviewHelp(const CommandTable& table);
 std::string CommandHelp(const CommandTable& table, const CommandTable::Entry& entry);
 // The overview, or the entry's help.

@@ -1,6 +1,6 @@
-// legacy backup, list, verify, restore, delete, prune, rehydrate and
-// migrate: the version 2 layout (one object per part, no repository),
-// chosen by name.
+// legacy list, verify, restore, delete, prune, rehydrate and migrate: the
+// backups of the version 2 layout (one object per part, no repository),
+// chosen by name. The tool writes no new ones.
 #include <ctime>
 
 #include "cli/Reporting.h"
@@ -19,10 +19,7 @@ namespace {
 
 struct LegacyOptions {
     std::string backup;
-    std::string path;  // the source or the destination
-    std::string name;
-    uint64_t partSize = legacy::kDefaultPartSize;
-    bool skipUnreadable = false;
+    std::string path;  // the destination
     bool overwrite = false;
     bool incomplete = false;
     int64_t olderThanSeconds = 24 * 3600;
@@ -34,40 +31,6 @@ struct LegacyOptions {
 legacy::Context LegacyContext(Context& context) {
     return legacy::Context{context.VerifyingSession(), {context.options().repo}, context.options().host.jobs,
                            context.Display(), [&context](const std::string& line) { context.Warn(line); }};
-}
-
-CommandResult RunBackup(Context& context, const LegacyOptions& options) {
-    context.host().partSize = options.partSize;  // sizes the JVM: each part is an array in it
-    const std::string backupId = options.name.empty() ? legacy::NewBackupId() : options.name;
-    context.Say("backup " + backupId + " of " + AbsolutePath(options.path));
-    const double pluginBefore = context.VerifyingSession().PluginSeconds();
-    const legacy::BackupReport report =
-        legacy::Backup(LegacyContext(context), options.path, {backupId, options.partSize});
-    const Json skipped = ReportSkipped(context, report.skipped);
-    const double pluginSeconds = context.VerifyingSession().PluginSeconds() - pluginBefore;
-    context.Say("backup " + backupId + " complete: " + std::to_string(report.files) + " files, " +
-                std::to_string(report.folders) + " empty folders, " + std::to_string(report.links) + " links, " +
-                FormatBytes(static_cast<double>(report.bytes)) + " in " + FormatDuration(report.seconds) + " (" +
-                FormatBytes(MiBPerSecond(report.bytes, report.seconds) * 1048576) + "/s); " +
-                std::to_string(report.skipped.size()) + " skipped, " + std::to_string(report.Unreadable()) +
-                " of them unreadable");
-    context.SayPluginShare(pluginSeconds, report.seconds, context.options().host.jobs);
-    CommandResult result;
-    result.status = report.Unreadable() && !options.skipUnreadable ? kExitIncomplete : kExitOk;
-    result.json = Json{{"command", "legacy backup"},
-                       {"ok", result.status == kExitOk},
-                       {"backup", backupId},
-                       {"files", report.files},
-                       {"bytes", report.bytes},
-                       {"objects", report.objects},
-                       {"seconds", report.seconds},
-                       {"mib_per_s", MiBPerSecond(report.bytes, report.seconds)},
-                       {"plugin_seconds", pluginSeconds},
-                       {"folders", report.folders},
-                       {"links", report.links},
-                       {"skipped", skipped},
-                       {"unreadable", report.Unreadable()}};
-    return result;
 }
 
 // restore, or verify without a destination.
@@ -244,27 +207,9 @@ CLI::App* AddLegacy(CommandTable& table, const CommandText& text, LegacyRun run,
     return table.Add(text, [held, run](Context& context) { return run(context, *held); });
 }
 
-void AddBackupAndRestore(CommandTable& table) {
+void AddRestoreAndVerify(CommandTable& table) {
     std::shared_ptr<LegacyOptions> options;
-    CLI::App* command = AddLegacy(
-        table,
-        {"legacy backup", "back up SOURCE_DIR in the version 2 layout (an object per part)",
-         "Backs up SOURCE_DIR as one object per part of each file (--part-size) and a manifest written last, "
-         "without deduplication or encryption. A backup that stops writes no manifest and removes its parts."},
-        RunBackup, options);
-    command->add_option("SOURCE_DIR", options->path, "the folder to back up")->required();
-    command->add_option("--name", options->name, "the backup id to use (letters, digits, '.', '_', '-')")
-        ->type_name("ID");
-    command->add_option_function<std::string>(
-             "--part-size",
-             [held = options](const std::string& text) {
-                 held->partSize = SizeArgument("--part-size", text, 1, legacy::kMaximumPartSize);
-             },
-             "object size files are split into (default: 8M); the JVM's heap is sized from it and --jobs")
-        ->type_name("SIZE");
-    command->add_flag("--skip-unreadable", options->skipUnreadable,
-                      "entries that cannot be read do not make the exit status 3");
-    command = AddLegacy(table,
+    CLI::App* command = AddLegacy(table,
                         {"legacy restore", "restore a version 2 backup into DEST_DIR, checking every hash",
                          "Restores every file of the backup, each part checked against the manifest's hash before "
                          "its file is moved into place, with its empty folders and links."},
@@ -324,10 +269,10 @@ void AddCatalogue(CommandTable& table) {
 
 void AddLegacyCommands(CommandTable& table) {
     table.Group("legacy", "backups of the version 2 layout (one object per part, no repository)",
-                "Backups made before the repository (and by 'legacy backup') keep one object per part of each file "
+                "Backups made before the repository keep one object per part of each file "
                 "and a manifest, under <repo>/backups/ and <repo>/manifests/. These commands list, verify, restore, "
                 "delete, prune, rehydrate and migrate them.");
-    AddBackupAndRestore(table);
+    AddRestoreAndVerify(table);
     AddCatalogue(table);
 }
 

@@ -136,10 +136,11 @@ void ReportTraffic(Context& context, CommandResult& result) {
 
 // `detail`: for a plug-in failure, the storage library's own reason (from
 // its log), which the result code alone does not give.
-void Report(const Error& error, const std::string& command, const std::string& target, bool json,
-            const std::string& detail, int& status) {
+void Report(const Program& program, const Error& error, const std::string& command, const std::string& target,
+            bool json, const std::string& detail, int& status) {
     const ExitVerdict verdict = ExitFor(error, command, target);
-    std::fprintf(stderr, "cloudplugin-host%s%s: %s%s%s\n", command.empty() ? "" : " ", command.c_str(), error.what(),
+    std::fprintf(stderr, "%s%s%s: %s%s%s\n", program.name.c_str(), command.empty() ? "" : " ", command.c_str(),
+                 error.what(),
                  detail.empty() ? "" : (": " + detail).c_str(),
                  verdict.hint.empty() ? "" : (" (" + verdict.hint + ")").c_str());
     if (json) {
@@ -194,7 +195,7 @@ std::string TargetOf(const CLI::App& command) {
 
 }  // namespace
 
-void DefineCommandLine(CLI::App& app, GlobalOptions& options, CommandTable& table) {
+void DefineCommandLine(CLI::App& app, GlobalOptions& options, CommandTable& table, const Program& program) {
     app.set_help_flag();  // help is written by Help.cpp
     // CLI11 takes "/name" for an option on Windows; here it is always a path.
     app.allow_windows_style_options(false);
@@ -203,16 +204,16 @@ void DefineCommandLine(CLI::App& app, GlobalOptions& options, CommandTable& tabl
                  "the versions of the tool, the plug-in, the Java library and the repository format")
         ->group("global options");
     AddGlobalOptions(app, options);
-    AddCommands(table);
+    program.addCommands(table);
     app.require_subcommand(0, 1);
 }
 
-int Main(int argc, char** argv) {
+int Main(int argc, char** argv, const Program& program) {
     GlobalOptions options;
     ReadEnvironment(options);
-    CLI::App app("a backup program on the cloud-storage plug-in", "cloudplugin-host");
+    CLI::App app("a backup program on the cloud-storage plug-in", program.name);
     CommandTable table(app);
-    DefineCommandLine(app, options, table);
+    DefineCommandLine(app, options, table, program);
     std::string command;
     int status = kExitOk;
     // Where the Java library's records of this run begin in its log.
@@ -254,9 +255,9 @@ int Main(int argc, char** argv) {
         const CommandTable::Entry* selected = table.Selected();
         const bool plugin = dynamic_cast<const PluginError*>(&error) != nullptr;
         const std::string detail = plugin && !javaLog.empty() ? LastJavaFailure(javaLog, javaLogStart) : "";
-        Report(error, command, selected ? TargetOf(*selected->app) : "", options.json, detail, status);
+        Report(program, error, command, selected ? TargetOf(*selected->app) : "", options.json, detail, status);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "cloudplugin-host %s: unexpected failure: %s\n", command.c_str(), error.what());
+        std::fprintf(stderr, "%s %s: unexpected failure: %s\n", program.name.c_str(), command.c_str(), error.what());
         status = kExitFailed;
     }
     return status;

@@ -64,9 +64,20 @@ void SayChoices(const Context& context, const repo::RestoreReport& report) {
     }
 }
 
+// What this system cannot name, one line each: a restore that leaves
+// something out says so and fails.
+Json ReportRefused(const Context& context, const std::vector<repo::RestoreProblem>& refused) {
+    Json list = Json::array();
+    for (const repo::RestoreProblem& problem : refused) {
+        context.Warn("NOT RESTORED " + Printable(problem.file) + ": " + problem.what);
+        list.push_back(Json{{"file", problem.file}, {"problem", problem.what}});
+    }
+    return list;
+}
+
 CommandResult ResultOf(const std::string& snapshotId, const std::string& subPath, const repo::RestoreReport& report,
-                       const Json& damaged, const Json& mismatched) {
-    const bool ok = report.damaged.empty() && report.mismatched.empty();
+                       const Json& damaged, const Json& mismatched, const Json& refused) {
+    const bool ok = report.damaged.empty() && report.mismatched.empty() && report.refused.empty();
     CommandResult result;
     result.summarised = true;
     result.status = ok ? kExitOk : kExitDamaged;
@@ -85,7 +96,8 @@ CommandResult ResultOf(const std::string& snapshotId, const std::string& subPath
                        {"not_kept", report.notes},
                        {"skipped", report.skipped},
                        {"removed", report.removed},
-                       {"mismatched", mismatched}};
+                       {"mismatched", mismatched},
+                       {"refused", refused}};
     return result;
 }
 
@@ -119,17 +131,21 @@ CommandResult RunRestore(Context& context, const RestoreCommandOptions& options)
     const double pluginBefore = context.PluginSeconds();
     const repo::RestoreReport report = repo::RunRestore(repository, index, snapshot, &destination, restore);
     const Json damaged = ReportDamaged(context, report.damaged);
+    const Json refused = ReportRefused(context, report.refused);
     ReportSetIdDropped(context, report.setIdDropped);
     for (const std::string& note : report.notes) context.Warn(note);
     context.Say("restored " + std::to_string(report.files - report.damaged.size()) + " of " +
                 std::to_string(report.files) + " files, " + FormatBytes(static_cast<double>(report.bytes)) + " in " +
                 FormatDuration(report.seconds) + " (" +
                 FormatBytes(MiBPerSecond(report.bytes, report.seconds) * 1048576) + "/s)" +
-                (report.damaged.empty() ? "" : "; " + std::to_string(report.damaged.size()) + " damaged"));
+                (report.damaged.empty() ? "" : "; " + std::to_string(report.damaged.size()) + " damaged") +
+                (report.refused.empty() ? ""
+                                        : "; " + std::to_string(report.refused.size()) +
+                                              " entries not restored (names this system cannot have)"));
     SayChoices(context, report);
     const Json mismatched = ReportMismatched(context, report.mismatched);
     context.SayPluginShare(context.PluginSeconds() - pluginBefore, report.seconds, restore.jobs);
-    return ResultOf(snapshot.id, subPath, report, damaged, mismatched);
+    return ResultOf(snapshot.id, subPath, report, damaged, mismatched, refused);
 }
 
 }  // namespace

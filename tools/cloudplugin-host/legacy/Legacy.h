@@ -1,6 +1,9 @@
 // The version 2 layout: one object per part of each file and a manifest,
 // with no repository, no deduplication and no encryption. Backups made
-// before the repository keep it; `migrate` turns one into a snapshot.
+// before the repository keep it; the tool reads, checks, restores, deletes
+// and migrates them (`migrate` turns one into a snapshot) but writes no new
+// ones. The tests' and benchmarks' fixture program tools/version2-writer
+// writes them.
 //
 // Everything only this layout needs lives in legacy/, and this header is
 // all that the rest of the tool sees of it: dropping the layout is deleting
@@ -22,7 +25,6 @@
 #include "repository/ObjectStore.h"
 #include "repository/RestoreSink.h"
 #include "repository/Source.h"
-#include "util/Entry.h"
 #include "util/Progress.h"
 
 namespace qvhost {
@@ -33,10 +35,6 @@ namespace qvhost::legacy {
 
 // The largest object one plug-in call carries: 2 GiB - 1.
 constexpr uint64_t kMaximumPartSize = (2ull << 30) - 1;
-// 8 MiB: one request per part (the Java library sends up to 8 MiB in one
-// Put Blob), little memory per job, and large files still spread over all
-// the jobs. Measured in docs/performance.md.
-constexpr uint64_t kDefaultPartSize = 8ull << 20;
 
 struct Layout {
     std::string root = "cloudplugin-host";
@@ -64,31 +62,6 @@ struct Context {
     ProgressSink* progress = nullptr;               // none: nothing is shown
     std::function<void(const std::string&)> note;  // a line for the user about what happened
 };
-
-// ---- backup
-
-struct BackupOptions {
-    std::string backupId;  // empty: a new one
-    uint64_t partSize = kDefaultPartSize;
-};
-
-struct BackupReport {
-    std::string backupId;
-    std::string source;  // absolute
-    size_t files = 0;
-    size_t folders = 0;
-    size_t links = 0;
-    size_t objects = 0;  // parts written
-    uint64_t bytes = 0;
-    double seconds = 0;
-    std::vector<SkippedEntry> skipped;  // sorted by path
-    size_t Unreadable() const;
-};
-
-// Every regular file in parts, its empty folders and links, then the
-// manifest. A backup that stops writes no manifest and removes the parts
-// it wrote (as far as the storage lets it: a note says how far).
-BackupReport Backup(const Context& context, const std::string& source, const BackupOptions& options);
 
 // ---- restore and verify
 

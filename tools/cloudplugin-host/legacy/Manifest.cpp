@@ -171,6 +171,35 @@ std::string FileDigestOf(const std::vector<std::string>& partSha256) {
     return ToHex(hash.Final());
 }
 
+namespace {
+
+repo::Node EntryNode(const std::string& path, repo::NodeType type, uint32_t mode, int64_t modifiedNs) {
+    repo::Node node;
+    node.name = NameOf(path);
+    node.type = type;
+    node.mode = mode;
+    node.modifiedNs = modifiedNs;
+    return node;
+}
+
+}  // namespace
+
+repo::Node NodeOf(const ManifestFile& file) {
+    repo::Node node = EntryNode(file.relativePath, repo::NodeType::File, file.mode.value_or(0644), file.modifiedNs);
+    node.size = file.size;
+    return node;
+}
+
+repo::Node NodeOf(const ManifestFolder& folder) {
+    return EntryNode(folder.relativePath, repo::NodeType::Folder, folder.mode, folder.modifiedNs);
+}
+
+repo::Node NodeOf(const ManifestLink& link) {
+    repo::Node node = EntryNode(link.relativePath, repo::NodeType::Link, 0777, link.modifiedNs);
+    node.linkTarget = link.target;
+    return node;
+}
+
 uint64_t PartCount(uint64_t size, uint64_t partSize) { return size / partSize + (size % partSize ? 1 : 0); }
 
 uint64_t PartBytes(uint64_t size, uint64_t partSize, uint64_t part) {

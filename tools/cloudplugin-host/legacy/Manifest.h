@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "legacy/Legacy.h"
+#include "repository/Tree.h"
 #include "util/AlignedBuffer.h"
 #include "util/Entry.h"
 #include "util/PathRules.h"
@@ -83,6 +84,13 @@ Manifest ReadManifest(const Context& context, const std::string& backupId);
 std::string ReadPart(const Context& context, const Manifest& manifest, const ManifestFile& entry, uint64_t part,
                      AlignedBuffer& buffer, std::string& object,
                      const std::function<void(uint64_t offset, const uint8_t* data, size_t size)>& slice);
+
+// Each entry as a node of the repository's trees, named by the last
+// component of its path: what a restore makes of it and a migration
+// stores. A file of a version 1 manifest (no mode) gets 0644.
+repo::Node NodeOf(const ManifestFile& file);
+repo::Node NodeOf(const ManifestFolder& folder);
+repo::Node NodeOf(const ManifestLink& link);
 
 // SHA-256 of the part hashes (lower-case hex) one after the other.
 std::string FileDigestOf(const std::vector<std::string>& partSha256);

@@ -75,19 +75,11 @@ public:
     BackupSource(const Context& context, Manifest manifest) : context_(context), manifest_(std::move(manifest)) {
         for (size_t i = 0; i < manifest_.files.size(); ++i) {
             const ManifestFile& file = manifest_.files[i];
-            Node node = Entry(file.relativePath, NodeType::File, file.mode.value_or(0644), file.modifiedNs);
-            node.size = file.size;
             files_[file.relativePath] = i;
-            Add(file.relativePath, std::move(node));
+            Add(file.relativePath, NodeOf(file));
         }
-        for (const ManifestFolder& folder : manifest_.folders) {
-            Add(folder.relativePath, Entry(folder.relativePath, NodeType::Folder, folder.mode, folder.modifiedNs));
-        }
-        for (const ManifestLink& link : manifest_.links) {
-            Node node = Entry(link.relativePath, NodeType::Link, 0777, link.modifiedNs);
-            node.linkTarget = link.target;
-            Add(link.relativePath, std::move(node));
-        }
+        for (const ManifestFolder& folder : manifest_.folders) Add(folder.relativePath, NodeOf(folder));
+        for (const ManifestLink& link : manifest_.links) Add(link.relativePath, NodeOf(link));
     }
 
     std::vector<std::string> Paths() const override { return {manifest_.source}; }
@@ -110,15 +102,6 @@ public:
     bool Unchanged(const std::string&, const Node&) override { return true; }
 
 private:
-    static Node Entry(const std::string& path, NodeType type, uint32_t mode, int64_t modifiedNs) {
-        Node node;
-        node.name = NameOf(path);
-        node.type = type;
-        node.mode = mode;
-        node.modifiedNs = modifiedNs;
-        return node;
-    }
-
     // The entry in its folder, and every folder on its way (known only as
     // the place of their entries) in theirs.
     void Add(const std::string& path, Node node) {
@@ -129,7 +112,7 @@ private:
         if (existing == entries.end() || existing->second.implicit) entries[node.name] = std::move(node);
         if (folder.empty()) return;
         if (folders_[FolderOf(folder)].count(NameOf(folder))) return;
-        Node way = Entry(folder, NodeType::Folder, 0755, 0);
+        Node way = NodeOf(ManifestFolder{folder, 0, 0755});
         way.implicit = true;
         Add(folder, std::move(way));
     }

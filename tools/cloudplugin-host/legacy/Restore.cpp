@@ -85,25 +85,9 @@ namespace {
 // none), and for files of the oldest manifests, which kept no mode, 0644.
 repo::RestorePlan PlanOf(const Manifest& manifest) {
     repo::RestorePlan plan;
-    auto node = [](repo::NodeType type, uint32_t mode, int64_t modifiedNs) {
-        repo::Node made;
-        made.type = type;
-        made.mode = mode;
-        made.modifiedNs = modifiedNs;
-        return made;
-    };
-    for (const ManifestFile& file : manifest.files) {
-        repo::Node made = node(repo::NodeType::File, file.mode.value_or(0644), file.modifiedNs);
-        made.size = file.size;
-        plan.AddFile(file.relativePath, made);
-    }
-    for (const ManifestFolder& folder : manifest.folders) {
-        plan.folders.push_back({folder.relativePath, node(repo::NodeType::Folder, folder.mode, folder.modifiedNs)});
-    }
-    for (const ManifestLink& link : manifest.links) {
-        plan.links.push_back({link.relativePath, node(repo::NodeType::Link, 0, link.modifiedNs)});
-        plan.links.back().node.linkTarget = link.target;
-    }
+    for (const ManifestFile& file : manifest.files) plan.AddFile(file.relativePath, NodeOf(file));
+    for (const ManifestFolder& folder : manifest.folders) plan.folders.push_back({folder.relativePath, NodeOf(folder)});
+    for (const ManifestLink& link : manifest.links) plan.links.push_back({link.relativePath, NodeOf(link)});
     return plan;
 }
 

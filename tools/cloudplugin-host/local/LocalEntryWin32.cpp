@@ -40,6 +40,7 @@ std::string LastErrorText() { return "error " + std::to_string(GetLastError()); 
 
 // The \\?\ form of the path made absolute, which lifts MAX_PATH.
 std::wstring LongPath(const std::string& full) {
+    if (full.rfind("\\\\?\\", 0) == 0) return PathOf(full).wstring();  // already one (a shadow copy's)
     std::error_code error;
     const std::filesystem::path absolute = std::filesystem::absolute(PathOf(full), error).lexically_normal();
     std::wstring wide = (error ? PathOf(full) : absolute).wstring();

@@ -78,6 +78,22 @@ std::string LocalSource::FullPath(const std::string& relative) const {
     return "/" + relative;
 }
 
+std::string LocalSource::ReadPath(const std::string& relative) const {
+    if (readRoot_.empty()) return FullPath(relative);
+    std::string path = relative.empty() ? readRoot_ : readRoot_ + "/" + relative;
+#ifdef _WIN32
+    std::replace(path.begin(), path.end(), '/', '\\');  // a shadow copy's \\?\ path takes no '/'
+#endif
+    return path;
+}
+
+void LocalSource::ReadFrom(const std::string& copy) {
+    if (root_.empty() || root_ == "/") {
+        throw Error(ErrorKind::Usage, "a backup read from a copy of its folder takes one folder");
+    }
+    readRoot_ = copy;
+}
+
 bool LocalSource::Given(const std::string& relative) const {
     if (!root_.empty()) return true;
     for (std::string path = relative; !path.empty(); path = FolderOf(path)) {
@@ -94,7 +110,7 @@ repo::Listing LocalSource::ListReal(const std::string& folder) {
     repo::Listing listing;
     if (keptEmpty_.count(folder)) return listing;
     std::string error;
-    const std::string full = FullPath(folder);
+    const std::string full = ReadPath(folder);
     const std::vector<std::string> names = localentry::FolderNames(full, error);
     if (!error.empty() && folder.empty() && names.empty()) {
         throw Error(ErrorKind::LocalFile, "cannot read the folder " + full + ": " + error);
@@ -104,19 +120,20 @@ repo::Listing LocalSource::ListReal(const std::string& folder) {
         Node node;
         node.name = name;
         const std::string relative = Join(folder, name);
-        if (Filtered(FullPath(relative), relative)) continue;
-        if (entries_.Read(FullPath(relative), relative, node, listing)) listing.nodes.push_back(std::move(node));
+        if (Filtered(relative)) continue;
+        if (entries_.Read(ReadPath(relative), relative, node, listing)) listing.nodes.push_back(std::move(node));
     }
     return listing;
 }
 
-// Whether the filter leaves the entry out; a folder it keeps empty is
-// remembered so that it is never listed.
-bool LocalSource::Filtered(const std::string& full, const std::string& relative) {
+// Whether the filter leaves the entry out (asked by the entry's own path,
+// whatever it is read from); a folder it keeps empty is remembered so that
+// it is never listed.
+bool LocalSource::Filtered(const std::string& relative) {
     if (!filter_) return false;
     std::error_code error;
-    const fs::file_status status = fs::symlink_status(PathOf(full), error);
-    const fs::path path = PathOf(full);
+    const fs::file_status status = fs::symlink_status(PathOf(ReadPath(relative)), error);
+    const fs::path path = PathOf(FullPath(relative));
     const ScanChoice choice = filter_({relative, path, error ? fs::file_type::none : status.type()});
     if (choice == ScanChoice::KeepEmpty) keptEmpty_.insert(relative);
     return choice == ScanChoice::Exclude;
@@ -135,7 +152,7 @@ repo::Listing LocalSource::ListWay(const std::string& folder) {
         Node node;
         node.name = name;
         const std::string relative = Join(folder, name);
-        if (entries_.Read(FullPath(relative), relative, node, listing)) listing.nodes.push_back(std::move(node));
+        if (entries_.Read(ReadPath(relative), relative, node, listing)) listing.nodes.push_back(std::move(node));
     }
     return listing;
 }
@@ -143,13 +160,13 @@ repo::Listing LocalSource::ListWay(const std::string& folder) {
 std::optional<Node> LocalSource::RootFolder(std::vector<SkippedEntry>& skipped) {
     localentry::EntryStatus status;
     std::string error;
-    if (root_.empty() || root_ == "/" || !localentry::StatusOf(root_, status, error) || !status.isFolder) {
+    if (root_.empty() || root_ == "/" || !localentry::StatusOf(ReadPath(""), status, error) || !status.isFolder) {
         return std::nullopt;
     }
     Node node;
     node.name = repo::kRootFolderName;
     repo::Listing listing;
-    const bool read = entries_.Read(root_, ".", node, listing, true);
+    const bool read = entries_.Read(ReadPath(""), ".", node, listing, true);
     for (SkippedEntry& entry : listing.skipped) skipped.push_back(std::move(entry));
     if (!read) return std::nullopt;
     node.name = repo::kRootFolderName;
@@ -157,11 +174,11 @@ std::optional<Node> LocalSource::RootFolder(std::vector<SkippedEntry>& skipped) 
 }
 
 std::unique_ptr<repo::SourceReader> LocalSource::Open(const std::string& path) {
-    return std::make_unique<LocalReader>(FullPath(path));
+    return std::make_unique<LocalReader>(ReadPath(path));
 }
 
 bool LocalSource::Unchanged(const std::string& path, const Node& file) {
-    return localentry::SameState(localentry::StateOf(FullPath(path)), file);
+    return localentry::SameState(localentry::StateOf(ReadPath(path)), file);
 }
 
 }  // namespace qvhost

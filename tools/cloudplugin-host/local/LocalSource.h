@@ -35,6 +35,10 @@ public:
     // of a given path before anything of it is read; the folders on the way
     // to several paths are never left out. None: everything is kept.
     void SetFilter(ScanFilter filter) { filter_ = std::move(filter); }
+    // Reads the one folder given from `copy`, a copy of it (a shadow copy
+    // of its volume), while the tree and the filter still name every entry
+    // by the folder given. Throws Error (usage) for several paths.
+    void ReadFrom(const std::string& copy);
 
     std::vector<std::string> Paths() const override { return paths_; }
     repo::Listing List(const std::string& folder) override;
@@ -43,14 +47,16 @@ public:
     std::optional<repo::Node> RootFolder(std::vector<SkippedEntry>& skipped) override;
 
 private:
-    std::string FullPath(const std::string& relative) const;
-    bool Given(const std::string& relative) const;  // a given path or beneath one
+    std::string FullPath(const std::string& relative) const;  // the entry's own path
+    std::string ReadPath(const std::string& relative) const;  // where it is read from
+    bool Given(const std::string& relative) const;            // a given path or beneath one
     repo::Listing ListReal(const std::string& folder);
-    bool Filtered(const std::string& full, const std::string& relative);
+    bool Filtered(const std::string& relative);
     repo::Listing ListWay(const std::string& folder);
 
     std::vector<std::string> paths_;  // absolute, sorted, none beneath another
     std::string root_;                // one folder: the tree's root; else "" ("/" is the root)
+    std::string readRoot_;            // the copy root_ is read from; empty: root_ itself
     std::set<std::string> given_;     // several paths: each given path, relative to "/"
     std::set<std::string> way_;       // ... and every folder on the way to one
     localentry::EntryReader entries_;

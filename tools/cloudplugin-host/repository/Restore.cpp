@@ -232,7 +232,7 @@ void AddFoldersAbove(std::set<std::string>& folders, const std::string& path) {
 }  // namespace
 
 RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std::string& subPath,
-                        const RestoreSelection& selection) {
+                        const RestoreSelection& selection, PathRules rules) {
     std::string sub = subPath;
     while (!sub.empty() && sub.back() == '/') sub.pop_back();
     while (!sub.empty() && sub.front() == '/') sub.erase(0, 1);
@@ -257,6 +257,14 @@ RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std:
     WalkTree(reader, root, [&](const std::string& path, const Node& node) {
         if (selection.excludes.Match(base + path)) return false;
         const bool included = selection.includes.empty() || selection.includes.Match(base + path);
+        // Trees are read by the POSIX rules; this system's own may refuse more.
+        if (const std::string why = rules == PathRules::Posix ? "" : WhyPathIsRefused(node.name, rules);
+            !why.empty()) {
+            if (included || node.IsFolder()) {
+                plan.refused.push_back({path, "", "this system refuses its name (it " + why + ")"});
+            }
+            return false;
+        }
         if (node.IsFolder()) {
             folders.push_back({path, node});
             if (included) AddFoldersAbove(wanted, path + "/");
@@ -278,11 +286,13 @@ RestoreReport RunRestore(Repository& repository, const MasterIndex& index, const
                          RestoreTarget* target, const RestoreOptions& options) {
     TreeReader reader(repository, index);
     RestorePlan plan = PlanRestore(reader, snapshot, options.subPath, options.selection);
+    std::vector<RestoreProblem> refused = plan.refused;
     const std::set<std::string> held = options.deleteOthers ? PlannedPaths(plan) : std::set<std::string>{};
     const size_t skipped = target ? LeaveExisting(plan, *target, options, index, repository.keys().mac) : 0;
     RestoreRun run(repository, index, std::move(plan), target, options);
     RestoreReport report = run.Run(target != nullptr);
     report.skipped = skipped;
+    report.refused = std::move(refused);
     if (target && options.verify) report.mismatched = run.ReadBack(*target, report.damaged);
     if (target && options.deleteOthers) report.removed = target->RemoveAllBut(held);
     return report;

@@ -64,14 +64,17 @@ struct RestoreReport {
     size_t skipped = 0;  // existing entries left as they were
     std::vector<RestoreProblem> mismatched;  // read back unlike their chunks (--verify)
     std::vector<std::string> removed;  // what deleteOthers removed
+    std::vector<RestoreProblem> refused;  // names this system cannot have, not restored
 };
 
 // What a restore of `subPath` (empty: the whole snapshot) makes: a folder's
 // entries relative to it, a file under its own name. Other names of the
 // same file (hard links with the same content) become links to its first
-// name. Throws Error (not found) when nothing lies at `subPath`.
+// name. Throws Error (not found) when nothing lies at `subPath`. An entry
+// whose name `rules` refuse (a folder with what lies beneath it) is left
+// out and named in the plan's `refused`.
 RestorePlan PlanRestore(TreeReader& reader, const Snapshot& snapshot, const std::string& subPath,
-                        const RestoreSelection& selection = {});
+                        const RestoreSelection& selection = {}, PathRules rules = kNativePathRules);
 
 // With a target, a restore; without, a read-back. Throws Error for
 // what stops the whole restore (a plug-in failure other than a missing

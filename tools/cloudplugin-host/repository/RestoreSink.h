@@ -55,6 +55,13 @@ struct RestoreHardLink {
     std::string existing;
 };
 
+// A file that could not be restored, and why.
+struct RestoreProblem {
+    std::string file;
+    std::string object;  // the stored object to blame, when there is one
+    std::string what;
+};
+
 // What a restore makes.
 struct RestorePlan {
     // A deque: a plan of a million files grows without copying itself or
@@ -66,6 +73,10 @@ struct RestorePlan {
     std::vector<RestoreEntry> links;
     std::vector<RestoreEntry> specials;  // FIFOs and devices
     std::vector<RestoreHardLink> hardLinks;
+    // Entries left out because this system cannot give them their names
+    // (a folder with everything beneath it): a Windows restore of a name
+    // such as CON or "ends." that a POSIX system stored.
+    std::vector<RestoreProblem> refused;
     // DEST_DIR's own metadata: the snapshot's root folder, or the folder
     // chosen of it; given last, after everything beneath it.
     std::optional<Node> root;
@@ -76,13 +87,6 @@ struct RestorePlan {
 
 private:
     std::map<std::pair<std::string, std::string>, uint32_t> ownerNumbers_;  // in ownerNames
-};
-
-// A file that could not be restored, and why.
-struct RestoreProblem {
-    std::string file;
-    std::string object;  // the stored object to blame, when there is one
-    std::string what;
 };
 
 class RestoreSink {

@@ -101,8 +101,9 @@ struct DecodedSnapshot {
     Snapshot snapshot;
     std::map<Id, Bytes> trees;
 };
-// Throws Damaged naming the snapshot.
+// Throws Damaged naming the snapshot. Paths are checked by the POSIX rules
+// on every system, as trees' names are (DecodeTree).
 DecodedSnapshot DecodeSnapshot(const MasterKeys& keys, const Bytes& sealed, const std::string& id,
-                               PathRules rules = kNativePathRules);
+                               PathRules rules = PathRules::Posix);
 
 }  // namespace qvhost::repo

@@ -79,9 +79,12 @@ constexpr const char* kRootFolderName = "root";
 // The plain bytes of the tree blobs of a folder's nodes (sorted by name):
 // one blob, or runs of at most kTreeRunBytes.
 std::vector<Bytes> EncodeTree(const std::vector<Node>& nodes);
-// One tree blob's nodes; throws Damaged naming `what`.
+// One tree blob's nodes; throws Damaged naming `what`. Names are checked by
+// the POSIX rules on every system (no name can leave its folder): a tree
+// written on Linux reads on Windows, whose restore refuses, one by one,
+// the names Windows cannot have (PlanRestore).
 std::vector<Node> DecodeTree(const uint8_t* data, size_t size, const std::string& what,
-                             PathRules rules = kNativePathRules);
+                             PathRules rules = PathRules::Posix);
 
 // Why a node decoded from storage cannot be used; empty when it can.
 std::string WhyNodeIsRefused(const Node& node, PathRules rules = kNativePathRules);
