@@ -31,9 +31,10 @@ import java.util.function.Predicate;
  *
  * Faults, each a rule tried in the order given:
  * <ul>
- * <li>{@code cut-body:BYTES[:TIMES]}: a read of a blob (GET without a comp
- * or restype) is forwarded and its answer cut cleanly after BYTES bytes of
- * body (halfway in a body no longer than that), TIMES times (default 1);</li>
+ * <li>{@code cut-body:BYTES[:TIMES[:PART]]}: a read of a blob (GET without
+ * a comp or restype; with PART, only of a blob whose path holds PART) is
+ * forwarded and its answer cut cleanly after BYTES bytes of body (halfway in
+ * a body no longer than that), TIMES times (default 1);</li>
  * <li>{@code busy:SECONDS[:RETRY_AFTER]}: every request for SECONDS from the
  * first one is answered 503 ServerBusy, with Retry-After: RETRY_AFTER when
  * given;</li>
@@ -133,10 +134,12 @@ public final class FaultProxyLauncher {
     private static void addFault(FaultProxy proxy, String text) {
         String[] f = text.split(":", -1);
         switch (f[0]) {
-            case "cut-body":
-                proxy.add(FaultProxyLauncher::isBlobRead, f.length > 2 ? Integer.parseInt(f[2]) : 1,
+            case "cut-body": {
+                String part = f.length > 3 ? f[3] : "";
+                proxy.add(r -> isBlobRead(r) && r.path.contains(part), f.length > 2 ? Integer.parseInt(f[2]) : 1,
                           FaultProxy.Fault.cutBodyAfter(Long.parseLong(f[1])));
                 break;
+            }
             case "busy": {
                 long millis = Math.round(Double.parseDouble(f[1]) * 1000);
                 AtomicLong end = new AtomicLong();
