@@ -223,7 +223,7 @@ TEST_F(FaultTest, ARepositoryRestoreThroughCutOffReadsGivesBackTheSameFiles) {
     FaultProxy proxy(Azurite::Shared(), {"cut-body:100000:6:/cloudplugin-host/data/"});
     const ToolRun restore =
         Through(proxy, "", {"--password-file", passwordFile, "restore", "latest", Folder("restored")});
-    ASSERT_EQ(restore.status, 0) << restore.err;
+    ASSERT_EQ(restore.status, 0) << restore.err << proxy.Diagnostics();
     EXPECT_EQ(proxy.Count({"fault=CUT_BODY"}), 6u);
     ExpectSameTree(source, Folder("restored"));
 }

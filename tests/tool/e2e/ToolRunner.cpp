@@ -311,6 +311,15 @@ std::vector<std::string> FaultProxy::Requests() const {
     return lines;
 }
 
+std::string FaultProxy::Diagnostics() const {
+    const std::vector<std::string> requests = Requests();
+    std::string text = "\nthe fault proxy's notes:\n" + ReadWhole(folder_ + "/proxy.err") + "its last requests:\n";
+    for (size_t i = requests.size() > 30 ? requests.size() - 30 : 0; i < requests.size(); ++i) {
+        text += requests[i] + "\n";
+    }
+    return text;
+}
+
 size_t FaultProxy::Count(const std::vector<std::string>& parts) const {
     size_t count = 0;
     for (const std::string& line : Requests()) {

@@ -73,6 +73,9 @@ public:
     size_t Count(const std::vector<std::string>& parts) const;
     // A folder of the proxy's own (for a hold-get fault's handshake).
     const std::string& folder() const { return folder_; }
+    // For a failed test's message: the proxy's own notes (standard error)
+    // and its last requests.
+    std::string Diagnostics() const;
 
 private:
     pid_t pid_ = -1;

@@ -50,10 +50,13 @@ TEST(RunInParallel, TheFirstFailureStopsTheRestAndIsRethrown) {
                 thrown = true;
                 throw PluginError("WriteObject", "x", 7);
             }
-            // Once the failure is on its way, each item takes a while: a
-            // runner that did not stop would take minutes, not a few items
-            // (however the threads are scheduled).
-            if (thrown) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            // Items after the failing one wait until it has thrown (at most
+            // ten seconds), then take a millisecond each: a runner that did
+            // not stop would take minutes, however the threads are scheduled.
+            if (index > 10) {
+                for (int i = 0; i < 10000 && !thrown; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
             ++done;
         });
     });

@@ -556,10 +556,19 @@ final class FaultProxy implements AutoCloseable {
                 Socket s = server.accept();
                 connections.incrementAndGet();
                 workers.execute(() -> serve(s));
-            } catch (IOException e) {
-                return; // closed
+            } catch (IOException | java.util.concurrent.RejectedExecutionException e) {
+                if (server.isClosed()) {
+                    return;
+                }
+                // A failure of one accept (no file descriptor left, say) is not the end of the proxy.
+                note("accept failed", e);
             }
         }
+    }
+
+    /** A line on standard error for what went wrong inside the proxy, for a test that failed to show. */
+    private static void note(String what, Throwable e) {
+        System.err.println(java.time.Instant.now() + " " + what + ": " + e);
     }
 
     private void serve(Socket client) {
@@ -579,9 +588,14 @@ final class FaultProxy implements AutoCloseable {
                 }
             }
         } catch (IOException e) {
-            // the client went away, or its TLS handshake failed; nothing to answer
+            // The client went away, or its TLS handshake failed, or the service could not be reached;
+            // nothing to answer. Noted: a test that fails shows which.
+            note("connection ended", e);
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
+        } catch (RuntimeException | Error e) {
+            note("serving failed", e);
+            throw e;
         }
     }
 
